@@ -1,0 +1,12 @@
+# Fails when a file of src/MODULE includes a header of a module that is not in USES.
+cmake_minimum_required(VERSION 3.25)
+file(GLOB_RECURSE files ${SRC}/${MODULE}/*.h ${SRC}/${MODULE}/*.cpp)
+foreach(file IN LISTS files)
+  file(STRINGS ${file} includes REGEX "^#include \"[a-z]+/")
+  foreach(line IN LISTS includes)
+    string(REGEX REPLACE "^#include \"([a-z]+)/.*" "\\1" other "${line}")
+    if(NOT other IN_LIST USES AND NOT other MATCHES "^(${MODULE}|vexo)$")
+      message(SEND_ERROR "${file}: ${line}: ${MODULE} may use only: ${USES}")
+    endif()
+  endforeach()
+endforeach()
