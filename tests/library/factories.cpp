@@ -1,0 +1,82 @@
+#include "library/loaded_library.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+
+using namespace vexo;
+
+namespace {
+
+std::string output_of(const std::string& command)
+{
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    std::array<char, 256> part {};
+    while (pipe != nullptr && fgets(part.data(), static_cast<int>(part.size()), pipe) != nullptr)
+        out += part.data();
+    if (pipe != nullptr) pclose(pipe);
+    return out;
+}
+
+} // namespace
+
+TEST(Library, ExportsTheSixFactoriesAndNothingElse)
+{
+    std::set<std::string> symbols;
+    std::string symbol;
+    const std::string names = output_of("nm -D --defined-only " VEXO_LIBRARY " | awk '{print $3}'");
+    for (const char c : names) {
+        if (c != '\n')
+            symbol += c;
+        else if (!symbol.empty())
+            symbols.insert(std::exchange(symbol, ""));
+    }
+    const std::set<std::string> expected { "CreateCalibBoardRecognizer", "CreateStereoCamera",
+        "CreateStereoCameraFromRaw", "CreatePointCloudGenerator", "CreateCameraCalibrator", "CreateStereoCalibrator" };
+    EXPECT_EQ(symbols, expected);
+}
+
+TEST(Library, HasASonameWithTheMajorVersion)
+{
+    const std::string dynamic = output_of("readelf -d " VEXO_LIBRARY);
+    EXPECT_NE(dynamic.find("[libvexo.so." + std::to_string(VEXO_VERSION_MAJOR) + "]"), std::string::npos) << dynamic;
+}
+
+TEST(Library, StereoFactoriesAnswerNullToWhatMakesNoCamera)
+{
+    StereoCameraParam param;
+    param.inp_width = 320;
+    param.inp_height = 240;
+    const std::vector<std::string> none, one { "/nowhere/a.yaml" }, three { "/a", "/b", "/c" };
+    for (const int selector : { -1, 0, 1, 2, 3 }) {
+        EXPECT_EQ(CreateStereoCamera(selector, nullptr, &param), nullptr);
+        EXPECT_EQ(CreateStereoCamera(selector, &one, nullptr), nullptr);
+        for (const auto* files : { &none, &one, &three })
+            EXPECT_EQ(CreateStereoCamera(selector, files, &param), nullptr);
+    }
+
+    const std::array<double, 9> K { 500, 0, 160, 0, 500, 120, 0, 0, 1 }, R { 1, 0, 0, 0, 1, 0, 0, 0, 1 };
+    const std::array<double, 5> D {};
+    const std::array<double, 3> T { -50, 0, 0 };
+    EXPECT_EQ(CreateStereoCameraFromRaw(K.data(), D.data(), nullptr, D.data(), R.data(), T.data(), &param), nullptr);
+    EXPECT_EQ(CreateStereoCameraFromRaw(K.data(), D.data(), K.data(), D.data(), R.data(), T.data(), nullptr), nullptr);
+    const std::array<double, 9> no_focal_length { 0, 0, 160, 0, 500, 120, 0, 0, 1 },
+        not_finite { NAN, 0, 160, 0, 500, 120, 0, 0, 1 };
+    const std::array<double, 3> no_baseline {};
+    for (const auto& bad : { no_focal_length, not_finite })
+        EXPECT_EQ(
+            CreateStereoCameraFromRaw(bad.data(), D.data(), K.data(), D.data(), R.data(), T.data(), &param), nullptr);
+    EXPECT_EQ(CreateStereoCameraFromRaw(K.data(), D.data(), K.data(), D.data(), R.data(), no_baseline.data(), &param),
+        nullptr);
+    for (const int side : { -1, 0, 32767, 1 << 30 }) {
+        StereoCameraParam bad = param;
+        bad.inp_width = side;
+        EXPECT_EQ(CreateStereoCameraFromRaw(K.data(), D.data(), K.data(), D.data(), R.data(), T.data(), &bad), nullptr);
+        bad = param;
+        bad.out_width = side;
+        bad.out_height = 100;
+        EXPECT_EQ(CreateStereoCameraFromRaw(K.data(), D.data(), K.data(), D.data(), R.data(), T.data(), &bad), nullptr);
+    }
+}
