@@ -1,0 +1,108 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+/// The host program `vexo`: one file per command. Uses the public interface of the library, and sim/.
+namespace vexo::app {
+
+/// What the user did or has is not usable. The text is one line: which file, what is wrong, what to do.
+/// main() prints it after "vexo: " and returns 1.
+class Failure : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Options that every command has.
+struct GlobalOptions {
+    bool json = false;  ///< the result as JSON on the standard output, and nothing else there
+    bool quiet = false; ///< no lines for people; errors still go to the standard error stream
+    int threads = 0;    ///< threads of OpenMP and OpenCV; 0: as many as the machine has
+};
+
+/// Gives `command` the options --json, --quiet and --threads, and `run` as its work.
+/// @param example  command line to paste, and what it does; ends the command's --help
+void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run);
+
+/// One line for people on the standard output; nothing with --json or --quiet.
+void say(const GlobalOptions& options, const std::string& line);
+
+/// The result for programs, on the standard output, with --json; else nothing.
+void put_json(const GlobalOptions& options, const nlohmann::ordered_json& result);
+
+/// How far a command is. On a terminal a bar, once a second has passed; otherwise one line per step of those
+/// that begin after that second. Nothing with --json or --quiet.
+class Progress {
+public:
+    /// @param total  number of step() calls to come
+    Progress(const GlobalOptions& options, int total);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    /// The work named `what` begins.
+    void step(const std::string& what);
+    /// Clears the bar, so that lines can follow.
+    void finish();
+
+private:
+    void _draw(const std::string& what) const;
+
+    bool _silent;
+    bool _terminal;
+    bool _drawn = false;
+    int _total;
+    int _done = 0;
+    std::chrono::steady_clock::time_point _start;
+};
+
+/// A number with `decimals` digits after a point, whatever the locale; "nan" and "inf" in words.
+std::string number(double value, int decimals);
+/// A share as per cent with two decimals: "99.51 %"; "-" of nothing.
+std::string percent(double part, double whole);
+/// An integer with thin groups: "1 310 720".
+std::string grouped(long long value);
+/// "NEAR:FAR" as two finite numbers; throws Failure naming `option` otherwise.
+std::pair<double, double> parse_range(const std::string& text, const std::string& option);
+
+/// The bytes of a regular file; throws Failure when it is absent, empty or larger than `limit`.
+std::string read_bytes(const std::string& path, std::size_t limit);
+
+/// Throws Failure when `folder` is not a folder that can be written, and could not be made.
+void check_output_folder(const std::string& folder);
+
+/// Files that are written together or not at all, as far as a file system allows: they are kept in memory
+/// until commit(), which takes back what it wrote when one of them cannot be written.
+class OutputFolder {
+public:
+    /// Checks the folder at once, so that a mistyped path does not cost the whole computation.
+    explicit OutputFolder(std::string folder);
+
+    void add(const std::string& name, std::vector<unsigned char> bytes);
+    void add(const std::string& name, const std::string& text);
+    /// Makes the folder and writes the files in the order of add(). Throws Failure.
+    void commit();
+    const std::string& path() const { return _folder; }
+
+private:
+    std::string _folder;
+    std::vector<std::pair<std::string, std::vector<unsigned char>>> _files;
+};
+
+// One per file cmd_*.cpp: declares the command's options and what it runs.
+void add_simulate(CLI::App& app, GlobalOptions& options);
+void add_measure(CLI::App& app, GlobalOptions& options);
+void add_compare(CLI::App& app, GlobalOptions& options);
+void add_info(CLI::App& app, GlobalOptions& options);
+
+} // namespace vexo::app
