@@ -1,0 +1,58 @@
+#include "board/result_picture.h"
+
+#include "board/RotatedEllipse.h"
+#include "vexo/file_io.h"
+
+#include <opencv2/highgui.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace vexo {
+
+bool display_available()
+{
+    for (const char* name : { "DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM" }) {
+        const char* value = std::getenv(name);
+        if (value != nullptr && *value != '\0') return true;
+    }
+    return false;
+}
+
+void show_picture(const std::string& window, const cv::Mat& picture, int wait_ms)
+{
+    if (picture.empty()) return;
+    if (!display_available()) {
+        std::fprintf(stderr, "No display for the window \"%s\".\n", window.c_str());
+        return;
+    }
+    try {
+        cv::imshow(window, picture);
+        if (wait_ms >= 0) cv::waitKey(wait_ms);
+    } catch (const cv::Exception&) {
+        std::fprintf(stderr, "The window \"%s\" could not be shown.\n", window.c_str());
+    }
+}
+
+bool write_picture(const std::string& path, const cv::Mat& picture) noexcept
+{
+    try {
+        const size_t dot = path.rfind('.');
+        if (picture.empty() || dot == std::string::npos) return false;
+        std::vector<unsigned char> bytes;
+        return cv::imencode(path.substr(dot), picture, bytes) && file_io::write_file(path, bytes);
+    } catch (...) {
+        return false; // no encoder for this extension, or no memory
+    }
+}
+
+void draw_ellipse(cv::Mat& drawing, const RotatedEllipse& ellipse, const cv::Scalar& bgr, int thickness, double scale)
+{
+    constexpr double largest = 65536; // px; beyond it cv::ellipse's fixed-point coordinates overflow
+    if (!(ellipse.major_axis() * scale < largest)) return;
+    cv::ellipse(drawing, ellipse.rectangle(scale), bgr, thickness, cv::LINE_8);
+}
+
+} // namespace vexo
