@@ -1,0 +1,179 @@
+#include "decode/ProjectorPositions.h"
+
+#include "decode/phase_kernels.h"
+#include "vexo/file_io.h"
+
+#include <algorithm>
+#include <cstring>
+#include <opencv2/imgcodecs.hpp>
+
+namespace vexo {
+namespace {
+
+constexpr int max_side = 32766;                   // px; cv::remap's 16-bit coordinates reach no further
+constexpr int64_t max_area = int64_t { 1 } << 26; // px
+
+/// Rows of `step` bytes, of which `row_bytes` count, into an image of that size. The buffer may overlap the
+/// image, when a host hands back what it was shown.
+void copy_rows(const void* data, std::size_t step, std::size_t row_bytes, cv::Mat& image)
+{
+    const auto* from = static_cast<const uchar*>(data);
+    for (int y = 0; y < image.rows; ++y)
+        std::memmove(image.ptr(y), from + static_cast<std::size_t>(y) * step, row_bytes);
+}
+
+/// Room for whole rows, so that the row loops allocate nothing.
+void prepare_rows(std::vector<std::vector<int>>& lists, const cv::Size& size)
+{
+    lists.resize(static_cast<std::size_t>(size.height));
+    for (std::vector<int>& list : lists)
+        list.reserve(static_cast<std::size_t>(size.width));
+}
+
+} // namespace
+
+ProjectorPositions::ProjectorPositions(int camera_id, int frame_count)
+    : camera_id(camera_id)
+    , frame_count(frame_count)
+{
+    _add_input(black, CV_8U);
+    _add_input(white, CV_8U);
+    _add_result(unwrapped);
+    _add_result(vmask);
+}
+
+ProjectorPositions::~ProjectorPositions() = default;
+
+void ProjectorPositions::_add_input(cv::Mat& frame, int type)
+{
+    _inputs.push_back({ &frame, type });
+}
+
+void ProjectorPositions::_add_result(cv::Mat& image)
+{
+    _results.push_back(&image);
+}
+
+const cv::Mat& ProjectorPositions::input(int index) const noexcept
+{
+    static const cv::Mat none;
+    return index < 0 || index >= inputs() ? none : *_inputs[static_cast<std::size_t>(index)].frame;
+}
+
+cv::Size ProjectorPositions::input_size() const noexcept
+{
+    for (const Input& input : _inputs)
+        if (!input.frame->empty()) return { input.frame->cols, input.frame->rows };
+    return {};
+}
+
+bool ProjectorPositions::complete() const noexcept
+{
+    const cv::Size size = input_size();
+    return !size.empty() && std::all_of(_inputs.begin(), _inputs.end(), [&size](const Input& input) {
+        return input.frame->cols == size.width && input.frame->rows == size.height;
+    });
+}
+
+void ProjectorPositions::clear() noexcept
+{
+    for (const Input& input : _inputs)
+        input.frame->release();
+    for (cv::Mat* image : _results)
+        image->release();
+    valid.clear();
+}
+
+bool ProjectorPositions::_accepts(int width, int height, unsigned long step, int index) const noexcept
+{
+    if (index < 0 || index >= inputs()) return false;
+    if (width < 1 || height < 1 || width > max_side || height > max_side) return false;
+    if (int64_t { width } * height > max_area) return false;
+    const auto row_bytes
+        = static_cast<std::size_t>(width) * CV_ELEM_SIZE(_inputs[static_cast<std::size_t>(index)].type);
+    if (step != 0 && step < row_bytes) return false;
+    const cv::Size held = input_size();
+    return index <= 1 || held.empty() || held == cv::Size(width, height);
+}
+
+int ProjectorPositions::_copy_input(const void* data, int width, int height, unsigned long step, int index) noexcept
+{
+    if (data == nullptr || !_accepts(width, height, step, index)) return 0;
+    const Input& input = _inputs[static_cast<std::size_t>(index)];
+    const cv::Size size(width, height);
+    const std::size_t row_bytes = static_cast<std::size_t>(width) * CV_ELEM_SIZE(input.type);
+    try {
+        cv::Mat target = *input.frame; // the buffer of the last frame serves again
+        if (target.size() != size) target = cv::Mat(size, input.type);
+        copy_rows(data, step == 0 ? row_bytes : step, row_bytes, target);
+        if (input_size() != size) clear();
+        *input.frame = target;
+        return 1;
+    } catch (...) {
+        return 0; // out of memory: nothing has changed
+    }
+}
+
+void ProjectorPositions::_drop_results()
+{
+    valid.resize(static_cast<std::size_t>(input_size().height));
+    for (std::vector<int>& row : valid)
+        row.clear();
+    unwrapped.release();
+    vmask.release();
+}
+
+void ProjectorPositions::set_valid(int min_contrast, int max_white, int min_white)
+{
+    const ValidLimits limits { min_contrast, max_white, min_white };
+    const int rows = white.size() == black.size() ? white.rows : 0;
+    prepare_rows(valid, cv::Size(white.cols, rows));
+#pragma omp parallel for schedule(static) // each thread writes its own rows of `valid`
+    for (int y = 0; y < rows; ++y) {
+        std::vector<int>& row = valid[static_cast<std::size_t>(y)];
+        row.resize(static_cast<std::size_t>(white.cols));
+        row.resize(static_cast<std::size_t>(valid_row(white[y], black[y], white.cols, limits, row.data())));
+    }
+}
+
+void ProjectorPositions::valid2vmask()
+{
+    vmask.create(white.size());
+    vmask.setTo(0);
+    const int rows = std::min(vmask.rows, static_cast<int>(valid.size()));
+#pragma omp parallel for schedule(static) // each thread writes its own rows of `vmask`
+    for (int y = 0; y < rows; ++y)
+        mask_row(columns_of(valid[static_cast<std::size_t>(y)]), vmask.cols, vmask[y]);
+}
+
+void ProjectorPositions::vmask2valid()
+{
+    prepare_rows(valid, vmask.size());
+    const int rows = vmask.rows;
+#pragma omp parallel for schedule(static) // each thread writes its own rows of `valid`
+    for (int y = 0; y < rows; ++y) {
+        std::vector<int>& row = valid[static_cast<std::size_t>(y)];
+        row.resize(static_cast<std::size_t>(vmask.cols));
+        row.resize(static_cast<std::size_t>(unmask_row(vmask[y], vmask.cols, row.data())));
+    }
+}
+
+void ProjectorPositions::_save_raw(const cv::Mat_<float>& image, const std::string& name)
+{
+    const cv::Mat rows = image.isContinuous() ? cv::Mat(image) : image.clone();
+    file_io::write_file(name, rows.data, rows.total() * sizeof(float));
+}
+
+void ProjectorPositions::_save_mask(const std::string& name) const
+{
+    std::vector<uchar> bytes;
+    if (!vmask.empty() && cv::imencode(".pgm", vmask, bytes)) file_io::write_file(name, bytes);
+}
+
+void ProjectorPositions::save_unwrap() const
+{
+    _save_raw(unwrapped, "unwrap" + std::to_string(camera_id) + ".raw");
+    _save_mask("vumask" + std::to_string(camera_id) + ".pgm");
+}
+
+} // namespace vexo
