@@ -1,0 +1,294 @@
+#include "captures.h"
+#include "decode/GrayPhaseDecoder.h"
+#include "decode/GrayPhaseLoader.h"
+#include "decode/phase_kernels.h"
+#include "reference/plain_gray_phase.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace vexo;
+
+namespace {
+
+constexpr float not_a_number = std::numeric_limits<float>::quiet_NaN();
+constexpr float infinite = std::numeric_limits<float>::infinity();
+
+/// Limits that accept every pixel.
+GrayPhaseMatchingParam everything_valid()
+{
+    GrayPhaseMatchingParam p;
+    p.min_contrast = -255;
+    p.min_white = 0;
+    return p;
+}
+
+/// Unwraps one row of decoded data; the loader takes it as it is.
+struct LoadedRow {
+    std::vector<int> cols;
+    cv::Mat_<float> map;
+};
+LoadedRow unwrap_row(GrayPhaseMatchingParam params, std::vector<int> gray, std::vector<float> phase)
+{
+    const cv::Size size(static_cast<int>(gray.size()), 1);
+    params.min_contrast = -255;
+    params.min_white = 0;
+    GrayPhaseLoader loader(0, &params);
+    captures::give(loader, cv::Mat_<uchar>(size, uchar { 0 }), 0);
+    captures::give(loader, cv::Mat_<uchar>(size, uchar { 255 }), 1);
+    captures::give(loader, cv::Mat_<uchar>(cv::Mat(gray).t()), 2);
+    captures::give(loader, cv::Mat(phase).t(), 3);
+    loader.preproc();
+    loader.unwrap();
+    return { loader.valid.at(0), loader.unwrapped.clone() };
+}
+
+void expect_equal(const GrayPhaseHolder& decoder, const plain::Unwrapped& expected)
+{
+    EXPECT_EQ(decoder.valid, expected.valid);
+    EXPECT_TRUE(captures::same_bits(decoder.unwrapped, expected.map));
+    EXPECT_TRUE(captures::same_bits(decoder.vmask, expected.mask));
+}
+
+TEST(GrayPhase, CodesAndPhasesOfKnownPixels)
+{
+    for (unsigned b = 0; b < 256; ++b)
+        ASSERT_EQ(gray_to_binary[b ^ b >> 1], b);
+    const uint8_t on = 101, off = 100; // the threshold itself, 100, is a 0
+    const float threshold = 100.0F;
+    const int column = 0;
+    uint8_t code = 0;
+    gray_row({ &on, &off, &off, &off, &off, &off, &off }, &threshold, { &column, &column + 1 }, &code);
+    EXPECT_EQ(code, 127);
+    gray_row({ &off, &off, &off, &off, &off, &on, &off }, &threshold, { &column, &column + 1 }, &code);
+    EXPECT_EQ(code, 3);
+
+    const auto phase = [&](uint8_t p0, uint8_t p1, uint8_t p2, uint8_t p3) {
+        float result = -1;
+        phase_row({ &p0, &p1, &p2, &p3 }, { &column, &column + 1 }, &result);
+        return result;
+    };
+    EXPECT_EQ(phase(50, 90, 150, 90), 0.5F);
+    EXPECT_EQ(phase(150, 90, 50, 90), 0.0F) << "exactly 0, not a rounding error away from it";
+    EXPECT_EQ(phase(80, 200, 80, 10), 0.25F);
+    EXPECT_EQ(phase(80, 10, 80, 200), 0.75F);
+    EXPECT_EQ(phase(255, 255, 255, 255), 0.5F) << "no modulation";
+}
+
+TEST(GrayPhase, NoiseFreeCoordinateIsTheOneThatMadeTheFrames)
+{
+    // 8-bit rounding moves a sine of amplitude 90 by at most 0.5 sqrt(2) / 90 rad, 0.00125 periods.
+    const auto position = [](int x, int y) { return 0.3 + 0.09 * x + 0.37 * y; };
+    const GrayPhaseMatchingParam params;
+    GrayPhaseDecoder decoder(0, 13, &params);
+    captures::give_all(decoder, captures::gray_phase_capture({ 640, 64 }, position));
+    decoder.preproc();
+    decoder.unwrap();
+    for (int y = 0; y < 64; ++y) {
+        ASSERT_GE(decoder.valid[static_cast<size_t>(y)].size(), 636U) << "row " << y;
+        for (const int x : decoder.valid[static_cast<size_t>(y)])
+            ASSERT_NEAR(decoder.unwrapped(y, x), position(x, y), 0.0013) << x << ", " << y;
+    }
+}
+
+TEST(GrayPhase, TheShorterSideOfAFallInCodesLosesAndATieDropsTheEarlier)
+{
+    GrayPhaseMatchingParam p;
+    p.anchor_length = 1;
+    p.reject_length = 0;
+    // Two runs of equal length, codes 5 and 3: the code 5 run is filled below 3.0 only, that is never.
+    EXPECT_EQ(
+        unwrap_row(p, { 5, 5, 5, 3, 3, 3 }, { .2F, .3F, .4F, .1F, .2F, .3F }).cols, (std::vector<int> { 3, 4, 5 }));
+    // One pixel more on the left, and the right side loses.
+    const LoadedRow left = unwrap_row(p, { 5, 5, 5, 5, 3, 3, 3 }, { .1F, .2F, .3F, .4F, .1F, .2F, .3F });
+    EXPECT_EQ(left.cols, (std::vector<int> { 0, 1, 2, 3 }));
+    EXPECT_EQ(left.map(0, 3), 5.4F);
+    EXPECT_EQ(left.map(0, 4), 0.0F);
+}
+
+TEST(GrayPhase, OneTrustedRunTakesTheMostFrequentCodeForAllItsPixels)
+{
+    GrayPhaseMatchingParam p;
+    const std::vector<float> rising { .0F, .1F, .2F, .3F, .4F, .5F, .6F, .7F, .8F, .9F };
+    const LoadedRow row = unwrap_row(p, { 6, 7, 7, 7, 7, 6, 7, 8, 7, 7 }, rising);
+    ASSERT_EQ(row.cols.size(), 10U);
+    for (int x = 0; x < 10; ++x)
+        EXPECT_EQ(row.map(0, x), rising[static_cast<size_t>(x)] + 7.0F);
+    p.code_spread = 2; // three codes are too many now: every pixel is on its own, strictly rising
+    EXPECT_EQ(unwrap_row(p, { 6, 7, 7, 7, 7, 6, 7, 8, 7, 7 }, rising).map(0, 0), 6.0F);
+}
+
+TEST(GrayPhase, ACoordinateEqualToItsNeighbourIsNotAssigned)
+{
+    GrayPhaseMatchingParam p;
+    p.anchor_length = 100; // nothing is trusted
+    p.reject_length = 0;
+    EXPECT_EQ(unwrap_row(p, { 4, 4, 4, 4 }, { .5F, .5F, .25F, .75F }).cols, (std::vector<int> { 0, 3 }));
+    EXPECT_EQ(unwrap_row(p, { 0, 0 }, { .0F, .5F }).cols, (std::vector<int> { 1 })) << "0 is not above 0";
+    p.reject_length = 3;
+    EXPECT_EQ(unwrap_row(p, { 4, 4, 4 }, { .1F, .2F, .3F }).cols, (std::vector<int> {})) << "too short";
+}
+
+TEST(GrayPhase, AWildLoadedPhaseNeverBecomesACoordinate)
+{
+    GrayPhaseMatchingParam p;
+    p.anchor_length = 0;
+    p.reject_length = 0;
+    for (const float wild : { not_a_number, infinite, -infinite, 1e30F, -1e30F, 2.0F, -1.0F }) {
+        const LoadedRow row = unwrap_row(p, { 1, 1, 1, 2 }, { .1F, .2F, wild, .3F });
+        EXPECT_EQ(std::count(row.cols.begin(), row.cols.end(), 2), 0) << wild;
+        EXPECT_EQ(row.map(0, 2), 0.0F) << wild;
+    }
+    const LoadedRow row = unwrap_row(p, { 1, 2 }, { 1.0F, 0.0F });
+    EXPECT_EQ(row.cols.size(), 2U) << "0 and 1 are phases";
+}
+
+TEST(GrayPhase, LoaderTakesFourFramesAndUnalignedFloats)
+{
+    const GrayPhaseMatchingParam params = everything_valid();
+    GrayPhaseLoader loader(1, &params);
+    EXPECT_EQ(loader.frame_count, 3);
+    EXPECT_EQ(loader.inputs(), 4);
+    const cv::Mat_<float> phase = (cv::Mat_<float>(2, 2) << .1F, .2F, .3F, .4F);
+    EXPECT_EQ(captures::give(loader, phase, 3, 5), 1);
+    EXPECT_TRUE(captures::same_bits(loader.phase, phase));
+    EXPECT_EQ(captures::give(loader, phase, 4), 0);
+    EXPECT_EQ(loader.set_input(phase.data, 2, 2, 7, 3), 0) << "a row is 8 bytes";
+}
+
+/// One input of the comparison with the plain form.
+struct Case {
+    const char* name;
+    cv::Size size;
+    int kind; ///< 0 random greys, 1 noisy surface with a step, 2 all invalid, 3 saturated, 4 few grey levels
+};
+void PrintTo(const Case& c, std::ostream* os)
+{
+    *os << c.name << " " << c.size;
+}
+
+captures::Frames frames_of(const Case& c, std::mt19937& rng)
+{
+    captures::Frames frames;
+    if (c.kind == 1) {
+        frames = captures::gray_phase_capture(
+            c.size, [&](int x, int y) { return 3 + .07 * x + .1 * y + (x > c.size.width / 2 ? -5 : 0) * (y % 3); });
+        captures::add_noise(frames, 4.0, rng);
+        return frames;
+    }
+    frames = captures::random_frames(13, c.size, rng);
+    if (c.kind == 2) frames[1].setTo(0);
+    if (c.kind == 3)
+        for (size_t i = 1; i < 13; ++i)
+            frames[i](cv::Rect(0, 0, (c.size.width + 1) / 2, c.size.height)).setTo(255);
+    if (c.kind == 4)
+        for (auto& frame : frames)
+            for (uchar& pixel : frame)
+                pixel = static_cast<uchar>(pixel / 100 * 100);
+    return frames;
+}
+
+class GrayPhaseAgainstPlain : public testing::TestWithParam<Case> { };
+
+TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
+{
+    std::mt19937 rng(7);
+    const captures::Frames frames = frames_of(GetParam(), rng);
+    for (const int anchor_length : { 8, 1, 0, INT_MIN, INT_MAX })
+        for (const int code_spread : { 3, 1, INT_MAX, INT_MIN }) {
+            GrayPhaseMatchingParam params = GetParam().kind == 2 ? GrayPhaseMatchingParam() : everything_valid();
+            params.anchor_length = anchor_length;
+            params.code_spread = code_spread;
+            params.reject_length = anchor_length == 0 ? INT_MIN : anchor_length / 3;
+            const plain::Decoded decoded = plain::decode(frames, params);
+            const plain::Unwrapped expected = plain::unwrap(decoded, params);
+            for (const int threads : { 1, 2, 3, 7 }) {
+                const captures::Threads set(threads);
+                GrayPhaseDecoder decoder(0, 13, &params);
+                captures::give_all(decoder, frames);
+                decoder.preproc();
+                ASSERT_EQ(decoder.valid, decoded.valid);
+                ASSERT_TRUE(captures::same_bits(decoder.gray, decoded.gray));
+                ASSERT_TRUE(captures::same_bits(decoder.phase, decoded.phase));
+                decoder.unwrap();
+                expect_equal(decoder, expected);
+            }
+        }
+}
+
+TEST_P(GrayPhaseAgainstPlain, LoadedCodesUpTo255AndWildPhasesToo)
+{
+    std::mt19937 rng(8);
+    std::uniform_int_distribution<int> pick(0, 20);
+    plain::Decoded data;
+    data.gray = captures::random_frame(GetParam().size, 0, GetParam().kind == 4 ? 3 : 255, rng);
+    data.phase.create(GetParam().size);
+    const float odd[] = { not_a_number, infinite, -infinite, 1e30F, -1e30F, 1.5F, -0.5F, -0.0F };
+    for (float& p : data.phase) {
+        const int i = pick(rng);
+        p = i < 8 ? odd[i] : static_cast<float>(i) / 20.0F;
+    }
+    data.valid = plain::Rows(static_cast<size_t>(GetParam().size.height));
+    for (auto& row : data.valid)
+        for (int x = 0; x < GetParam().size.width; ++x)
+            row.push_back(x);
+    GrayPhaseMatchingParam params = everything_valid();
+    for (params.anchor_length = 0; params.anchor_length < 3; ++params.anchor_length)
+        for (params.reject_length = 0; params.reject_length < 3; ++params.reject_length) {
+            GrayPhaseLoader loader(0, &params);
+            captures::give(loader, captures::random_frame(GetParam().size, 0, 255, rng), 0);
+            captures::give(loader, captures::random_frame(GetParam().size, 0, 255, rng), 1);
+            captures::give(loader, data.gray, 2);
+            captures::give(loader, data.phase, 3);
+            loader.preproc();
+            ASSERT_EQ(loader.valid, data.valid);
+            loader.unwrap();
+            expect_equal(loader, plain::unwrap(data, params));
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, GrayPhaseAgainstPlain,
+    testing::Values(Case { "random", { 67, 41 }, 0 }, Case { "surface", { 320, 24 }, 1 },
+        Case { "column", { 1, 50 }, 1 }, Case { "row", { 333, 1 }, 1 }, Case { "pixel", { 1, 1 }, 0 },
+        Case { "nothing", { 33, 9 }, 2 }, Case { "saturated", { 65, 17 }, 3 }, Case { "levels", { 129, 31 }, 4 }));
+
+TEST(GrayPhase, MissingFramesAndAnyOrderOfCallsLeaveNothingValid)
+{
+    const GrayPhaseMatchingParam params = everything_valid();
+    std::mt19937 rng(3);
+    const captures::Frames frames = captures::random_frames(13, { 20, 6 }, rng);
+    const auto expect_nothing = [](const GrayPhaseHolder& d, size_t rows) {
+        EXPECT_EQ(d.valid, plain::Rows(rows));
+        EXPECT_TRUE(d.unwrapped.empty() && d.vmask.empty());
+    };
+    GrayPhaseDecoder decoder(0, 13, &params);
+    decoder.unwrap();
+    decoder.preproc();
+    expect_nothing(decoder, 0);
+    for (int missing = 0; missing < 13; ++missing) {
+        decoder.clear();
+        for (int i = 0; i < 13; ++i)
+            if (i != missing) captures::give(decoder, frames[static_cast<size_t>(i)], i);
+        decoder.preproc();
+        decoder.unwrap();
+        expect_nothing(decoder, 6);
+    }
+    decoder.clear();
+    captures::give_all(decoder, frames);
+    decoder.unwrap(); // not decoded yet
+    expect_nothing(decoder, 6);
+
+    for (const int count : { -5, 0, 2, 12 }) { // decoders of another length
+        GrayPhaseDecoder other(0, count, &params);
+        captures::give_all(other, frames);
+        other.preproc();
+        other.unwrap();
+        expect_nothing(other, count > 0 ? 6 : 0);
+    }
+    GrayPhaseLoader loader(0, nullptr); // no record at all
+    loader.preproc();
+    loader.unwrap();
+    expect_nothing(loader, 0);
+}
+
+} // namespace

@@ -1,0 +1,127 @@
+#include "captures.h"
+#include "decode/GrayPhaseDecoder.h"
+#include "decode/GrayPhaseLoader.h"
+
+#include <gtest/gtest.h>
+
+using namespace vexo;
+
+namespace {
+
+/// Nine frames of 8 bit, and nothing decoded: what the base class does on its own.
+class Positions : public GrayPhaseDecoder {
+public:
+    Positions()
+        : GrayPhaseDecoder(0, 5, nullptr)
+    {
+    }
+};
+
+cv::Mat_<uchar> frame_of(cv::Size size, int grey)
+{
+    return cv::Mat_<uchar>(size, static_cast<uchar>(grey));
+}
+
+TEST(ProjectorPositions, LimitsAreInclusive)
+{
+    // white, black, valid at min_contrast 16, max_white 200, min_white 50?
+    const int cases[][3] = { { 50, 34, 1 }, { 49, 0, 0 }, { 200, 184, 1 }, { 201, 0, 0 }, { 100, 84, 1 },
+        { 100, 85, 0 }, { 60, 255, 0 } };
+    Positions positions;
+    positions.white.create(1, 7);
+    positions.black.create(1, 7);
+    std::vector<int> expected;
+    for (int x = 0; x < 7; ++x) {
+        positions.white(0, x) = static_cast<uchar>(cases[x][0]);
+        positions.black(0, x) = static_cast<uchar>(cases[x][1]);
+        if (cases[x][2] == 1) expected.push_back(x);
+    }
+    positions.set_valid(16, 200, 50);
+    EXPECT_EQ(positions.valid, std::vector<std::vector<int>> { expected });
+    positions.set_valid(INT_MIN, INT_MAX, INT_MIN); // hostile limits: everything, and no overflow
+    EXPECT_EQ(positions.valid[0].size(), 7U);
+}
+
+TEST(ProjectorPositions, MaskAndListsDescribeTheSamePixelsAndOnly255Counts)
+{
+    Positions positions;
+    positions.vmask = (cv::Mat_<uchar>(2, 5) << 255, 254, 1, 0, 255, 0, 255, 128, 253, 0);
+    positions.vmask2valid();
+    EXPECT_EQ(positions.valid, (std::vector<std::vector<int>> { { 0, 4 }, { 1 } }));
+    positions.white = frame_of({ 5, 3 }, 0); // a row more than `valid` has
+    positions.valid2vmask();
+    const cv::Mat_<uchar> expected = (cv::Mat_<uchar>(3, 5) << 255, 0, 0, 0, 255, 0, 255, 0, 0, 0, 0, 0, 0, 0, 0);
+    EXPECT_TRUE(captures::same_bits(positions.vmask, expected));
+    positions.white.release();
+    positions.valid2vmask();
+    positions.vmask2valid();
+    EXPECT_TRUE(positions.vmask.empty() && positions.valid.empty());
+}
+
+TEST(ProjectorPositions, AFrameIsCopiedRowByRowFromAnyStepAndAddress)
+{
+    std::mt19937 rng(1);
+    Positions positions;
+    for (const size_t padding : { size_t { 0 }, size_t { 1 }, size_t { 64 }, size_t { 5000 } })
+        for (const cv::Size size : { cv::Size(1, 1), cv::Size(37, 1), cv::Size(1, 37), cv::Size(33, 17) }) {
+            const cv::Mat_<uchar> frame = captures::random_frame(size, 0, 255, rng);
+            ASSERT_EQ(captures::give(positions, frame, 0, padding), 1);
+            EXPECT_TRUE(captures::same_bits(positions.black, frame)) << size << " padding " << padding;
+        }
+    cv::Mat_<uchar> packed = captures::random_frame({ 33, 17 }, 0, 255, rng);
+    EXPECT_EQ(positions.set_input(packed.data, 33, 17, 0, 4), 1);
+    EXPECT_TRUE(captures::same_bits(positions.input(4), packed));
+
+    const uchar* buffer = positions.input(4).data;
+    positions.set_input(packed.data, 33, 17, 33, 4);
+    EXPECT_EQ(positions.input(4).data, buffer) << "a frame of the same size must not allocate";
+    EXPECT_EQ(positions.set_input(positions.black.data, 33, 17, 0, 0), 1) << "what was shown may come back";
+}
+
+TEST(ProjectorPositions, WhatCannotBeAFrameIsRefusedAndNothingChanges)
+{
+    const cv::Size size(8, 4);
+    Positions positions;
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(captures::give(positions, frame_of(size, 10 + i), i), 1);
+    std::vector<uchar> data(1000, 99);
+    const auto refuse = [&](void* p, int width, int height, unsigned long step, int index) {
+        EXPECT_EQ(positions.set_input(p, width, height, step, index), 0)
+            << width << "x" << height << " step " << step << " index " << index;
+    };
+    refuse(nullptr, 8, 4, 8, 0);
+    for (const int side : { 0, -1, INT_MIN, 32767, INT_MAX }) {
+        refuse(data.data(), side, 4, 0, 0);
+        refuse(data.data(), 8, side, 0, 0);
+    }
+    refuse(data.data(), 32766, 32766, 0, 0); // too large an area
+    refuse(data.data(), 8, 4, 7, 0);
+    for (const int index : { -1, INT_MIN, 5, 13, INT_MAX })
+        refuse(data.data(), 8, 4, 8, index);
+    refuse(data.data(), 9, 4, 9, 2); // another size may start at frame 0 or 1 only
+    EXPECT_TRUE(positions.complete());
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(captures::same_bits(positions.input(i), frame_of(size, 10 + i))) << "frame " << i;
+    EXPECT_TRUE(positions.input(-1).empty() && positions.input(5).empty());
+}
+
+TEST(ProjectorPositions, ReferenceFramesMayStartANewSizeAndDropTheRest)
+{
+    Positions positions;
+    EXPECT_FALSE(positions.complete());
+    EXPECT_TRUE(positions.input_size().empty());
+    for (int i = 0; i < 5; ++i)
+        captures::give(positions, frame_of({ 8, 4 }, i), i);
+    positions.set_valid(INT_MIN, 255, 0);
+    EXPECT_EQ(captures::give(positions, frame_of({ 3, 9 }, 7), 1), 1);
+    EXPECT_EQ(positions.input_size(), cv::Size(3, 9));
+    EXPECT_FALSE(positions.complete());
+    EXPECT_TRUE(positions.valid.empty());
+    for (const int i : { 0, 2, 3, 4 })
+        EXPECT_TRUE(positions.input(i).empty()) << "frame " << i;
+    positions.clear();
+    EXPECT_EQ(positions.inputs(), 5);
+    EXPECT_TRUE(positions.input(1).empty() && positions.input_size().empty());
+}
+
+} // namespace
