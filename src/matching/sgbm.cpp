@@ -1,0 +1,116 @@
+#include "matching/sgbm.h"
+
+#include "camera/image_file.h"
+#include "camera/stereo_camera.h"
+
+#include <opencv2/calib3d.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <iostream>
+
+namespace vexo {
+
+SGBMatching::SGBMatching()
+{
+    invalid_disparity = record.minDisparity - 1.0;
+}
+
+void SGBMatching::init(iStereoCamera* new_camera)
+{
+    if (!_bind(new_camera)) return;
+    for (cv::Mat& target : targets)
+        target.release();
+}
+
+bool SGBMatching::setparams(void* p)
+{
+    std::cerr << "SGBMatching::setparams()\n";
+    if (p == nullptr) return false;
+    std::memcpy(static_cast<void*>(&record), p, sizeof record);
+    if (why_invalid(record) != nullptr) return false;
+    invalid_disparity = record.minDisparity - 1.0;
+    executed = false;
+    return true;
+}
+
+bool SGBMatching::setpict(void* data, unsigned long step, int cam, int /*frame*/)
+{
+    const unsigned long row_step = _checked_step(data, step, cam, 1);
+    if (row_step == 0) return false;
+    auto* first = static_cast<unsigned char*>(data);
+    try {
+        const auto view
+            = [&](unsigned char* pixels) { return cv::Mat(input_height, input_width, CV_8U, pixels, row_step); };
+        if (cam != 2) return set_target(view(first), cam);
+        return set_target(view(first), 0) && set_target(view(first + row_step / 2), 1);
+    } catch (...) {
+        return false;
+    }
+}
+
+bool SGBMatching::loadpict(std::string file, int cam, int frame)
+{
+    cv::Mat image = read_grey_image(file);
+    if (image.empty() || !_is_input_size(cam, image.cols, image.rows)) return false;
+    return setpict(image.data, image.step[0], cam, frame);
+}
+
+bool SGBMatching::set_target(const cv::Mat& image, int cam)
+{
+    if (camera == nullptr || cam < 0 || cam > 1) return false;
+    const UndistortCamera& rectifier = cam == 0 ? camera->cam0 : camera->cam1;
+    return rectifier.remap(image, targets[cam]);
+}
+
+bool SGBMatching::getpict(unsigned char** data, int* width, int* height, unsigned long* step, int cam, int /*index*/)
+{
+    if (cam < 0 || cam > 2) return false;
+    return _hand_out(targets[cam == 1 ? 1 : 0], cam == 2 ? &targets[1] : nullptr, data, width, height, step);
+}
+
+/// A refused record is in force all the same, and OpenCV ends the process on some: a count of disparities that
+/// is no multiple of 16, a block wider than the columns left to match, disparities beyond its 16-bit numbers.
+bool SGBMatching::_record_is_usable() const noexcept
+{
+    const int64_t first = record.minDisparity, count = record.numDisparities;
+    if (count < 16 || count > 4096 || count % 16 != 0) return false;
+    if (first - 1 < -2048 || first + count > 2047) return false;
+    if (record.blockSize < 1 || record.blockSize > 255) return false;
+    const int64_t matched_columns = output_width + std::min<int64_t>(first, 0) - std::max<int64_t>(first + count, 0);
+    return matched_columns <= 0 || record.blockSize / 2 < matched_columns;
+}
+
+bool SGBMatching::exec()
+{
+    executed = false;
+    const cv::Size size(output_width, output_height);
+    if (camera == nullptr || targets[0].empty() || targets[1].empty()) return false;
+    if (targets[0].size() != size || targets[1].size() != size || !_record_is_usable()) return false;
+
+    const int area = targets[0].channels() * record.blockSize * record.blockSize;
+    const int P1 = record.P1 < 0 ? 8 * area : record.P1;
+    const int P2 = record.P2 < 0 ? 32 * area : record.P2;
+    const auto matcher = cv::StereoSGBM::create(record.minDisparity, record.numDisparities, record.blockSize, P1, P2,
+        record.disp12MaxDiff, record.preFilterCap, record.uniquenessRatio, record.speckleWindowSize,
+        record.speckleRange, record.mode);
+    matcher->compute(targets[0], targets[1], fixed_point);
+    fixed_point.convertTo(disparity, CV_64F, 1.0 / 16.0);
+    invalid_disparity = record.minDisparity - 1.0; // of the map just made, even from a refused record
+    executed = true;
+    return true;
+}
+
+void SGBMatching::genPC(Method3D method, bool /*interpolate*/)
+{
+    if (!executed) return _drop_cloud();
+    try {
+        targets[0].copyTo(texture); // a copy: the next setpict() must not change what the host was handed
+        generate_pointcloud(method);
+    } catch (...) {
+        _drop_cloud();
+    }
+}
+
+} // namespace vexo
