@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sim/render.h"
+
+namespace vexo {
+namespace sim {
+
+/// A simulated capture: what a host would have recorded, and what only the simulation knows.
+///     cam0/frame00.png ...   8-bit frames of camera 0 in capture order; cam1/ likewise
+///     cameras.yaml           both cameras, keys cam0_... and cam1_...; world frame = raw camera-0 axes
+///     truth.tiff             float, depth of each raw camera-0 pixel, mm, NaN where nothing is
+///     visible.png            255 where the pixel's point is seen by both cameras and lit by the projector
+///     scene.json             the scene's name, all options, the rig, and the balls of `spheres`
+struct Capture {
+    std::vector<std::pair<std::string, std::vector<unsigned char>>> files; ///< path inside the folder, bytes
+    std::string scene_json;
+    Truth truth;
+};
+
+/// Told before each step of the work what comes next.
+using OnStep = std::function<void(const std::string&)>;
+
+/// How often make_capture() calls its `on_step`.
+int capture_steps();
+
+/// Renders a scene under the rig's pattern. Throws std::invalid_argument for options that why_invalid() refuses and
+/// for an unknown scene.
+Capture make_capture(const std::string& scene, const RigOptions& options, const OnStep& on_step = {});
+
+/// Writes a capture into a folder, which is made when it is missing, and removes frames of an earlier, longer
+/// capture. Throws std::runtime_error naming the file that cannot be written; what was written is removed then.
+void write_capture(const Capture& capture, const std::string& folder);
+
+/// Both cameras as YAML text.
+std::string cameras_yaml(const Rig& rig);
+
+} // namespace sim
+} // namespace vexo

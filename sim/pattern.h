@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vexo {
+namespace sim {
+
+/// What the projector shows, frame by frame: one grey level (0 to 255) a projector column, the same in all rows.
+struct Pattern {
+    std::string method;                      ///< "gray-phase"
+    std::vector<std::vector<double>> frames; ///< frames[k][column]
+};
+
+/// Gray code + phase shift, in capture order: 0 dark, 1 lit, 2-8 the bits of the Gray code of floor(x / period)
+/// (most significant first), 9-12 the fringes
+///
+///     P_k = A + B cos(2 pi (x + 0.5) / period - k pi / 2)        k = 0..3, rounded to 8 bits
+///
+/// at integer projector column x. The seven bits number 128 periods: columns <= 128 * period.
+Pattern gray_phase_pattern(int columns, int period);
+
+/// The light of one projected row across the projector's image: every column a box of one pixel, blurred by the
+/// projector's defocus. Its integral is tabulated, so the mean over any interval costs two look-ups.
+class ProjectedRow {
+public:
+    /// @param grey  grey level of each column, 0 to 255
+    /// @param gamma  the projector emits 255 (grey / 255)^gamma
+    /// @param defocus  standard deviation of the blur, projector px, 0 or more
+    ProjectedRow(const std::vector<double>& grey, double gamma, double defocus);
+
+    /// Mean light, 0 to 255, over an interval. Edge coordinates: column i covers [i, i + 1).
+    double mean(double centre, double width) const noexcept
+    {
+        return (_integral(centre + 0.5 * width) - _integral(centre - 0.5 * width)) / width;
+    }
+
+private:
+    double _integral(double u) const noexcept;
+
+    std::vector<double> _table; ///< integral of the light at every 1 / _per_column of a column
+    double _first;              ///< coordinate of _table[0]
+    double _per_column;
+};
+
+} // namespace sim
+} // namespace vexo

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "sim/camera.h"
+
+namespace vexo {
+namespace sim {
+
+/// Everything that can be chosen about a simulated capture.
+struct RigOptions {
+    cv::Size image_size = { 1280, 1024 };    ///< px; the field of view across stays the same
+    cv::Size projector_size = { 1024, 768 }; ///< px
+    int fringe_period = 8;                   ///< projector px, 2 or more; 128 periods must cover the projector
+    double distance_mm = 600;                ///< from the cameras' baseline to the middle of the scene
+    double baseline_mm = 160;                ///< between the optical centres
+    double toe_in_deg = -1;                  ///< each camera turned inwards; negative: both look at the middle
+    double exposure = 1;                     ///< factor on all light; at 1 a white wall reads about 190
+    double ambient = 8;                      ///< grey levels that a white surface has with the projector dark
+    double noise = 1.6;                      ///< grey levels; standard deviation at grey 128, read and shot noise
+    double gamma = 1;                        ///< of the projector: light = grey^gamma
+    double defocus = 0.5;                    ///< projector px; standard deviation of its blur
+    double tilt_deg = 8;                     ///< of the plane and the balls' table
+    std::uint64_t seed = 1;                  ///< of the noise
+};
+
+/// Null when the options describe a rig that can be built, else their first fault.
+const char* why_invalid(const RigOptions& options) noexcept;
+
+/// Sensor of both cameras: grey = black + light, noise variance = read^2 + shot * light (grey levels^2).
+/// Source: EMVA Standard 1288, linear camera model.
+struct Sensor {
+    double black; ///< grey levels without light
+    double read;  ///< grey levels
+    double shot;  ///< grey levels^2 a grey level of light
+};
+
+/// Two cameras and a projector. Rig frame: origin in the middle of the baseline, x to camera 1, y down, z away from
+/// the cameras; mm. Camera 0 is the left one as the cameras see it.
+struct Rig {
+    RigOptions options;
+    std::array<Camera, 2> cameras;
+    Camera projector; ///< no distortion; pixel centres at integers like a camera
+    Sensor sensor;
+    double lit_white; ///< grey levels of light from a white wall that faces the projector at `distance_mm`
+
+    double pixel_mm() const { return options.distance_mm / cameras[0].K(0, 0); } ///< at `distance_mm`
+};
+
+Rig make_rig(const RigOptions& options);
+
+} // namespace sim
+} // namespace vexo

@@ -1,0 +1,209 @@
+#include "sim/scene.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace vexo {
+namespace sim {
+
+namespace {
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+void face_the_ray(const Ray& ray, Hit& hit) noexcept
+{
+    if (hit.normal.dot(ray.direction) > 0) hit.normal = -hit.normal;
+}
+} // namespace
+
+Rectangle::Rectangle(cv::Vec3d centre, cv::Vec3d axis_u, cv::Vec3d axis_v, double half_u, double half_v)
+    : _centre(centre)
+    , _u(axis_u)
+    , _v(axis_v)
+    , _normal(axis_u.cross(axis_v))
+    , _half_u(half_u)
+    , _half_v(half_v)
+{
+}
+
+bool Rectangle::intersect(const Ray& ray, double t0, double t1, Hit& hit) const noexcept
+{
+    const double t = _normal.dot(_centre - ray.origin) / _normal.dot(ray.direction);
+    if (!(t > t0 && t < t1)) return false; // a parallel ray gives inf or NaN
+    const cv::Vec3d point = ray.origin + t * ray.direction;
+    const cv::Vec3d from_centre = point - _centre;
+    if (std::abs(from_centre.dot(_u)) > _half_u || std::abs(from_centre.dot(_v)) > _half_v) return false;
+    hit.t = t;
+    hit.point = point;
+    hit.normal = _normal;
+    face_the_ray(ray, hit);
+    return true;
+}
+
+Sphere::Sphere(cv::Vec3d centre, double radius)
+    : _centre(centre)
+    , _radius(radius)
+{
+}
+
+bool Sphere::intersect(const Ray& ray, double t0, double t1, Hit& hit) const noexcept
+{
+    // Foot of the perpendicular first: the difference of two large squares would cost digits.
+    const double length2 = ray.direction.dot(ray.direction);
+    const double t_foot = ray.direction.dot(_centre - ray.origin) / length2;
+    const cv::Vec3d foot = ray.origin + t_foot * ray.direction - _centre;
+    const double half_chord2 = (_radius * _radius - foot.dot(foot)) / length2;
+    if (!(half_chord2 >= 0)) return false;
+    const double half_chord = std::sqrt(half_chord2);
+    double t = t_foot - half_chord;
+    if (!(t > t0)) t = t_foot + half_chord;
+    if (!(t > t0 && t < t1)) return false;
+    hit.t = t;
+    hit.point = ray.origin + t * ray.direction;
+    hit.normal = (hit.point - _centre) * (1 / _radius);
+    face_the_ray(ray, hit);
+    return true;
+}
+
+namespace {
+constexpr double grid_step = 4.0;                             // mm
+constexpr double node_reach = grid_step * 0.8660254037844386; // mm, half the diagonal of a cell
+constexpr double least_step = 0.02; // mm; misses at most chords this short: 1e-5 mm deep at radius 5 mm
+} // namespace
+
+Implicit::Implicit(Field field, cv::Vec3d low, cv::Vec3d high, cv::Vec3d offset)
+    : _field(std::move(field))
+    , _low(low)
+    , _high(high)
+    , _offset(offset)
+{
+    for (int i = 0; i < 3; ++i)
+        _nodes[i] = static_cast<int>(std::ceil((high[i] - low[i]) / grid_step)) + 1;
+    const auto plane = static_cast<std::size_t>(_nodes[0]) * static_cast<std::size_t>(_nodes[1]);
+    _grid.resize(plane * static_cast<std::size_t>(_nodes[2]));
+    const auto fill_plane = [this, plane](int z) noexcept {
+        float* out = _grid.data() + plane * static_cast<std::size_t>(z);
+        for (int y = 0; y < _nodes[1]; ++y)
+            for (int x = 0; x < _nodes[0]; ++x)
+                *out++ = static_cast<float>(_field(_low + grid_step * cv::Vec3d(x, y, z)));
+    };
+#pragma omp parallel for schedule(static) // each thread writes its own planes of the grid
+    for (int z = 0; z < _nodes[2]; ++z)
+        fill_plane(z);
+}
+
+/// Part of the ray inside the box.
+bool Implicit::_clip(const Ray& ray, double& t0, double& t1) const noexcept
+{
+    for (int i = 0; i < 3; ++i) {
+        const double a = (_low[i] - ray.origin[i]) / ray.direction[i];
+        const double b = (_high[i] - ray.origin[i]) / ray.direction[i];
+        t0 = std::max(t0, std::min(a, b));
+        t1 = std::min(t1, std::max(a, b));
+    }
+    return t0 < t1;
+}
+
+/// What the nearest node knows about the distance at p: its field less the way to it.
+double Implicit::_lower_bound(const cv::Vec3d& p) const noexcept
+{
+    int node[3];
+    for (int i = 0; i < 3; ++i)
+        node[i] = std::clamp(static_cast<int>(std::lround((p[i] - _low[i]) / grid_step)), 0, _nodes[i] - 1);
+    const auto at
+        = (static_cast<std::size_t>(node[2]) * static_cast<std::size_t>(_nodes[1]) + static_cast<std::size_t>(node[1]))
+            * static_cast<std::size_t>(_nodes[0])
+        + static_cast<std::size_t>(node[0]);
+    return static_cast<double>(_grid[at]) - node_reach;
+}
+
+/// Root between a parameter outside and one inside the body: regula falsi, Illinois variant.
+double Implicit::_root(const Ray& ray, double outside, double inside) const noexcept
+{
+    double f_out = _field(ray.origin + outside * ray.direction);
+    double f_in = _field(ray.origin + inside * ray.direction);
+    int last = 0;
+    for (int i = 0; i < 60 && f_out - f_in > 1e-11; ++i) {
+        const double t = (outside * f_in - inside * f_out) / (f_in - f_out);
+        const double f = _field(ray.origin + t * ray.direction);
+        if (std::abs(f) < 1e-11) return t;
+        if (f > 0) {
+            outside = t;
+            f_out = f;
+            if (last == 1) f_in *= 0.5;
+            last = 1;
+        } else {
+            inside = t;
+            f_in = f;
+            if (last == -1) f_out *= 0.5;
+            last = -1;
+        }
+    }
+    return 0.5 * (outside + inside);
+}
+
+cv::Vec3d Implicit::_gradient(const cv::Vec3d& p) const noexcept
+{
+    constexpr double h = 1e-4; // mm: rounding and curvature each disturb the normal by about 1e-9
+    cv::Vec3d g;
+    for (int i = 0; i < 3; ++i) {
+        cv::Vec3d step;
+        step[i] = h;
+        g[i] = _field(p + step) - _field(p - step);
+    }
+    return g;
+}
+
+bool Implicit::intersect(const Ray& ray, double t0, double t1, Hit& hit) const noexcept
+{
+    const double length = cv::norm(ray.direction);
+    const Ray local { ray.origin - _offset, ray.direction * (1 / length) };
+    double s = t0 * length; // mm from here on
+    double end = t1 * length;
+    if (!_clip(local, s, end)) return false;
+
+    double outside = s;
+    while (s < end) {
+        const cv::Vec3d p = local.origin + s * local.direction;
+        double clear = _lower_bound(p);
+        if (clear < 1) clear = _field(p);
+        if (clear <= 0) break;
+        outside = s;
+        s += std::max(clear, least_step);
+    }
+    if (s >= end) return false;
+    const double root = s > outside ? _root(local, outside, s) : s;
+    hit.t = root / length;
+    hit.point = ray.origin + hit.t * ray.direction;
+    hit.normal = cv::normalize(_gradient(hit.point - _offset));
+    face_the_ray(ray, hit);
+    return true;
+}
+
+bool Scene::intersect(const Ray& ray, Hit& hit) const noexcept
+{
+    double nearest = infinity;
+    hit.surface = -1;
+    for (std::size_t i = 0; i < _surfaces.size(); ++i) {
+        if (!_surfaces[i]->intersect(ray, 0, nearest, hit)) continue;
+        nearest = hit.t;
+        hit.surface = static_cast<int>(i);
+    }
+    if (hit.surface < 0) return false;
+    const Albedo& albedo = _surfaces[static_cast<std::size_t>(hit.surface)]->albedo;
+    hit.albedo = albedo ? albedo(hit.point) : 1.0;
+    return true;
+}
+
+bool Scene::blocked(const cv::Vec3d& on_surface, const cv::Vec3d& from) const noexcept
+{
+    constexpr double off_the_surface = 1e-6; // share of the way, about half a micrometre
+    const Ray ray { on_surface, from - on_surface };
+    Hit hit;
+    for (const auto& surface : _surfaces)
+        if (surface->intersect(ray, off_the_surface, 1, hit)) return true;
+    return false;
+}
+
+} // namespace sim
+} // namespace vexo

@@ -1,0 +1,103 @@
+#include "sim/scenes.h"
+
+#include <cmath>
+#include <limits>
+
+namespace vexo {
+namespace sim {
+
+namespace {
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double ball_diameter = 40, ball_distance = 150; // mm
+
+/// Axes of a plane that faces the rig, turned by `tilt` about y and by 0.6 of it about x.
+struct Axes {
+    cv::Vec3d u, v, towards_rig;
+};
+Axes tilted_axes(double tilt_deg)
+{
+    const double about_y = tilt_deg * 3.14159265358979323846 / 180, about_x = 0.6 * about_y;
+    const cv::Vec3d u(std::cos(about_y), 0, std::sin(about_y));
+    const cv::Vec3d down(0, std::cos(about_x), std::sin(about_x));
+    const cv::Vec3d v = cv::normalize(down - down.dot(u) * u);
+    return { u, v, v.cross(u) };
+}
+
+void add_wall(Scene& scene, const cv::Vec3d& centre, double tilt_deg)
+{
+    const Axes axes = tilted_axes(tilt_deg);
+    scene.add(std::make_unique<Rectangle>(centre, axes.u, axes.v, infinity, infinity));
+}
+
+/// Treads face the rig; risers join them. The wall is the lowest step.
+void add_steps(Scene& scene, double wall_z)
+{
+    constexpr double width = 50, half_height = 120, rise = 20; // mm
+    const double heights[] = { 0, 20, 40, 60, 40, 20, 0 };
+    const cv::Vec3d x(1, 0, 0), y(0, 1, 0), z(0, 0, 1);
+    for (int i = 1; i < 7; ++i) {
+        const double left = (i - 3.5) * width;
+        const double low = std::min(heights[i - 1], heights[i]);
+        const cv::Vec3d riser_centre(left, 0, wall_z - low - 0.5 * rise);
+        scene.add(std::make_unique<Rectangle>(riser_centre, z, y, 0.5 * rise, half_height));
+        if (heights[i] == 0) continue;
+        const cv::Vec3d tread_centre(left + 0.5 * width, 0, wall_z - heights[i]);
+        scene.add(std::make_unique<Rectangle>(tread_centre, x, y, 0.5 * width, half_height));
+        for (const double side : { -half_height, half_height }) { // the ends, so that no ray looks behind
+            const cv::Vec3d end_centre(left + 0.5 * width, side, wall_z - 0.5 * heights[i]);
+            scene.add(std::make_unique<Rectangle>(end_centre, x, z, 0.5 * width, 0.5 * heights[i]));
+        }
+    }
+}
+
+void add_balls(Scene& scene, const RigOptions& options)
+{
+    const Balls balls = make_balls(options);
+    for (const cv::Vec3d& centre : balls.centres)
+        scene.add(std::make_unique<Sphere>(centre, 0.5 * balls.diameter));
+}
+
+void add_bust(Scene& scene, double middle_z)
+{
+    constexpr double middle_of_bust_y = 13, nose_to_middle = 40; // mm; nearest point and ears about the middle
+    scene.add(std::make_unique<Implicit>(bust_field, cv::Vec3d(bust_low), cv::Vec3d(bust_high),
+        cv::Vec3d(0, -middle_of_bust_y, middle_z + nose_to_middle)));
+}
+} // namespace
+
+const std::vector<std::string>& scene_names()
+{
+    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres" };
+    return names;
+}
+
+Balls make_balls(const RigOptions& options)
+{
+    const Axes axes = tilted_axes(options.tilt_deg);
+    const cv::Vec3d middle = cv::Vec3d(0, 0, options.distance_mm) + 0.5 * ball_diameter * axes.towards_rig;
+    return { { middle - 0.5 * ball_distance * axes.u, middle + 0.5 * ball_distance * axes.u }, ball_diameter };
+}
+
+Scene make_scene(const std::string& name, const RigOptions& options)
+{
+    Scene scene;
+    const double z = options.distance_mm;
+    if (name == "plane") add_wall(scene, { 0, 0, z }, options.tilt_deg);
+    if (name == "sphere") {
+        add_wall(scene, { 0, 0, z + 90 }, 0);
+        scene.add(std::make_unique<Sphere>(cv::Vec3d(0, 0, z + 10), 75));
+    }
+    if (name == "steps") {
+        add_wall(scene, { 0, 0, z + 30 }, 0);
+        add_steps(scene, z + 30);
+    }
+    if (name == "bust") add_bust(scene, z);
+    if (name == "spheres") {
+        add_wall(scene, { 0, 0, z }, options.tilt_deg);
+        add_balls(scene, options);
+    }
+    return scene;
+}
+
+} // namespace sim
+} // namespace vexo

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "sim/rig.h"
+#include "sim/scene.h"
+
+namespace vexo {
+namespace sim {
+
+/// The two balls of the scene `spheres`, rig frame, mm.
+struct Balls {
+    std::array<cv::Vec3d, 2> centres;
+    double diameter;
+};
+
+/// Names of the scenes that make_scene() builds.
+const std::vector<std::string>& scene_names();
+
+/// Builds a scene at the rig's working distance:
+///     plane    a wall tilted by `tilt_deg`
+///     sphere   a ball of 150 mm before a wall
+///     steps    stairs of 20 mm going up and down again, before a wall
+///     bust     a head with neck and shoulders, nothing behind it
+///     spheres  two balls of 40 mm, 150 mm apart, lying on a plane tilted by `tilt_deg`
+/// An unknown name gives an empty scene.
+Scene make_scene(const std::string& name, const RigOptions& options);
+
+/// Where the balls of `spheres` lie.
+Balls make_balls(const RigOptions& options);
+
+/// The field of the bust, see Implicit: mm; x to the right, y down, z into the head, origin between the ears.
+double bust_field(const cv::Vec3d& point) noexcept;
+
+/// Box around the bust, same frame.
+constexpr double bust_low[3] = { -130, -140, -110 };
+constexpr double bust_high[3] = { 130, 155, 100 };
+
+} // namespace sim
+} // namespace vexo
