@@ -131,7 +131,7 @@ private:
     void _name_cameras();
     void _swap(StereoCamera& other) noexcept;
     bool _write(cv::FileStorage& fs);
-    bool _read(const cv::FileStorage& fs);
+    bool _read(cv::FileStorage& fs);
 };
 
 } // namespace vexo

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "vexo/file_io.h"
+
+#include <opencv2/core.hpp>
+
+#include <initializer_list>
+#include <string>
+
+/// Checked reading of what camera files hold. Storages come from anywhere: nothing is taken that has not the
+/// stated shape, and nothing is allocated for what a file only announces. An absent node and a root that is no
+/// map both give an empty node.
+namespace vexo {
+namespace camera_file {
+
+/// Limits of a picture that tables are built for: cv::remap refuses longer sides, and four float tables of
+/// this area take 1 GB.
+constexpr int max_side = 32766;
+constexpr int max_area = 1 << 26;
+
+/// Whether pictures of this size can be rectified.
+inline bool is_picture_size(cv::Size size)
+{
+    return size.width >= 1 && size.height >= 1 && size.width <= max_side && size.height <= max_side
+        && size.area() <= max_area;
+}
+
+/// Whether a name can begin a key: OpenCV takes letters, digits, '_', '-' and ' ', and no digit or '-' first.
+bool is_key_name(const std::string& name);
+
+/// Default file of a camera or a pair.
+inline std::string default_file(const std::string& name)
+{
+    return name + "_param.yaml";
+}
+
+/// Node of a key; empty when there is none.
+cv::FileNode find(const cv::FileStorage& fs, const std::string& key);
+
+/// Whether a storage holds the pose and projection of a camera: K, R and T, or P.
+bool has_projection(const cv::FileStorage& fs, const std::string& name);
+
+/// Sequence of exactly `count` integers.
+bool read_ints(const cv::FileNode& node, int count, int* values);
+
+/// Image size: two integers in 0..2^15.
+bool read_size(const cv::FileNode& node, cv::Size& size);
+
+/// Matrix node of one channel with finite numbers, as doubles; at most 16 numbers. A node of zero elements
+/// gives an empty matrix.
+bool read_matrix(const cv::FileNode& node, cv::Mat_<double>& m);
+
+/// Matrix node of rows x cols finite numbers.
+bool read_matrix(const cv::FileNode& node, int rows, int cols, cv::Mat_<double>& m);
+
+/// Three finite numbers, as a row or a column; gives 3x1.
+bool read_vector3(const cv::FileNode& node, cv::Mat_<double>& m);
+
+/// True when every number is finite.
+bool all_finite(std::initializer_list<cv::Mat_<double>> matrices);
+
+/// Whether the left 3x3 block of a projection (or an intrinsic matrix) can be inverted with some digits left.
+bool is_regular(const cv::Mat_<double>& m);
+
+/// Opens for writing what save() was given, or a storage in memory when that is null.
+/// Runs `write` on it and, when the storage is ours, brings it to `file`. Whatever is thrown gives false.
+template <class Write> bool save_yaml(cv::FileStorage* given, const std::string& file, Write write)
+{
+    try {
+        if (given != nullptr) return given->isOpened() && write(*given);
+        cv::FileStorage own = file_io::memory_yaml();
+        return own.isOpened() && write(own) && file_io::close_yaml(own, file);
+    } catch (...) {
+        return false;
+    }
+}
+
+/// Runs `read` on what load() was given, or on the file when that is null. Whatever is thrown gives false.
+template <class Read> bool load_yaml(cv::FileStorage* given, const std::string& file, Read read)
+{
+    try {
+        if (given != nullptr) return given->isOpened() && read(*given);
+        cv::FileStorage own;
+        return file_io::open_yaml(file, own) && read(own);
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace camera_file
+} // namespace vexo
