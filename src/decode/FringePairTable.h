@@ -11,9 +11,11 @@ namespace vexo {
 /// differences x_i - x_0 = -(k_i T_i - k_0 T_0) depend on the fringe numbers alone, and, up to the least common
 /// multiple of the periods, identify them. The table maps every pair of differences that occurs to its numbers.
 ///
+/// Fringe numbers are stored in a byte: positions behind fringe 255 of the shortest period are unresolved.
+///
 /// Threads  immutable after construction; unwrap() may run in many threads at once.
-/// Source   the excess-fraction idea of absolute interferometry: Benoit, J. Phys. 7 (1898) 57; for fringes
-///          with integer periods: Zhong, Wang, Appl. Opt. 40 (2001) 261 (look-up of phase differences).
+/// Source   fringe orders from integer periods: Gushov, Solodkin, Opt. Lasers Eng. 14 (1991) 311; Zhong, Zhang,
+///          Appl. Opt. 40 (2001) 492. Here by table instead of by congruences.
 class FringePairTable {
 public:
     /// Builds the table, in projector px. `ok` stays false, and no table is built, unless there are three
@@ -45,6 +47,14 @@ public:
     std::vector<float> offsets;            ///< of every slot, px: mean of k_i T_i
     std::vector<int32_t> lower;            ///< of every difference: -lower is its smallest value, px
     std::vector<int32_t> range;            ///< of every difference: how many values it can take
+
+private:
+    int32_t _calc_maxp() const noexcept;
+    /// Sweeps the projector axis from 0 to `maxp` and registers every combination of fringe numbers met.
+    void _create_table();
+    /// Moves period i to its next fringe, when no other period's next fringe starts earlier.
+    bool _update(std::vector<int>& fringes, int i) const noexcept;
+    void _register_pair(const int* diffs, const std::vector<int>& fringes);
 };
 
 } // namespace vexo

@@ -79,13 +79,14 @@ TEST(GrayPhase, NoiseFreeCoordinateIsTheOneThatMadeTheFrames)
 {
     // 8-bit rounding moves a sine of amplitude 90 by at most 0.5 sqrt(2) / 90 rad, 0.00125 periods.
     const auto position = [](int x, int y) { return 0.3 + 0.09 * x + 0.37 * y; };
-    const GrayPhaseMatchingParam params;
+    GrayPhaseMatchingParam params;
+    params.reject_length = 0; // or the cut-off periods at both ends of a row go
     GrayPhaseDecoder decoder(0, 13, &params);
     captures::give_all(decoder, captures::gray_phase_capture({ 640, 64 }, position));
     decoder.preproc();
     decoder.unwrap();
     for (int y = 0; y < 64; ++y) {
-        ASSERT_GE(decoder.valid[static_cast<size_t>(y)].size(), 636U) << "row " << y;
+        ASSERT_EQ(decoder.valid[static_cast<size_t>(y)].size(), 640U) << "row " << y;
         for (const int x : decoder.valid[static_cast<size_t>(y)])
             ASSERT_NEAR(decoder.unwrapped(y, x), position(x, y), 0.0013) << x << ", " << y;
     }
@@ -203,6 +204,7 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
             const plain::Decoded decoded = plain::decode(frames, params);
             const plain::Unwrapped expected = plain::unwrap(decoded, params);
             for (const int threads : { 1, 2, 3, 7 }) {
+                if (threads > 2 && code_spread != 3) continue; // enough of them
                 const captures::Threads set(threads);
                 GrayPhaseDecoder decoder(0, 13, &params);
                 captures::give_all(decoder, frames);
