@@ -1,0 +1,175 @@
+#include "fringes.h"
+
+#include "common.h"
+#include "pictures.h"
+
+#include <opencv2/core.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace vexo::app {
+
+namespace {
+
+constexpr std::size_t first_phase_frame = 9;
+constexpr double pi = 3.14159265358979323846;
+
+/// The four phase frames at one row.
+struct PhaseRow {
+    PhaseRow(const std::vector<cv::Mat>& frames, int y)
+    {
+        for (std::size_t k = 0; k < 4; ++k)
+            p[k] = frames[first_phase_frame + k].ptr<uchar>(y);
+    }
+    int sine(int x) const { return p[1][x] - p[3][x]; }
+    int cosine(int x) const { return p[2][x] - p[0][x]; }
+    double modulation(int x) const { return 0.5 * std::hypot(sine(x), cosine(x)); }
+    /// Fraction of a period, 0 to 1.
+    double phase(int x) const { return (pi - std::atan2(sine(x), cosine(x))) / (2.0 * pi); }
+    /// 0 for a perfect sinusoid; with grey noise s its standard deviation is s / 2.
+    double residual(int x) const { return 0.25 * (p[0][x] + p[2][x] - p[1][x] - p[3][x]); }
+    const uchar* p[4];
+};
+
+double wrapped(double difference)
+{
+    return difference - std::round(difference);
+}
+
+/// Sums over the pixels of a camera.
+struct Sums {
+    std::vector<float> slopes, modulations, residuals;
+    std::vector<double> pixels_in_runs = std::vector<double>(10, 0.0); ///< by length, the last: all longer
+    double pixels = 0.0;
+};
+
+/// Phase per pixel over a stretch of `span` px that lies in the mask; less noisy than a single step.
+void add_slopes(const std::vector<float>& phase, const uchar* mask, Sums& sums)
+{
+    constexpr std::size_t span = 4;
+    for (std::size_t x = 0; x + span < phase.size(); x += span) {
+        double rise = 0.0;
+        bool inside = mask[x] == 255;
+        for (std::size_t i = x; i < x + span; ++i) {
+            rise += wrapped(static_cast<double>(phase[i + 1]) - static_cast<double>(phase[i]));
+            inside = inside && mask[i + 1] == 255;
+        }
+        if (inside) sums.slopes.push_back(static_cast<float>(std::abs(rise) / span));
+    }
+}
+
+void add_runs(const std::vector<float>& phase, const uchar* mask, Sums& sums)
+{
+    for (std::size_t begin = 0; begin < phase.size();) {
+        if (mask[begin] != 255) {
+            ++begin;
+            continue;
+        }
+        std::size_t end = begin + 1;
+        while (end < phase.size() && mask[end] == 255 && phase[end] >= phase[end - 1])
+            ++end;
+        const std::size_t length = end - begin;
+        sums.pixels_in_runs[std::min(length, sums.pixels_in_runs.size() - 1)] += static_cast<double>(length);
+        sums.pixels += static_cast<double>(length);
+        begin = end;
+    }
+}
+
+void add_row(const std::vector<cv::Mat>& frames, const cv::Mat& mask, int y, Sums& sums)
+{
+    const PhaseRow row(frames, y);
+    const uchar* const inside = mask.ptr<uchar>(y);
+    std::vector<float> phase(static_cast<std::size_t>(mask.cols));
+    for (int x = 0; x < mask.cols; ++x) {
+        if (inside[x] != 255) continue;
+        phase[static_cast<std::size_t>(x)] = static_cast<float>(row.phase(x));
+        sums.modulations.push_back(static_cast<float>(row.modulation(x)));
+        sums.residuals.push_back(static_cast<float>(row.residual(x)));
+    }
+    add_slopes(phase, inside, sums);
+    add_runs(phase, inside, sums);
+}
+
+/// Noise of grey values and of the phase. A grey noise s gives the residual the variance s^2 / 4 and the
+/// phase s^2 / (2 m^2) rad^2 at modulation m, so 2 r^2 / m^2 averages to the phase's variance whatever way
+/// the noise depends on brightness. Residuals beyond 5 standard deviations are motion or glare.
+void noise(const Sums& sums, FringeFigures& figures)
+{
+    double limit = 1e9, variance = 0.0, phase_variance = 0.0;
+    for (int round = 0; round < 3; ++round) {
+        double squares = 0.0, phase_squares = 0.0, count = 0.0;
+        for (std::size_t i = 0; i < sums.residuals.size(); ++i) {
+            const double r = static_cast<double>(sums.residuals[i]), m = static_cast<double>(sums.modulations[i]);
+            if (std::abs(r) > limit) continue;
+            squares += r * r;
+            phase_squares += 2.0 * r * r / (m * m);
+            ++count;
+        }
+        variance = squares / std::max(count, 1.0);
+        phase_variance = phase_squares / std::max(count, 1.0);
+        limit = 5.0 * std::sqrt(variance) + 0.25;
+    }
+    figures.grey_noise = 2.0 * std::sqrt(variance);
+    figures.phase_noise = std::sqrt(phase_variance) / (2.0 * pi);
+}
+
+} // namespace
+
+PixelMasks make_masks(const std::vector<cv::Mat>& frames, const GrayPhaseMatchingParam& param, double min_modulation)
+{
+    const cv::Mat& black = frames[0];
+    const cv::Mat& white = frames[1];
+    PixelMasks masks { cv::Mat::zeros(white.size(), CV_8U), cv::Mat::zeros(white.size(), CV_8U) };
+    for (int y = 0; y < white.rows; ++y) {
+        const PhaseRow row(frames, y);
+        for (int x = 0; x < white.cols; ++x) {
+            const int w = white.at<uchar>(y, x), b = black.at<uchar>(y, x);
+            if (w < param.min_white || w > param.max_white || w - b < param.min_contrast) continue;
+            masks.contrast.at<uchar>(y, x) = 255;
+            if (row.modulation(x) >= min_modulation) masks.modulation.at<uchar>(y, x) = 255;
+        }
+    }
+    return masks;
+}
+
+FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, const cv::Mat& mask)
+{
+    Sums sums;
+    for (int y = 0; y < mask.rows; ++y)
+        add_row(frames, mask, y, sums);
+
+    FringeFigures figures;
+    if (sums.pixels == 0.0) return figures;
+    const double slope = quantile(std::move(sums.slopes), 0.5);
+    figures.length_px = slope > 0.0 ? 1.0 / slope : 0.0;
+    noise(sums, figures);
+    figures.modulation = quantile(std::move(sums.modulations), 0.5);
+    double longer = 0.0;
+    for (std::size_t n = figures.share_in_longer_runs.size(); n-- > 0;) {
+        longer += sums.pixels_in_runs[n + 1];
+        figures.share_in_longer_runs[n] = longer / sums.pixels;
+    }
+    return figures;
+}
+
+RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& cam1)
+{
+    // A longer anchor keeps more stray runs out, but each run that it turns down must be filled in between
+    // anchors. Up to 4, where it stops helping, take the longest that leaves nine tenths of the pixels anchored.
+    constexpr double enough = 0.9;
+    const auto anchored = [&](int n) {
+        const auto i = static_cast<std::size_t>(n);
+        return std::min(cam0.share_in_longer_runs[i], cam1.share_in_longer_runs[i]);
+    };
+    RunLengths lengths;
+    while (lengths.anchor > 1 && anchored(lengths.anchor) < enough)
+        --lengths.anchor;
+    lengths.reason = "fringes " + number(cam0.length_px, 1) + " and " + number(cam1.length_px, 1)
+        + " camera px long, phase noise " + number(cam0.phase_noise, 4) + " and " + number(cam1.phase_noise, 4)
+        + " periods: " + percent(anchored(lengths.anchor), 1.0) + " of the pixels in rising runs longer than "
+        + std::to_string(lengths.anchor) + " px";
+    return lengths;
+}
+
+} // namespace vexo::app

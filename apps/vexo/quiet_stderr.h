@@ -1,0 +1,33 @@
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vexo::app {
+
+/// While it lives, nothing reaches the standard error stream: setparams() and the decoders of picture formats
+/// write fixed lines of their own there, and a user of this program shall see only its own. For one thread.
+class QuietStderr {
+public:
+    QuietStderr() noexcept
+        : _kept(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
+    {
+        const int nowhere = _kept < 0 ? -1 : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (nowhere < 0) return;
+        ::dup2(nowhere, STDERR_FILENO);
+        ::close(nowhere);
+    }
+    ~QuietStderr()
+    {
+        if (_kept < 0) return;
+        ::dup2(_kept, STDERR_FILENO);
+        ::close(_kept);
+    }
+    QuietStderr(const QuietStderr&) = delete;
+    QuietStderr& operator=(const QuietStderr&) = delete;
+
+private:
+    int _kept;
+};
+
+} // namespace vexo::app
