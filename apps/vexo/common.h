@@ -104,5 +104,6 @@ void add_simulate(CLI::App& app, GlobalOptions& options);
 void add_measure(CLI::App& app, GlobalOptions& options);
 void add_compare(CLI::App& app, GlobalOptions& options);
 void add_info(CLI::App& app, GlobalOptions& options);
+void add_board(CLI::App& app, GlobalOptions& options);
 
 } // namespace vexo::app
