@@ -10,6 +10,9 @@ namespace vexo {
 
 namespace {
 
+/// px; the sum over a larger block, up to 255 a pixel, exceeds OpenCV's 32 bits.
+constexpr int max_block = 2901;
+
 /// trunc(value) as an int; NaN gives 0 and what lies outside of int its nearest end.
 int truncated(double value)
 {
@@ -60,6 +63,7 @@ cv::Mat PreProcessor::binarize(cv::Mat& img)
         cv::threshold(img, out, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
         break;
     case kAdaptiveMean:
+        if (p.threshold > max_block) break;
         cv::adaptiveThreshold(img, out, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, p.threshold, p.C);
         break;
     default:

@@ -36,7 +36,8 @@ public:
     /// @param src, dst  8-bit grey of one size; may be the same image
     void gamma_correction(cv::Mat& src, cv::Mat& dst);
 
-    /// Binary image, 0 and 255, of an 8-bit grey one; empty for an unknown mode.
+    /// Binary image, 0 and 255, of an 8-bit grey one; empty for an unknown mode and for adaptive blocks above
+    /// 2901 px, over which OpenCV cannot sum.
     /// Throws cv::Exception for an adaptive block size that is even or below 3.
     cv::Mat binarize(cv::Mat& img);
 
