@@ -95,6 +95,24 @@ template <class Position> Frames gray_phase_capture(cv::Size size, Position posi
     return frames;
 }
 
+/// Multi-period frames of a surface that shows projector position `position(x, y)`, in projector px.
+template <class Position> Frames multi_phase_capture(cv::Size size, const std::vector<int>& periods, Position position)
+{
+    Frames frames(2 + 4 * periods.size());
+    for (cv::Mat_<uchar>& frame : frames)
+        frame.create(size);
+    frames[0].setTo(grey_of(0));
+    frames[1].setTo(grey_of(1));
+    for (size_t f = 0; f < periods.size(); ++f)
+        for (int s = 0; s < 4; ++s)
+            for (int y = 0; y < size.height; ++y)
+                for (int x = 0; x < size.width; ++x) {
+                    const double angle = 2 * CV_PI * (position(x, y) + 0.5) / periods[f] + s * CV_PI / 2;
+                    frames[2 + 4 * f + static_cast<size_t>(s)](y, x) = grey_of(0.5 - 0.45 * std::cos(angle));
+                }
+    return frames;
+}
+
 /// Adds noise of a normal distribution, grey levels.
 inline void add_noise(Frames& frames, double sigma, std::mt19937& rng)
 {

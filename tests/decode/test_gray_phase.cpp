@@ -204,7 +204,7 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
             const plain::Decoded decoded = plain::decode(frames, params);
             const plain::Unwrapped expected = plain::unwrap(decoded, params);
             for (const int threads : { 1, 2, 3, 7 }) {
-                if (threads > 2 && code_spread != 3) continue; // enough of them
+                if (threads > 1 && (code_spread != 3 || anchor_length != 1)) continue; // teams are slow to form
                 const captures::Threads set(threads);
                 GrayPhaseDecoder decoder(0, 13, &params);
                 captures::give_all(decoder, frames);

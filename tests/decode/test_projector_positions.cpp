@@ -2,13 +2,16 @@
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
 
+#include "vexo/file_io.h"
+
 #include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
 
 using namespace vexo;
 
 namespace {
 
-/// Nine frames of 8 bit, and nothing decoded: what the base class does on its own.
+/// Five frames of 8 bit, and nothing decoded: what the base class does on its own.
 class Positions : public GrayPhaseDecoder {
 public:
     Positions()
@@ -122,6 +125,39 @@ TEST(ProjectorPositions, ReferenceFramesMayStartANewSizeAndDropTheRest)
     positions.clear();
     EXPECT_EQ(positions.inputs(), 5);
     EXPECT_TRUE(positions.input(1).empty() && positions.input_size().empty());
+}
+
+TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
+{
+    const cv::Mat map = (cv::Mat_<float>(2, 3) << 1, 2.5, 3, -4, 5, 1e9);
+    const cv::Mat mask = (cv::Mat_<uchar>(2, 3) << 255, 0, 255, 0, 0, 255);
+    std::string folder = testing::TempDir() + "vexo_dumps_XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    ASSERT_EQ(chdir(folder.c_str()), 0);
+
+    Positions positions;
+    positions.camera_id = 1;
+    positions.unwrapped = map;
+    positions.vmask = mask;
+    positions.save_unwrap();
+    std::string bytes;
+    ASSERT_TRUE(file_io::read_file("unwrap1.raw", 1000, bytes));
+    EXPECT_EQ(bytes, std::string(map.ptr<char>(), 24));
+    EXPECT_TRUE(captures::same_bits(cv::imread("vumask1.pgm", cv::IMREAD_UNCHANGED), mask));
+
+    positions.phase = cv::Mat(map, cv::Rect(1, 0, 2, 2)); // rows that do not follow one another
+    positions.white = cv::Mat_<uchar>(2, 3, uchar { 0 });
+    positions.valid = { { 1 }, {} };
+    positions._save_decode();
+    ASSERT_TRUE(file_io::read_file("phase1.raw", 1000, bytes));
+    EXPECT_EQ(bytes, std::string(map.ptr<char>(0, 1), 8) + std::string(map.ptr<char>(1, 1), 8));
+    EXPECT_EQ(cv::countNonZero(cv::imread("vmask1.pgm", cv::IMREAD_UNCHANGED)), 1);
+
+    positions.clear();
+    positions.save_unwrap();
+    struct stat info = {};
+    ASSERT_EQ(stat("unwrap1.raw", &info), 0);
+    EXPECT_EQ(info.st_size, 0);
 }
 
 } // namespace

@@ -1,0 +1,277 @@
+#include "captures.h"
+#include "decode/MultiPhaseDecoder.h"
+#include "decode/MultiPhaseLoader.h"
+#include "decode/phase_kernels.h"
+#include "reference/plain_multi_phase.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace vexo;
+
+namespace {
+
+using Periods = std::vector<int>;
+
+MultiPhaseMatchingParam params_of(const Periods& periods, int steps = 4)
+{
+    MultiPhaseMatchingParam p;
+    p.min_contrast = -255;
+    p.min_white = 0;
+    p.steps = steps;
+    p.nperiods = static_cast<int>(periods.size());
+    std::copy(periods.begin(), periods.end(), p.periods);
+    return p;
+}
+
+plain::Rows all_of(cv::Size size)
+{
+    plain::Rows rows(static_cast<size_t>(size.height), std::vector<int>(static_cast<size_t>(size.width)));
+    for (auto& row : rows)
+        std::iota(row.begin(), row.end(), 0);
+    return rows;
+}
+
+void expect_equal(const MultiPhaseHolder& decoder, const plain::Unwrapped& expected)
+{
+    EXPECT_EQ(decoder.valid, expected.valid);
+    EXPECT_TRUE(captures::same_bits(decoder.unwrapped, expected.map));
+    EXPECT_TRUE(captures::same_bits(decoder.vmask, expected.mask));
+}
+
+TEST(MultiPhase, PhasesOfKnownPixels)
+{
+    const int column = 0;
+    const Columns one { &column, &column + 1 };
+    const auto four = [&](uint8_t i0, uint8_t i1, uint8_t i2, uint8_t i3, int period) {
+        float phase = -9;
+        phase4_row({ &i0, &i1, &i2, &i3 }, phase_offset(period), one, &phase);
+        return phase;
+    };
+    EXPECT_NEAR(four(150, 90, 50, 90, 9), 0.5 - 1.0 / 18, 1e-7) << "a = 0";
+    EXPECT_NEAR(four(50, 90, 150, 90, 10), 1 - 1.0 / 20, 1e-7) << "a = pi";
+    EXPECT_NEAR(four(90, 200, 90, 10, 11), 0.25 - 1.0 / 22, 1e-7) << "a = -pi / 2";
+    for (const int period : { 0, -1, std::numeric_limits<int>::min() })
+        EXPECT_TRUE(plausible_phase(four(50, 90, 150, 90, period))) << "period " << period;
+
+    uint8_t i0 = 100, i1 = 120, i2 = 40; // sqrt(3) weights the first frame alone
+    float phase = -9;
+    phase3_row({ &i0, &i1, &i2 }, phase_offset(9), one, &phase);
+    EXPECT_NEAR(
+        phase, (std::atan2(std::sqrt(3.0) * 100 - 40, 2.0 * 120 - 100 - 40) + CV_PI) / (2 * CV_PI) - 1.0 / 18, 1e-7);
+}
+
+TEST(MultiPhase, NoiseFreeFramesGiveTheCoordinateThatMadeThem)
+{
+    // 8-bit rounding has sigma 0.29 grey levels, equal and opposite in opposite frames: 0.29 / 90 rad, 0.0051 px of
+    // period 10; the mean of three periods has 0.0030 px. It has no bias.
+    const auto position = [](int x, int y) { return 5.0 + 0.71 * x + 0.013 * y; };
+    const Periods periods { 9, 10, 11 };
+    const MultiPhaseMatchingParam params = params_of(periods);
+    const FringePairTable table(periods);
+    MultiPhaseDecoder decoder(0, &params, &table, 4, 3);
+    EXPECT_EQ(decoder.frame_count, 14);
+    captures::give_all(decoder, captures::multi_phase_capture({ 1250, 64 }, periods, position));
+    decoder.preproc();
+    decoder.unwrap();
+    double sum = 0, squares = 0, largest = 0, count = 0;
+    for (int y = 0; y < 64; ++y)
+        for (const int x : decoder.valid[static_cast<size_t>(y)]) {
+            const double error = decoder.unwrapped(y, x) - position(x, y);
+            sum += error;
+            squares += error * error;
+            largest = std::max(largest, std::abs(error));
+            ++count;
+        }
+    EXPECT_EQ(count, 64 * 1250);
+    EXPECT_LT(std::sqrt(squares / count), 0.006);
+    EXPECT_LT(std::abs(sum / count), 0.002);
+    EXPECT_LT(largest, 0.02);
+    RecordProperty("rms_micro_px", static_cast<int>(1e6 * std::sqrt(squares / count)));
+    RecordProperty("bias_micro_px", static_cast<int>(1e6 * sum / count));
+}
+
+TEST(MultiPhase, PruningExamples)
+{
+    std::vector<float> row { 1, 3, 2, 4 };
+    std::vector<int> cols { 0, 1, 2, 3 };
+    EXPECT_EQ(MultiPhaseHolder::_rm_extreme_value(row.data(), cols), 2);
+    EXPECT_EQ(cols, (std::vector<int> { 0, 3 })) << "3 is a peak, 2 a dip";
+    EXPECT_EQ(MultiPhaseHolder::_rm_extreme_value(row.data(), cols), 3) << "fewer than 3 are left alone";
+    EXPECT_EQ(cols.size(), 2U);
+    std::vector<int> ends { 1, 3, 2 }; // 3, 4, 2 in list order: the last falls
+    EXPECT_EQ(MultiPhaseHolder::_rm_extreme_value(row.data(), ends), 1);
+    EXPECT_EQ(ends, (std::vector<int> { 1 }));
+}
+
+/// Rows that prune in many ways: random, rising with spikes, a long step back (the plain rounds then need a
+/// quarter of the row's length), few levels, saw teeth.
+cv::Mat_<float> rows_to_prune(int width, std::mt19937& rng)
+{
+    std::uniform_real_distribution<float> value(0.0F, 900.0F);
+    cv::Mat_<float> rows(12, width);
+    for (int y = 0; y < rows.rows; ++y)
+        for (int x = 0; x < width; ++x) {
+            const auto at = static_cast<float>(x);
+            const float kinds[] = { value(rng), x % 17 == 3 ? value(rng) : at, x < width / 2 ? at : at - 100.0F,
+                std::floor(value(rng) / 300.0F), static_cast<float>(x % 23), static_cast<float>(width - x) };
+            rows(y, x) = kinds[y % 6];
+        }
+    return rows;
+}
+
+TEST(MultiPhase, PruningByWorkListEqualsTheRounds)
+{
+    std::mt19937 rng(11);
+    const MultiPhaseMatchingParam params;
+    std::bernoulli_distribution chosen(0.8);
+    for (const int width : { 1, 2, 3, 4, 5, 61, 640 })
+        for (const int threads : { 1, 3 }) {
+            const captures::Threads set(threads);
+            MultiPhaseLoader holder(0, &params, nullptr);
+            holder.unwrapped = rows_to_prune(width, rng);
+            plain::Rows expected;
+            for (int y = 0; y < holder.unwrapped.rows; ++y) {
+                std::vector<int> cols;
+                for (int x = 0; x < width; ++x)
+                    if (y < 6 || chosen(rng)) cols.push_back(x);
+                holder.valid.push_back(cols);
+                expected.push_back(plain::prune(holder.unwrapped[y], cols));
+            }
+            holder._remove_extreme_value();
+            ASSERT_EQ(holder.valid, expected) << "width " << width;
+        }
+}
+
+TEST(MultiPhase, DecodedFramesEqualThePlainFormForAnyNumberOfThreads)
+{
+    std::mt19937 rng(12);
+    const Periods periods { 9, 10, 11 };
+    const FringePairTable table(periods);
+    const plain::PairMap pairs(periods);
+    for (const cv::Size size : { cv::Size(1, 1), cv::Size(1, 40), cv::Size(301, 1), cv::Size(97, 23) })
+        for (const int steps : { 3, 4 })
+            for (const double noise : { 2.0, 100.0 }) {
+                auto frames = captures::multi_phase_capture(size, periods, [](int x, int y) { return 2.5 * x + y; });
+                captures::add_noise(frames, noise, rng);
+                frames.resize(static_cast<size_t>(2 + 3 * steps));
+                const MultiPhaseMatchingParam params = params_of(periods, steps);
+                const plain::Rows valid = plain::valid_pixels(frames[0], frames[1], -255, 256, 0);
+                const auto phases = plain::multi_phases(frames, valid, steps, periods);
+                const auto expected = plain::unwrap(phases, valid, [&](const auto& p) { return pairs.unwrap(p); });
+                for (const int threads : { 1, 2, 3, 7 }) {
+                    if (threads > 1 && noise < 3) continue;
+                    const captures::Threads set(threads);
+                    MultiPhaseDecoder decoder(0, &params, &table, steps, 3);
+                    captures::give_all(decoder, frames);
+                    decoder.preproc();
+                    for (size_t f = 0; f < 3; ++f)
+                        ASSERT_TRUE(captures::same_bits(decoder.phases[f], phases[f])) << size << " period " << f;
+                    decoder.unwrap();
+                    expect_equal(decoder, expected);
+                }
+            }
+}
+
+/// Hands three phase images to a loader of these periods, and unwraps.
+void load(MultiPhaseLoader& loader, const std::vector<cv::Mat_<float>>& phases)
+{
+    const cv::Mat_<uchar> grey(phases[0].size(), uchar { 0 });
+    captures::give(loader, grey, 0);
+    captures::give(loader, grey, 1);
+    for (size_t f = 0; f < phases.size(); ++f)
+        EXPECT_EQ(captures::give(loader, phases[f], static_cast<int>(2 + f), 1 + f), 1);
+    loader.preproc();
+    loader.unwrap();
+}
+
+TEST(MultiPhase, LoadedPhasesOfAnyKindEqualThePlainForm)
+{
+    std::mt19937 rng(13);
+    std::uniform_int_distribution<int> pick(0, 60);
+    const float odd[] = { std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+        -std::numeric_limits<float>::infinity(), 1e30F, -1e30F, 1.5F, -0.5F };
+    for (const Periods& periods : { Periods { 9, 10, 11 }, Periods { 11, 10, 9 }, Periods { 8, 9, 10 } }) {
+        const FringePairTable table(periods);
+        const plain::PairMap pairs(periods);
+        const MultiPhaseMatchingParam params = params_of(periods);
+        std::vector<cv::Mat_<float>> phases(3);
+        for (size_t f = 0; f < 3; ++f) {
+            phases[f].create(37, 211);
+            for (int y = 0; y < 37; ++y)
+                for (int x = 0; x < 211; ++x) {
+                    const int which = pick(rng);
+                    phases[f](y, x)
+                        = which < 7 ? odd[which] : static_cast<float>(std::fmod(1.3 * x + y, periods[f]) / periods[f]);
+                }
+        }
+        MultiPhaseLoader loader(1, &params, &table);
+        EXPECT_EQ(loader.inputs(), 5);
+        EXPECT_EQ(captures::give(loader, phases[0], 5), 0) << "count + 2";
+        load(loader, phases);
+        expect_equal(
+            loader, plain::unwrap(phases, all_of({ 211, 37 }), [&](const auto& p) { return pairs.unwrap(p); }));
+    }
+}
+
+TEST(MultiPhase, Coordinate912IsKeptAndALargerOneIsNot)
+{
+    const Periods periods { 16, 32, 57 }; // 912 = 57 16 + 0 = 28 32 + 16 = 16 57 + 0
+    const FringePairTable table(periods);
+    const MultiPhaseMatchingParam params = params_of(periods);
+    MultiPhaseLoader loader(0, &params, &table);
+    std::vector<cv::Mat_<float>> phases(3);
+    for (size_t f = 0; f < 3; ++f) {
+        phases[f].create(1, 5);
+        const double at[] = { 900, 905, 911, 912, 912.5 };
+        for (int x = 0; x < 5; ++x)
+            phases[f](0, x) = static_cast<float>(std::fmod(at[x], periods[f]) / periods[f]);
+    }
+    load(loader, phases);
+    EXPECT_EQ(loader.valid, (plain::Rows { { 0, 1, 2, 3 } }));
+    EXPECT_EQ(loader.unwrapped(0, 3), 912.0F);
+    EXPECT_EQ(loader.unwrapped(0, 4), 0.0F);
+}
+
+TEST(MultiPhase, AnyRecordOrderAndSizeOfDecoderIsSurvived)
+{
+    std::mt19937 rng(14);
+    const FringePairTable table({ 9, 10, 11 });
+    const FringePairTable none({ 9, 10 });
+    const auto frames = captures::random_frames(40, { 21, 5 }, rng);
+    MultiPhaseMatchingParam params = params_of({ 9, 10, 11 });
+    const auto expect_nothing = [](const MultiPhaseHolder& d) {
+        for (const auto& row : d.valid)
+            EXPECT_TRUE(row.empty());
+        EXPECT_TRUE(d.unwrapped.empty() && d.vmask.empty());
+    };
+    for (const int steps : { INT_MIN, -1, 0, 1, 2, 3, 4, 5, INT_MAX })
+        for (const int nperiods : { INT_MIN, 0, 1, 2, 3, 4, INT_MAX })
+            for (const FringePairTable* t : { static_cast<const FringePairTable*>(nullptr), &none, &table }) {
+                MultiPhaseDecoder decoder(0, &params, t, steps, nperiods);
+                decoder.unwrap();
+                expect_nothing(decoder);
+                captures::give_all(decoder, frames);
+                params.nperiods = 99; // a rejected record is in force
+                params.steps = 77;
+                std::fill(std::begin(params.periods), std::end(params.periods), steps);
+                decoder.preproc();
+                decoder.unwrap();
+                if (t != &table || nperiods < 3 || steps < 3) expect_nothing(decoder);
+            }
+    MultiPhaseDecoder five(0, &params, &table, 5, 1); // decodes the first four of its frames
+    captures::give_all(five, frames);
+    params.periods[0] = 9;
+    five.preproc();
+    EXPECT_EQ(five.phases[0](0, 0),
+        plain::multi_phase({ frames[2](0, 0), frames[3](0, 0), frames[4](0, 0), frames[5](0, 0) }, 9));
+    MultiPhaseDecoder without(0, &params, &table, 4, 0);
+    EXPECT_EQ(without.frame_count, 2);
+    EXPECT_TRUE(without.phases.empty());
+    MultiPhaseLoader unbuilt(0, nullptr, nullptr);
+    unbuilt.preproc();
+    unbuilt.unwrap();
+    expect_nothing(unbuilt);
+}
+
+} // namespace
