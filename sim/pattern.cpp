@@ -21,13 +21,13 @@ std::vector<double> gray_plane(int columns, int period, int bit)
     return row;
 }
 
-std::vector<double> fringes(int columns, int period, int k)
+/// A + B cos(2 pi (x + 0.5) / period + offset) at integer x, rounded to 8 bits.
+std::vector<double> fringes(int columns, int period, double offset)
 {
     std::vector<double> row(static_cast<std::size_t>(columns));
-    for (int x = 0; x < columns; ++x) {
-        const double angle = 2 * pi * (x + 0.5) / period - k * pi / 2;
-        row[static_cast<std::size_t>(x)] = std::round(fringe_mean + fringe_amplitude * std::cos(angle));
-    }
+    for (int x = 0; x < columns; ++x)
+        row[static_cast<std::size_t>(x)]
+            = std::round(fringe_mean + fringe_amplitude * std::cos(2 * pi * (x + 0.5) / period + offset));
     return row;
 }
 
@@ -48,7 +48,21 @@ Pattern gray_phase_pattern(int columns, int period)
     for (int bit = gray_bits - 1; bit >= 0; --bit)
         pattern.frames.push_back(gray_plane(columns, period, bit));
     for (int k = 0; k < 4; ++k)
-        pattern.frames.push_back(fringes(columns, period, k));
+        pattern.frames.push_back(fringes(columns, period, -k * pi / 2));
+    return pattern;
+}
+
+Pattern multi_phase_pattern(int columns, const std::vector<int>& periods)
+{
+    Pattern pattern { "multi-phase", {} };
+    pattern.frames.emplace_back(static_cast<std::size_t>(columns), 0.0);
+    pattern.frames.emplace_back(static_cast<std::size_t>(columns), 255.0);
+    for (const int period : periods)
+        for (int s = 0; s < 4; ++s)
+            pattern.frames.push_back(fringes(columns, period, pi + s * pi / 2)); // -cos(a) = cos(a + pi)
+    for (std::vector<double>& row : pattern.frames)
+        for (std::size_t x = multi_phase_columns; x < row.size(); ++x)
+            row[x] = 0;
     return pattern;
 }
 
