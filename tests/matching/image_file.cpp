@@ -1,0 +1,81 @@
+#include "camera/image_file.h"
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+
+#include <fstream>
+#include <sys/stat.h>
+
+using namespace vexo;
+
+namespace {
+
+std::string encoded(const std::string& extension, cv::Size size, int type = CV_8U)
+{
+    std::vector<uchar> bytes;
+    cv::imencode(extension, cv::Mat(size, type, cv::Scalar::all(50)), bytes);
+    return { bytes.begin(), bytes.end() };
+}
+
+std::string in_file(const std::string& bytes)
+{
+    const std::string path = testing::TempDir() + "vexo_image_file";
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+}
+
+std::string with(std::string bytes, std::size_t at, const std::string& patch)
+{
+    return bytes.replace(at, patch.size(), patch);
+}
+
+} // namespace
+
+TEST(ImageFile, HeadersAnnounceTheSizeAndTheImageIsGrey)
+{
+    for (const char* extension : { ".png", ".jpg", ".bmp", ".pgm", ".tiff" })
+        for (const int type : { CV_8U, CV_8UC3 }) {
+            const std::string name = std::string(extension) == ".pgm" && type == CV_8UC3 ? ".ppm" : extension;
+            const std::string bytes = encoded(name, { 33, 7 }, type);
+            EXPECT_EQ(announced_image_size(bytes), cv::Size(33, 7)) << name;
+            const cv::Mat image = read_grey_image(in_file(bytes));
+            ASSERT_EQ(image.size(), cv::Size(33, 7)) << name;
+            EXPECT_EQ(image.type(), CV_8UC1);
+            EXPECT_EQ(image.at<uchar>(3, 3), 50);
+        }
+    EXPECT_EQ(announced_image_size("P5 # a comment with 9 9\n 12\t34 255\n"), cv::Size(12, 34));
+    EXPECT_EQ(announced_image_size("no image"), cv::Size());
+    EXPECT_EQ(announced_image_size(""), cv::Size());
+}
+
+TEST(ImageFile, APictureOfGigabytesInAFewBytesIsRefused)
+{
+    const std::string png = with(encoded(".png", { 8, 8 }), 16, std::string("\0\0\x75\x30\0\0\x75\x30", 8));
+    const std::string bmp = with(encoded(".bmp", { 8, 8 }), 18, std::string("\x30\x75\0\0\x30\x75\0\0", 8));
+    for (const std::string& bytes : { png, bmp, std::string("P5\n30000 30000\n255\n") }) {
+        EXPECT_EQ(announced_image_size(bytes), cv::Size(30000, 30000));
+        EXPECT_TRUE(read_grey_image(in_file(bytes)).empty());
+    }
+    EXPECT_TRUE(read_grey_image(in_file("P5\n99999999999999999999 1\n255\n")).empty());
+}
+
+TEST(ImageFile, WhatIsNoImageFileGivesAnEmptyMat)
+{
+    EXPECT_TRUE(read_grey_image("").empty());
+    EXPECT_TRUE(read_grey_image("/nonexistent.png").empty());
+    EXPECT_TRUE(read_grey_image(testing::TempDir()).empty());
+    EXPECT_TRUE(read_grey_image("/dev/zero").empty());
+    EXPECT_TRUE(read_grey_image(in_file("")).empty());
+    EXPECT_TRUE(read_grey_image(in_file("text")).empty());
+    const std::string fifo = testing::TempDir() + "vexo_fifo";
+    ::mkfifo(fifo.c_str(), 0600);
+    EXPECT_TRUE(read_grey_image(fifo).empty());
+    ::unlink(fifo.c_str());
+    for (const char* extension : { ".png", ".jpg", ".bmp", ".pgm", ".tiff" }) {
+        const std::string whole = encoded(extension, { 9, 5 });
+        for (std::size_t n = 0; n < whole.size(); n += 1 + whole.size() / 40) {
+            announced_image_size(whole.substr(0, n)); // the sanitizer watches
+            read_grey_image(in_file(whole.substr(0, n)));
+        }
+    }
+}

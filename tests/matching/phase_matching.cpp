@@ -1,0 +1,462 @@
+#include "decode/GrayPhaseDecoder.h"
+#include "matching/gyps.h"
+#include "matching/mlps.h"
+#include "matching/rig.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+#include <opencv2/imgcodecs.hpp>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+using namespace vexo;
+
+namespace {
+
+using Method = iPointCloudGenerator::Method3D;
+
+GrayPhaseMatchingParam gray_record()
+{
+    GrayPhaseMatchingParam record;
+    record.max_phase_diff = 0.15;
+    record.anchor_length = 2;
+    record.reject_length = 1;
+    return record;
+}
+
+MultiPhaseMatchingParam multi_record()
+{
+    MultiPhaseMatchingParam record;
+    record.fit_points = 5;
+    return record;
+}
+
+template <class Matcher, class Record> rig::Owned<Matcher> make(StereoCamera* camera, Record record)
+{
+    rig::Owned<Matcher> matcher(new Matcher);
+    matcher->init(camera);
+    EXPECT_TRUE(matcher->setparams(&record));
+    return matcher;
+}
+
+/// A gray code + phase matcher that has all frames.
+rig::Owned<GyPsMatching> loaded_gyps(StereoCamera* camera, GrayPhaseMatchingParam record = gray_record())
+{
+    auto matcher = make<GyPsMatching>(camera, record);
+    EXPECT_TRUE(rig::put_frames(*matcher, rig::gray_phase_frames));
+    return matcher;
+}
+
+template <class Matcher> rig::Cloud measured(Matcher& matcher, bool interpolate = false)
+{
+    EXPECT_TRUE(matcher.exec());
+    matcher.genPC(Method::MethodQ, interpolate);
+    return rig::cloud_of(matcher);
+}
+
+/// Depth errors of the valid points, mm, ascending by size.
+std::vector<double> errors(const rig::Cloud& cloud)
+{
+    std::vector<double> all;
+    for (const auto& p : cloud.points)
+        if (p.z == p.z) all.push_back(std::abs(rig::depth_error(p)));
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+void expect_plane(const rig::Cloud& cloud, const char* what)
+{
+    EXPECT_EQ(cloud.width, rig::width) << what;
+    EXPECT_EQ(cloud.height, rig::height) << what;
+    const std::vector<double> all = errors(cloud);
+    ASSERT_EQ(static_cast<int>(all.size()), cloud.count) << what;
+    // Disparity is 20 px, so that many columns of 160 have no partner; edges and period borders lose some more.
+    EXPECT_GT(cloud.count, rig::width * rig::height * 3 / 4) << what;
+    // Rounding to 8 bits gives a phase error of 0.29 / (100 sqrt 2) rad, 0.0026 px of a pattern whose period is
+    // 8 px; fits and both cameras make 0.01 px of it. Z^2 / (f b) = 25 mm per px.
+    EXPECT_LT(all[all.size() / 2], 0.25) << what;
+    EXPECT_LT(all[all.size() * 95 / 100], 1.0) << what;
+}
+
+} // namespace
+
+TEST(GyPsMatching, MeasuresAPlane)
+{
+    const rig::Camera camera = rig::make_camera();
+    for (const int fit_points : { 3, 5 })
+        for (const bool interpolate : { false, true }) {
+            GrayPhaseMatchingParam record = gray_record();
+            record.fit_points = fit_points;
+            const auto matcher = loaded_gyps(camera.get(), record);
+            const rig::Cloud cloud = measured(*matcher, interpolate);
+            expect_plane(cloud, interpolate ? "interpolated" : "plain");
+            // The texture is the rectified lit frame; this rig's rectification is the identity.
+            EXPECT_EQ(cv::countNonZero(rig::inner(cloud.texture) != 220), 0);
+        }
+}
+
+TEST(MlPsMatching, MeasuresAPlane)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make<MlPsMatching>(camera.get(), multi_record());
+    ASSERT_TRUE(rig::put_frames(*matcher, [](int cam) { return rig::multi_phase_frames(cam); }));
+    expect_plane(measured(*matcher), "multi-phase");
+}
+
+TEST(PhaseMatching, CloudIsTheSameForAnyNumberOfThreadsAndInsideAParallelRegion)
+{
+    const rig::Camera camera = rig::make_camera(0, 0.05);
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(1);
+    const auto first = measured(*loaded_gyps(camera.get()));
+    EXPECT_GT(first.count, 0);
+    for (const int threads : { 2, 3, 7 }) {
+        omp_set_num_threads(threads);
+        EXPECT_TRUE(rig::same_bits(first.points, measured(*loaded_gyps(camera.get())).points)) << threads;
+    }
+    omp_set_num_threads(before);
+    std::array<rig::Cloud, 2> nested;
+#pragma omp parallel for num_threads(2)
+    for (int i = 0; i < 2; ++i)
+        nested[static_cast<std::size_t>(i)] = measured(*loaded_gyps(camera.get()));
+    for (const rig::Cloud& cloud : nested)
+        EXPECT_TRUE(rig::same_bits(first.points, cloud.points));
+}
+
+TEST(PhaseMatching, OneObjectMeasuresAgainAndAgainWithTheSameResult)
+{
+    const rig::Camera camera = rig::make_camera(0, 0.05, { 200, 90 });
+    const auto matcher = loaded_gyps(camera.get());
+    const rig::Cloud first = measured(*matcher);
+    EXPECT_EQ(cv::Size(first.width, first.height), cv::Size(200, 90));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(rig::same_bits(first.points, measured(*matcher).points));
+}
+
+TEST(PhaseMatching, ABrightFillColourDoesNotMakeTheOutsideValid)
+{
+    const rig::Camera dark = rig::make_camera(0, 0.3), bright = rig::make_camera(255, 0.3);
+    const rig::Cloud a = measured(*loaded_gyps(dark.get())), b = measured(*loaded_gyps(bright.get()));
+    EXPECT_GT(a.count, 0);
+    EXPECT_TRUE(rig::same_bits(a.points, b.points));
+    EXPECT_GT(cv::countNonZero(a.texture == 0), 100); // the rig has an outside, or this proves nothing
+    EXPECT_GT(cv::countNonZero(b.texture == 255), 100);
+}
+
+TEST(PhaseMatching, CallsOutOfOrderAnswerFalseAndGiveNoPoints)
+{
+    const rig::Camera camera = rig::make_camera();
+    cv::Mat frame(rig::height, rig::width, CV_8U, cv::Scalar(9));
+    const rig::Owned<GyPsMatching> matcher(new GyPsMatching);
+    const auto expect_nothing = [&](const char* when) {
+        EXPECT_FALSE(matcher->exec()) << when;
+        matcher->genPC(Method::MethodQ, false);
+        const rig::Cloud cloud = rig::cloud_of(*matcher);
+        EXPECT_EQ(cloud.calls, 1) << when;
+        EXPECT_EQ(cloud.count, 0) << when;
+        EXPECT_EQ(cloud.width * cloud.height, 0) << when;
+        EXPECT_FALSE(cloud.texture_given) << when;
+    };
+    expect_nothing("at birth");
+    EXPECT_FALSE(matcher->setpict(frame.data, 0, 0, 0));
+    matcher->init(camera.get());
+    expect_nothing("without setparams");
+    EXPECT_FALSE(matcher->setpict(frame.data, 0, 0, 0));
+    unsigned char* data = nullptr;
+    int width = 0, height = 0;
+    unsigned long step = 0;
+    EXPECT_FALSE(matcher->getpict(&data, &width, &height, &step, 0, 0));
+    EXPECT_FALSE(matcher->loadpict("/nonexistent.png", 0, 0));
+    EXPECT_FALSE(matcher->setparams(nullptr));
+
+    GrayPhaseMatchingParam record = gray_record();
+    ASSERT_TRUE(matcher->setparams(&record));
+    expect_nothing("without frames");
+    ASSERT_TRUE(rig::put_frames(*matcher, rig::gray_phase_frames));
+    matcher->genPC(Method::MethodQ, false);
+    EXPECT_EQ(matcher->get_pointcloud(nullptr), 0);
+    EXPECT_GT(measured(*matcher).count, 0);
+
+    ASSERT_TRUE(matcher->setparams(&record));
+    expect_nothing("after setparams, which drops the frames");
+    ASSERT_TRUE(rig::put_frames(*matcher, rig::gray_phase_frames));
+    EXPECT_GT(measured(*matcher).count, 0);
+    matcher->init(camera.get());
+    matcher->genPC(Method::MethodQ, false);
+    EXPECT_EQ(matcher->get_pointcloud(nullptr), 0) << "init asks for another exec";
+    EXPECT_GT(measured(*matcher).count, 0) << "but the same camera keeps the frames";
+    matcher->init(nullptr);
+    expect_nothing("without camera");
+    EXPECT_FALSE(matcher->setpict(frame.data, 0, 0, 0));
+}
+
+TEST(PhaseMatching, AnotherCameraDropsEverythingAndNothingStaleIsHandedOut)
+{
+    const rig::Camera camera = rig::make_camera(), small = rig::make_camera(0, 0, { 40, 30 }),
+                      other = rig::make_camera(0, 0, {}, { 80, 60 });
+    const auto matcher = loaded_gyps(camera.get());
+    ASSERT_GT(measured(*matcher).count, 0);
+    for (StereoCamera* next : { small.get(), other.get() }) {
+        matcher->init(next);
+        const rig::Cloud cloud = rig::cloud_of(*matcher);
+        EXPECT_EQ(cloud.width * cloud.height, 0);
+        EXPECT_EQ(cloud.count, 0);
+        EXPECT_FALSE(matcher->exec());
+    }
+    cv::Mat frame(60, 80, CV_8U, cv::Scalar(9));
+    EXPECT_TRUE(matcher->setpict(frame.data, frame.step[0], 0, 0));
+}
+
+TEST(PhaseMatching, ARefusedRecordIsInForceButKeepsDecodersAndFrames)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = loaded_gyps(camera.get());
+    const int all = measured(*matcher).count;
+
+    GrayPhaseMatchingParam record = gray_record();
+    record.fit_points = 4;
+    record.max_disparity = 20.0; // the plane's disparities lie on both sides
+    record.datatype = 2;
+    EXPECT_FALSE(matcher->setparams(&record));
+    EXPECT_EQ(matcher->get_datatype(), 2);
+    const int limited = measured(*matcher).count;
+    EXPECT_LT(limited, all);
+    EXPECT_GT(limited, 0);
+
+    for (const double bad : { std::nan(""), HUGE_VAL, -HUGE_VAL })
+        for (const int number : { INT_MIN, -1, 0, INT_MAX }) {
+            record = gray_record();
+            record.max_phase_diff = record.max_disparity = bad;
+            record.fit_points = record.datatype = number;
+            record.min_contrast = record.max_white = record.min_white = number;
+            record.anchor_length = record.reject_length = record.code_spread = number;
+            EXPECT_FALSE(matcher->setparams(&record));
+            EXPECT_TRUE(matcher->exec());
+            for (const bool interpolate : { false, true })
+                matcher->genPC(Method::MethodQ, interpolate);
+        }
+    record = gray_record();
+    EXPECT_TRUE(matcher->setparams(&record));
+}
+
+TEST(PhaseMatching, RecordsAreAcceptedAtTheirLimits)
+{
+    const rig::Owned<GyPsMatching> gyps(new GyPsMatching);
+    const auto gray = [&](auto change) {
+        GrayPhaseMatchingParam record;
+        change(record);
+        return gyps->setparams(&record);
+    };
+    EXPECT_TRUE(gray([](auto&) {}));
+    EXPECT_TRUE(gray([](auto& r) { r.anchor_length = r.reject_length = 0; }));
+    EXPECT_TRUE(gray([](auto& r) { r.min_disparity = r.max_disparity; }));
+    EXPECT_TRUE(gray([](auto& r) { r.datatype = 1; }));
+    EXPECT_EQ(gyps->requiredframes(), 13);
+    EXPECT_FALSE(gray([](auto& r) { r.fit_points = 4; }));
+    EXPECT_FALSE(gray([](auto& r) { r.min_disparity = 401; }));
+    EXPECT_FALSE(gray([](auto& r) { r.datatype = -1; }));
+    EXPECT_FALSE(gray([](auto& r) { r.anchor_length = -1; }));
+    EXPECT_FALSE(gray([](auto& r) { r.reject_length = -1; }));
+    EXPECT_FALSE(gray([](auto& r) { r.code_spread = 0; }));
+
+    const rig::Owned<MlPsMatching> mlps(new MlPsMatching);
+    const auto multi = [&](auto change) {
+        MultiPhaseMatchingParam record;
+        change(record);
+        return mlps->setparams(&record);
+    };
+    EXPECT_TRUE(multi([](auto&) {}));
+    EXPECT_TRUE(multi([](auto& r) { r.nperiods = 0; }));
+    EXPECT_TRUE(multi([](auto& r) { r.nperiods = 4; }));
+    EXPECT_TRUE(multi([](auto& r) { r.steps = 3; }));
+    EXPECT_TRUE(multi([](auto& r) { r.datatype = 1; }));
+    EXPECT_EQ(mlps->requiredframes(), 14);
+    EXPECT_FALSE(multi([](auto& r) { r.nperiods = 5; }));
+    EXPECT_FALSE(multi([](auto& r) { r.nperiods = -1; }));
+    EXPECT_FALSE(multi([](auto& r) { r.steps = 2; }));
+    EXPECT_FALSE(multi([](auto& r) { r.fit_points = 4; }));
+    EXPECT_FALSE(multi([](auto& r) { r.min_disparity = 500; }));
+}
+
+TEST(PhaseMatching, SetparamsWritesItsLineAndNothingElse)
+{
+    const rig::Owned<GyPsMatching> gyps(new GyPsMatching);
+    const rig::Owned<MlPsMatching> mlps(new MlPsMatching);
+    GrayPhaseMatchingParam gray;
+    gray.code_spread = 0;
+    MultiPhaseMatchingParam multi;
+    testing::internal::CaptureStderr();
+    gyps->setparams(&gray);
+    mlps->setparams(&multi);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "GyPsMatching::setparams()\nMlPsMatching::setparams()\n");
+}
+
+TEST(MlPsMatching, ReadsNothingBehindTheHosts68Bytes)
+{
+    const MultiPhaseMatchingParam record;
+    const std::unique_ptr<unsigned char[]> packed(new unsigned char[multi_phase_param_bytes]);
+    std::memcpy(packed.get(), &record, multi_phase_param_bytes);
+    const rig::Owned<MlPsMatching> matcher(new MlPsMatching);
+    EXPECT_TRUE(matcher->setparams(packed.get())); // the sanitizer watches
+}
+
+TEST(MlPsMatching, ExecRefusesARecordThatItsDecodersAreNotMadeFor)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make<MlPsMatching>(camera.get(), multi_record());
+    const auto frames = [](int cam) { return rig::multi_phase_frames(cam); };
+    ASSERT_TRUE(rig::put_frames(*matcher, frames));
+    cv::Mat frame(rig::height, rig::width, CV_8U, cv::Scalar(9));
+    EXPECT_FALSE(matcher->setpict(frame.data, 0, 0, 14));
+    ASSERT_TRUE(matcher->exec());
+
+    MultiPhaseMatchingParam record = multi_record();
+    record.datatype = 7; // refused, but harmless
+    EXPECT_FALSE(matcher->setparams(&record));
+    EXPECT_TRUE(matcher->exec());
+    record.steps = 3;
+    EXPECT_FALSE(matcher->setparams(&record));
+    EXPECT_FALSE(matcher->exec());
+    record = multi_record();
+    record.nperiods = INT_MIN;
+    EXPECT_FALSE(matcher->setparams(&record));
+    EXPECT_FALSE(matcher->exec());
+
+    for (const int nperiods : { 0, 2, 4 }) { // accepted, but there is no table
+        record = multi_record();
+        record.nperiods = nperiods;
+        EXPECT_TRUE(matcher->setparams(&record));
+        rig::put_frames(*matcher, frames);
+        EXPECT_FALSE(matcher->exec()) << nperiods;
+    }
+}
+
+TEST(PhaseMatching, FramesComeBackAsTheyWereGivenFromExactBuffers)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make<GyPsMatching>(camera.get(), gray_record());
+    const int w = rig::width, h = rig::height;
+    // Two frames side by side with an odd step: camera 1 starts at half of it, rounded down. The buffer ends with
+    // the last pixel of camera 1.
+    const unsigned long step = 2 * static_cast<unsigned long>(w) + 7;
+    std::vector<unsigned char> both((static_cast<std::size_t>(h) - 1) * step + step / 2 + static_cast<std::size_t>(w));
+    for (std::size_t i = 0; i < both.size(); ++i)
+        both[i] = static_cast<unsigned char>(i * 7 + i / 251);
+    ASSERT_TRUE(matcher->setpict(both.data(), step, 2, 5));
+
+    unsigned char* data = nullptr;
+    int width = 0, height = 0;
+    unsigned long out_step = 0;
+    for (const int cam : { 0, 1, 2 }) {
+        ASSERT_TRUE(matcher->getpict(&data, &width, &height, &out_step, cam, 5));
+        ASSERT_EQ(cv::Size(width, height), cv::Size(cam == 2 ? 2 * w : w, h));
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < width; ++x) {
+                const bool second = cam == 1 || x >= w;
+                const std::size_t source
+                    = static_cast<std::size_t>(y) * step + (second ? step / 2 : 0) + static_cast<std::size_t>(x % w);
+                ASSERT_EQ(data[static_cast<std::size_t>(y) * out_step + static_cast<std::size_t>(x)], both[source]);
+            }
+    }
+    unsigned char* untouched = data;
+    for (const auto& [cam, index] : std::vector<std::pair<int, int>> {
+             { -1, 5 }, { 3, 5 }, { INT_MIN, 5 }, { 0, 4 }, { 2, 4 }, { 0, -1 }, { 0, 13 }, { 1, INT_MAX } })
+        EXPECT_FALSE(matcher->getpict(&data, &width, &height, &out_step, cam, index)) << cam << " " << index;
+    EXPECT_EQ(data, untouched);
+    EXPECT_FALSE(matcher->getpict(nullptr, &width, &height, &out_step, 0, 5));
+}
+
+TEST(PhaseMatching, SetpictRefusesWhatItCannotTake)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make<GyPsMatching>(camera.get(), gray_record());
+    std::vector<unsigned char> pixels(static_cast<std::size_t>(2 * rig::width * rig::height), 9);
+    constexpr unsigned long w = rig::width;
+    EXPECT_TRUE(matcher->setpict(pixels.data(), 0, 0, 0));
+    EXPECT_TRUE(matcher->setpict(pixels.data(), w, 1, 12));
+    EXPECT_TRUE(matcher->setpict(pixels.data(), 0, 2, 0)); // packed: 2 w
+    EXPECT_TRUE(matcher->setpict(pixels.data(), 2 * w, 2, 0));
+    EXPECT_FALSE(matcher->setpict(nullptr, w, 0, 0));
+    EXPECT_FALSE(matcher->setpict(pixels.data(), w - 1, 0, 0));
+    EXPECT_FALSE(matcher->setpict(pixels.data(), 2 * w - 1, 2, 0));
+    for (const int frame : { -1, INT_MIN, 13, INT_MAX })
+        EXPECT_FALSE(matcher->setpict(pixels.data(), w, 0, frame));
+    for (const int cam : { -1, 3, INT_MIN, INT_MAX })
+        EXPECT_FALSE(matcher->setpict(pixels.data(), w, cam, 0));
+}
+
+TEST(PhaseMatching, LoadpictTakesOnlyPicturesOfTheInputSize)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make<GyPsMatching>(camera.get(), gray_record());
+    const std::string path = testing::TempDir() + "vexo_loadpict.png";
+    const auto load = [&](cv::Size size, int type, int cam, int frame) {
+        cv::imwrite(path, cv::Mat(size, type, cv::Scalar::all(77)));
+        return matcher->loadpict(path, cam, frame);
+    };
+    const cv::Size one(rig::width, rig::height), two(2 * rig::width, rig::height);
+    EXPECT_TRUE(load(one, CV_8U, 0, 3));
+    EXPECT_TRUE(load(one, CV_8UC3, 1, 3));
+    EXPECT_TRUE(load(two, CV_8U, 2, 4));
+    EXPECT_FALSE(load(two, CV_8U, 0, 3));
+    EXPECT_FALSE(load(one, CV_8U, 2, 3));
+    EXPECT_FALSE(load({ rig::height, rig::width }, CV_8U, 0, 3));
+    for (const int cam : { -1, 3 })
+        EXPECT_FALSE(load(one, CV_8U, cam, 3));
+    for (const int frame : { -1, 13 })
+        EXPECT_FALSE(load(one, CV_8U, 0, frame));
+    unsigned char* data = nullptr;
+    int width = 0, height = 0;
+    unsigned long step = 0;
+    ASSERT_TRUE(matcher->getpict(&data, &width, &height, &step, 1, 3));
+    EXPECT_EQ(data[0], 77);
+}
+
+TEST(PhaseMatching, DecodedDataGivesTheCloudOfItsFrames)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto decoded = loaded_gyps(camera.get());
+    const rig::Cloud expected = measured(*decoded);
+
+    GrayPhaseMatchingParam record = gray_record();
+    record.datatype = 1;
+    const auto loader = make<GyPsMatching>(camera.get(), record);
+    EXPECT_FALSE(loader->exec());
+    for (int cam = 0; cam < 2; ++cam) {
+        GrayPhaseDecoder decoder(cam, 13, &record);
+        std::vector<cv::Mat> frames = rig::gray_phase_frames(cam);
+        for (int i = 0; i < 13; ++i) {
+            cv::Mat& frame = frames[static_cast<std::size_t>(i)];
+            ASSERT_EQ(decoder.set_input(frame.data, frame.cols, frame.rows, frame.step[0], i), 1);
+        }
+        decoder.preproc();
+        ASSERT_TRUE(loader->setpict(decoder.black.data, 0, cam, 0));
+        ASSERT_TRUE(loader->setpict(decoder.white.data, 0, cam, 1));
+        ASSERT_TRUE(loader->setpict(decoder.gray.data, 0, cam, 2));
+        EXPECT_FALSE(loader->setpict(decoder.phase.data, rig::width, cam, 3)) << "a float row has four times the bytes";
+        ASSERT_TRUE(loader->setpict(decoder.phase.data, 0, cam, 3));
+        EXPECT_FALSE(loader->setpict(decoder.phase.data, 0, cam, 4));
+    }
+    EXPECT_TRUE(rig::same_bits(expected.points, measured(*loader).points));
+    const std::string path = testing::TempDir() + "vexo_decoded.png";
+    cv::imwrite(path, cv::Mat(rig::height, rig::width, CV_8U, cv::Scalar(1)));
+    EXPECT_TRUE(loader->loadpict(path, 0, 2));
+    EXPECT_FALSE(loader->loadpict(path, 0, 3)) << "no 8-bit picture is a phase";
+    EXPECT_FALSE(loader->loadpict(path, 0, 13));
+}
+
+TEST(PhaseMatching, DatatypeStandsBehindTheDestructorInTheVirtualTable)
+{
+    // 12 operations of the interface, two entries of the destructor, then get_datatype.
+    const rig::Owned<MlPsMatching> matcher(new MlPsMatching);
+    MultiPhaseMatchingParam record;
+    record.datatype = 1;
+    matcher->setparams(&record);
+    void* object = matcher.get();
+    using Get = int (*)(const void*);
+    void** table = *static_cast<void***>(object);
+    EXPECT_EQ(reinterpret_cast<Get>(table[14])(object), 1);
+    EXPECT_EQ(reinterpret_cast<Get>(table[5])(object), 14);
+}

@@ -1,0 +1,207 @@
+#include "matching/sgbm.h"
+#include "matching/rig.h"
+
+#include <gtest/gtest.h>
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include <climits>
+#include <cmath>
+
+using namespace vexo;
+
+namespace {
+
+using Method = iPointCloudGenerator::Method3D;
+
+/// Random texture, seen 16 px farther left by camera 1.
+cv::Mat textured(int cam)
+{
+    cv::Mat_<uchar> wide(rig::height, rig::width + 16), image;
+    cv::RNG rng(5);
+    rng.fill(wide, cv::RNG::UNIFORM, 0, 256);
+    wide.colRange(16 * cam, 16 * cam + rig::width).copyTo(image);
+    return image;
+}
+
+SGBMatchingParam small_record()
+{
+    SGBMatchingParam record;
+    record.numDisparities = 32;
+    return record;
+}
+
+rig::Owned<SGBMatching> make(StereoCamera* camera, SGBMatchingParam record = small_record())
+{
+    rig::Owned<SGBMatching> matcher(new SGBMatching);
+    matcher->init(camera);
+    EXPECT_TRUE(matcher->setparams(&record));
+    for (int cam = 0; cam < 2; ++cam) {
+        cv::Mat image = textured(cam);
+        EXPECT_TRUE(matcher->setpict(image.data, image.step[0], cam, 0));
+    }
+    return matcher;
+}
+
+rig::Cloud measured(SGBMatching& matcher)
+{
+    EXPECT_TRUE(matcher.exec());
+    matcher.genPC(Method::MethodQ, false);
+    return rig::cloud_of(matcher);
+}
+
+} // namespace
+
+TEST(SGBMatching, EqualsOpenCVOnTheRectifiedPairPixelForPixel)
+{
+    for (const int min_disparity : { 0, -16, 4 })
+        for (const int mode : { 0, 1, 2, 3 }) {
+            const rig::Camera camera = rig::make_camera(30, 0.02);
+            SGBMatchingParam record = small_record();
+            record.minDisparity = min_disparity;
+            record.mode = mode;
+            const auto matcher = make(camera.get(), record);
+            const rig::Cloud cloud = measured(*matcher);
+
+            cv::Mat rectified[2], fixed_point;
+            ASSERT_TRUE(camera->cam0.remap(textured(0), rectified[0]) && camera->cam1.remap(textured(1), rectified[1]));
+            cv::StereoSGBM::create(min_disparity, 32, 5, 200, 800, 0, 0, 20, 100, 1, mode)
+                ->compute(rectified[0], rectified[1], fixed_point);
+            int count = 0;
+            for (int r = 0; r < rig::height; ++r)
+                for (int c = 0; c < rig::width; ++c) {
+                    const double d = fixed_point.at<short>(r, c) / 16.0;
+                    const cv::Point3f& p = cloud.points[static_cast<std::size_t>(r * rig::width + c)];
+                    const cv::Vec4d h = cv::Matx44d(camera->Q) * cv::Vec4d(c, r, d, 1);
+                    const bool expected = d != min_disparity - 1.0 && h[3] != 0.0;
+                    ASSERT_EQ(p.z == p.z, expected);
+                    ASSERT_TRUE(!expected || std::abs(p.z - h[2] / h[3]) <= 1e-6 * std::abs(p.z)); // a float
+                    count += expected ? 1 : 0;
+                }
+            EXPECT_EQ(cloud.count, count);
+            EXPECT_EQ(cv::norm(cloud.texture, rectified[0], cv::NORM_INF), 0.0);
+        }
+}
+
+TEST(SGBMatching, WorksOnTheDefaultRecordWithoutSetparams)
+{
+    const rig::Camera camera = rig::make_camera(0, 0, {}, { 400, 60 });
+    const rig::Owned<SGBMatching> matcher(new SGBMatching);
+    matcher->init(camera.get());
+    cv::Mat_<uchar> both(60, 800);
+    cv::RNG rng(5);
+    rng.fill(both, cv::RNG::UNIFORM, 0, 256);
+    both.colRange(20, 400).copyTo(both.colRange(400, 780));
+    EXPECT_EQ(matcher->requiredframes(), 1);
+    EXPECT_FALSE(matcher->exec());
+    ASSERT_TRUE(matcher->setpict(both.data, 0, 2, -7)); // the frame index is not used
+    EXPECT_TRUE(matcher->exec());
+    matcher->genPC(Method::MethodQ, true);
+    EXPECT_GT(matcher->get_pointcloud(nullptr), 50 * 100);
+}
+
+TEST(SGBMatching, RecordsAreCheckedAfterTheyAreStored)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make(camera.get());
+    const auto set = [&](auto change) {
+        SGBMatchingParam record = small_record();
+        change(record);
+        return matcher->setparams(&record);
+    };
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(set([](auto& r) { r.mode = 3; }));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "SGBMatching::setparams()\n");
+    EXPECT_FALSE(set([](auto& r) { r.blockSize = 4; }));
+    EXPECT_FALSE(set([](auto& r) { r.blockSize = -3; }));
+    EXPECT_FALSE(set([](auto& r) { r.uniquenessRatio = -1; }));
+    EXPECT_FALSE(set([](auto& r) { r.uniquenessRatio = 101; }));
+    EXPECT_FALSE(set([](auto& r) { r.mode = 4; }));
+    EXPECT_FALSE(set([](auto& r) { r.mode = -1; }));
+    EXPECT_FALSE(set([](auto& r) { r.numDisparities = 250; }));
+    EXPECT_FALSE(matcher->exec()) << "250 is in force";
+    EXPECT_TRUE(set([](auto&) {}));
+    EXPECT_TRUE(matcher->exec());
+    EXPECT_FALSE(matcher->setparams(nullptr));
+}
+
+TEST(SGBMatching, ExecRefusesWhatWouldEndTheProcessInsideOpenCV)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make(camera.get());
+    const auto runs = [&](int first, int count, int block) {
+        SGBMatchingParam record;
+        record.minDisparity = first;
+        record.numDisparities = count;
+        record.blockSize = block;
+        matcher->setparams(&record);
+        return matcher->exec();
+    };
+    EXPECT_TRUE(runs(0, 32, 5));
+    EXPECT_TRUE(runs(-2047, 16, 5));
+    EXPECT_TRUE(runs(2031, 16, 5));
+    EXPECT_TRUE(runs(0, 256, 5)) << "more disparities than columns: nothing is found";
+    for (const int count : { 0, -16, 8, 4112, INT_MIN, 2147483632 })
+        EXPECT_FALSE(runs(0, count, 5)) << count;
+    for (const int first : { -2048, 2032, INT_MIN, INT_MAX })
+        EXPECT_FALSE(runs(first, 16, 5)) << first;
+    for (const int block : { 0, -1, 257, INT_MAX, INT_MIN + 1 })
+        EXPECT_FALSE(runs(0, 32, block)) << block;
+    EXPECT_FALSE(runs(0, 112, 97)) << "48 columns are left to match";
+    EXPECT_TRUE(runs(0, 112, 95));
+}
+
+TEST(SGBMatching, ARefusedRecordMakesNoPointsOfPixelsWithoutAMatch)
+{
+    const rig::Camera camera = rig::make_camera();
+    const auto matcher = make(camera.get());
+    SGBMatchingParam record = small_record();
+    record.minDisparity = -16;
+    record.numDisparities = 48;
+    record.mode = 4;
+    EXPECT_FALSE(matcher->setparams(&record));
+    const int count = measured(*matcher).count;
+    EXPECT_GT(count, rig::width * rig::height / 2);
+    // 32 columns on the left and 16 on the right can have no match in this range.
+    EXPECT_LE(count, (rig::width - 48) * rig::height);
+}
+
+TEST(SGBMatching, CallsOutOfOrderAnswerFalse)
+{
+    const rig::Camera camera = rig::make_camera();
+    cv::Mat image = textured(0);
+    const rig::Owned<SGBMatching> matcher(new SGBMatching);
+    EXPECT_FALSE(matcher->setpict(image.data, 0, 0, 0));
+    EXPECT_FALSE(matcher->exec());
+    matcher->genPC(Method::MethodQ, false);
+    EXPECT_EQ(rig::cloud_of(*matcher).count, 0);
+    matcher->init(camera.get());
+    ASSERT_TRUE(matcher->setpict(image.data, 0, 0, 0));
+    EXPECT_FALSE(matcher->exec()) << "camera 1 is missing";
+
+    unsigned char* data = nullptr;
+    int width = 0, height = 0;
+    unsigned long step = 0;
+    EXPECT_TRUE(matcher->getpict(&data, &width, &height, &step, 0, -5));
+    EXPECT_EQ(cv::norm(rig::inner(cv::Mat(height, width, CV_8U, data, step)), rig::inner(image), cv::NORM_INF), 0.0);
+    for (const int cam : { 1, 2, 3, -1 })
+        EXPECT_FALSE(matcher->getpict(&data, &width, &height, &step, cam, 0)) << cam;
+    for (const int cam : { -1, 3 })
+        EXPECT_FALSE(matcher->setpict(image.data, 0, cam, 0));
+    EXPECT_FALSE(matcher->setpict(nullptr, 0, 0, 0));
+    EXPECT_FALSE(matcher->setpict(image.data, rig::width - 1, 0, 0));
+
+    const std::string path = testing::TempDir() + "vexo_sgbm.png";
+    cv::imwrite(path, image);
+    EXPECT_TRUE(matcher->loadpict(path, 1, 0));
+    EXPECT_FALSE(matcher->loadpict(path, 2, 0));
+    EXPECT_FALSE(matcher->loadpict(path + ".none", 1, 0));
+    ASSERT_TRUE(matcher->getpict(&data, &width, &height, &step, 2, 0));
+    EXPECT_EQ(width, 2 * rig::width);
+
+    matcher->genPC(Method::MethodQ, false);
+    EXPECT_EQ(matcher->get_pointcloud(nullptr), 0) << "no exec yet";
+    const rig::Camera other = rig::make_camera();
+    matcher->init(other.get());
+    EXPECT_FALSE(matcher->exec()) << "another camera drops the images";
+}
