@@ -7,7 +7,8 @@ namespace vexo {
 namespace sim {
 
 // The head is modelled in rounded parts, joined and hollowed with soft edges. Every part and every joint keeps the
-// gradient at or below 1, so the whole is a lower bound of the distance. Lengths in mm, of a life-size small head.
+// gradient at or below 1, so the whole is a lower bound of the distance. A part whose surrounding ball lies too far
+// away to matter is left out, which changes nothing but the time. Lengths in mm, of a small life-size head.
 namespace {
 double ellipsoid(const cv::Vec3d& p, const cv::Vec3d& c, const cv::Vec3d& r) noexcept
 {
@@ -41,85 +42,118 @@ double hollow(double body, double tool, double k) noexcept
     return -join(-body, tool, k);
 }
 
+/// Whether everything inside a ball lies too far away to change a field of value d through edges up to k soft.
+bool beyond(double d, double k, const cv::Vec3d& p, const cv::Vec3d& c, double r) noexcept
+{
+    return ball(p, c, r) > std::max(d, 0.0) + k;
+}
+
 double skull_and_face(const cv::Vec3d& p) noexcept
 {
     double d = ellipsoid(p, { 0, -58, 12 }, { 56, 64, 66 });
-    d = join(d, ellipsoid(p, { 0, -12, -8 }, { 43, 62, 50 }), 22);
-    d = join(d, ellipsoid(p, { 0, 36, -42 }, { 15, 12, 12 }), 20);    // chin
-    d = join(d, rod(p, { -26, -53, -38 }, { 26, -53, -38 }, 12), 14); // brow
+    d = join(d, ellipsoid(p, { 0, -16, -8 }, { 44, 62, 50 }), 26);
+    d = join(d, rod(p, { -7, 34, -43 }, { 7, 34, -43 }, 9.5), 26);    // chin
+    d = join(d, rod(p, { -24, -52, -39 }, { 24, -52, -39 }, 11), 20); // brow
     for (const double s : { -1.0, 1.0 }) {
-        d = join(d, ellipsoid(p, { s * 29, -16, -34 }, { 16, 14, 14 }), 16); // cheekbone
-        d = join(d, rod(p, { s * 42, -8, 0 }, { s * 25, 30, -20 }, 9), 20);  // jaw
+        d = join(d, ellipsoid(p, { s * 29, -16, -32 }, { 16, 14, 15 }), 24); // cheekbone
+        d = join(d, rod(p, { s * 41, -8, 0 }, { s * 22, 32, -24 }, 9), 28);  // jaw
     }
     return d;
 }
 
 double add_eye(double d, const cv::Vec3d& p, double s) noexcept
 {
-    d = hollow(d, ellipsoid(p, { s * 22, -36, -60 }, { 15, 11, 15 }), 9);
-    d = join(d, ball(p, { s * 21, -36, -40.5 }, 11), 2.5);
-    d = join(d, rod(p, { s * 12, -40, -49 }, { s * 30, -41, -46 }, 3), 3.5); // upper lid
-    return join(d, rod(p, { s * 13, -31, -49 }, { s * 29, -31, -46 }, 2.2), 3.5);
+    if (beyond(d, 10, p, { s * 21, -36, -50 }, 27)) return d;
+    d = hollow(d, ellipsoid(p, { s * 22, -36, -60 }, { 15, 10, 14 }), 10);
+    const cv::Vec3d centre(s * 21, -36, -41);
+    // Lids: a shell around the eyeball, open along a slit that narrows to both corners.
+    const double slit = ellipsoid(p, { s * 21, -35.5, -52 }, { 11, 4.6, 9 });
+    const double lids = hollow(ball(p, centre, 12), slit, 1.2);
+    return join(d, join(ball(p, centre, 10.5), lids, 0.8), 5);
 }
 
 double add_nose(double d, const cv::Vec3d& p) noexcept
 {
-    d = join(d, rod(p, { 0, -44, -53 }, { 0, -12, -70 }, 5), 10);
-    d = join(d, ball(p, { 0, -9, -72 }, 7.5), 7);
-    for (const double s : { -1.0, 1.0 }) {
-        d = join(d, ellipsoid(p, { s * 9, -6, -64 }, { 5.5, 5, 7 }), 5);
-        d = hollow(d, ball(p, { s * 4.5, 0, -69 }, 2.6), 2.5);
-    }
+    if (beyond(d, 12, p, { 0, -24, -62 }, 38)) return d;
+    double nose = rod(p, { 0, -46, -51 }, { 0, -12, -69 }, 5.5);
+    nose = join(nose, ball(p, { 0, -9, -71 }, 6.8), 10);
+    for (const double s : { -1.0, 1.0 })
+        nose = join(nose, ellipsoid(p, { s * 8, -6, -63 }, { 6, 5.5, 8 }), 8);
+    d = join(d, nose, 12);
+    for (const double s : { -1.0, 1.0 })
+        d = hollow(d, ellipsoid(p, { s * 4.8, -1, -68 }, { 2.4, 3, 3.4 }), 2.5);
     return d;
 }
 
 double add_mouth(double d, const cv::Vec3d& p) noexcept
 {
-    d = join(d, ellipsoid(p, { 0, 12, -50 }, { 22, 14, 10 }), 12); // the teeth behind
-    d = join(d, rod(p, { -11, 10.5, -58 }, { 11, 10.5, -58 }, 3.4), 6);
-    d = join(d, rod(p, { -9, 18, -57 }, { 9, 18, -57 }, 4.0), 6);
-    d = hollow(d, rod(p, { -16, 14, -58 }, { 0, 14, -63.5 }, 1.0), 2.5);
-    d = hollow(d, rod(p, { 16, 14, -58 }, { 0, 14, -63.5 }, 1.0), 2.5);
-    return hollow(d, rod(p, { 0, 0, -64 }, { 0, 7, -64 }, 1.2), 4); // below the nose
+    if (beyond(d, 14, p, { 0, 12, -54 }, 29)) return d;
+    d = join(d, ellipsoid(p, { 0, 12, -50 }, { 22, 15, 9 }), 14); // the teeth behind
+    for (const double s : { -1.0, 1.0 }) {                        // lips: arcs from the middle to the corners
+        d = join(d, rod(p, { s * 3, 8.8, -59 }, { s * 15, 12.8, -53 }, 3.6), 4);
+        d = join(d, rod(p, { 0, 18, -57.8 }, { s * 13, 14.5, -53 }, 4.2), 4);
+    }
+    for (const double s : { -1.0, 1.0 }) // the line between them
+        d = hollow(d, rod(p, { s * 17, 13.5, -55 }, { 0, 13.2, -62.2 }, 0.8), 2.2);
+    return hollow(d, rod(p, { 0, 0, -66 }, { 0, 6, -65 }, 1.5), 5); // groove below the nose
 }
 
 double add_ear(double d, const cv::Vec3d& p, double s) noexcept
 {
-    double ear = ellipsoid(p, { s * 57, -32, 12 }, { 7, 20, 12 });
+    if (beyond(d, 8, p, { s * 57, -32, 12 }, 24)) return d;
+    double ear = ellipsoid(p, { s * 56, -32, 12 }, { 7, 20, 12 });
     ear = hollow(ear, ellipsoid(p, { s * 63, -33, 5 }, { 6, 12, 7 }), 4);
-    return join(d, ear, 5);
+    return join(d, ear, 8);
 }
 
 double add_hair(double d, const cv::Vec3d& p) noexcept
 {
-    // Locks: ripples of the cap. Halved, since their slope adds to that of the cap.
-    const double cap = ellipsoid(p, { 0, -66, 18 }, { 60, 62, 66 });
+    const double cap = ellipsoid(p, { 0, -68, 20 }, { 59, 61, 66 });
+    if (0.6 * (cap - 0.6) > std::max(d, 0.0) + 4) return d;
+    // Locks: ripples of the cap. Reduced, since their slope adds to that of the cap.
     const double angle = std::atan2(p[0], -(p[1] + 40));
-    const double ripple = 1.3 * std::sin(15 * angle) * std::clamp((-p[1] - 40) / 40, 0.0, 1.0);
-    return join(d, 0.6 * (cap - ripple), 5);
+    const double ripple = 0.6 * std::sin(19 * angle) * std::clamp((-p[1] - 60) / 30, 0.0, 1.0);
+    return join(d, 0.6 * (cap - ripple), 4);
 }
 
 double torso(const cv::Vec3d& p) noexcept
 {
     double d = rod(p, { 0, 20, 20 }, { 0, 112, 30 }, 33);
     d = join(d, rod(p, { -74, 130, 34 }, { 74, 130, 34 }, 32), 42);
-    d = join(d, ellipsoid(p, { 0, 160, 22 }, { 100, 56, 54 }), 30);
+    d = join(d, ellipsoid(p, { 0, 160, 22 }, { 104, 56, 54 }), 34);
     for (const double s : { -1.0, 1.0 }) { // muscle from the ear to the breastbone, and collar bone
-        d = join(d, rod(p, { s * 38, 10, 18 }, { s * 7, 100, -10 }, 7), 12);
-        d = join(d, rod(p, { s * 8, 104, -12 }, { s * 80, 100, 20 }, 6), 12);
+        d = join(d, rod(p, { s * 38, 10, 18 }, { s * 7, 100, -8 }, 6), 16);
+        d = join(d, rod(p, { s * 8, 104, -10 }, { s * 72, 104, 22 }, 4.5), 20);
     }
     return hollow(d, ball(p, { 0, 96, -18 }, 6), 10); // hollow of the throat
+}
+
+double head(const cv::Vec3d& p) noexcept
+{
+    double d = skull_and_face(p);
+    d = add_nose(add_eye(add_eye(d, p, -1), p, 1), p);
+    d = add_mouth(d, p);
+    return add_hair(add_ear(add_ear(d, p, -1), p, 1), p);
+}
+
+double head_and_torso(const cv::Vec3d& p) noexcept
+{
+    constexpr double head_bottom = 70, torso_top = -25, torso_front = -52, edge = 14;
+    if (p[1] > head_bottom) { // far below the chin the head only matters beside a distant torso
+        const double d = torso(p);
+        if (p[1] - head_bottom > std::max(d, 0.0) + edge) return d;
+        return join(head(p), d, edge);
+    }
+    const double d = head(p);
+    if (std::max(torso_top - p[1], torso_front - p[2]) > std::max(d, 0.0) + edge) return d;
+    return join(d, torso(p), edge);
 }
 } // namespace
 
 double bust_field(const cv::Vec3d& p) noexcept
 {
-    double d = skull_and_face(p);
-    d = add_nose(add_eye(add_eye(d, p, -1), p, 1), p);
-    d = add_mouth(d, p);
-    d = add_hair(add_ear(add_ear(d, p, -1), p, 1), p);
-    d = join(d, torso(p), 14);
-    return -join(-d, -(p[1] - 148), 6); // sawn off flat below
+    constexpr double sawn_off_at = 148;
+    return -join(-head_and_torso(p), sawn_off_at - p[1], 6);
 }
 
 } // namespace sim

@@ -53,11 +53,14 @@ void encode_all(const std::vector<std::pair<std::string, cv::Mat>>& images, Capt
     if (failed) throw std::runtime_error("the images cannot be encoded; is there enough memory?");
 }
 
-/// Pose of a camera in raw camera-0 axes, which are the world of all files.
-void pose_from_camera0(const Rig& rig, const Camera& camera, cv::Matx33d& R, cv::Vec3d& T)
+/// Pose of a camera in raw camera-0 axes, which are the world of all files: [R | T], 3 x 4.
+cv::Matx34d pose_in_camera0(const Rig& rig, int camera)
 {
-    R = camera.R * rig.cameras[0].R.t();
-    T = camera.T - R * rig.cameras[0].T;
+    if (camera == 0) return cv::Matx34d::eye(); // exactly
+    const Camera& c = rig.cameras[1];
+    const cv::Matx33d R = c.R * rig.cameras[0].R.t();
+    const cv::Vec3d T = c.T - R * rig.cameras[0].T;
+    return { R(0, 0), R(0, 1), R(0, 2), T[0], R(1, 0), R(1, 1), R(1, 2), T[1], R(2, 0), R(2, 1), R(2, 2), T[2] };
 }
 
 Json to_json(const cv::Vec3d& v)
@@ -130,19 +133,15 @@ std::string cameras_yaml(const Rig& rig)
     cv::FileStorage storage = file_io::memory_yaml();
     for (int i = 0; i < 2; ++i) {
         const Camera& camera = rig.cameras[static_cast<std::size_t>(i)];
-        cv::Matx33d R;
-        cv::Vec3d T;
-        pose_from_camera0(rig, camera, R, T);
-        cv::Mat_<double> RT;
-        cv::hconcat(cv::Mat(R), cv::Mat(T), RT);
+        const cv::Matx34d pose = pose_in_camera0(rig, i);
         const std::string name = "cam" + std::to_string(i);
         storage << name + "_size"
                 << "[:" << camera.size.width << camera.size.height << "]";
         cv::write(storage, name + "_K", cv::Mat(camera.K));
-        cv::write(storage, name + "_R", cv::Mat(R));
-        cv::write(storage, name + "_T", cv::Mat(T));
-        cv::write(storage, name + "_P", cv::Mat(cv::Mat(camera.K) * RT));
-        cv::write(storage, name + "_D", cv::Mat(1, 5, CV_64F, const_cast<double*>(camera.D.data())).clone());
+        cv::write(storage, name + "_R", cv::Mat(pose.get_minor<3, 3>(0, 0)));
+        cv::write(storage, name + "_T", cv::Mat(pose.col(3)));
+        cv::write(storage, name + "_P", cv::Mat(camera.K * pose));
+        cv::write(storage, name + "_D", cv::Mat(camera.D, true).reshape(1, 1));
     }
     return storage.releaseAndGetString();
 }

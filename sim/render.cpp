@@ -154,7 +154,9 @@ void View::_trace_edge(const Scene& scene, std::size_t edge) noexcept
     Sample* out = &_edge_samples[edge * fine * fine];
     for (int j = 0; j < fine; ++j)
         for (int i = 0; i < fine; ++i) {
-            const cv::Vec2d pixel(x + (i + 0.5) / fine - 0.5, y + (j + 0.5) / fine - 0.5);
+            // Each row of samples is shifted a little, each column too: 16 steps even at upright and level edges.
+            const double right = (i + (j + 0.5) / fine) / fine, down = (j + (i + 0.5) / fine) / fine;
+            const cv::Vec2d pixel(x + right - 0.5, y + down - 0.5);
             *out++ = _trace(scene, pixel, 1.0 / fine).sample;
         }
 }

@@ -66,9 +66,9 @@ bool Sphere::intersect(const Ray& ray, double t0, double t1, Hit& hit) const noe
 }
 
 namespace {
-constexpr double grid_step = 4.0;                             // mm
+constexpr double grid_step = 2.5;                             // mm
 constexpr double node_reach = grid_step * 0.8660254037844386; // mm, half the diagonal of a cell
-constexpr double least_step = 0.02; // mm; misses at most chords this short: 1e-5 mm deep at radius 5 mm
+constexpr double least_step = 0.05; // mm; misses at most chords this short: 6e-5 mm deep at radius 5 mm
 } // namespace
 
 Implicit::Implicit(Field field, cv::Vec3d low, cv::Vec3d high, cv::Vec3d offset)
@@ -117,39 +117,36 @@ double Implicit::_lower_bound(const cv::Vec3d& p) const noexcept
     return static_cast<double>(_grid[at]) - node_reach;
 }
 
-/// Root between a parameter outside and one inside the body: regula falsi, Illinois variant.
-double Implicit::_root(const Ray& ray, double outside, double inside) const noexcept
+/// Root between a point outside and one inside the body: regula falsi, Illinois variant.
+double Implicit::_root(const Ray& ray, Point outside, Point inside) const noexcept
 {
-    double f_out = _field(ray.origin + outside * ray.direction);
-    double f_in = _field(ray.origin + inside * ray.direction);
     int last = 0;
-    for (int i = 0; i < 60 && f_out - f_in > 1e-11; ++i) {
-        const double t = (outside * f_in - inside * f_out) / (f_in - f_out);
-        const double f = _field(ray.origin + t * ray.direction);
-        if (std::abs(f) < 1e-11) return t;
+    for (int i = 0; i < 60 && outside.field - inside.field > 1e-10; ++i) {
+        const double s = (outside.s * inside.field - inside.s * outside.field) / (inside.field - outside.field);
+        const double f = _field(ray.origin + s * ray.direction);
+        if (std::abs(f) < 1e-10) return s;
         if (f > 0) {
-            outside = t;
-            f_out = f;
-            if (last == 1) f_in *= 0.5;
+            outside = { s, f };
+            if (last == 1) inside.field *= 0.5;
             last = 1;
         } else {
-            inside = t;
-            f_in = f;
-            if (last == -1) f_out *= 0.5;
+            inside = { s, f };
+            if (last == -1) outside.field *= 0.5;
             last = -1;
         }
     }
-    return 0.5 * (outside + inside);
+    return 0.5 * (outside.s + inside.s);
 }
 
 cv::Vec3d Implicit::_gradient(const cv::Vec3d& p) const noexcept
 {
-    constexpr double h = 1e-4; // mm: rounding and curvature each disturb the normal by about 1e-9
+    constexpr double h = 1e-5; // mm; curvature turns the normal by about h over the radius, rounding by 1e-9
+    const double here = _field(p);
     cv::Vec3d g;
     for (int i = 0; i < 3; ++i) {
         cv::Vec3d step;
         step[i] = h;
-        g[i] = _field(p + step) - _field(p - step);
+        g[i] = _field(p + step) - here;
     }
     return g;
 }
@@ -162,17 +159,18 @@ bool Implicit::intersect(const Ray& ray, double t0, double t1, Hit& hit) const n
     double end = t1 * length;
     if (!_clip(local, s, end)) return false;
 
-    double outside = s;
+    Point outside { s, -1 };
+    Point here = outside;
     while (s < end) {
         const cv::Vec3d p = local.origin + s * local.direction;
-        double clear = _lower_bound(p);
-        if (clear < 1) clear = _field(p);
-        if (clear <= 0) break;
-        outside = s;
-        s += std::max(clear, least_step);
+        here = { s, _lower_bound(p) };
+        if (here.field < 0.5) here.field = _field(p);
+        if (here.field <= 0) break;
+        outside = here;
+        s += std::max(here.field, least_step);
     }
     if (s >= end) return false;
-    const double root = s > outside ? _root(local, outside, s) : s;
+    const double root = outside.field > 0 ? _root(local, outside, here) : s; // else the ray begins inside
     hit.t = root / length;
     hit.point = ray.origin + hit.t * ray.direction;
     hit.normal = cv::normalize(_gradient(hit.point - _offset));

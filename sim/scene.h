@@ -74,9 +74,13 @@ public:
     bool intersect(const Ray& ray, double t0, double t1, Hit& hit) const noexcept override;
 
 private:
+    struct Point {
+        double s; ///< mm along the ray
+        double field;
+    };
     bool _clip(const Ray& ray, double& t0, double& t1) const noexcept;
     double _lower_bound(const cv::Vec3d& p) const noexcept;
-    double _root(const Ray& ray, double outside, double inside) const noexcept;
+    double _root(const Ray& ray, Point outside, Point inside) const noexcept;
     cv::Vec3d _gradient(const cv::Vec3d& p) const noexcept;
 
     Field _field;
