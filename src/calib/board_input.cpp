@@ -1,0 +1,56 @@
+#include "calib/board_input.h"
+
+#include "board/result_picture.h"
+#include "vexo/factories.h"
+
+#include <opencv2/highgui.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <filesystem>
+
+namespace vexo {
+
+bool set_board_parameters(
+    RecognizerPtr& recognizer, PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board)
+{
+    if (!recognizer) recognizer.reset(CreateCalibBoardRecognizer());
+    return recognizer && recognizer->set_parameters(pre, circle, board);
+}
+
+cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step)
+{
+    if (data == nullptr || width < 1 || height < 1 || step < static_cast<unsigned long>(width)) return {};
+    return cv::Mat(height, width, CV_8UC1, data, step);
+}
+
+cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture)
+{
+    cv::Mat result;
+    recognizer.copy_result_image(result, -1);
+    if (result.empty()) result = picture;
+    cv::Mat colour;
+    if (result.channels() == 1)
+        cv::cvtColor(result, colour, cv::COLOR_GRAY2BGR);
+    else
+        colour = result;
+    return colour;
+}
+
+void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save)
+{
+    if (!save.empty()) recognizer.save_result_image(save, -1);
+    if (!show) return;
+    recognizer.show_result_image(-1);
+    if (display_available()) cv::waitKey(moment_ms); // lets the window draw itself
+}
+
+bool same_file(const std::string& a, const std::string& b)
+{
+    if (a == b) return true;
+    std::error_code error;
+    const std::filesystem::path path_a = std::filesystem::weakly_canonical(a, error);
+    const std::filesystem::path path_b = std::filesystem::weakly_canonical(b, error);
+    return !error && path_a == path_b;
+}
+
+} // namespace vexo

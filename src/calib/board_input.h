@@ -1,0 +1,39 @@
+#pragma once
+
+#include "vexo/board.h"
+
+#include <opencv2/core.hpp>
+
+#include <memory>
+#include <string>
+
+/// What the calibrators and the pose solver share: owning a recogniser, taking pictures from hosts, and showing
+/// how a recognition ended.
+namespace vexo {
+
+/// How long a result picture is shown before the next picture is taken, ms.
+constexpr int moment_ms = 10;
+
+struct DestroyRecognizer {
+    void operator()(iCalibBoardRecognizer* recognizer) const { recognizer->destroy(); }
+};
+using RecognizerPtr = std::unique_ptr<iCalibBoardRecognizer, DestroyRecognizer>;
+
+/// Forwards the parameters; makes the recogniser when there is none. False when that fails or they are refused.
+bool set_board_parameters(
+    RecognizerPtr& recognizer, PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board);
+
+/// The host's picture as a Mat over its own memory; empty when pointer, size or step describe no picture.
+cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step);
+
+/// Picture that belongs to how the last recognition ended, BGR; `picture` itself when there is none.
+cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture);
+
+/// Writes the picture of how the last recognition ended when `save` names a file, and shows it for a moment when
+/// asked to.
+void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save);
+
+/// Whether two names mean one file, however they are spelled.
+bool same_file(const std::string& a, const std::string& b);
+
+} // namespace vexo
