@@ -105,5 +105,6 @@ void add_measure(CLI::App& app, GlobalOptions& options);
 void add_compare(CLI::App& app, GlobalOptions& options);
 void add_info(CLI::App& app, GlobalOptions& options);
 void add_board(CLI::App& app, GlobalOptions& options);
+void add_patterns(CLI::App& app, GlobalOptions& options);
 
 } // namespace vexo::app

@@ -45,6 +45,7 @@ int run(int argc, char** argv)
     vexo::app::add_compare(app, options);
     vexo::app::add_info(app, options);
     vexo::app::add_board(app, options);
+    vexo::app::add_patterns(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
