@@ -1,28 +1,80 @@
 #include "vexo/factories.h"
 
+#include "board/KorvaCalibBoardRecognizer.h"
+#include "camera/stereo_construction.h"
+#include "matching/gyps.h"
+#include "matching/mlps.h"
+#include "matching/sgbm.h"
+
 #include <new>
 
 namespace vexo {
+namespace {
 
-iStereoCamera* CreateStereoCamera(int, const std::vector<std::string>*, const StereoCameraParam*)
+/// Runs `make`; whatever it throws becomes null. Members allocate in constructors, too, so even a
+/// non-throwing new may throw.
+template <class Make> auto null_if_it_throws(Make make) noexcept -> decltype(make())
 {
+    try {
+        return make();
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+template <class Concrete, class Interface> Interface* make_new() noexcept
+{
+    return null_if_it_throws([]() -> Interface* { return new (std::nothrow) Concrete; });
+}
+
+cv::Scalar grey(int level)
+{
+    return { double(level), double(level), double(level), 0.0 };
+}
+
+iStereoCamera* from_hmat_set(const std::vector<std::string>& files, const StereoCameraParam& p)
+{
+    if (files.size() < 3) return nullptr;
+    return create_StereoCamera_from_Hmats(
+        files[0], files[1], files[2], cv::Size(p.inp_width, p.inp_height), grey(p.fill0), grey(p.fill1));
+}
+
+iStereoCamera* from_calibration(const std::vector<std::string>& files, const StereoCameraParam& p)
+{
+    StereoCamera* camera = create_StereoCamera(
+        files, cv::Size(p.out_width, p.out_height), p.alpha, p.flags, grey(p.fill0), grey(p.fill1));
+    if (camera == nullptr || camera->input_size == cv::Size(p.inp_width, p.inp_height)) return camera;
+    camera->destroy();
     return nullptr;
 }
 
-iStereoCamera* CreateStereoCameraFromRaw(
-    const double*, const double*, const double*, const double*, const double*, const double*, const StereoCameraParam*)
+} // namespace
+
+iStereoCamera* CreateStereoCamera(int selector, const std::vector<std::string>* files, const StereoCameraParam* param)
 {
-    return nullptr;
+    if ((selector != 1 && selector != 2) || files == nullptr || param == nullptr) return nullptr;
+    return null_if_it_throws(
+        [&] { return selector == 1 ? from_hmat_set(*files, *param) : from_calibration(*files, *param); });
 }
 
-iPointCloudGenerator* CreatePointCloudGenerator(int)
+iStereoCamera* CreateStereoCameraFromRaw(const double* K0, const double* D0, const double* K1, const double* D1,
+    const double* R, const double* T, const StereoCameraParam* param)
 {
+    return null_if_it_throws(
+        [&]() -> iStereoCamera* { return create_StereoCamera_from_raw(K0, D0, K1, D1, R, T, param); });
+}
+
+iPointCloudGenerator* CreatePointCloudGenerator(int selector)
+{
+    if (selector == 0) return make_new<SGBMatching, iPointCloudGenerator>();
+    if (selector == 1) return make_new<GyPsMatching, iPointCloudGenerator>();
+    if (selector == 2) return make_new<MlPsMatching, iPointCloudGenerator>();
     return nullptr;
 }
 
 iCalibBoardRecognizer* CreateCalibBoardRecognizer()
 {
-    return nullptr;
+    return make_new<KORVACalibBoardRecognizer, iCalibBoardRecognizer>();
 }
 
 iCameraCalibrator* CreateCameraCalibrator()

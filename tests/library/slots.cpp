@@ -132,7 +132,9 @@ TEST(Slots, PointCloudGenerators)
         ASSERT_NE(generator, nullptr);
         drive_generator(generator, camera, records[selector], frames[selector]);
         // Slots 12 and 13 are the destructor; the phase matchers add get_datatype() behind it.
-        if (selector > 0) EXPECT_EQ(call_slot<int>(generator, 14), 0);
+        if (selector > 0) {
+            EXPECT_EQ(call_slot<int>(generator, 14), 0);
+        }
         call_slot<void>(generator, 0);
     }
     camera->destroy();
