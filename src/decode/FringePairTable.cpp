@@ -26,6 +26,14 @@ int fringe_number(signed char stored) noexcept
     return static_cast<uint8_t>(stored);
 }
 
+/// Whole px nearest to a difference of positions, halves up. `longest` keeps the sum positive for decoded
+/// phases; for loaded ones it stays within 2 periods of 0.
+int rounded_difference(float a, float b, int longest) noexcept
+{
+    const double raised = static_cast<double>(a - b + static_cast<float>(longest)) + 0.5;
+    return static_cast<int>(raised) - longest;
+}
+
 } // namespace
 
 FringePairTable::FringePairTable(const std::vector<int>& periods)
@@ -103,7 +111,7 @@ void FringePairTable::_register_pair(const int* diffs, const std::vector<int>& f
     }
     if (at_the_end) return; // position maxp looks like position 0, which keeps its slot
 
-    const auto slot = static_cast<std::size_t>((diffs[0] + lower[0]) + (diffs[1] + lower[1]) * range[0]);
+    const std::size_t slot = at(diffs[0] + lower[0]) + at(diffs[1] + lower[1]) * at(range[0]);
     table[slot] = numbers.data() + numbers.size();
     for (const int fringe : fringes)
         numbers.push_back(static_cast<signed char>(fringe));
@@ -119,11 +127,9 @@ float FringePairTable::unwrap(float const* phases) const
     for (int i = 0; i < 3; ++i)
         x[i] = static_cast<float>(periods[at(i)]) * phases[i];
 
-    // Differences of positions, rounded to whole px: within -3 tmax ... 3 tmax, as the phases are plausible.
-    const auto longest = static_cast<float>(tmax);
-    const int d0 = static_cast<int>(static_cast<double>(x[1] - x[0] + longest) + 0.5) - tmax;
-    const int d1 = static_cast<int>(static_cast<double>(x[2] - x[0] + longest) + 0.5) - tmax;
-    const int d12 = static_cast<int>(static_cast<double>(longest + (x[2] - x[1])) + 0.5) - tmax;
+    const int d0 = rounded_difference(x[1], x[0], tmax);
+    const int d1 = rounded_difference(x[2], x[0], tmax);
+    const int d12 = rounded_difference(x[2], x[1], tmax);
 
     // k_i T_i - k_0 T_0 = x_0 - x_i: the measured differences enter with reversed sign.
     const int column = lower[0] - d0;

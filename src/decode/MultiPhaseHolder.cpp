@@ -145,7 +145,8 @@ int MultiPhaseHolder::_rm_extreme_value(float* row, std::vector<int>& cols)
 void MultiPhaseHolder::_remove_extreme_value()
 {
     std::vector<Pruning> prunings; // one for each thread
-    for (int thread = 0; thread < omp_get_max_threads(); ++thread)
+    prunings.reserve(at(omp_get_max_threads()));
+    while (prunings.size() < at(omp_get_max_threads()))
         prunings.emplace_back(unwrapped.cols);
     const int rows = std::min(unwrapped.rows, static_cast<int>(valid.size()));
 #pragma omp parallel for schedule(dynamic, 16) // each thread writes its own rows of `valid`

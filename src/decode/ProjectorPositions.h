@@ -14,6 +14,7 @@ namespace vexo {
 ///          constructor (_add_input), so that copying, counting and clearing are written here alone. The
 ///          images are addressed by pointer: objects are neither copied nor moved, and their vectors of
 ///          frames keep the length they were made with.
+/// Memory   preproc() and unwrap() throw (std::bad_alloc, cv::Exception) when it runs out; the object stays usable.
 /// Threads  one caller at a time; the loops inside run over rows in parallel, with the same result for any
 ///          number of threads.
 class ProjectorPositions {

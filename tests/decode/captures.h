@@ -1,12 +1,11 @@
 #pragma once
 
-#include "vexo/records.h"
-
 #include <cstring>
+#include <gtest/gtest.h>
 #include <memory>
+#include <numeric>
 #include <omp.h>
 #include <opencv2/core.hpp>
-#include <ostream>
 #include <random>
 #include <vector>
 
@@ -122,6 +121,14 @@ inline void add_noise(Frames& frames, double sigma, std::mt19937& rng)
             pixel = cv::saturate_cast<uchar>(pixel + noise(rng));
 }
 
+/// `valid` lists that hold every pixel.
+inline std::vector<std::vector<int>> all_of(cv::Size size)
+{
+    std::vector<int> row(static_cast<size_t>(size.width));
+    std::iota(row.begin(), row.end(), 0);
+    return std::vector<std::vector<int>>(static_cast<size_t>(size.height), row);
+}
+
 /// Whether two images have the same size and the same bits (NaN equals NaN).
 inline bool same_bits(const cv::Mat& a, const cv::Mat& b)
 {
@@ -130,6 +137,21 @@ inline bool same_bits(const cv::Mat& a, const cv::Mat& b)
     for (int y = 0; y < a.rows; ++y)
         if (std::memcmp(a.ptr(y), b.ptr(y), row_bytes) != 0) return false;
     return true;
+}
+
+/// Compares a decoder's results with those of the plain form.
+template <class Decoder, class Unwrapped> void expect_equal(const Decoder& decoder, const Unwrapped& expected)
+{
+    EXPECT_EQ(decoder.valid, expected.valid);
+    EXPECT_TRUE(same_bits(decoder.unwrapped, expected.map));
+    EXPECT_TRUE(same_bits(decoder.vmask, expected.mask));
+}
+
+/// No pixel is valid, nothing has a coordinate.
+template <class Decoder> void expect_nothing(const Decoder& decoder)
+{
+    EXPECT_EQ(decoder.valid, std::vector<std::vector<int>>(static_cast<size_t>(decoder.input_size().height)));
+    EXPECT_TRUE(decoder.unwrapped.empty() && decoder.vmask.empty());
 }
 
 } // namespace captures

@@ -43,13 +43,6 @@ LoadedRow unwrap_row(GrayPhaseMatchingParam params, std::vector<int> gray, std::
     return { loader.valid.at(0), loader.unwrapped.clone() };
 }
 
-void expect_equal(const GrayPhaseHolder& decoder, const plain::Unwrapped& expected)
-{
-    EXPECT_EQ(decoder.valid, expected.valid);
-    EXPECT_TRUE(captures::same_bits(decoder.unwrapped, expected.map));
-    EXPECT_TRUE(captures::same_bits(decoder.vmask, expected.mask));
-}
-
 TEST(GrayPhase, CodesAndPhasesOfKnownPixels)
 {
     for (unsigned b = 0; b < 256; ++b)
@@ -157,35 +150,26 @@ TEST(GrayPhase, LoaderTakesFourFramesAndUnalignedFloats)
     EXPECT_EQ(loader.set_input(phase.data, 2, 2, 7, 3), 0) << "a row is 8 bytes";
 }
 
-/// One input of the comparison with the plain form.
-struct Case {
-    const char* name;
-    cv::Size size;
-    int kind; ///< 0 random greys, 1 noisy surface with a step, 2 all invalid, 3 saturated, 4 few grey levels
-};
-void PrintTo(const Case& c, std::ostream* os)
-{
-    *os << c.name << " " << c.size;
-}
+/// Inputs of the comparison with the plain form.
+enum Kind { random_greys, noisy_steps, nothing_lit, half_saturated, few_levels };
+using Case = std::tuple<Kind, int, int>; // and width, height
 
-captures::Frames frames_of(const Case& c, std::mt19937& rng)
+captures::Frames frames_of(const Case& input, std::mt19937& rng)
 {
-    captures::Frames frames;
-    if (c.kind == 1) {
+    const auto [kind, width, height] = input;
+    captures::Frames frames = captures::random_frames(13, { width, height }, rng);
+    if (kind == noisy_steps) {
+        const int edge = width / 2;
         frames = captures::gray_phase_capture(
-            c.size, [&](int x, int y) { return 3 + .07 * x + .1 * y + (x > c.size.width / 2 ? -5 : 0) * (y % 3); });
+            { width, height }, [&](int x, int y) { return 3 + .07 * x + .1 * y + (x > edge ? -5 : 0) * (y % 3); });
         captures::add_noise(frames, 4.0, rng);
-        return frames;
     }
-    frames = captures::random_frames(13, c.size, rng);
-    if (c.kind == 2) frames[1].setTo(0);
-    if (c.kind == 3)
-        for (size_t i = 1; i < 13; ++i)
-            frames[i](cv::Rect(0, 0, (c.size.width + 1) / 2, c.size.height)).setTo(255);
-    if (c.kind == 4)
-        for (auto& frame : frames)
-            for (uchar& pixel : frame)
-                pixel = static_cast<uchar>(pixel / 100 * 100);
+    if (kind == nothing_lit) frames[1].setTo(0);
+    for (size_t i = 1; i < 13 && kind == half_saturated; ++i)
+        frames[i](cv::Rect(0, 0, (width + 1) / 2, height)).setTo(255);
+    for (size_t i = 0; i < 13 && kind == few_levels; ++i)
+        for (uchar& pixel : frames[i])
+            pixel = static_cast<uchar>(pixel / 100 * 100);
     return frames;
 }
 
@@ -197,7 +181,8 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
     const captures::Frames frames = frames_of(GetParam(), rng);
     for (const int anchor_length : { 8, 1, 0, INT_MIN, INT_MAX })
         for (const int code_spread : { 3, 1, INT_MAX, INT_MIN }) {
-            GrayPhaseMatchingParam params = GetParam().kind == 2 ? GrayPhaseMatchingParam() : everything_valid();
+            GrayPhaseMatchingParam params
+                = std::get<0>(GetParam()) == nothing_lit ? GrayPhaseMatchingParam() : everything_valid();
             params.anchor_length = anchor_length;
             params.code_spread = code_spread;
             params.reject_length = anchor_length == 0 ? INT_MIN : anchor_length / 3;
@@ -213,7 +198,7 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
                 ASSERT_TRUE(captures::same_bits(decoder.gray, decoded.gray));
                 ASSERT_TRUE(captures::same_bits(decoder.phase, decoded.phase));
                 decoder.unwrap();
-                expect_equal(decoder, expected);
+                captures::expect_equal(decoder, expected);
             }
         }
 }
@@ -222,75 +207,68 @@ TEST_P(GrayPhaseAgainstPlain, LoadedCodesUpTo255AndWildPhasesToo)
 {
     std::mt19937 rng(8);
     std::uniform_int_distribution<int> pick(0, 20);
+    const auto [kind, width, height] = GetParam();
     plain::Decoded data;
-    data.gray = captures::random_frame(GetParam().size, 0, GetParam().kind == 4 ? 3 : 255, rng);
-    data.phase.create(GetParam().size);
+    data.gray = captures::random_frame({ width, height }, 0, kind == few_levels ? 3 : 255, rng);
+    data.phase.create(height, width);
     const float odd[] = { not_a_number, infinite, -infinite, 1e30F, -1e30F, 1.5F, -0.5F, -0.0F };
     for (float& p : data.phase) {
         const int i = pick(rng);
         p = i < 8 ? odd[i] : static_cast<float>(i) / 20.0F;
     }
-    data.valid = plain::Rows(static_cast<size_t>(GetParam().size.height));
-    for (auto& row : data.valid)
-        for (int x = 0; x < GetParam().size.width; ++x)
-            row.push_back(x);
+    data.valid = captures::all_of({ width, height });
     GrayPhaseMatchingParam params = everything_valid();
     for (params.anchor_length = 0; params.anchor_length < 3; ++params.anchor_length)
         for (params.reject_length = 0; params.reject_length < 3; ++params.reject_length) {
             GrayPhaseLoader loader(0, &params);
-            captures::give(loader, captures::random_frame(GetParam().size, 0, 255, rng), 0);
-            captures::give(loader, captures::random_frame(GetParam().size, 0, 255, rng), 1);
+            captures::give_all(loader, captures::random_frames(2, { width, height }, rng));
             captures::give(loader, data.gray, 2);
             captures::give(loader, data.phase, 3);
             loader.preproc();
             ASSERT_EQ(loader.valid, data.valid);
             loader.unwrap();
-            expect_equal(loader, plain::unwrap(data, params));
+            captures::expect_equal(loader, plain::unwrap(data, params));
         }
 }
 
 INSTANTIATE_TEST_SUITE_P(Inputs, GrayPhaseAgainstPlain,
-    testing::Values(Case { "random", { 67, 41 }, 0 }, Case { "surface", { 320, 24 }, 1 },
-        Case { "column", { 1, 50 }, 1 }, Case { "row", { 333, 1 }, 1 }, Case { "pixel", { 1, 1 }, 0 },
-        Case { "nothing", { 33, 9 }, 2 }, Case { "saturated", { 65, 17 }, 3 }, Case { "levels", { 129, 31 }, 4 }));
+    testing::Values(Case(random_greys, 67, 41), Case(noisy_steps, 320, 24), Case(noisy_steps, 1, 50),
+        Case(noisy_steps, 333, 1), Case(random_greys, 1, 1), Case(nothing_lit, 33, 9), Case(half_saturated, 65, 17),
+        Case(few_levels, 129, 31)));
 
 TEST(GrayPhase, MissingFramesAndAnyOrderOfCallsLeaveNothingValid)
 {
     const GrayPhaseMatchingParam params = everything_valid();
     std::mt19937 rng(3);
     const captures::Frames frames = captures::random_frames(13, { 20, 6 }, rng);
-    const auto expect_nothing = [](const GrayPhaseHolder& d, size_t rows) {
-        EXPECT_EQ(d.valid, plain::Rows(rows));
-        EXPECT_TRUE(d.unwrapped.empty() && d.vmask.empty());
-    };
     GrayPhaseDecoder decoder(0, 13, &params);
     decoder.unwrap();
     decoder.preproc();
-    expect_nothing(decoder, 0);
+    captures::expect_nothing(decoder);
     for (int missing = 0; missing < 13; ++missing) {
         decoder.clear();
         for (int i = 0; i < 13; ++i)
             if (i != missing) captures::give(decoder, frames[static_cast<size_t>(i)], i);
         decoder.preproc();
         decoder.unwrap();
-        expect_nothing(decoder, 6);
+        captures::expect_nothing(decoder);
     }
     decoder.clear();
     captures::give_all(decoder, frames);
     decoder.unwrap(); // not decoded yet
-    expect_nothing(decoder, 6);
+    captures::expect_nothing(decoder);
 
     for (const int count : { -5, 0, 2, 12 }) { // decoders of another length
         GrayPhaseDecoder other(0, count, &params);
         captures::give_all(other, frames);
         other.preproc();
         other.unwrap();
-        expect_nothing(other, count > 0 ? 6 : 0);
+        captures::expect_nothing(other);
     }
     GrayPhaseLoader loader(0, nullptr); // no record at all
     loader.preproc();
     loader.unwrap();
-    expect_nothing(loader, 0);
+    captures::expect_nothing(loader);
 }
 
 } // namespace

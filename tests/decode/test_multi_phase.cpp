@@ -24,21 +24,6 @@ MultiPhaseMatchingParam params_of(const Periods& periods, int steps = 4)
     return p;
 }
 
-plain::Rows all_of(cv::Size size)
-{
-    plain::Rows rows(static_cast<size_t>(size.height), std::vector<int>(static_cast<size_t>(size.width)));
-    for (auto& row : rows)
-        std::iota(row.begin(), row.end(), 0);
-    return rows;
-}
-
-void expect_equal(const MultiPhaseHolder& decoder, const plain::Unwrapped& expected)
-{
-    EXPECT_EQ(decoder.valid, expected.valid);
-    EXPECT_TRUE(captures::same_bits(decoder.unwrapped, expected.map));
-    EXPECT_TRUE(captures::same_bits(decoder.vmask, expected.mask));
-}
-
 TEST(MultiPhase, PhasesOfKnownPixels)
 {
     const int column = 0;
@@ -168,7 +153,7 @@ TEST(MultiPhase, DecodedFramesEqualThePlainFormForAnyNumberOfThreads)
                     for (size_t f = 0; f < 3; ++f)
                         ASSERT_TRUE(captures::same_bits(decoder.phases[f], phases[f])) << size << " period " << f;
                     decoder.unwrap();
-                    expect_equal(decoder, expected);
+                    captures::expect_equal(decoder, expected);
                 }
             }
 }
@@ -209,8 +194,8 @@ TEST(MultiPhase, LoadedPhasesOfAnyKindEqualThePlainForm)
         EXPECT_EQ(loader.inputs(), 5);
         EXPECT_EQ(captures::give(loader, phases[0], 5), 0) << "count + 2";
         load(loader, phases);
-        expect_equal(
-            loader, plain::unwrap(phases, all_of({ 211, 37 }), [&](const auto& p) { return pairs.unwrap(p); }));
+        captures::expect_equal(loader,
+            plain::unwrap(phases, captures::all_of({ 211, 37 }), [&](const auto& p) { return pairs.unwrap(p); }));
     }
 }
 
@@ -240,24 +225,19 @@ TEST(MultiPhase, AnyRecordOrderAndSizeOfDecoderIsSurvived)
     const FringePairTable none({ 9, 10 });
     const auto frames = captures::random_frames(40, { 21, 5 }, rng);
     MultiPhaseMatchingParam params = params_of({ 9, 10, 11 });
-    const auto expect_nothing = [](const MultiPhaseHolder& d) {
-        for (const auto& row : d.valid)
-            EXPECT_TRUE(row.empty());
-        EXPECT_TRUE(d.unwrapped.empty() && d.vmask.empty());
-    };
     for (const int steps : { INT_MIN, -1, 0, 1, 2, 3, 4, 5, INT_MAX })
         for (const int nperiods : { INT_MIN, 0, 1, 2, 3, 4, INT_MAX })
             for (const FringePairTable* t : { static_cast<const FringePairTable*>(nullptr), &none, &table }) {
                 MultiPhaseDecoder decoder(0, &params, t, steps, nperiods);
                 decoder.unwrap();
-                expect_nothing(decoder);
+                captures::expect_nothing(decoder);
                 captures::give_all(decoder, frames);
                 params.nperiods = 99; // a rejected record is in force
                 params.steps = 77;
                 std::fill(std::begin(params.periods), std::end(params.periods), steps);
                 decoder.preproc();
                 decoder.unwrap();
-                if (t != &table || nperiods < 3 || steps < 3) expect_nothing(decoder);
+                if (t != &table || nperiods < 3 || steps < 3) captures::expect_nothing(decoder);
             }
     MultiPhaseDecoder five(0, &params, &table, 5, 1); // decodes the first four of its frames
     captures::give_all(five, frames);
@@ -271,7 +251,7 @@ TEST(MultiPhase, AnyRecordOrderAndSizeOfDecoderIsSurvived)
     MultiPhaseLoader unbuilt(0, nullptr, nullptr);
     unbuilt.preproc();
     unbuilt.unwrap();
-    expect_nothing(unbuilt);
+    captures::expect_nothing(unbuilt);
 }
 
 } // namespace
