@@ -1,6 +1,8 @@
 #include "vexo/factories.h"
 
 #include "board/KorvaCalibBoardRecognizer.h"
+#include "calib/CameraCalibrator.h"
+#include "calib/StereoCalibrator.h"
 #include "camera/stereo_construction.h"
 #include "matching/gyps.h"
 #include "matching/mlps.h"
@@ -79,12 +81,12 @@ iCalibBoardRecognizer* CreateCalibBoardRecognizer()
 
 iCameraCalibrator* CreateCameraCalibrator()
 {
-    return nullptr;
+    return make_new<CameraCalibrator, iCameraCalibrator>();
 }
 
 iStereoCalibrator* CreateStereoCalibrator()
 {
-    return nullptr;
+    return make_new<StereoCalibrator, iStereoCalibrator>();
 }
 
 } // namespace vexo
