@@ -205,6 +205,7 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
 
 TEST_P(GrayPhaseAgainstPlain, LoadedCodesUpTo255AndWildPhasesToo)
 {
+    const captures::Threads one(1);
     std::mt19937 rng(8);
     std::uniform_int_distribution<int> pick(0, 20);
     const auto [kind, width, height] = GetParam();
