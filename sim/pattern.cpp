@@ -83,7 +83,7 @@ ProjectedRow::ProjectedRow(const std::vector<double>& grey, double gamma, double
         step[at] = light - before;
         before = light;
     }
-    _table.resize(static_cast<std::size_t>((columns + 2 * reach) * per_column + 1));
+    _table.resize(static_cast<std::size_t>(columns + 2 * reach) * static_cast<std::size_t>(per_column) + 1);
     double height = 0, sum = 0; // of the steps whose blur is over: light, and its integral at `done`
     int done = 0;
     for (std::size_t i = 0; i < _table.size(); ++i) {

@@ -150,7 +150,8 @@ void View::_find_edges(const std::vector<Point>& points)
 void View::_trace_edge(const Scene& scene, std::size_t edge) noexcept
 {
     const auto columns = static_cast<std::size_t>(_depth.cols);
-    const auto x = static_cast<double>(_edges[edge] % columns), y = static_cast<double>(_edges[edge] / columns);
+    const std::size_t column = _edges[edge] % columns, line = _edges[edge] / columns;
+    const auto x = static_cast<double>(column), y = static_cast<double>(line);
     Sample* out = &_edge_samples[edge * fine * fine];
     for (int j = 0; j < fine; ++j)
         for (int i = 0; i < fine; ++i) {

@@ -38,7 +38,10 @@ private:
     static constexpr int fine = 4; ///< samples a pixel at edges, along x and along y
     struct Point;                  ///< surface point at a pixel's centre, while the view is made
 
-    std::size_t _index(int y, int x) const { return static_cast<std::size_t>(y * _depth.cols + x); }
+    std::size_t _index(int y, int x) const
+    {
+        return static_cast<std::size_t>(y) * static_cast<std::size_t>(_depth.cols) + static_cast<std::size_t>(x);
+    }
     Point _trace(const Scene& scene, const cv::Vec2d& pixel, double pixel_part) const noexcept;
     bool _is_lit(const Scene& scene, const cv::Vec3d& point, const cv::Vec3d& normal) const noexcept;
     bool _is_shared(const Scene& scene, const cv::Vec3d& point, const cv::Vec3d& normal) const noexcept;

@@ -78,7 +78,7 @@ void add_rig_options(CLI::App& command, SimulateOptions& o)
     command.add_option("--gamma", o.rig.gamma, "of the projector: light = grey^gamma")->capture_default_str();
     command.add_option("--defocus", o.rig.defocus, "standard deviation of the projector's blur, projector px")
         ->capture_default_str();
-    command.add_option("--seed", o.rig.seed, "of the noise")->capture_default_str();
+    command.add_option("--seed", o.rig.seed, "of the noise")->check(CLI::NonNegativeNumber)->capture_default_str();
 }
 
 } // namespace

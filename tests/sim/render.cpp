@@ -5,9 +5,11 @@
 
 #include <gtest/gtest.h>
 #include <omp.h>
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -174,10 +176,16 @@ TEST(SimRender, BytesDependOnTheSeedAndNotOnTheThreads)
     omp_set_num_threads(threads);
     EXPECT_EQ(one.files, two.files);
     ASSERT_EQ(one.files.size(), 26U + 4U);
+    EXPECT_EQ(one.files[27].first, "truth.tiff");
+    const cv::Mat_<float> depth = cv::imdecode(one.files[27].second, cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(depth.size(), one.truth.depth.size());
+    EXPECT_EQ(std::memcmp(depth.data, one.truth.depth.data, depth.total() * sizeof(float)), 0) << "NaN included";
+
+    const Capture first = make_capture("plane", options);
     options.seed = 2;
-    const Capture other = make_capture("bust", options);
+    const Capture other = make_capture("plane", options);
     for (std::size_t i = 0; i < 26; ++i)
-        EXPECT_NE(one.files[i].second, other.files[i].second) << one.files[i].first;
+        EXPECT_NE(first.files[i].second, other.files[i].second) << first.files[i].first;
 }
 
 TEST(SimCapture, ImpossibleRigsAndScenesAreRefusedByName)
