@@ -98,17 +98,20 @@ int CalibBoardRecognizer::get_marker_index(cv::Point position) const
     return static_cast<int>(column * b.rows - position.y + b.origin_y);
 }
 
+// Both forms fill lists of their own first: the host may pass one list as input and output.
+
 int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& image_points,
     std::vector<cv::Point2f>& image_out, std::vector<cv::Point3f>& board_out)
 {
-    const std::vector<cv::Point2f> points = image_points; // the host may pass one list as input and output
-    image_out.clear();
-    board_out.clear();
+    std::vector<cv::Point2f> in_image;
+    std::vector<cv::Point3f> on_board;
     for (size_t k = 0; k < board_points.size(); ++k) {
-        if (is_missing(points, k)) continue;
-        image_out.push_back(points[k]);
-        board_out.push_back(board_points[k]);
+        if (is_missing(image_points, k)) continue;
+        in_image.push_back(image_points[k]);
+        on_board.push_back(board_points[k]);
     }
+    image_out.swap(in_image);
+    board_out.swap(on_board);
     return static_cast<int>(image_out.size());
 }
 
@@ -116,18 +119,18 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& i
     const std::vector<cv::Point2f>& image_points1, std::vector<cv::Point2f>& image_out0,
     std::vector<cv::Point2f>& image_out1, std::vector<cv::Point3f>& board_out)
 {
-    const std::vector<cv::Point2f> points0 = image_points0;
-    const std::vector<cv::Point2f> points1 = image_points1;
-    image_out0.clear();
-    image_out1.clear();
-    board_out.clear();
+    std::vector<cv::Point2f> in_image0, in_image1;
+    std::vector<cv::Point3f> on_board;
     for (size_t k = 0; k < board_points.size(); ++k) {
-        if (is_missing(points0, k) || is_missing(points1, k)) continue;
-        image_out0.push_back(points0[k]);
-        image_out1.push_back(points1[k]);
-        board_out.push_back(board_points[k]);
+        if (is_missing(image_points0, k) || is_missing(image_points1, k)) continue;
+        in_image0.push_back(image_points0[k]);
+        in_image1.push_back(image_points1[k]);
+        on_board.push_back(board_points[k]);
     }
-    return static_cast<int>(image_out0.size());
+    image_out0.swap(in_image0);
+    image_out1.swap(in_image1);
+    board_out.swap(on_board);
+    return static_cast<int>(board_out.size());
 }
 
 // --- recognition ---------------------------------------------------------------------------------------

@@ -7,6 +7,8 @@
 /// Pictures for people: windows that never end a program without a display, and files that are whole.
 namespace vexo {
 
+class RotatedEllipse;
+
 /// Whether a window can be opened. OpenCV ends the process when it opens one without a display server.
 bool display_available();
 
@@ -19,7 +21,6 @@ void show_picture(const std::string& window, const cv::Mat& picture, int wait_ms
 bool write_picture(const std::string& path, const cv::Mat& picture) noexcept;
 
 /// Draws an ellipse, unless it is so large that its outline has no pixel in any picture.
-class RotatedEllipse;
 void draw_ellipse(
     cv::Mat& drawing, const RotatedEllipse& ellipse, const cv::Scalar& bgr, int thickness, double scale = 1.0);
 

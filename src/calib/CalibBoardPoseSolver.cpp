@@ -20,7 +20,7 @@ namespace {
 /// Name of the camera to read from a storage: "cam<selector>", else the only one there is. Empty: none.
 std::string camera_name(const cv::FileStorage& storage, int selector, bool own_file)
 {
-    const std::string name = "cam" + std::to_string(selector);
+    std::string name = "cam" + std::to_string(selector);
     if (camera_file::has_projection(storage, name)) return name;
     const std::string first = DistortCamera(cv::Size(0, 0), "").get_camera_name(&storage);
     return (own_file || selector == 0) && camera_file::has_projection(storage, first) ? first : "";

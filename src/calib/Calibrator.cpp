@@ -27,6 +27,7 @@ int prepare_guess(const CameraCalibParam& param, cv::Size size, cv::Mat_<double>
 std::vector<double> errors_by_view(const std::vector<bool>& used, const cv::Mat_<double>& errors_of_used)
 {
     std::vector<double> errors;
+    errors.reserve(used.size());
     int next = 0;
     for (const bool u : used)
         errors.push_back(u ? errors_of_used(next++) : std::numeric_limits<double>::quiet_NaN());
