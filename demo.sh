@@ -18,5 +18,5 @@ for scene in plane bust spheres; do
   run $vexo compare $out/$scene/result $out/$scene/scan
 done
 printf '\n'
-scripts/demo_table.sh $out
+$vexo table $out/plane/result $out/bust/result $out/spheres/result
 printf '\nPictures: %s/bust/result/*.png, the cloud: %s/bust/result/cloud.ply\n' $out $out
