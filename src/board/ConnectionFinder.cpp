@@ -91,10 +91,11 @@ void ConnectionFinder::check_distance_matrix(cv::Mat_<double>& D)
     for (int i = 0; i < D.rows; ++i) {
         const RotatedEllipse& e = _ellipse(i);
         const double largest = e.major_axis();
+        const double surely_beyond = 0.100001 * (most + 1) * largest; // spares most pairs the divisions
         for (int j = 0; j < D.cols; ++j) {
             double& d = D(i, j);
             if (d == no_link) continue;
-            if (tenths(d, largest) <= most) { // false for NaN, which cuts the link
+            if (!(d > surely_beyond) && tenths(d, largest) <= most) { // false for NaN, which cuts the link
                 const cv::Point2d to = _ellipse(j).center - e.center;
                 const double length = std::sqrt(to.x * to.x + to.y * to.y);
                 if (tenths(length, 2 * e.getRadius({ to.x, to.y })) <= most) continue;
