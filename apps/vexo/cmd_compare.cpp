@@ -30,7 +30,7 @@ struct Result {
     std::string report_path;
     Json report;
     cv::Size size; ///< of the rectified picture
-    double f = 0.0, cx = 0.0, cy = 0.0, baseline = 0.0;
+    double f = 0.0, cx = 0.0, cy = 0.0, baseline = 0.0, disparity_at_infinity = 0.0;
     cv::Matx33d raw_from_rectified;
     std::vector<cv::Point3f> cloud; ///< rectified camera-0 axes
 };
@@ -64,6 +64,7 @@ Result read_result(const std::string& folder)
     r.cx = get("/camera/cx");
     r.cy = get("/camera/cy");
     r.baseline = get("/camera/baseline");
+    r.disparity_at_infinity = get("/camera/disparity_at_infinity");
     const double width = get("/camera/output_size/0"), height = get("/camera/output_size/1");
     if (!(r.f > 0.0) || !(r.baseline > 0.0) || !(width >= 1 && height >= 1 && width <= 32768 && height <= 32768))
         throw Failure(r.report_path + ": f, baseline or size make no sense; run vexo measure again");
@@ -164,11 +165,24 @@ Errors find_errors(const Result& r, const Truth& t)
     return e;
 }
 
-/// Which rectified pixels look at surface that both cameras see and the projector lights: visible.png at
-/// the raw pixel nearest to the pixel's ray.
-cv::Mat rectified_visible(const Result& r, const Truth& t)
+/// 255 when all four raw pixels around a raw position are of the mask, as rectification mixes them.
+uchar mask_at(const cv::Mat& mask, const cv::Point2d& p)
 {
-    cv::Mat visible = cv::Mat::zeros(r.size, CV_8U);
+    const double x = std::floor(p.x), y = std::floor(p.y);
+    if (!(x >= 0 && y >= 0 && x + 1 < mask.cols && y + 1 < mask.rows)) return 0;
+    const cv::Mat four = mask(cv::Rect(static_cast<int>(x), static_cast<int>(y), 2, 2));
+    return cv::countNonZero(four == 255) == 4 ? 255 : 0;
+}
+
+/// Rectified pixels that look at surface which both cameras see and the projector lights.
+struct VisibleSurface {
+    cv::Mat all;       ///< CV_8U, 255: such pixels
+    cv::Mat in_common; ///< those whose point lies in the rectified picture of camera 1, too
+};
+
+VisibleSurface rectified_visible(const Result& r, const Truth& t)
+{
+    VisibleSurface visible { cv::Mat::zeros(r.size, CV_8U), cv::Mat::zeros(r.size, CV_8U) };
     std::vector<cv::Point3d> rays(static_cast<std::size_t>(r.size.width));
     for (int y = 0; y < r.size.height; ++y) {
         for (int x = 0; x < r.size.width; ++x)
@@ -176,10 +190,12 @@ cv::Mat rectified_visible(const Result& r, const Truth& t)
                 = rotate(r.raw_from_rectified, { (x - r.cx) / r.f, (y - r.cy) / r.f, 1.0 });
         const std::vector<cv::Point2d> pixels = project(rays, t.camera0);
         for (int x = 0; x < r.size.width; ++x) {
-            const cv::Point2d p = pixels[static_cast<std::size_t>(x)];
-            if (!(p.x > -0.5 && p.y > -0.5 && p.x < t.visible.cols - 0.5 && p.y < t.visible.rows - 0.5)) continue;
-            visible.at<uchar>(y, x)
-                = t.visible.at<uchar>(static_cast<int>(std::lround(p.y)), static_cast<int>(std::lround(p.x)));
+            const auto i = static_cast<std::size_t>(x);
+            if (mask_at(t.visible, pixels[i]) == 0) continue;
+            visible.all.at<uchar>(y, x) = 255;
+            const double depth = depth_at(t.depth, pixels[i]) / rays[i].z; // in rectified axes
+            const double x1 = x - r.disparity_at_infinity - r.f * r.baseline / depth;
+            if (x1 >= 0.0 && x1 <= r.size.width - 1.0) visible.in_common.at<uchar>(y, x) = 255;
         }
     }
     return visible;
@@ -190,13 +206,17 @@ double covered(const cv::Mat& measured, const cv::Mat& visible)
     return static_cast<double>(cv::countNonZero(measured & visible)) / std::max(1, cv::countNonZero(visible));
 }
 
-Json coverage(const Errors& e, const cv::Mat& visible)
+/// `inner` are the pixels well inside what both rectified pictures hold.
+Json coverage(const Errors& e, const VisibleSurface& visible)
 {
     cv::Mat inner;
     const int side = 2 * inner_margin_px + 1;
-    cv::erode(visible, inner, cv::Mat::ones(side, side, CV_8U), { -1, -1 }, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
-    return { { "visible_pixels", cv::countNonZero(visible) }, { "coverage", covered(e.measured, visible) },
-        { "inner_pixels", cv::countNonZero(inner) }, { "inner_coverage", covered(e.measured, inner) } };
+    cv::erode(
+        visible.in_common, inner, cv::Mat::ones(side, side, CV_8U), { -1, -1 }, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+    return { { "visible_pixels", cv::countNonZero(visible.all) }, { "coverage", covered(e.measured, visible.all) },
+        { "common_pixels", cv::countNonZero(visible.in_common) },
+        { "common_coverage", covered(e.measured, visible.in_common) }, { "inner_pixels", cv::countNonZero(inner) },
+        { "inner_coverage", covered(e.measured, inner) } };
 }
 
 /// Standard deviation of the depth that the noise of the grey values lets expect, by first-order propagation:
@@ -250,17 +270,27 @@ Json statistics(const Errors& e)
         { "outliers", (all - good) / all } };
 }
 
-/// Points of a ball: near its surface, and turned towards the camera by less than 60 degrees, where the
-/// pixels do not mix ball and background.
-std::vector<cv::Vec3d> ball_points(const Errors& e, const cv::Vec3d& centre, double diameter)
+cv::Vec3d vector_in(const Json& json, const std::string& pointer, const std::string& path)
+{
+    cv::Vec3d v;
+    for (int k = 0; k < 3; ++k)
+        v[k] = number_in(json, pointer + "/" + std::to_string(k), path);
+    return v;
+}
+
+/// Points of a ball: near its surface, and turned towards both cameras by less than 60 degrees. Steeper flanks
+/// bend within the samples of the sub-pixel fit, and pixels at the rim mix ball and background.
+std::vector<cv::Vec3d> ball_points(const Errors& e, const cv::Vec3d& camera1, const cv::Vec3d& centre, double diameter)
 {
     constexpr double window_mm = 2.0, least_cosine = 0.5;
+    const auto faces = [](const cv::Vec3d& normal, const cv::Vec3d& ray) {
+        return -normal.dot(ray) >= least_cosine * cv::norm(normal) * cv::norm(ray);
+    };
     std::vector<cv::Vec3d> points;
     for (const cv::Point3d& point : e.points) {
         const cv::Vec3d p(point.x, point.y, point.z), normal = p - centre;
-        const double radius = cv::norm(normal);
-        if (std::abs(radius - 0.5 * diameter) > window_mm) continue;
-        if (-normal.dot(p) >= least_cosine * radius * cv::norm(p)) points.push_back(p);
+        if (std::abs(cv::norm(normal) - 0.5 * diameter) > window_mm) continue;
+        if (faces(normal, p) && faces(normal, p - camera1)) points.push_back(p);
     }
     return points;
 }
@@ -269,15 +299,13 @@ Json compare_balls(const Errors& e, const Truth& t, const std::string& path)
 {
     const double diameter = number_in(t.scene, "/balls/diameter_mm", path);
     const double distance = number_in(t.scene, "/balls/distance_mm", path);
+    const cv::Vec3d camera1 = vector_in(t.scene, "/camera1_centre_cam0_mm", path);
     SphereFit fits[2];
     Json result = { { "true_diameter", diameter }, { "true_distance", distance }, { "diameters", Json::array() },
         { "fit_rms", Json::array() } };
     for (int i = 0; i < 2; ++i) {
-        cv::Vec3d centre;
-        for (int k = 0; k < 3; ++k)
-            centre[k]
-                = number_in(t.scene, "/balls/centres_cam0_mm/" + std::to_string(i) + "/" + std::to_string(k), path);
-        fits[i] = fit_sphere(ball_points(e, centre, diameter));
+        const cv::Vec3d centre = vector_in(t.scene, "/balls/centres_cam0_mm/" + std::to_string(i), path);
+        fits[i] = fit_sphere(ball_points(e, camera1, centre, diameter));
         if (fits[i].points == 0) throw Failure(path + ": too few points on ball " + std::to_string(i) + " to fit it");
         result["diameters"].push_back(fits[i].diameter);
         result["fit_rms"].push_back(fits[i].rms);
@@ -298,6 +326,7 @@ void print_table(const GlobalOptions& global, const Json& c)
     const auto mm = [&](const char* pointer) { return number(get(pointer), 4) + " mm"; };
     print_row(global, "points", grouped(c["error"]["points"].get<long long>()));
     print_row(global, "coverage of the visible surface", percent(get("/coverage/coverage"), 1.0));
+    print_row(global, "  that both rectified pictures hold", percent(get("/coverage/common_coverage"), 1.0));
     print_row(global, "  " + std::to_string(inner_margin_px) + " px inside its edges",
         percent(get("/coverage/inner_coverage"), 1.0));
     print_row(global, "rms of the depth error", mm("/error/rms"));
