@@ -1,0 +1,106 @@
+#include "program.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <cstring>
+
+namespace {
+
+using Json = nlohmann::json;
+using program::Outcome;
+
+template <class T> std::string bytes_of(const std::vector<T>& values)
+{
+    std::string bytes(values.size() * sizeof(T), '\0');
+    std::memcpy(bytes.data(), values.data(), bytes.size());
+    return bytes;
+}
+
+TEST(Info, TellsTheKindOfEachFileTheLibraryWritesAndItsFigures)
+{
+    const program::Folder work;
+    // f = 1000, camera 1 stands 50 to the right: 12 numbers of a projection matrix
+    program::write(work / "right.hmat", bytes_of<double>({ 1000, 0, 320, -50000, 0, 1000, 240, 0, 0, 0, 1, 0 }));
+    const std::string table = bytes_of<std::int32_t>({ 5, 3, 3, 0 }) + std::string(40, '\0');
+    program::write(work / "maps", table + table);
+    const std::string bare = bytes_of<std::int32_t>({ 9, 0 }) + std::string(40, '\0');
+    program::write(work / "tables", bare + bare + bare + bare);
+    program::write(work / "cloud.ply",
+        "ply\nformat binary_little_endian 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+        "property float z\nend_header\n"
+            + bytes_of<float>({ 1, 2, 600 }));
+    const std::string Q = "%YAML:1.0\n---\nStereoName: stereo\noldcamSize: [ 640, 480 ]\nQ: !!opencv-matrix\n"
+                          "   rows: 4\n   cols: 4\n   dt: d\n   data: [ 1., 0., 0., -320., 0., 1., 0., -240.,\n"
+                          "       0., 0., 0., 1000., 0., 0., 0.02, 0. ]\n";
+    program::write(work / "stereo.yaml", Q);
+
+    const auto info = [&work](const std::string& arguments) {
+        const Outcome run = program::run(work, "info --json " + arguments);
+        EXPECT_EQ(run.code, 0) << run.err;
+        return run.code == 0 ? Json::parse(run.out) : Json {};
+    };
+    const Json hmat = info(work / "right.hmat");
+    EXPECT_EQ(hmat["kind"], "projection matrix (hmat)");
+    EXPECT_NEAR(hmat["fx"].get<double>(), 1000, 1e-9);
+    EXPECT_NEAR(hmat["centre"][0].get<double>(), 50, 1e-9);
+    EXPECT_EQ(info(work / "maps")["tables"].size(), 2U);
+    EXPECT_EQ(info(work / "tables")["kind"], "rectification tables of an hmat set");
+    EXPECT_NEAR(info(work / "cloud.ply")["depth"]["q50"].get<double>(), 600, 0);
+    const Json stereo = info(work / "stereo.yaml --depth 500:1000");
+    EXPECT_NEAR(stereo["baseline"].get<double>(), 50, 1e-9);
+    EXPECT_NEAR(stereo["disparity_range"]["min_disparity"].get<double>(), 50, 1e-9);
+    EXPECT_NEAR(stereo["disparity_range"]["max_disparity"].get<double>(), 100, 1e-9);
+}
+
+TEST(Info, HostileFilesGetOneLineAndExitCodeOne)
+{
+    const program::Folder work;
+    const std::string yaml = "%YAML:1.0\n---\n";
+    const std::string files[] = {
+        "",
+        "x",
+        std::string(96, '\xFF'), // NaN in an hmat
+        std::string(96, '\0'),   // singular
+        bytes_of<std::int32_t>({ 5, 30000, 30000, 0 }),
+        bytes_of<std::int32_t>({ 5, -1, 3, 0 }),
+        bytes_of<std::int32_t>({ 0x7FFFFFFF, 0, 0, 0 }),
+        yaml,
+        yaml + "cam0_K: 3\n",
+        yaml + "a: !!binary |",
+        yaml + "a: " + std::string(100000, '['),
+        yaml + "cam0_K: !!opencv-matrix\n   rows: 2\n   cols: 2\n   dt: d\n   data: [ 1., 2. ]\n",
+        yaml + "StereoName: x\nQ: 1\n",
+        "ply\n",
+        "ply\nformat binary_little_endian 1.0\nelement vertex 4000000000\nproperty float x\nproperty float y\n"
+        "property float z\nend_header\n",
+        "ply\nformat binary_little_endian 1.0\nelement vertex 1\nend_header\n",
+        "ply\nformat binary_little_endian 1.0\nelement vertex 1\nproperty list uchar int x\nend_header\n",
+    };
+    for (const std::string& bytes : files) {
+        program::write(work / "hostile", bytes);
+        const Outcome run = program::run(work, "info " + work / "hostile");
+        EXPECT_EQ(run.code, 1) << bytes.substr(0, 80) << run.out;
+        EXPECT_TRUE(run.one_line_of_error()) << bytes.substr(0, 80) << ": " << run.err;
+    }
+    for (const std::string& path : { work / "absent", work / "" }) {
+        const Outcome run = program::run(work, "info " + path);
+        EXPECT_EQ(run.code, 1);
+        EXPECT_TRUE(run.one_line_of_error()) << run.err;
+    }
+}
+
+TEST(Help, EveryCommandShowsAnExampleAndTheCommonOptions)
+{
+    const program::Folder work;
+    for (const char* command : { "simulate", "measure", "compare", "info" }) {
+        const Outcome run = program::run(work, std::string(command) + " --help");
+        EXPECT_EQ(run.code, 0) << command;
+        EXPECT_NE(run.out.find(std::string("Example:\n  vexo ") + command), std::string::npos) << run.out;
+        for (const char* option : { "--json", "--quiet", "--threads" })
+            EXPECT_NE(run.out.find(option), std::string::npos) << command << " " << option;
+    }
+}
+
+} // namespace

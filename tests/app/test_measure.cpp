@@ -1,0 +1,244 @@
+#include "program.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include <memory>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using program::Outcome;
+
+/// One small plane, simulated once: fringes of 32 projector pixels are about 11 camera pixels long.
+class Measure : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        work = std::make_unique<program::Folder>();
+        simulated = program::run(*work, "simulate plane --size 320x256 --period 32 --quiet --out " + *work / "scan");
+    }
+    static void TearDownTestSuite() { work.reset(); }
+    void SetUp() override { ASSERT_EQ(simulated.code, 0) << simulated.err; }
+
+    static Outcome run(const std::string& arguments) { return program::run(*work, arguments); }
+    static std::string at(const std::string& name) { return *work / name; }
+
+    /// A copy of the capture that a test may spoil.
+    static std::string copy_of_scan(const std::string& name)
+    {
+        fs::remove_all(at(name));
+        fs::copy(at("scan"), at(name), fs::copy_options::recursive);
+        return at(name);
+    }
+
+    static std::unique_ptr<program::Folder> work;
+    static Outcome simulated;
+};
+std::unique_ptr<program::Folder> Measure::work;
+Outcome Measure::simulated;
+
+long long not_measured(const Json& report)
+{
+    long long sum = 0;
+    for (const auto& cause : report["pixels"]["not_measured"])
+        sum += cause.get<long long>();
+    return sum;
+}
+
+TEST_F(Measure, PlaneIsMeasuredWholeAndAsExactlyAsItsNoiseAllows)
+{
+    const Outcome measured = run("measure --json " + at("scan") + " --out " + at("plane"));
+    ASSERT_EQ(measured.code, 0) << measured.err;
+    const Json report = Json::parse(measured.out);
+    EXPECT_EQ(report["pixels"]["measured"].get<long long>() + not_measured(report), 320 * 256);
+    EXPECT_EQ(report, Json::parse(program::read(at("plane/report.json"))));
+    EXPECT_TRUE(measured.err.empty()) << measured.err;
+
+    const Outcome compared = run("compare --json " + at("plane") + " " + at("scan"));
+    ASSERT_EQ(compared.code, 0) << compared.err;
+    const Json c = Json::parse(compared.out);
+    EXPECT_GE(c["coverage"]["inner_coverage"].get<double>(), 0.995);
+    EXPECT_LE(c["error"]["outliers"].get<double>(), 0.0005);
+    // The prediction knows the noise alone; rectification rounds positions to 1/32 px, a tenth of it here.
+    EXPECT_NEAR(c["rms_over_predicted"].get<double>(), 1.0, 0.2);
+    EXPECT_LT(std::abs(c["error"]["bias"].get<double>()), 0.1 * c["error"]["rms"].get<double>());
+}
+
+TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
+{
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + at("files")).code, 0);
+    const Json report = Json::parse(program::read(at("files/report.json")));
+    const cv::Mat depth = cv::imread(at("files/depth.tiff"), cv::IMREAD_UNCHANGED);
+    const cv::Mat steps = cv::imread(at("files/depth.png"), cv::IMREAD_UNCHANGED);
+    const cv::Mat disparity = cv::imread(at("files/disparity.tiff"), cv::IMREAD_UNCHANGED);
+    const cv::Mat valid = cv::imread(at("files/valid.png"), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(depth.type(), CV_32FC1);
+    ASSERT_EQ(steps.type(), CV_16UC1);
+    EXPECT_EQ(cv::countNonZero(valid), report["pixels"]["measured"].get<int>());
+
+    const double unit = report["depth_png"]["unit"],
+                 f_baseline = report["camera"]["f"].get<double>() * report["camera"]["baseline"].get<double>();
+    const double infinity = report["camera"]["disparity_at_infinity"];
+    for (int y = 0; y < depth.rows; ++y) {
+        for (int x = 0; x < depth.cols; ++x) {
+            const double z = depth.at<float>(y, x);
+            ASSERT_EQ(valid.at<uchar>(y, x) == 255, !std::isnan(z));
+            if (std::isnan(z)) continue;
+            ASSERT_NEAR(steps.at<ushort>(y, x) * unit, z, 0.5001 * unit);
+            // Z = f b / (d - d_infinity); a float depth near 600 mm resolves 6e-5 mm, 1e-5 px
+            ASSERT_NEAR(disparity.at<float>(y, x), infinity + f_baseline / z, 1e-4);
+        }
+    }
+    const std::string ply = program::read(at("files/cloud.ply"));
+    const std::size_t body = ply.find("end_header\n") + 11;
+    EXPECT_EQ(ply.size() - body, 15 * report["pixels"]["measured"].get<std::size_t>());
+    for (const char* view : { "texture", "disparity", "depth", "valid" })
+        EXPECT_GT(cv::imread(at("files/" + std::string(view) + "_view.png")).cols, depth.cols) << view;
+}
+
+TEST_F(Measure, CloudIsTheSameToTheByteForOneAndForTwoThreads)
+{
+    ASSERT_EQ(run("measure --quiet --threads 1 " + at("scan") + " --out " + at("one")).code, 0);
+    ASSERT_EQ(run("measure --quiet --threads 2 " + at("scan") + " --out " + at("two")).code, 0);
+    EXPECT_EQ(program::read(at("one/cloud.ply")), program::read(at("two/cloud.ply")));
+    EXPECT_EQ(program::read(at("one/valid_view.png")), program::read(at("two/valid_view.png")));
+}
+
+TEST_F(Measure, DisparitiesOutsideTheLimitsAreNamedWithTheirRange)
+{
+    const Outcome nothing = run("measure " + at("scan") + " --disparity 5000:6000 --out " + at("nothing"));
+    EXPECT_EQ(nothing.code, 1);
+    EXPECT_TRUE(nothing.one_line_of_error()) << nothing.err;
+    EXPECT_NE(nothing.err.find("every disparity lies outside [5000, 6000]: measured range"), std::string::npos);
+    EXPECT_NE(nothing.err.find("--depth"), std::string::npos);
+    EXPECT_FALSE(fs::exists(at("nothing")));
+}
+
+TEST_F(Measure, DepthRangeKeepsTheSurfaceInItAndNothingElse)
+{
+    // The plane spans 564 to 639 mm.
+    const auto share = [](const std::string& range) {
+        const Outcome measured = run("measure --json " + at("scan") + " --depth " + range + " --out " + at("range"));
+        return measured.code == 0 ? Json::parse(measured.out)["pixels"]["share"].get<double>() : 0.0;
+    };
+    const double all = share("500:700");
+    EXPECT_GT(all, 0.85);
+    // Limits are rounded outwards to whole pixels, and the plane spans 15 of them.
+    const double sum = share("100:600") + share("600:2000");
+    EXPECT_GE(sum, all);
+    EXPECT_LE(sum, all * (1 + 2.0 / 15));
+    EXPECT_EQ(share("100:200"), 0.0);
+}
+
+TEST_F(Measure, PatchWithoutFringesIsLeftOutAndCountedAsItsOwnCause)
+{
+    const std::string scan = copy_of_scan("patch");
+    for (int k = 9; k < 13; ++k) {
+        const std::string path = scan + "/cam0/frame" + (k < 10 ? "0" : "") + std::to_string(k) + ".png";
+        cv::Mat frame = cv::imread(path, cv::IMREAD_GRAYSCALE);
+        frame(cv::Rect(100, 100, 40, 30)).setTo(255); // saturated in every phase frame
+        cv::imwrite(path, frame);
+    }
+    const Outcome measured = run("measure --json " + scan + " --out " + at("patched"));
+    ASSERT_EQ(measured.code, 0) << measured.err;
+    const Json causes = Json::parse(measured.out)["pixels"]["not_measured"];
+    // 1200 raw pixels; rectification gives them a rim of at most one pixel
+    EXPECT_GE(causes["low_modulation"].get<int>(), 1200);
+    EXPECT_LE(causes["low_modulation"].get<int>(), 43 * 33);
+    // Its neighbours stay: at most the rest of the fringe on either side of 31 rows.
+    EXPECT_LE(causes["removed_by_unwrapping"].get<int>(), 31 * 2 * 12);
+}
+
+TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
+{
+    const std::string lacking = copy_of_scan("lacking"), mixed = copy_of_scan("mixed"), cut = copy_of_scan("cut");
+    const std::string other = copy_of_scan("other"), alone = copy_of_scan("alone"), dark = copy_of_scan("dark");
+    fs::remove(lacking + "/cam1/frame07.png");
+    cv::imwrite(mixed + "/cam0/frame07.png", cv::Mat(100, 100, CV_8U, cv::Scalar(7)));
+    const std::string png = program::read(cut + "/cam0/frame03.png");
+    program::write(cut + "/cam0/frame03.png", png.substr(0, png.size() / 2));
+    std::string yaml = program::read(other + "/cameras.yaml");
+    yaml.replace(yaml.find("320"), 3, "640");
+    program::write(other + "/cameras.yaml", yaml);
+    fs::remove(alone + "/cameras.yaml");
+    for (const char* camera : { "/cam0", "/cam1" })
+        fs::copy_file(
+            dark + camera + "/frame00.png", dark + camera + "/frame01.png", fs::copy_options::overwrite_existing);
+    program::write(at("file"), "no folder");
+
+    const std::string out = " --out " + at("left");
+    const struct {
+        std::string arguments, expected;
+    } cases[] = {
+        { "measure " + lacking + out, "frame07 is missing" },
+        { "measure " + mixed + out, "frame07.png: 100 x 100, but" },
+        { "measure " + cut + out, "frame03.png: is not a picture" },
+        { "measure " + other + out, "cameras.yaml: cam0 is calibrated for 640 x 256, but the frames are 320 x 256" },
+        { "measure " + alone + out, "cameras.yaml: there is no such file" },
+        { "measure " + dark + out, "too dark or low contrast" },
+        { "measure " + at("nowhere") + out, "there is no such folder" },
+        { "measure " + at("scan") + " --out " + at("file/result"), "cannot be made" },
+        { "measure " + at("scan") + " --calib " + at("scan/scene.json") + out, "is not a calibration file" },
+        { "measure " + at("scan") + " --cam1 '" + at("scan/cam1/nothing*.png'") + out, "no pictures found" },
+        { "measure " + at("scan") + " --disparity 3" + out, "--disparity 3: write two numbers" },
+        { "measure " + at("scan") + " --depth 700:500" + out, "the first number must be the smaller" },
+        { "measure " + at("scan") + " --depth -5:500" + out, "depths must be positive" },
+        { "measure " + at("scan") + " --fit-points 4" + out, "--fit-points" },
+        { "measure " + at("scan"), "--out is required" },
+        { "compare " + at("scan") + " " + at("scan"), "report.json: there is no such file" },
+        { "nonsense", "see vexo --help" },
+    };
+    for (const auto& c : cases) {
+        const Outcome failed = run(c.arguments);
+        EXPECT_TRUE(failed.code == 1 || failed.code == 2) << c.arguments << ": " << failed.code;
+        EXPECT_TRUE(failed.one_line_of_error()) << c.arguments << ": " << failed.err;
+        EXPECT_NE(failed.err.find(c.expected), std::string::npos) << c.arguments << ": " << failed.err;
+        EXPECT_FALSE(fs::exists(at("left"))) << c.arguments;
+    }
+}
+
+TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)
+{
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + at("kept")).code, 0);
+    const std::string cloud = program::read(at("kept/cloud.ply"));
+    program::write(at("kept/cloud.ply"), cloud.substr(0, cloud.size() / 2));
+    const Outcome cut = run("compare " + at("kept") + " " + at("scan"));
+    EXPECT_EQ(cut.code, 1);
+    EXPECT_NE(cut.err.find("cut short"), std::string::npos) << cut.err;
+    EXPECT_FALSE(fs::exists(at("kept/compare.json")));
+}
+
+TEST_F(Measure, ClosedOutputIsAnErrorAndNotAKill)
+{
+    for (const char* command : { "info ", "info --json " }) {
+        const Outcome full = run(command + at("scan/cameras.yaml") + " > /dev/full");
+        EXPECT_EQ(full.code, 1) << command;
+        EXPECT_TRUE(full.one_line_of_error()) << full.err;
+    }
+}
+
+TEST_F(Measure, RealCapturesMatchASharePerPictureAndTheDepthsThatAPlainDecoderGets)
+{
+    const std::string real = std::string(VEXO_SOURCE_DIR) + "/../shared/realdata";
+    if (!fs::exists(real)) GTEST_SKIP() << "no real captures beside the source";
+    const struct {
+        std::string name, options;
+        double share, tolerance, q01, q50, q99;
+    } sets[] = { { "render_stereo_bust", "", 0.29, 0.01, 507, 554, 644 },
+        { "gyps_stereo_dental", " --disparity -400:400", 0.58, 0.03, 322, 354, 516 } };
+    for (const auto& set : sets) {
+        const Outcome measured
+            = run("measure --json " + real + "/" + set.name + set.options + " --out " + at(set.name));
+        ASSERT_EQ(measured.code, 0) << measured.err;
+        const Json report = Json::parse(measured.out);
+        EXPECT_GE(report["pixels"]["share"].get<double>(), set.share) << set.name;
+        EXPECT_NEAR(report["depth"]["q01"].get<double>(), set.q01, set.tolerance * set.q01) << set.name;
+        EXPECT_NEAR(report["depth"]["q50"].get<double>(), set.q50, set.tolerance * set.q50) << set.name;
+        EXPECT_NEAR(report["depth"]["q99"].get<double>(), set.q99, set.tolerance * set.q99) << set.name;
+    }
+}
+
+} // namespace
