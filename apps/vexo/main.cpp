@@ -43,9 +43,11 @@ int run(int argc, char** argv)
     vexo::app::add_simulate(app, options);
     vexo::app::add_measure(app, options);
     vexo::app::add_compare(app, options);
+    vexo::app::add_table(app, options);
     vexo::app::add_info(app, options);
     vexo::app::add_board(app, options);
     vexo::app::add_patterns(app, options);
+    vexo::app::add_check(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

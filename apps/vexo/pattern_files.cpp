@@ -149,8 +149,7 @@ cv::Mat contact_sheet(const std::vector<PatternFrame>& frames, int rows)
         };
         const std::string what = frames[i].what;
         write(frame_name(i) + "  " + what.substr(0, what.find(',')), 1, 0);
-        const std::string zoomed = frames[i].period > 0 ? " (8 fringes)" : "";
-        if (what.find(',') != std::string::npos) write(what.substr(what.find(',') + 2) + zoomed, 2, 60);
+        if (what.find(',') != std::string::npos) write(what.substr(what.find(',') + 2), 2, 60);
     }
     return sheet;
 }
