@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -146,12 +147,43 @@ bool UndistortCamera::remap(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& 
         if (src.empty() || src.dims != 2 || map1.empty() || map2.empty()) return false;
         const cv::Mat source = overlap(src, dst) ? src.clone() : src;
         dst.create(map1.size(), source.type());
+        if (_remap_rows(source, dst, colour)) return true;
         dst.setTo(colour);
         cv::remap(source, dst, map1, map2, remap_method(interpolation), cv::BORDER_TRANSPARENT);
         return true;
     } catch (...) {
         return false;
     }
+}
+
+bool UndistortCamera::has_row_form(cv::Size raw) const noexcept
+{
+    const auto in_range = [](cv::Size size) { return size.width < SHRT_MAX && size.height < SHRT_MAX; };
+    return remap_method(interpolation) == cv::INTER_LINEAR && map1.type() == CV_32FC1 && map2.type() == CV_32FC1
+        && map1.dims == 2 && map2.dims == 2 && map1.size() == map2.size() && in_range(map1.size()) && in_range(raw);
+}
+
+void UndistortCamera::remap_row(
+    int row, cv::Size raw, const RemapImage<uchar>& bytes, const RemapImage<float>& floats) const noexcept
+{
+    vexo::remap_row(map1.ptr<float>(row), map2.ptr<float>(row), map1.cols, raw, bytes, floats);
+}
+
+/// remap() by rows; false where only cv::remap can do it.
+bool UndistortCamera::_remap_rows(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& colour) const
+{
+    const bool bytes = src.type() == CV_8UC1;
+    if (!has_row_form(src.size()) || !(bytes || src.type() == CV_32FC1)) return false;
+    const auto grey = cv::saturate_cast<uchar>(colour[0]);
+    const auto value = cv::saturate_cast<float>(colour[0]);
+    const int rows = map1.rows;
+#pragma omp parallel for schedule(dynamic, 32) // each row of `dst` is written by one thread
+    for (int r = 0; r < rows; ++r)
+        remap_row(r, src.size(),
+            bytes ? RemapImage<uchar> { src.ptr(), src.step[0], dst.ptr(r), grey } : RemapImage<uchar> {},
+            bytes ? RemapImage<float> {}
+                  : RemapImage<float> { src.ptr<float>(), src.step[0], dst.ptr<float>(r), value });
+    return true;
 }
 
 bool UndistortCamera::save(cv::FileStorage* fs)

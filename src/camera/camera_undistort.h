@@ -2,6 +2,7 @@
 
 #include "camera/camera_distort.h"
 #include "camera/camera_pinhole.h"
+#include "camera/remap_kernels.h"
 
 #include <opencv2/core.hpp>
 
@@ -48,6 +49,17 @@ public:
     /// As above with another fill colour: the camera itself is shared and never changed.
     bool remap(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& colour) const;
 
+    /// Whether remap_row() may stand in for remap(): linear interpolation, float tables, sizes that cv::remap takes.
+    bool has_row_form(cv::Size raw) const noexcept;
+
+    /// One row of remap(), for callers that go on with the row while it is in the cache; see vexo::remap_row().
+    ///
+    /// @param row     of the rectified image
+    /// @param raw     size of the raw images, for which has_row_form() holds
+    /// @param bytes, floats  an 8-bit and a float image to be remapped in one pass; either may be absent
+    void remap_row(
+        int row, cv::Size raw, const RemapImage<uchar>& bytes, const RemapImage<float>& floats) const noexcept;
+
     /// As PinHoleCamera::save(), with the key `name`_roi, after the tables have gone to map_file if that is
     /// named. False, too, when the tables cannot be written; then no YAML is written either.
     bool save(cv::FileStorage* fs) override;
@@ -58,6 +70,9 @@ public:
     ///          stream, and the tables kept; when it opens but does not hold two tables of this camera's
     ///          size: false, and the camera as it was
     bool load(cv::FileStorage* fs) override;
+
+private:
+    bool _remap_rows(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& colour) const;
 };
 
 /// @name Binary tables

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+
+namespace vexo {
+
+/// Source and destination of one image in remap_row(); `step` is the source's, in bytes.
+template <class T> struct RemapImage {
+    const T* src = nullptr; ///< first pixel; null: there is no such image
+    std::size_t step = 0;
+    T* dst = nullptr; ///< one row
+    T fill = 0;       ///< of pixels without a source
+};
+
+/// One row of a bilinear remap of an 8-bit and a float image through the same tables, either of which may be
+/// absent. The positions are computed once for both.
+///
+///     (x, y) = (map_x, map_y) to 1/32 px, rounded to even
+///     dst = the four neighbours weighted by (1-fx)(1-fy), fx(1-fy), (1-fx)fy, fx fy
+///
+/// A pixel is written only when all four neighbours lie inside the source, else it gets the fill value. The result
+/// equals cv::remap(INTER_LINEAR, BORDER_TRANSPARENT) on a filled image bit for bit.
+///
+/// @param map_x, map_y  raw position of each pixel of the row, px; any values
+/// @param cols          pixels of the row
+/// @param size          of the sources, px, each side below 32767
+void remap_row(const float* map_x, const float* map_y, int cols, cv::Size size, const RemapImage<uchar>& bytes,
+    const RemapImage<float>& floats) noexcept;
+
+} // namespace vexo

@@ -1,0 +1,209 @@
+// The row kernel behind UndistortCamera::remap: the same bits as cv::remap and as its plain twin.
+#include "camera/camera_undistort.h"
+#include "camera/cpu.h"
+#include "reference/plain_remap.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+#include <opencv2/imgproc.hpp>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+using vexo::Cpu;
+using vexo::UndistortCamera;
+
+namespace {
+
+struct Tables {
+    const char* name;
+    cv::Mat map1, map2;
+};
+
+template <class F> Tables tables(const char* name, cv::Size size, F position)
+{
+    Tables t { name, cv::Mat(size, CV_32FC1), cv::Mat(size, CV_32FC1) };
+    for (int r = 0; r < size.height; ++r)
+        for (int c = 0; c < size.width; ++c) {
+            const cv::Point2d p = position(c, r);
+            t.map1.at<float>(r, c) = static_cast<float>(p.x);
+            t.map2.at<float>(r, c) = static_cast<float>(p.y);
+        }
+    return t;
+}
+
+/// Rectifications, enlargements, reductions, mirrors, noise, and numbers that are no positions.
+std::vector<Tables> many_tables(cv::Size size, cv::Size raw)
+{
+    static std::mt19937 rng(5);
+    std::uniform_real_distribution<double> unit(-0.2, 1.2);
+    const double wild[] = { NAN, INFINITY, -INFINITY, 1e30, -1e30, FLT_MAX, 6.7e7, -6.8e7, 32767, -32768, 65536, 0.5 };
+    const auto turned = [&](double scale, double angle, int c, int r) {
+        return cv::Point2d(scale * (c * std::cos(angle) - r * std::sin(angle)) + 0.3,
+            scale * (c * std::sin(angle) + r * std::cos(angle)) - 0.4);
+    };
+    return { tables("identity", size, [](int c, int r) { return cv::Point2d(c, r); }),
+        tables("turned", size, [&](int c, int r) { return turned(1.0, 0.03, c, r); }),
+        tables("larger", size, [&](int c, int r) { return turned(0.4, -0.02, c, r); }),
+        tables("smaller", size, [&](int c, int r) { return turned(1.3, 0.1, c, r); }),
+        tables("much smaller", size, [&](int c, int r) { return turned(4.0, 0.5, c, r); }),
+        tables("mirrored", size, [&](int c, int r) { return cv::Point2d(raw.width - 1.7 - c, r + 0.25); }),
+        tables("scattered", size, [&](int, int) { return cv::Point2d(unit(rng) * raw.width, unit(rng) * raw.height); }),
+        tables("half steps", size, [&](int c, int r) { return cv::Point2d(c + 1 / 64.0, r + 3 / 64.0); }),
+        tables("wild", size,
+            [&](int c, int r) { return cv::Point2d(rng() % 2 ? c : wild[rng() % 12], wild[rng() % 12] + 0 * r); }) };
+}
+
+/// An image in a buffer of its own that ends with the last pixel of the last row.
+template <class T> struct Exact {
+    std::vector<T> pixels;
+    cv::Mat_<T> image;
+
+    Exact(cv::Size size, int gap)
+        : pixels(static_cast<std::size_t>(size.height * (size.width + gap) - gap))
+        , image(size.height, size.width, pixels.data(), static_cast<std::size_t>(size.width + gap) * sizeof(T))
+    {
+    }
+};
+
+void fill_randomly(cv::Mat_<uchar>& image, std::mt19937& rng)
+{
+    for (int r = 0; r < image.rows; ++r)
+        for (int c = 0; c < image.cols; ++c)
+            image(r, c) = rng() % 3 == 0 ? static_cast<uchar>(rng()) : 255;
+}
+
+void fill_randomly(cv::Mat_<float>& image, std::mt19937& rng)
+{
+    std::uniform_real_distribution<float> value(-10.0F, 1e5F);
+    for (int r = 0; r < image.rows; ++r)
+        for (int c = 0; c < image.cols; ++c)
+            image(r, c) = rng() % 4 == 0 ? 0.0F : value(rng);
+}
+
+bool same_bits(const cv::Mat& a, const cv::Mat& b)
+{
+    if (a.size() != b.size() || a.type() != b.type()) return false;
+    for (int r = 0; r < a.rows; ++r)
+        if (std::memcmp(a.ptr(r), b.ptr(r), static_cast<std::size_t>(a.cols) * a.elemSize()) != 0) return false;
+    return true;
+}
+
+cv::Mat opencv_remap(const cv::Mat& src, const Tables& t, double fill)
+{
+    cv::Mat dst(t.map1.size(), src.type(), cv::Scalar::all(fill));
+    cv::remap(src, dst, t.map1, t.map2, cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+    return dst;
+}
+
+UndistortCamera camera_with(const Tables& t)
+{
+    UndistortCamera cam(t.map1.size(), "u");
+    cam.map1 = t.map1;
+    cam.map2 = t.map2;
+    return cam;
+}
+
+template <class T> void expect_equal(const cv::Mat_<T>& src, const Tables& t, T fill)
+{
+    cv::Mat got;
+    ASSERT_TRUE(camera_with(t).remap(src, got, cv::Scalar::all(static_cast<double>(fill))));
+    EXPECT_TRUE(same_bits(got, opencv_remap(src, t, static_cast<double>(fill)))) << t.name << ' ' << src.size();
+    EXPECT_TRUE(same_bits(got, plain::remap(src, t.map1, t.map2, fill))) << t.name << ' ' << src.size();
+}
+
+class BothForms : public testing::TestWithParam<bool> {
+protected:
+    void SetUp() override { Cpu::allow_avx2(GetParam()); }
+    void TearDown() override { Cpu::allow_avx2(true); }
+};
+using RemapRows = BothForms;
+INSTANTIATE_TEST_SUITE_P(PlainAndVector, RemapRows, testing::Bool());
+
+} // namespace
+
+TEST_P(RemapRows, EqualCvRemapAndThePlainTwinBitForBit)
+{
+    std::mt19937 rng(4);
+    for (const cv::Size raw : { cv::Size(1, 1), cv::Size(1, 40), cv::Size(40, 1), cv::Size(2, 2), cv::Size(9, 3),
+             cv::Size(17, 16), cv::Size(33, 20), cv::Size(131, 67) })
+        for (const cv::Size size : { raw, cv::Size(1, 7), cv::Size(70, 45) }) {
+            Exact<uchar> bytes(raw, 3);
+            Exact<float> floats(raw, 1);
+            fill_randomly(bytes.image, rng);
+            fill_randomly(floats.image, rng);
+            for (const Tables& t : many_tables(size, raw)) {
+                expect_equal<uchar>(bytes.image, t, 77);
+                expect_equal<float>(floats.image, t, -2.5F);
+            }
+        }
+}
+
+TEST_P(RemapRows, OnePassOverMapAndMaskIsTwoPasses)
+{
+    std::mt19937 rng(6);
+    const cv::Size raw(61, 37), size(67, 31);
+    Exact<uchar> bytes(raw, 0);
+    Exact<float> floats(raw, 0);
+    fill_randomly(bytes.image, rng);
+    fill_randomly(floats.image, rng);
+    for (const Tables& t : many_tables(size, raw)) {
+        const UndistortCamera cam = camera_with(t);
+        ASSERT_TRUE(cam.has_row_form(raw));
+        cv::Mat_<uchar> mask(size);
+        cv::Mat_<float> map(size);
+        for (int r = 0; r < size.height; ++r)
+            cam.remap_row(r, raw, { bytes.image[0], bytes.image.step[0], mask[r], 0 },
+                { floats.image[0], floats.image.step[0], map[r], 0.0F });
+        EXPECT_TRUE(same_bits(mask, opencv_remap(bytes.image, t, 0))) << t.name;
+        EXPECT_TRUE(same_bits(map, opencv_remap(floats.image, t, 0))) << t.name;
+    }
+}
+
+TEST_P(RemapRows, AMaskStays255OnlyWhereAtMostTwo1024thsAreInvalid)
+{
+    cv::Mat_<uchar> mask(2, 2, uchar { 255 });
+    mask(1, 1) = 0;
+    Tables t = tables("fractions", { 32, 32 }, [](int c, int r) { return cv::Point2d(c / 32.0, r / 32.0); });
+    cv::Mat got;
+    ASSERT_TRUE(camera_with(t).remap(mask, got, cv::Scalar::all(0)));
+    for (int r = 0; r < 32; ++r)
+        for (int c = 0; c < 32; ++c)
+            EXPECT_EQ(got.at<uchar>(r, c) == 255, c * r <= 2) << c << ' ' << r;
+}
+
+TEST_P(RemapRows, AreTheSameForAnyNumberOfThreads)
+{
+    std::mt19937 rng(7);
+    const Tables t = many_tables({ 90, 150 }, { 100, 140 })[1];
+    cv::Mat_<uchar> raw(140, 100);
+    fill_randomly(raw, rng);
+    const int before = omp_get_max_threads();
+    for (const int threads : { 1, 2, 3, 7 }) {
+        omp_set_num_threads(threads);
+        expect_equal<uchar>(raw, t, 3);
+    }
+    omp_set_num_threads(before);
+}
+
+TEST(RemapRowsFallBack, OtherTablesTypesAndMethodsGoThroughCvRemap)
+{
+    const cv::Size size(40, 30);
+    Tables t = many_tables(size, size)[1];
+    UndistortCamera cam = camera_with(t);
+    cv::Mat colour(size, CV_8UC3), got;
+    cv::randu(colour, 0, 255);
+    ASSERT_TRUE(cam.remap(colour, got, cv::Scalar(1, 2, 3)));
+    EXPECT_EQ(got.type(), CV_8UC3);
+    cam.interpolation = 2;
+    EXPECT_FALSE(cam.has_row_form(size));
+    cam.interpolation = 1;
+    cv::convertMaps(t.map1, t.map2, cam.map1, cam.map2, CV_16SC2);
+    EXPECT_FALSE(cam.has_row_form(size));
+    cv::Mat_<uchar> raw(size, uchar { 9 });
+    ASSERT_TRUE(cam.remap(raw, got, cv::Scalar::all(77)));
+    EXPECT_TRUE(same_bits(got, opencv_remap(raw, t, 77)));
+}
