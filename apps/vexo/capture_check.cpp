@@ -298,7 +298,7 @@ struct Sample {
 
 Sample make_sample(const std::vector<cv::Mat>& frames)
 {
-    constexpr int rows_looked_at = 48, least_range = 30;
+    constexpr int rows_looked_at = 48, least_range = 20;
     Sample sample;
     const int height = frames[0].rows, width = frames[0].cols;
     for (int y = 0; y < height; y += std::max(1, height / rows_looked_at)) {
@@ -326,7 +326,8 @@ struct Fringe {
 /// What agrees, and out of how many.
 struct Agreement {
     double agreeing = 0, all = 0;
-    double share() const { return all > 0 ? agreeing / all : 0; }
+    /// NaN when there is too little to judge by.
+    double share() const { return all >= 20 ? agreeing / all : std::numeric_limits<double>::quiet_NaN(); }
 };
 
 /// Phase in periods, 0 to 1, of gray code + phase.
