@@ -155,9 +155,11 @@ FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, const cv::Mat&
 
 RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& cam1)
 {
-    // A longer anchor keeps more stray runs out, but each run that it turns down must be filled in between
-    // anchors. Up to 4, where it stops helping, take the longest that leaves nine tenths of the pixels anchored.
-    constexpr double enough = 0.9;
+    // A longer anchor keeps more stray runs out, but pixels of the runs that it turns down are mostly lost: the
+    // gaps between anchors are filled only where the phase keeps rising. Up to 4, where it stops helping, take the
+    // longest that still holds nearly all pixels. On captures with fringes of 11 to 90 px and phase noise of 0.003
+    // to 0.03 periods, a share below 0.96 went with a loss of 3 to 25 % of the surface.
+    constexpr double enough = 0.96;
     const auto anchored = [&](int n) {
         const auto i = static_cast<std::size_t>(n);
         return std::min(cam0.share_in_longer_runs[i], cam1.share_in_longer_runs[i]);
