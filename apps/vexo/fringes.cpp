@@ -158,8 +158,8 @@ RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& ca
     // A longer anchor keeps more stray runs out, but pixels of the runs that it turns down are mostly lost: the
     // gaps between anchors are filled only where the phase keeps rising. Up to 4, where it stops helping, take the
     // longest that still holds nearly all pixels. On captures with fringes of 11 to 90 px and phase noise of 0.003
-    // to 0.03 periods, a share below 0.96 went with a loss of 3 to 25 % of the surface.
-    constexpr double enough = 0.96;
+    // to 0.03 periods, a share below 0.97 went with a loss of 3 to 25 % of the surface.
+    constexpr double enough = 0.97;
     const auto anchored = [&](int n) {
         const auto i = static_cast<std::size_t>(n);
         return std::min(cam0.share_in_longer_runs[i], cam1.share_in_longer_runs[i]);
