@@ -52,6 +52,9 @@ FringePairTable::FringePairTable(const std::vector<int>& periods)
     tmax = *std::max_element(periods.begin(), periods.end());
     scale = 1.0F / static_cast<float>(count);
     _create_table();
+    resolved.assign(table.size(), std::numeric_limits<float>::infinity());
+    for (std::size_t slot = 0; slot < table.size(); ++slot)
+        if (table[slot] != nullptr) resolved[slot] = offsets[slot];
     ok = true;
 }
 

@@ -45,6 +45,7 @@ public:
     std::vector<const signed char*> table; ///< fringe numbers of every slot, or null
     std::vector<signed char> numbers;      ///< where they are stored, `count` for each registered combination
     std::vector<float> offsets;            ///< of every slot, px: mean of k_i T_i
+    std::vector<float> resolved;           ///< `offsets` of the slots that have numbers, infinity of the others
     std::vector<int32_t> lower;            ///< of every difference: -lower is its smallest value, px
     std::vector<int32_t> range;            ///< of every difference: how many values it can take
 

@@ -1,12 +1,18 @@
 #include "decode/GrayPhaseDecoder.h"
 
+#include "decode/AngleTable.h"
 #include "decode/phase_kernels.h"
 
 #include <algorithm>
+#include <omp.h>
 #include <string>
 
 namespace vexo {
 namespace {
+std::size_t at(int position) noexcept
+{
+    return static_cast<std::size_t>(position);
+}
 constexpr std::size_t first_step = GrayPhaseDecoder::bit_planes; // index of the first fringe frame in `frames`
 constexpr std::size_t frames_needed = GrayPhaseDecoder::bit_planes + GrayPhaseDecoder::phase_steps;
 } // namespace
@@ -19,6 +25,7 @@ GrayPhaseDecoder::GrayPhaseDecoder(int camera_id, int frame_count, const GrayPha
         _add_input(frame, CV_8U);
     _add_result(gray);
     _add_result(phase);
+    AngleTable::instance(); // built now, not in the first measurement
 }
 
 int GrayPhaseDecoder::set_input(void* data, int width, int height, unsigned long step, int index)
@@ -26,15 +33,46 @@ int GrayPhaseDecoder::set_input(void* data, int width, int height, unsigned long
     return index < frame_count ? _copy_input(data, width, height, step, index) : 0;
 }
 
+bool GrayPhaseDecoder::_decodable() const noexcept
+{
+    return params != nullptr && complete() && frames.size() >= frames_needed;
+}
+
 void GrayPhaseDecoder::preproc()
 {
-    if (params == nullptr || !complete() || frames.size() < frames_needed) {
+    if (!_decodable()) {
         _drop_results();
         return;
     }
     set_valid(params->min_contrast, params->max_white, params->min_white);
     _graycode(_threshold());
     _phasecode();
+}
+
+void GrayPhaseDecoder::decode()
+{
+    if (!_decodable()) {
+        _drop_results();
+        return;
+    }
+    _prepare_decode();
+    gray.release(); // of an earlier preproc(): they belong to other frames
+    phase.release();
+    _workers.resize(at(omp_get_max_threads()));
+    for (FastGrayRow& worker : _workers)
+        worker.resize(white.cols);
+    const FastGrayRow::Limits limits { byte_limits(params->min_contrast, params->max_white, params->min_white),
+        params->anchor_length, params->reject_length, params->code_spread };
+    const FastRows& kernels = fast_rows();
+    const float* angles = AngleTable::instance().data();
+    const auto& f = frames;
+    const int rows = white.rows;
+#pragma omp parallel for schedule(dynamic, 16) // each thread writes its own rows of `unwrapped` and `vmask`
+    for (int y = 0; y < rows; ++y)
+        _workers[at(omp_get_thread_num())].decode(kernels, angles,
+            { black[y], white[y], { f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] },
+                { f[7][y], f[8][y], f[9][y], f[10][y] } },
+            limits, unwrapped[y], vmask[y]);
 }
 
 cv::Mat_<float> GrayPhaseDecoder::_threshold() const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "decode/fast_gray.h"
 #include "decode/GrayPhaseHolder.h"
 
 namespace vexo {
@@ -23,6 +24,7 @@ public:
 
     int set_input(void* data, int width, int height, unsigned long step, int index) override;
     void preproc() override;
+    void decode() override;
 
     /// Grey level between dark and lit, (white + black) / 2, of every pixel.
     cv::Mat_<float> _threshold() const;
@@ -34,6 +36,10 @@ public:
     void _save_decode();
 
     std::vector<cv::Mat_<uchar>> frames; ///< inputs 2 and up; keeps its length
+
+private:
+    bool _decodable() const noexcept;
+    std::vector<FastGrayRow> _workers; ///< of decode(), one a thread
 };
 
 } // namespace vexo

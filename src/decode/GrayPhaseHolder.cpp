@@ -1,9 +1,8 @@
 #include "decode/GrayPhaseHolder.h"
 
 #include "decode/phase_kernels.h"
+#include "decode/phase_sections.h"
 
-#include <algorithm>
-#include <cmath>
 #include <omp.h>
 
 namespace vexo {
@@ -12,144 +11,6 @@ namespace {
 std::size_t at(int position) noexcept
 {
     return static_cast<std::size_t>(position);
-}
-
-/// Counts the period numbers of one section after another; the counters are cleared by what was counted.
-class CodeVote {
-public:
-    void add(uint8_t code) noexcept
-    {
-        if (_counters[code]++ == 0) _distinct[_ndistinct++] = code;
-    }
-    int ndistinct() const noexcept { return static_cast<int>(_ndistinct); }
-    /// The code met most often; among equals the one met first. Clears the vote.
-    int16_t take_winner() noexcept
-    {
-        const uint8_t* first = _distinct.data();
-        const uint8_t* winner = std::max_element(
-            first, first + _ndistinct, [this](uint8_t a, uint8_t b) { return _counters[a] < _counters[b]; });
-        const int16_t code = *winner;
-        for (std::size_t i = 0; i < _ndistinct; ++i)
-            _counters[_distinct[i]] = 0;
-        _ndistinct = 0;
-        return code;
-    }
-
-private:
-    std::array<int, 256> _counters {};
-    std::array<uint8_t, 256> _distinct {};
-    std::size_t _ndistinct = 0;
-};
-
-/// Which sections can become anchors, and the way from one to the next. Sections do not change sides while
-/// they are voted on, so one that has lost a vote still takes part in the next.
-class Candidates {
-public:
-    Candidates(std::vector<PhaseSection>& sections, int anchor_length, int code_spread) noexcept
-        : _sections(sections)
-        , _anchor_length(anchor_length)
-        , _code_spread(code_spread)
-    {
-    }
-    int count() const noexcept { return static_cast<int>(_sections.size()); }
-    PhaseSection& operator[](int i) const noexcept { return _sections[at(i)]; }
-    /// The candidate nearest to section i on the right, count() when there is none; from -1 the first.
-    int after(int i) const noexcept
-    {
-        do
-            ++i;
-        while (i < count() && !_holds(i));
-        return i;
-    }
-    /// The candidate nearest to section i on the left, -1 when there is none.
-    int before(int i) const noexcept
-    {
-        do
-            --i;
-        while (i >= 0 && !_holds(i));
-        return i;
-    }
-
-private:
-    bool _holds(int i) const noexcept
-    {
-        return _sections[at(i)].length > _anchor_length && _sections[at(i)].ncodes <= _code_spread;
-    }
-    std::vector<PhaseSection>& _sections;
-    int _anchor_length;
-    int _code_spread;
-};
-
-/// Codes must not fall from left to right. Where candidate a is followed by b with a smaller code, the group
-/// around b (going on while codes are below a's) stands against the group around a (going back while codes
-/// are above b's): the shorter one in pixels loses, the earlier one on a tie.
-void settle_fall(const Candidates& candidates, int a, int b) noexcept
-{
-    const int code_a = candidates[a].code;
-    const int code_b = candidates[b].code;
-    int forward = 0; // px; a row has fewer than 2^15
-    int backward = 0;
-    int behind = b; // first candidate behind b's group
-    for (; behind < candidates.count() && candidates[behind].code < code_a; behind = candidates.after(behind))
-        forward += candidates[behind].length;
-    int ahead = a; // last candidate ahead of a's group
-    for (; ahead >= 0 && candidates[ahead].code > code_b; ahead = candidates.before(ahead))
-        backward += candidates[ahead].length;
-
-    if (forward >= backward)
-        for (int i = a; i != ahead; i = candidates.before(i))
-            candidates[i].state = section_open;
-    else
-        for (int i = b; i != behind; i = candidates.after(i))
-            candidates[i].state = section_open;
-}
-
-/// One row while its gaps are filled.
-struct Row {
-    const std::vector<int>& cols;
-    const float* phase;
-    const uint8_t* gray;
-    float* out;
-    std::vector<int>& done;
-
-    /// The coordinate of a pixel that lies nearer to `target`: with the section's code, or with its own, which
-    /// a tie prefers.
-    float nearer(float target, int code, int position) const noexcept
-    {
-        const int x = cols[at(position)];
-        const float a = static_cast<float>(code) + phase[x];
-        const float b = phase[x] + static_cast<float>(gray[x]);
-        return std::fabs(target - a) < std::fabs(target - b) ? a : b;
-    }
-    void assign(int position, float coordinate) const noexcept
-    {
-        out[cols[at(position)]] = coordinate;
-        done[at(position)] = 1;
-    }
-    bool usable(int position) const noexcept { return plausible_phase(phase[cols[at(position)]]); }
-};
-
-/// Fills an open section from its right end: every pixel strictly between `last` and the pixel after it.
-/// @param ref  coordinate on the right of the section; leaves as that of the leftmost pixel filled
-void fill_backwards(const Row& row, const PhaseSection& section, float last, float& ref) noexcept
-{
-    for (int p = section.end - 1; p >= section.begin; --p) {
-        const float choice = row.nearer(ref, section.code, p);
-        if (!(last < choice && choice < ref) || !row.usable(p)) continue;
-        row.assign(p, choice);
-        ref = choice;
-    }
-}
-
-/// Fills an open section behind the last anchor: every pixel above the one before it.
-void fill_forwards(const Row& row, const PhaseSection& section, float& last) noexcept
-{
-    for (int p = section.begin; p < section.end; ++p) {
-        const float choice = row.nearer(last, section.code, p);
-        if (!(choice > last) || !row.usable(p)) continue;
-        row.assign(p, choice);
-        last = choice;
-    }
 }
 
 /// Keeps the columns whose pixel got a coordinate.
@@ -223,13 +84,7 @@ void GrayPhaseHolder::_split_phase(
 int GrayPhaseHolder::_unwrap_positive(std::vector<PhaseSection>& sections, std::vector<int>& done,
     std::vector<int>& cols, float const* phase_row, float* out_row, int anchor_length, int code_spread)
 {
-    const Candidates candidates(sections, anchor_length, code_spread);
-    for (int i = candidates.after(-1); i < candidates.count(); i = candidates.after(i))
-        candidates[i].state = section_anchor;
-    int a = candidates.after(-1);
-    for (int b = candidates.after(a); b < candidates.count(); a = b, b = candidates.after(b))
-        if (candidates[a].code > candidates[b].code) settle_fall(candidates, a, b);
-
+    choose_anchors(sections, anchor_length, code_spread);
     int assigned = 0;
     for (const PhaseSection& section : sections) {
         if (section.state == section_open) continue;
@@ -247,27 +102,8 @@ int GrayPhaseHolder::_unwrap_positive(std::vector<PhaseSection>& sections, std::
 void GrayPhaseHolder::_unwrap_negative(std::vector<PhaseSection>& sections, std::vector<int>& done,
     std::vector<int>& cols, float const* phase_row, float* out_row, unsigned char const* gray_row)
 {
-    const Row row { cols, phase_row, gray_row, out_row, done };
-    float last = 0.0F;
-    auto section = sections.begin();
-    while (section != sections.end()) {
-        if (section->state == section_anchor) last = out_row[cols[at(section->end - 1)]];
-        if (section->state != section_open) {
-            ++section;
-            continue;
-        }
-        const auto anchor
-            = std::find_if(section, sections.end(), [](const PhaseSection& s) { return s.state == section_anchor; });
-        if (anchor == sections.end()) {
-            for (; section != anchor; ++section)
-                if (section->state == section_open) fill_forwards(row, *section, last);
-            return;
-        }
-        float ref = out_row[cols[at(anchor->begin)]];
-        for (auto s = anchor; s-- != section;)
-            if (s->state == section_open) fill_backwards(row, *s, last, ref);
-        section = anchor;
-    }
+    const auto mark = [&done](int position) { done[at(position)] = 1; };
+    SectionRow<std::vector<int>, decltype(mark)> { cols, phase_row, gray_row, out_row, mark }.fill(sections);
 }
 
 void GrayPhaseHolder::unwrap()

@@ -1,9 +1,11 @@
 #include "decode/MultiPhaseDecoder.h"
 
+#include "decode/AngleTable.h"
 #include "decode/phase_kernels.h"
 
 #include <algorithm>
 #include <array>
+#include <omp.h>
 #include <string>
 
 namespace vexo {
@@ -24,6 +26,25 @@ std::array<float, 4> prepare(
     return offsets;
 }
 
+std::size_t at(int position) noexcept
+{
+    return static_cast<std::size_t>(position);
+}
+
+/// What decode() needs of the table and the record. Phases are offset by the record's periods and resolved by the
+/// table's, as in preproc() and unwrap(), should the two ever differ.
+FastMultiRow::Periods fast_periods(const FringePairTable& table, const MultiPhaseMatchingParam& params) noexcept
+{
+    FastMultiRow::Periods p {};
+    for (std::size_t f = 0; f < 3; ++f) {
+        p.period[f] = table.periods[f];
+        p.offset[f] = phase_offset(params.periods[f]);
+    }
+    p.slots = { table.resolved.data(), { table.lower[0], table.lower[1] }, { table.range[0], table.range[1] },
+        table.tmax, table.scale, MultiPhaseHolder::max_coordinate };
+    return p;
+}
+
 } // namespace
 
 MultiPhaseDecoder::MultiPhaseDecoder(
@@ -37,6 +58,7 @@ MultiPhaseDecoder::MultiPhaseDecoder(
         _add_input(frame, CV_8U);
     for (cv::Mat_<float>& phase : phases)
         _add_result(phase);
+    AngleTable::instance(); // built now, not in the first measurement
 }
 
 int MultiPhaseDecoder::set_input(void* data, int width, int height, unsigned long step, int index)
@@ -44,10 +66,15 @@ int MultiPhaseDecoder::set_input(void* data, int width, int height, unsigned lon
     return _copy_input(data, width, height, step, index);
 }
 
-void MultiPhaseDecoder::preproc()
+bool MultiPhaseDecoder::_decodable() const noexcept
 {
     const std::size_t frames_needed = (steps == 3 ? 3 : 4) * phases.size();
-    if (params == nullptr || !complete() || frames.size() < frames_needed) {
+    return params != nullptr && complete() && frames.size() >= frames_needed;
+}
+
+void MultiPhaseDecoder::preproc()
+{
+    if (!_decodable()) {
         _drop_results();
         return;
     }
@@ -56,6 +83,40 @@ void MultiPhaseDecoder::preproc()
         _decode_phase3();
     else
         _decode_phase4();
+}
+
+/// With a common multiple of at most 912 an unresolved pixel counts as resolved; the fast way knows no such thing.
+bool MultiPhaseDecoder::_fast() const noexcept
+{
+    return _decodable() && steps != 3 && phases.size() >= 3 && pair_table != nullptr && pair_table->ok
+        && static_cast<float>(pair_table->maxp) > max_coordinate;
+}
+
+void MultiPhaseDecoder::decode()
+{
+    if (!_fast()) {
+        ProjectorPositions::decode();
+        return;
+    }
+    _prepare_decode();
+    for (cv::Mat_<float>& phase : phases)
+        phase.release(); // of an earlier preproc(): they belong to other frames
+    _workers.resize(at(omp_get_max_threads()));
+    for (FastMultiRow& worker : _workers)
+        worker.resize(white.cols);
+    const FastMultiRow::Periods periods = fast_periods(*pair_table, *params);
+    const ByteLimits limits = byte_limits(params->min_contrast, params->max_white, params->min_white);
+    const FastRows& kernels = fast_rows();
+    const float* angles = AngleTable::instance().data();
+    const auto& f = frames;
+    const int rows = white.rows;
+#pragma omp parallel for schedule(dynamic, 16) // each thread writes its own rows of `unwrapped` and `vmask`
+    for (int y = 0; y < rows; ++y)
+        _workers[at(omp_get_thread_num())].decode(kernels, angles,
+            { black[y], white[y],
+                { { { f[0][y], f[1][y], f[2][y], f[3][y] }, { f[4][y], f[5][y], f[6][y], f[7][y] },
+                    { f[8][y], f[9][y], f[10][y], f[11][y] } } } },
+            limits, periods, unwrapped[y], vmask[y]);
 }
 
 void MultiPhaseDecoder::_decode_phase3()

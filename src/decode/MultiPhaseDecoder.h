@@ -1,5 +1,6 @@
 #pragma once
 
+#include "decode/fast_multi.h"
 #include "decode/MultiPhaseHolder.h"
 
 namespace vexo {
@@ -20,6 +21,8 @@ public:
 
     int set_input(void* data, int width, int height, unsigned long step, int index) override;
     void preproc() override;
+    /// Three shifts a period, whose differences are not whole, go the readable way.
+    void decode() override;
 
     /// Fill `phases` from three or four shifts a period.
     void _decode_phase3();
@@ -29,6 +32,12 @@ public:
 
     int steps;                           ///< shifts of each period
     std::vector<cv::Mat_<uchar>> frames; ///< inputs 2 and up, period by period; keeps its length
+
+private:
+    bool _decodable() const noexcept;
+    /// Whether decode() has a fast way for these frames and this table.
+    bool _fast() const noexcept;
+    std::vector<FastMultiRow> _workers; ///< of decode(), one a thread
 };
 
 } // namespace vexo

@@ -18,6 +18,10 @@ constexpr int64_t max_area = int64_t { 1 } << 26; // px
 void copy_rows(const void* data, std::size_t step, std::size_t row_bytes, cv::Mat& image)
 {
     const auto* from = static_cast<const uchar*>(data);
+    if (step == row_bytes && image.isContinuous()) {
+        std::memmove(image.data, from, row_bytes * static_cast<std::size_t>(image.rows));
+        return;
+    }
     for (int y = 0; y < image.rows; ++y)
         std::memmove(image.ptr(y), from + static_cast<std::size_t>(y) * step, row_bytes);
 }
@@ -112,6 +116,20 @@ int ProjectorPositions::_copy_input(const void* data, int width, int height, uns
     } catch (...) {
         return 0; // out of memory: nothing has changed
     }
+}
+
+void ProjectorPositions::decode()
+{
+    preproc();
+    unwrap();
+}
+
+void ProjectorPositions::_prepare_decode()
+{
+    unwrapped.create(input_size());
+    vmask.create(input_size());
+    for (std::vector<int>& row : valid)
+        row.clear();
 }
 
 void ProjectorPositions::_drop_results()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "decode/AngleTable.h"
+
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -104,6 +106,14 @@ inline void gray_row(
     }
 }
 
+/// (pi - a) / (2 pi), of an angle in rad.
+__attribute__((always_inline)) inline float phase_of_angle(float a) noexcept
+{
+    constexpr double pi = 3.14159274F;              // the float nearest pi, as `a` is a float: a = pi gives exactly 0
+    constexpr double periods_per_rad = 0.15915494F; // the float nearest 1 / (2 pi)
+    return static_cast<float>((pi - a) * periods_per_rad);
+}
+
 /// Wrapped phase from four fringe frames a quarter period apart.
 ///
 ///     a = atan2(P1 - P3, P2 - P0)         phase = (pi - a) / (2 pi)
@@ -114,14 +124,9 @@ inline void gray_row(
 /// Background and contrast cancel, gamma does not. Source: Srinivasan, Liu, Halioua, Appl. Opt. 23 (1984) 3105.
 inline void phase_row(const std::array<const uint8_t*, 4>& steps, const Columns& cols, float* phase) noexcept
 {
-    constexpr double pi = 3.14159274F;              // the float nearest pi, as `a` is a float: a = pi gives exactly 0
-    constexpr double periods_per_rad = 0.15915494F; // the float nearest 1 / (2 pi)
-    for (const int x : cols) {
-        const double sine = steps[1][x] - steps[3][x];
-        const double cosine = steps[2][x] - steps[0][x];
-        const auto a = static_cast<float>(std::atan2(sine, cosine));
-        phase[x] = static_cast<float>((pi - a) * periods_per_rad);
-    }
+    const AngleTable& atan2 = AngleTable::instance();
+    for (const int x : cols)
+        phase[x] = phase_of_angle(atan2(steps[1][x] - steps[3][x], steps[2][x] - steps[0][x]));
 }
 
 constexpr float two_pi = 6.2831855F; ///< the float nearest 2 pi
@@ -149,11 +154,9 @@ inline float phase_offset(int period) noexcept
 inline void phase4_row(
     const std::array<const uint8_t*, 4>& steps, float offset, const Columns& cols, float* phase) noexcept
 {
-    for (const int x : cols) {
-        const double sine = steps[3][x] - steps[1][x];
-        const double cosine = steps[0][x] - steps[2][x];
-        phase[x] = (static_cast<float>(std::atan2(sine, cosine)) + offset) / two_pi;
-    }
+    const AngleTable& atan2 = AngleTable::instance();
+    for (const int x : cols)
+        phase[x] = (atan2(steps[3][x] - steps[1][x], steps[0][x] - steps[2][x]) + offset) / two_pi;
 }
 
 /// Wrapped phase of one of several periods from three shifts.

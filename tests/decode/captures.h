@@ -147,6 +147,15 @@ template <class Decoder, class Unwrapped> void expect_equal(const Decoder& decod
     EXPECT_TRUE(same_bits(decoder.vmask, expected.mask));
 }
 
+/// Compares what decode() leaves; the lists come from the mask.
+template <class Decoder, class Unwrapped> void expect_decoded(Decoder& decoder, const Unwrapped& expected)
+{
+    EXPECT_TRUE(same_bits(decoder.unwrapped, expected.map));
+    EXPECT_TRUE(same_bits(decoder.vmask, expected.mask));
+    decoder.vmask2valid();
+    EXPECT_EQ(decoder.valid, expected.valid);
+}
+
 /// No pixel is valid, nothing has a coordinate.
 template <class Decoder> void expect_nothing(const Decoder& decoder)
 {

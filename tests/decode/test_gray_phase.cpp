@@ -199,6 +199,8 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
                 ASSERT_TRUE(captures::same_bits(decoder.phase, decoded.phase));
                 decoder.unwrap();
                 captures::expect_equal(decoder, expected);
+                decoder.decode();
+                captures::expect_decoded(decoder, expected);
             }
         }
 }
@@ -253,10 +255,16 @@ TEST(GrayPhase, MissingFramesAndAnyOrderOfCallsLeaveNothingValid)
         decoder.preproc();
         decoder.unwrap();
         captures::expect_nothing(decoder);
+        decoder.decode();
+        captures::expect_nothing(decoder);
     }
     decoder.clear();
     captures::give_all(decoder, frames);
     decoder.unwrap(); // not decoded yet
+    captures::expect_nothing(decoder);
+    decoder.decode();
+    EXPECT_TRUE(decoder.gray.empty() && decoder.phase.empty());
+    decoder.unwrap(); // the way of two steps has not begun
     captures::expect_nothing(decoder);
 
     for (const int count : { -5, 0, 2, 12 }) { // decoders of another length
@@ -264,6 +272,8 @@ TEST(GrayPhase, MissingFramesAndAnyOrderOfCallsLeaveNothingValid)
         captures::give_all(other, frames);
         other.preproc();
         other.unwrap();
+        captures::expect_nothing(other);
+        other.decode();
         captures::expect_nothing(other);
     }
     GrayPhaseLoader loader(0, nullptr); // no record at all

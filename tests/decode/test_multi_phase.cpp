@@ -154,6 +154,8 @@ TEST(MultiPhase, DecodedFramesEqualThePlainFormForAnyNumberOfThreads)
                         ASSERT_TRUE(captures::same_bits(decoder.phases[f], phases[f])) << size << " period " << f;
                     decoder.unwrap();
                     captures::expect_equal(decoder, expected);
+                    decoder.decode();
+                    captures::expect_decoded(decoder, expected);
                 }
             }
 }
@@ -239,6 +241,9 @@ TEST(MultiPhase, AnyRecordOrderAndSizeOfDecoderIsSurvived)
                 decoder.preproc();
                 decoder.unwrap();
                 if (t != &table || nperiods < 3 || steps < 3) captures::expect_nothing(decoder);
+                const cv::Mat map = decoder.unwrapped.clone(), mask = decoder.vmask.clone();
+                decoder.decode();
+                EXPECT_TRUE(captures::same_bits(decoder.unwrapped, map) && captures::same_bits(decoder.vmask, mask));
             }
     MultiPhaseDecoder five(0, &params, &table, 5, 1); // decodes the first four of its frames
     captures::give_all(five, frames);

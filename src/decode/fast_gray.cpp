@@ -1,0 +1,95 @@
+#include "decode/fast_gray.h"
+
+#include <cstring>
+
+namespace vexo {
+namespace {
+
+/// Every column is its own position.
+struct EveryColumn {
+    int operator[](std::size_t position) const noexcept { return static_cast<int>(position); }
+};
+
+} // namespace
+
+void FastGrayRow::resize(int cols)
+{
+    if (cols == _cols) return;
+    const std::size_t padded = RowBits::flags_of(cols);
+    for (std::vector<uint8_t>* row : { &_valid, &_code, &_rise_flags, &_change_flags })
+        row->assign(padded, 0); // what lies behind the last column stays 0
+    _phase.resize(padded);
+    for (RowBits* bits : { &_rises, &_changes, &_usable })
+        bits->resize(cols);
+    _sections.reserve(static_cast<std::size_t>(cols));
+    _cols = cols;
+}
+
+void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames& frames, const Limits& limits,
+    float* out, uint8_t* mask) noexcept
+{
+    const auto cols = static_cast<std::size_t>(_cols);
+    std::memset(out, 0, cols * sizeof(float));
+    std::memset(mask, 0, cols);
+    rows.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
+    _usable.pack(_valid.data());
+    if (_usable.count() == 0) return;
+
+    rows.code(frames.planes.data(), frames.white, frames.black, _cols, _code.data());
+    rows.phase(frames.steps.data(), angles, _cols, _phase.data());
+    rows.rises(_valid.data(), _phase.data(), _code.data(), _cols, _rise_flags.data(), _change_flags.data());
+    _rises.pack(_rise_flags.data());
+    _changes.pack(_change_flags.data());
+
+    _find_sections();
+    choose_anchors(_sections, limits.anchor_length, limits.code_spread);
+    _assign_anchors(out, mask);
+    for (PhaseSection& section : _sections)
+        if (section.length <= limits.reject_length) section.state = section_rejected;
+    const auto mark = [mask](int x) { mask[x] = 255; };
+    SectionRow<EveryColumn, decltype(mark)> { {}, _phase.data(), _code.data(), out, mark }.fill(_sections);
+}
+
+/// Three kinds of events, in the order of their columns: a section begins at a usable pixel that does not rise from
+/// its neighbour, and ends in front of a pixel that does not rise from a usable one; in between, runs of equal
+/// codes end where the code changes.
+void FastGrayRow::_find_sections() noexcept
+{
+    _sections.clear();
+    int begin = -1; // of the open section; -1: none is open
+    int run = 0;    // begin of the run of equal codes
+    bool usable_before = false;
+    for (std::size_t i = 0; i < _usable.words(); ++i) {
+        const uint64_t usable = _usable.word(i);
+        const uint64_t rises = _rises.word(i);
+        const uint64_t ends = (usable << 1 | (usable_before ? 1U : 0U)) & ~rises;
+        const uint64_t begins = usable & ~rises;
+        usable_before = usable >> 63 != 0;
+        for (uint64_t events = ends | begins | (_changes.word(i) & rises); events != 0; events &= events - 1) {
+            const int bit = __builtin_ctzll(events);
+            const int x = static_cast<int>(64 * i) + bit;
+            if (begin >= 0) _vote.add(_code[static_cast<std::size_t>(run)], x - run);
+            run = x;
+            if ((rises >> bit & 1) != 0) continue; // only the code changes
+            if (begin >= 0) {
+                const int ncodes = _vote.ndistinct();
+                _sections.push_back({ begin, x, x - begin, ncodes, _vote.take_winner(), section_open });
+            }
+            begin = (usable >> bit & 1) != 0 ? x : -1;
+        }
+    }
+}
+
+void FastGrayRow::_assign_anchors(float* out, uint8_t* mask) const noexcept
+{
+    for (const PhaseSection& section : _sections) {
+        if (section.state == section_open) continue;
+        const auto code = static_cast<float>(section.code);
+        const float* phase = _phase.data();
+        for (int x = section.begin; x < section.end; ++x)
+            out[x] = phase[x] + code;
+        std::memset(mask + section.begin, 255, static_cast<std::size_t>(section.length));
+    }
+}
+
+} // namespace vexo

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "decode/fast_rows.h"
+#include "decode/GrayPhaseHolder.h"
+#include "decode/phase_sections.h"
+#include "decode/row_bits.h"
+
+#include <array>
+#include <vector>
+
+namespace vexo {
+
+/// Gray code + phase of one image row after another, from frames to coordinates in one pass: 13 bytes in and a
+/// float and a mask byte out a pixel, everything between stays in the first-level cache.
+///
+/// The same results as GrayPhaseDecoder::preproc() and unwrap(). There a section counts positions in a list of
+/// valid columns; as its columns are adjacent, it is a range of columns just as well, and that is what it is here.
+///
+/// Threads  none; every thread has its own.
+class FastGrayRow {
+public:
+    struct Limits {
+        ByteLimits pixels;
+        int anchor_length;
+        int reject_length;
+        int code_spread;
+    };
+    struct Frames {
+        const uint8_t* black;
+        const uint8_t* white;
+        std::array<const uint8_t*, 7> planes;
+        std::array<const uint8_t*, 4> steps;
+    };
+
+    /// Room for rows of this width; allocates only when it grows.
+    void resize(int cols);
+    /// @param out   coordinates, fringe periods; 0 where there is none
+    /// @param mask  255 where there is one, else 0
+    void decode(const FastRows& rows, const float* angles, const Frames& frames, const Limits& limits, float* out,
+        uint8_t* mask) noexcept;
+
+private:
+    /// Cuts the row where `_rises` says, and counts the codes of every section.
+    void _find_sections() noexcept;
+    void _assign_anchors(float* out, uint8_t* mask) const noexcept;
+
+    int _cols = 0;
+    std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, but the codes; padded with 0
+    std::vector<float> _phase;
+    RowBits _rises;   ///< the pixel goes on with the section of its left neighbour
+    RowBits _changes; ///< its code differs from the neighbour's
+    RowBits _usable;
+    std::vector<PhaseSection> _sections;
+    CodeVote _vote;
+};
+
+} // namespace vexo

@@ -1,0 +1,318 @@
+#include "captures.h"
+#include "decode/AngleTable.h"
+#include "decode/fast_gray.h"
+#include "decode/fast_multi.h"
+#include "decode/fast_rows.h"
+#include "decode/FringePairTable.h"
+#include "decode/GrayPhaseDecoder.h"
+#include "decode/MultiPhaseDecoder.h"
+#include "decode/phase_kernels.h"
+#include "reference/plain_multi_phase.h"
+
+#include <gtest/gtest.h>
+
+using namespace vexo;
+
+namespace {
+
+/// A row on the heap that ends with its last element: AddressSanitizer sees every byte read or written behind it.
+template <class T> class Row {
+public:
+    explicit Row(int cols)
+        : _first(new T[static_cast<size_t>(cols)]())
+    {
+    }
+    Row(const T* from, int cols)
+        : Row(cols)
+    {
+        std::copy(from, from + cols, _first.get());
+    }
+    T* data() const { return _first.get(); }
+    T& operator[](int x) const { return _first[static_cast<size_t>(x)]; }
+
+private:
+    std::unique_ptr<T[]> _first;
+};
+
+using Bytes = Row<uint8_t>;
+using Floats = Row<float>;
+
+std::vector<Bytes> rows_of(const captures::Frames& frames)
+{
+    std::vector<Bytes> rows;
+    for (const cv::Mat_<uchar>& frame : frames)
+        rows.emplace_back(frame[0], frame.cols);
+    return rows;
+}
+
+/// Every kernel for every machine, and those for AVX2 where there is any.
+class FastRowsTest : public testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override
+    {
+        const bool plain = std::string(GetParam()) == "plain";
+        if (!plain && avx2_rows() == nullptr) GTEST_SKIP() << "no AVX2 here";
+        kernels = plain ? &plain_rows() : avx2_rows();
+    }
+    const FastRows* kernels = nullptr;
+    const float* angles = AngleTable::instance().data();
+    std::mt19937 rng { 21 };
+};
+
+TEST(AngleTable, EveryDifferenceHasTheBitsOfTheDoubleAtan2)
+{
+    for (int s = -255; s <= 255; ++s)
+        for (int c = -255; c <= 255; ++c) {
+            const auto expected = static_cast<float>(std::atan2(static_cast<double>(s), static_cast<double>(c)));
+            const float got = AngleTable::instance()(s, c);
+            if (std::memcmp(&got, &expected, 4) != 0) FAIL() << s << ", " << c;
+        }
+}
+
+TEST(RowBits, AgreeWithBytesBitByBit)
+{
+    std::mt19937 rng(20);
+    for (const int cols : { 1, 7, 8, 63, 64, 65, 127, 128, 500 })
+        for (const double share : { 0.0, 0.02, 0.5, 1.0 }) {
+            std::bernoulli_distribution set(share);
+            Bytes flags(static_cast<int>(RowBits::flags_of(cols)));
+            for (int x = 0; x < cols; ++x)
+                flags[x] = set(rng) ? 255 : 0;
+            RowBits bits;
+            bits.resize(cols);
+            bits.pack(flags.data());
+            int count = 0, last = -1;
+            for (int x = 0; x < cols; ++x) {
+                ASSERT_EQ(bits[x], flags[x] == 255);
+                ASSERT_EQ(bits.before(x), last) << cols << " at " << x;
+                if (!bits[x]) continue;
+                if (last >= 0) {
+                    ASSERT_EQ(bits.after(last), x);
+                }
+                last = x;
+                ++count;
+            }
+            ASSERT_EQ(bits.count(), count);
+            Bytes mask(cols);
+            bits.unpack(mask.data(), cols);
+            EXPECT_EQ(std::memcmp(mask.data(), flags.data(), static_cast<size_t>(cols)), 0);
+            if (last < 0) continue;
+            EXPECT_EQ(bits.after(last), -1);
+            bits.clear(last);
+            EXPECT_EQ(bits.count(), count - 1);
+        }
+}
+
+TEST_P(FastRowsTest, LimitsOfAnyValueAcceptThePixelsOfThePlainForm)
+{
+    const int cols = 256 + 61;
+    const captures::Frames frames = captures::random_frames(2, { cols, 1 }, rng);
+    const std::vector<Bytes> rows = rows_of(frames);
+    const int limits[] = { INT_MIN, -256, -255, -254, -17, -1, 0, 1, 16, 128, 254, 255, 256, INT_MAX };
+    for (const int min_contrast : limits)
+        for (const int max_white : limits)
+            for (const int min_white : limits) {
+                Bytes mask(cols);
+                kernels->valid(
+                    rows[1].data(), rows[0].data(), cols, byte_limits(min_contrast, max_white, min_white), mask.data());
+                const auto valid = plain::valid_pixels(frames[0], frames[1], min_contrast, max_white, min_white);
+                ASSERT_EQ(std::memcmp(mask.data(), plain::mask_of(valid, { cols, 1 }).data, cols), 0)
+                    << min_contrast << " " << max_white << " " << min_white;
+            }
+}
+
+TEST_P(FastRowsTest, CodesPhasesAndRisesAreThoseOfThePlainForm)
+{
+    GrayPhaseMatchingParam everything;
+    everything.min_contrast = -255;
+    everything.min_white = 0;
+    for (const int cols : { 1, 2, 7, 31, 32, 33, 64, 65, 257, 640 })
+        for (const int levels : { 1, 100 }) { // with few levels many pixels equal their threshold or neighbour
+            captures::Frames frames = captures::random_frames(13, { cols, 1 }, rng);
+            for (cv::Mat_<uchar>& frame : frames)
+                for (uchar& pixel : frame)
+                    pixel = static_cast<uchar>(pixel / levels * levels);
+            const std::vector<Bytes> r = rows_of(frames);
+            const plain::Decoded expected = plain::decode(frames, everything);
+
+            const uint8_t* planes[7]
+                = { r[2].data(), r[3].data(), r[4].data(), r[5].data(), r[6].data(), r[7].data(), r[8].data() };
+            const uint8_t* steps[4] = { r[9].data(), r[10].data(), r[11].data(), r[12].data() };
+            Bytes code(cols), rises(cols), changes(cols);
+            Floats phase(cols);
+            kernels->code(planes, r[1].data(), r[0].data(), cols, code.data());
+            kernels->phase(steps, angles, cols, phase.data());
+            const Bytes mask(captures::random_frame({ cols, 1 }, 0, 1, rng)[0], cols);
+            for (int x = 0; x < cols; ++x)
+                mask[x] = mask[x] != 0 ? 255 : 0;
+            kernels->rises(mask.data(), phase.data(), code.data(), cols, rises.data(), changes.data());
+            for (int x = 0; x < cols; ++x) {
+                ASSERT_EQ(code[x], expected.gray(0, x));
+                ASSERT_EQ(std::memcmp(&phase[x], expected.phase[0] + x, 4), 0);
+                const bool rise
+                    = x > 0 && mask[x] == 255 && mask[x - 1] == 255 && expected.phase(0, x) >= expected.phase(0, x - 1);
+                ASSERT_EQ(rises[x], rise ? 255 : 0);
+                ASSERT_EQ(changes[x], x > 0 && code[x] != code[x - 1] ? 255 : 0);
+            }
+        }
+}
+
+/// What resolve() needs of a table.
+PairSlots slots_of(const FringePairTable& table)
+{
+    return { table.resolved.data(), { table.lower[0], table.lower[1] }, { table.range[0], table.range[1] }, table.tmax,
+        table.scale, MultiPhaseHolder::max_coordinate };
+}
+
+TEST_P(FastRowsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
+{
+    for (const std::vector<int>& periods : { std::vector<int> { 9, 10, 11 }, std::vector<int> { 31, 27, 24 },
+             std::vector<int> { 7, 11, 13 }, std::vector<int> { 2, 3, 4000 } }) {
+        const FringePairTable table(periods);
+        const plain::PairMap pairs(periods);
+        ASSERT_GT(table.maxp, 912);
+        for (const int cols : { 1, 7, 8, 9, 100, 1029 }) {
+            const std::vector<Bytes> r = rows_of(captures::random_frames(13, { cols, 1 }, rng));
+            std::vector<Floats> x;
+            for (size_t f = 0; f < 3; ++f) {
+                const uint8_t* steps[4]
+                    = { r[4 * f].data(), r[4 * f + 1].data(), r[4 * f + 2].data(), r[4 * f + 3].data() };
+                x.emplace_back(cols);
+                kernels->position(steps, angles, phase_offset(periods[f]), periods[f], cols, x[f].data());
+                for (int i = 0; i < cols; ++i) {
+                    const float phase
+                        = plain::multi_phase({ steps[0][i], steps[1][i], steps[2][i], steps[3][i] }, periods[f]);
+                    ASSERT_EQ(x[f][i], static_cast<float>(periods[f]) * phase);
+                }
+            }
+            // True positions on most pixels, halves of a px off on some, and some far off: as a record with other
+            // periods than the table's makes them.
+            std::vector<std::array<float, 3>> phases(static_cast<size_t>(cols));
+            std::uniform_real_distribution<float> wild(-0.99F, 1.99F);
+            for (int i = 0; i < cols; ++i)
+                for (size_t f = 0; f < 3; ++f) {
+                    const float at = static_cast<float>(i) * 0.93F + (i % 5 == 0 ? 0.5F : 0.0F) * static_cast<float>(f);
+                    float& phase = phases[static_cast<size_t>(i)][f];
+                    phase = i % 7 == 3 ? wild(rng)
+                                       : std::fmod(at, static_cast<float>(periods[f])) / static_cast<float>(periods[f]);
+                    x[f][i] = static_cast<float>(periods[f]) * phase;
+                }
+            const Bytes mask(cols), kept(cols);
+            const Floats out(cols);
+            for (int i = 0; i < cols; ++i)
+                mask[i] = i % 11 == 4 ? 0 : 255;
+            const float* positions[3] = { x[0].data(), x[1].data(), x[2].data() };
+            kernels->resolve(positions, mask.data(), slots_of(table), cols, out.data(), kept.data());
+            for (int i = 0; i < cols; ++i) {
+                const float expected = pairs.unwrap(phases[static_cast<size_t>(i)]);
+                const bool keep = mask[i] != 0 && !(expected > 912.0F);
+                ASSERT_EQ(kept[i], keep ? 255 : 0) << testing::PrintToString(phases[static_cast<size_t>(i)]);
+                ASSERT_EQ(out[i], keep ? expected : 0.0F);
+            }
+        }
+    }
+}
+
+TEST_P(FastRowsTest, PruningByFallsEqualsTheRounds)
+{
+    std::uniform_real_distribution<float> value(0.0F, 900.0F);
+    for (const int cols : { 1, 2, 3, 4, 5, 63, 64, 65, 129, 640 })
+        for (const double share : { 1.0, 0.9, 0.3, 0.02 })
+            for (int kind = 0; kind < 6; ++kind) {
+                std::bernoulli_distribution chosen(share);
+                Floats v(cols);
+                Bytes kept(static_cast<int>(RowBits::flags_of(cols)));
+                std::vector<int> list;
+                for (int x = 0; x < cols; ++x) {
+                    const auto at = static_cast<float>(x);
+                    const float kinds[] = { value(rng), x % 17 == 3 ? value(rng) : at,
+                        x < cols / 2 ? at : at - static_cast<float>(cols) / 6, std::floor(value(rng) / 300.0F),
+                        static_cast<float>(x % 23), static_cast<float>(cols - x) };
+                    v[x] = kinds[kind];
+                    if (!chosen(rng)) continue;
+                    kept[x] = 255;
+                    list.push_back(x);
+                }
+                FastMultiRow row;
+                row.resize(cols);
+                const Bytes mask(cols);
+                row.prune(*kernels, v.data(), kept.data(), mask.data());
+                const plain::Rows expected { plain::prune(v.data(), list) };
+                ASSERT_EQ(
+                    std::memcmp(mask.data(), plain::mask_of(expected, { cols, 1 }).data, static_cast<size_t>(cols)), 0)
+                    << "cols " << cols << " share " << share << " kind " << kind;
+            }
+}
+
+TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
+{
+    GrayPhaseMatchingParam params;
+    params.anchor_length = 2;
+    params.reject_length = 1;
+    params.min_contrast = -200;
+    for (const int cols : { 1, 5, 63, 64, 65, 128, 300 })
+        for (const double noise : { 0.0, 4.0, 200.0 }) {
+            auto frames = captures::gray_phase_capture({ cols, 1 }, [](int x, int) { return 2 + .06 * x; });
+            captures::add_noise(frames, noise, rng);
+            const std::vector<Bytes> r = rows_of(frames);
+            const plain::Unwrapped expected = plain::unwrap(plain::decode(frames, params), params);
+            FastGrayRow row;
+            row.resize(cols);
+            const Floats out(cols);
+            const Bytes mask(cols);
+            row.decode(*kernels, angles,
+                { r[0].data(), r[1].data(),
+                    { r[2].data(), r[3].data(), r[4].data(), r[5].data(), r[6].data(), r[7].data(), r[8].data() },
+                    { r[9].data(), r[10].data(), r[11].data(), r[12].data() } },
+                { byte_limits(params.min_contrast, params.max_white, params.min_white), params.anchor_length,
+                    params.reject_length, params.code_spread },
+                out.data(), mask.data());
+            ASSERT_EQ(std::memcmp(out.data(), expected.map.data, sizeof(float) * static_cast<size_t>(cols)), 0);
+            ASSERT_EQ(std::memcmp(mask.data(), expected.mask.data, static_cast<size_t>(cols)), 0);
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sets, FastRowsTest, testing::Values("plain", "avx2"));
+
+TEST(Decode, TheSameSizeAgainAllocatesNothingAndAnotherSizeIsFollowed)
+{
+    std::mt19937 rng(23);
+    GrayPhaseMatchingParam gray_params;
+    MultiPhaseMatchingParam multi_params;
+    const FringePairTable table({ 9, 10, 11 });
+    GrayPhaseDecoder gray(0, 13, &gray_params);
+    MultiPhaseDecoder multi(0, &multi_params, &table, 4, 3);
+    for (const cv::Size size : { cv::Size(70, 9), cv::Size(200, 33), cv::Size(3, 40) })
+        for (ProjectorPositions* decoder :
+            { static_cast<ProjectorPositions*>(&gray), static_cast<ProjectorPositions*>(&multi) }) {
+            captures::give_all(*decoder, captures::random_frames(decoder->inputs(), size, rng));
+            decoder->decode();
+            ASSERT_EQ(decoder->unwrapped.size(), size);
+            const void *map = decoder->unwrapped.data, *mask = decoder->vmask.data;
+            const cv::Mat before = decoder->unwrapped.clone();
+            decoder->decode();
+            EXPECT_TRUE(decoder->unwrapped.data == map && decoder->vmask.data == mask);
+            EXPECT_TRUE(captures::same_bits(decoder->unwrapped, before));
+        }
+}
+
+TEST(Decode, ATableWhoseFailureValueCountsAsACoordinateGoesTheReadableWay)
+{
+    std::mt19937 rng(24);
+    const std::vector<int> periods { 8, 9, 10 }; // 360: kept, as it is below 912
+    const FringePairTable table(periods);
+    MultiPhaseMatchingParam params;
+    params.min_contrast = -255;
+    params.min_white = 0;
+    std::copy(periods.begin(), periods.end(), params.periods);
+    MultiPhaseDecoder decoder(0, &params, &table, 4, 3);
+    captures::give_all(decoder, captures::random_frames(14, { 100, 20 }, rng));
+    decoder.preproc();
+    decoder.unwrap();
+    const cv::Mat map = decoder.unwrapped.clone(), mask = decoder.vmask.clone();
+    EXPECT_GT(cv::countNonZero(map == 360.0F), 0);
+    decoder.decode();
+    EXPECT_TRUE(captures::same_bits(decoder.unwrapped, map) && captures::same_bits(decoder.vmask, mask));
+}
+
+} // namespace
