@@ -71,23 +71,12 @@ void remap_pixels(const float* map_x, const float* map_y, int begin, int end, cv
 #if defined(__x86_64__)
 #define VEXO_AVX2 __attribute__((target("avx2")))
 
-/// Eight positions at once, and what their source pixels have in common.
+/// Eight positions at once, and where they lie as seen from the first.
 struct Positions8 {
     __m256i x, y, fx, fy;
-    __m256i from_first; ///< x less that of the first
-    int first_x, first_y;
-    bool one_row; ///< all in the same source row
-    int spread;   ///< largest from_first; above 255 where one is negative
+    int left, top;  ///< the first position; `top` may be one less
+    __m256i dx, dy; ///< x - left, y - top
 };
-
-VEXO_AVX2 inline int largest(__m256i v) noexcept
-{
-    __m128i m = _mm_max_epu32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
-    m = _mm_max_epu32(m, _mm_shuffle_epi32(m, _MM_SHUFFLE(1, 0, 3, 2)));
-    m = _mm_max_epu32(m, _mm_shuffle_epi32(m, _MM_SHUFFLE(2, 3, 0, 1)));
-    const int value = _mm_cvtsi128_si32(m);
-    return value < 0 ? 256 : value;
-}
 
 VEXO_AVX2 inline Positions8 positions8_of(const float* map_x, const float* map_y) noexcept
 {
@@ -100,11 +89,28 @@ VEXO_AVX2 inline Positions8 positions8_of(const float* map_x, const float* map_y
     p.y = _mm256_srai_epi32(iy, fraction_bits);
     p.fx = _mm256_and_si256(ix, fraction);
     p.fy = _mm256_and_si256(iy, fraction);
-    p.first_x = _mm_cvtsi128_si32(_mm256_castsi256_si128(p.x));
-    p.first_y = _mm_cvtsi128_si32(_mm256_castsi256_si128(p.y));
-    p.from_first = _mm256_sub_epi32(p.x, _mm256_set1_epi32(p.first_x));
-    p.one_row = _mm256_movemask_epi8(_mm256_cmpeq_epi32(p.y, _mm256_set1_epi32(p.first_y))) == -1;
-    p.spread = largest(p.from_first);
+    p.left = _mm_cvtsi128_si32(_mm256_castsi256_si128(p.x));
+    p.top = _mm_cvtsi128_si32(_mm256_castsi256_si128(p.y));
+    p.dx = _mm256_sub_epi32(p.x, _mm256_broadcastd_epi32(_mm256_castsi256_si128(p.x)));
+    p.dy = _mm256_sub_epi32(p.y, _mm256_broadcastd_epi32(_mm256_castsi256_si128(p.y)));
+    return p;
+}
+
+/// Whether all eight lie in `rows` neighbouring rows, up to `spread` px to the right of the first, and `window` pixels
+/// can be read from the first on in all source rows. Then all have four neighbours: window >= spread + 2.
+VEXO_AVX2 inline bool are_near(const Positions8& p, cv::Size size, int rows, int spread, int window) noexcept
+{
+    if (p.left < 0 || p.top < 0 || p.left > size.width - window || p.top >= size.height - rows) return false;
+    const __m256i close = _mm256_and_si256(_mm256_cmpeq_epi32(_mm256_min_epu32(p.dx, _mm256_set1_epi32(spread)), p.dx),
+        _mm256_cmpeq_epi32(_mm256_min_epu32(p.dy, _mm256_set1_epi32(rows - 1)), p.dy));
+    return _mm256_movemask_ps(_mm256_castsi256_ps(close)) == 0xFF;
+}
+
+/// The same positions, seen from the row above.
+VEXO_AVX2 inline Positions8 from_above(Positions8 p) noexcept
+{
+    p.top -= 1;
+    p.dy = _mm256_add_epi32(p.dy, _mm256_set1_epi32(1));
     return p;
 }
 
@@ -119,32 +125,44 @@ VEXO_AVX2 inline int inside_bits(const Positions8& p, cv::Size size) noexcept
     return _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_and_si256(x, y)));
 }
 
+/// The low halves of eight 32-bit numbers that fit into them.
+VEXO_AVX2 inline __m128i words(__m256i v) noexcept
+{
+    return _mm_packs_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+}
+
 /// Weighs eight pairs of bytes, (left, right) of the upper and of the lower row.
 VEXO_AVX2 inline void store_bytes8(const Positions8& p, __m128i upper, __m128i lower, uchar* dst) noexcept
 {
-    const __m256i pair = _mm256_add_epi32(_mm256_mullo_epi32(p.fx, _mm256_set1_epi32(255)), _mm256_set1_epi32(one));
-    const __m128i x_weights = _mm_packs_epi32(_mm256_castsi256_si128(pair), _mm256_extracti128_si256(pair, 1));
-    const __m256i y_weights = _mm256_or_si256(
-        _mm256_sub_epi32(_mm256_set1_epi32(one), p.fy), _mm256_slli_epi32(p.fy, 16)); // (1 - fy, fy) as 16-bit pairs
+    // (32 - fx, fx) as pairs of bytes, (32 - fy, fy) as pairs of words
+    const __m128i x_weights = _mm_add_epi16(_mm_mullo_epi16(words(p.fx), _mm_set1_epi16(255)), _mm_set1_epi16(one));
+    const __m256i y_weights
+        = _mm256_add_epi32(_mm256_sub_epi32(_mm256_slli_epi32(p.fy, 16), p.fy), _mm256_set1_epi32(one));
     const __m128i u = _mm_maddubs_epi16(upper, x_weights), l = _mm_maddubs_epi16(lower, x_weights);
-    const __m256i rows
-        = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_unpacklo_epi16(u, l)), _mm_unpackhi_epi16(u, l), 1);
+    const __m256i rows = _mm256_set_m128i(_mm_unpackhi_epi16(u, l), _mm_unpacklo_epi16(u, l));
     const __m256i sum = _mm256_add_epi32(_mm256_madd_epi16(rows, y_weights), _mm256_set1_epi32(one * one / 2));
-    const __m256i grey = _mm256_srli_epi32(sum, 2 * fraction_bits);
-    const __m128i words = _mm_packus_epi32(_mm256_castsi256_si128(grey), _mm256_extracti128_si256(grey, 1));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), _mm_packus_epi16(words, words));
+    const __m128i grey = words(_mm256_srli_epi32(sum, 2 * fraction_bits));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), _mm_packus_epi16(grey, grey));
 }
 
-/// From one row pair, the sources within 16 bytes.
+VEXO_AVX2 inline __m128i load16(const uchar* pixels) noexcept
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(pixels));
+}
+
+/// Sources that are near, in one or two rows: one load a source row.
+template <int rows>
 VEXO_AVX2 inline void near_bytes8(const Positions8& p, const RemapImage<uchar>& image, uchar* dst) noexcept
 {
-    const __m256i pick = _mm256_add_epi32(
-        _mm256_mullo_epi32(p.from_first, _mm256_set1_epi32(257)), _mm256_set1_epi32(256)); // (i, i + 1) as bytes
-    const __m128i control = _mm_packs_epi32(_mm256_castsi256_si128(pick), _mm256_extracti128_si256(pick, 1));
-    const uchar *top = at(image, p.first_x, p.first_y), *bottom = at(image, p.first_x, p.first_y + 1);
-    const __m128i upper = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(top)), control);
-    const __m128i lower = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bottom)), control);
-    store_bytes8(p, upper, lower, dst);
+    const __m128i pick // (i, i + 1) as bytes
+        = _mm_add_epi16(_mm_mullo_epi16(words(p.dx), _mm_set1_epi16(257)), _mm_set1_epi16(256));
+    const uchar* top = at(image, p.left, p.top);
+    const __m128i row0 = _mm_shuffle_epi8(load16(top), pick);
+    const __m128i row1 = _mm_shuffle_epi8(load16(top + image.step), pick);
+    if (rows == 1) return store_bytes8(p, row0, row1, dst);
+    const __m128i row2 = _mm_shuffle_epi8(load16(top + 2 * image.step), pick);
+    const __m128i below = _mm_cmpgt_epi16(words(p.dy), _mm_setzero_si128());
+    store_bytes8(p, _mm_blendv_epi8(row0, row1, below), _mm_blendv_epi8(row1, row2, below), dst);
 }
 
 VEXO_AVX2 inline void store_floats8(
@@ -160,14 +178,26 @@ VEXO_AVX2 inline void store_floats8(
     _mm256_storeu_ps(dst, sum);
 }
 
-/// From one row pair, the sources within 9 floats.
+struct Pair8 {
+    __m256 left, right;
+};
+
+VEXO_AVX2 inline Pair8 pick8(const float* pixels, __m256i positions) noexcept
+{
+    return { _mm256_permutevar8x32_ps(_mm256_loadu_ps(pixels), positions),
+        _mm256_permutevar8x32_ps(_mm256_loadu_ps(pixels + 1), positions) };
+}
+
+/// Sources that are near, in one or two rows.
+template <int rows>
 VEXO_AVX2 inline void near_floats8(const Positions8& p, const RemapImage<float>& image, float* dst) noexcept
 {
-    const float *top = at(image, p.first_x, p.first_y), *bottom = at(image, p.first_x, p.first_y + 1);
-    store_floats8(p, _mm256_permutevar8x32_ps(_mm256_loadu_ps(top), p.from_first),
-        _mm256_permutevar8x32_ps(_mm256_loadu_ps(top + 1), p.from_first),
-        _mm256_permutevar8x32_ps(_mm256_loadu_ps(bottom), p.from_first),
-        _mm256_permutevar8x32_ps(_mm256_loadu_ps(bottom + 1), p.from_first), dst);
+    const Pair8 row0 = pick8(at(image, p.left, p.top), p.dx), row1 = pick8(at(image, p.left, p.top + 1), p.dx);
+    if (rows == 1) return store_floats8(p, row0.left, row0.right, row1.left, row1.right, dst);
+    const Pair8 row2 = pick8(at(image, p.left, p.top + 2), p.dx);
+    const __m256 below = _mm256_castsi256_ps(_mm256_slli_epi32(p.dy, 31)); // 1 -> the sign bit
+    store_floats8(p, _mm256_blendv_ps(row0.left, row1.left, below), _mm256_blendv_ps(row0.right, row1.right, below),
+        _mm256_blendv_ps(row1.left, row2.left, below), _mm256_blendv_ps(row1.right, row2.right, below), dst);
 }
 
 /// From anywhere: pairs of neighbours, one after the other.
@@ -214,44 +244,52 @@ VEXO_AVX2 inline void far_floats8(
     store_floats8(p, top0, top1, bottom0, bottom1, dst);
 }
 
-/// Eight pixels at a time. Mostly their sources lie side by side in one pair of rows and come with one load each;
-/// the borders of the source are for remap_pixels().
+template <int rows, bool have_bytes, bool have_floats>
+VEXO_AVX2 inline void near8(
+    const Positions8& p, int c, const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
+{
+    if (have_bytes) near_bytes8<rows>(p, bytes, bytes.dst + c);
+    if (have_floats) near_floats8<rows>(p, floats, floats.dst + c);
+}
+
+/// Eight pixels whose sources do not lie in one pair of rows: in two pairs, apart, at a border, or outside.
+template <bool have_bytes, bool have_floats>
+VEXO_AVX2 void remap8_anywhere(const float* map_x, const float* map_y, int c, const Positions8& p, cv::Size size,
+    const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
+{
+    constexpr int spread = have_floats ? 7 : 14, window = have_bytes ? 16 : 9;
+    const Positions8 above = from_above(p);
+    if (are_near(p, size, 2, spread, window)) return near8<2, have_bytes, have_floats>(p, c, bytes, floats);
+    if (are_near(above, size, 2, spread, window)) return near8<2, have_bytes, have_floats>(above, c, bytes, floats);
+    const int inside = inside_bits(p, size);
+    if (inside == 0) {
+        if (have_bytes) std::fill_n(bytes.dst + c, 8, bytes.fill);
+        if (have_floats) std::fill_n(floats.dst + c, 8, floats.fill);
+    } else if (inside == 0xFF) {
+        alignas(32) int x[8], y[8];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(x), p.x);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(y), p.y);
+        if (have_bytes) far_bytes8(p, x, y, bytes, bytes.dst + c);
+        if (have_floats) far_floats8(p, x, y, floats, floats.dst + c);
+    } else {
+        remap_pixels(map_x, map_y, c, c + 8, size, bytes, floats);
+    }
+}
+
+/// Eight pixels at a time. Mostly their sources lie side by side in one pair of rows and come with one
+/// load each.
 template <bool have_bytes, bool have_floats>
 VEXO_AVX2 void remap_row_avx2(const float* map_x, const float* map_y, int cols, cv::Size size,
     const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
 {
+    constexpr int spread = have_floats ? 7 : 14, window = have_bytes ? 16 : 9;
     int c = 0;
     for (; c + 8 <= cols; c += 8) {
         const Positions8 p = positions8_of(map_x + c, map_y + c);
-        const int inside = inside_bits(p, size);
-        if (inside == 0) {
-            if (have_bytes) std::fill_n(bytes.dst + c, 8, bytes.fill);
-            if (have_floats) std::fill_n(floats.dst + c, 8, floats.fill);
-            continue;
-        }
-        if (inside != 0xFF) {
-            remap_pixels(map_x, map_y, c, c + 8, size, bytes, floats);
-            continue;
-        }
-        const int room = size.width - p.first_x; // pixels that can be read from the first on
-        const bool bytes_near = p.one_row && p.spread <= 14 && room >= 16;
-        const bool floats_near = p.one_row && p.spread <= 7 && room >= 9;
-        alignas(32) int x[8], y[8];
-        if ((have_bytes && !bytes_near) || (have_floats && !floats_near)) {
-            _mm256_store_si256(reinterpret_cast<__m256i*>(x), p.x);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(y), p.y);
-        }
-        if (have_bytes) {
-            if (bytes_near)
-                near_bytes8(p, bytes, bytes.dst + c);
-            else
-                far_bytes8(p, x, y, bytes, bytes.dst + c);
-        }
-        if (have_floats) {
-            if (floats_near)
-                near_floats8(p, floats, floats.dst + c);
-            else
-                far_floats8(p, x, y, floats, floats.dst + c);
+        if (are_near(p, size, 1, spread, window)) {
+            near8<1, have_bytes, have_floats>(p, c, bytes, floats);
+        } else {
+            remap8_anywhere<have_bytes, have_floats>(map_x, map_y, c, p, size, bytes, floats);
         }
     }
     remap_pixels(map_x, map_y, c, cols, size, bytes, floats);
