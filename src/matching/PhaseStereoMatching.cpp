@@ -111,10 +111,8 @@ bool PhaseStereoMatching::exec()
     executed = false;
     if (!_frames_complete()) return false;
     try {
-        for (auto& decoder : decoders) {
-            decoder->preproc();
-            decoder->unwrap();
-        }
+        for (auto& decoder : decoders)
+            decoder->decode();
     } catch (...) {
         return false;
     }
