@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <numeric>
+
+#include <omp.h>
 
 namespace vexo {
 
@@ -85,25 +88,43 @@ bool PhaseStereoMatching::_frames_complete() const noexcept
 
 /// Outside the camera's image map and mask are 0, whatever colour the camera fills its pictures with: a bright
 /// one would make the outside valid.
-bool PhaseStereoMatching::_rectify(int cam) noexcept
+void PhaseStereoMatching::_rectify(int cam)
 {
-    try {
-        ProjectorPositions& decoder = *decoders[static_cast<std::size_t>(cam)];
-        const UndistortCamera& rectifier = cam == 0 ? camera->cam0 : camera->cam1;
-        const cv::Size raw(input_width, input_height), rectified(output_width, output_height);
-        if (decoder.unwrapped.size() != raw || decoder.vmask.size() != raw) return false;
+    ProjectorPositions& decoder = *decoders[static_cast<std::size_t>(cam)];
+    const UndistortCamera& rectifier = cam == 0 ? camera->cam0 : camera->cam1;
+    const cv::Size raw(input_width, input_height), rectified(output_width, output_height);
+    if (decoder.unwrapped.size() != raw || decoder.vmask.size() != raw || rectifier.map1.size() != rectified)
+        CV_Error(cv::Error::StsUnmatchedSizes, "decoder, generator and tables differ");
 
-        cv::Mat &map = _rectified_map[cam], &mask = _rectified_mask[cam];
-        if (!rectifier.remap(decoder.unwrapped, map, cv::Scalar::all(0))) return false;
-        if (!rectifier.remap(decoder.vmask, mask, cv::Scalar::all(0))) return false;
-        if (map.size() != rectified || mask.size() != rectified) return false;
-        cv::swap(static_cast<cv::Mat&>(decoder.unwrapped), map);
-        cv::swap(static_cast<cv::Mat&>(decoder.vmask), mask);
-        decoder.vmask2valid();
-        return decoder.valid.size() == static_cast<std::size_t>(output_height);
-    } catch (...) { // may not leave the parallel region
-        return false;
-    }
+    const bool by_rows = rectifier.has_row_form(raw);
+    _scratch_map.create(rectified, CV_32F);
+    _scratch_mask.create(rectified, CV_8U);
+    if (!by_rows
+        && !(rectifier.remap(decoder.unwrapped, _scratch_map, cv::Scalar::all(0))
+            && rectifier.remap(decoder.vmask, _scratch_mask, cv::Scalar::all(0))))
+        CV_Error(cv::Error::StsBadArg, "the camera cannot rectify");
+    decoder.valid.resize(static_cast<std::size_t>(output_height));
+    for (std::vector<int>& columns : decoder.valid)
+        columns.reserve(static_cast<std::size_t>(output_width));
+
+        // Each row has its own pixels of the scratch images and its own list.
+#pragma omp parallel for schedule(dynamic, 32)
+    for (int row = 0; row < output_height; ++row)
+        _rectify_row(rectifier, decoder, row, by_rows);
+    cv::swap(static_cast<cv::Mat&>(decoder.unwrapped), _scratch_map);
+    cv::swap(static_cast<cv::Mat&>(decoder.vmask), _scratch_mask);
+}
+
+void PhaseStereoMatching::_rectify_row(
+    const UndistortCamera& rectifier, ProjectorPositions& decoder, int row, bool by_rows) noexcept
+{
+    const cv::Mat &map = decoder.unwrapped, &mask = decoder.vmask;
+    if (by_rows)
+        rectifier.remap_row(row, map.size(), { mask.ptr(), mask.step[0], _scratch_mask.ptr(row), 0 },
+            { map.ptr<float>(), map.step[0], _scratch_map.ptr<float>(row), 0.0F });
+    std::vector<int>& columns = decoder.valid[static_cast<std::size_t>(row)];
+    columns.resize(static_cast<std::size_t>(output_width));
+    columns.resize(static_cast<std::size_t>(list_valid_columns(_scratch_mask.ptr(row), output_width, columns.data())));
 }
 
 bool PhaseStereoMatching::exec()
@@ -111,18 +132,17 @@ bool PhaseStereoMatching::exec()
     executed = false;
     if (!_frames_complete()) return false;
     try {
-        for (auto& decoder : decoders)
-            decoder->decode();
+        for (auto& decoder : decoders) {
+            decoder->preproc();
+            decoder->unwrap();
+        }
+        _rectify(0);
+        _rectify(1);
+        executed = true;
     } catch (...) {
         return false;
     }
-    bool rectified[2] = { false, false };
-    // One thread per camera, each writing its own decoder; a team of one does both.
-#pragma omp parallel for num_threads(2) schedule(static, 1)
-    for (int cam = 0; cam < 2; ++cam)
-        rectified[cam] = _rectify(cam);
-    executed = rectified[0] && rectified[1];
-    return executed;
+    return true;
 }
 
 // --- matching ----------------------------------------------------------------------------------------
@@ -131,31 +151,66 @@ void PhaseStereoMatching::genPC(Method3D method, bool interpolate)
 {
     if (!executed) return _drop_cloud();
     try {
-        _make_disparity_data(interpolate);
-        if (!camera->cam0.remap(decoders[0]->white, texture)) return _drop_cloud();
-        generate_pointcloud(method);
+        const UndistortCamera& rectifier = camera->cam0;
+        const cv::Mat& lit = decoders[0]->white;
+        const bool by_rows = !lit.empty() && rectifier.has_row_form(lit.size());
+        texture.create(output_height, output_width, CV_8U);
+        if (!by_rows && !rectifier.remap(lit, texture)) return _drop_cloud();
+        const auto grey = cv::saturate_cast<uchar>(rectifier.fill[0]);
+        const auto texture_row = [&](int row) {
+            if (by_rows) rectifier.remap_row(row, lit.size(), { lit.ptr(), lit.step[0], texture.ptr(row), grey }, {});
+        };
+        _begin_cloud();
+        if (method == MethodV || method == MethodP) {
+            _make_disparity_data(interpolate, texture_row);
+            return generate_pointcloud(method);
+        }
+        const cv::Matx44d H = _reprojection();
+        _make_disparity_data(interpolate, [&](int row) {
+            texture_row(row);
+            _row_counts[static_cast<std::size_t>(row)] = _reproject(H, row);
+        });
+        valid_count = std::accumulate(_row_counts.begin(), _row_counts.end(), 0);
     } catch (...) {
         _drop_cloud();
     }
 }
 
-void PhaseStereoMatching::_make_disparity_data(bool interpolate)
+void PhaseStereoMatching::_make_disparity_data(bool interpolate, const std::function<void(int)>& after_row)
 {
     _read_limits();
     disparity.create(output_height, output_width, CV_64F);
-    if (limits.fit_points == 3)
-        _match_rows<LeastSquares3<float>>(interpolate);
-    else
-        _match_rows<LeastSquares5<float>>(interpolate);
-}
-
-template <class Fit> void PhaseStereoMatching::_match_rows(bool interpolate)
-{
+    _matchers.resize(static_cast<std::size_t>(omp_get_max_threads()));
+    for (RowMatcher& matcher : _matchers)
+        matcher.reserve(output_width);
     const int rows = disparity.rows;
-    // Each row writes its own disparities and has its own fits; the decoders are only read.
+    // Each row writes its own disparities, each thread has its own matcher; the decoders are only read.
 #pragma omp parallel for schedule(dynamic, 16)
     for (int row = 0; row < rows; ++row)
-        _match_row<Fit>(row, interpolate);
+        _make_row(row, interpolate, after_row);
+}
+
+void PhaseStereoMatching::_make_row(int row, bool interpolate, const std::function<void(int)>& after_row) noexcept
+{
+    const ProjectorPositions &left = *decoders[0], &right = *decoders[1];
+    const auto at = static_cast<std::size_t>(row);
+    double* out = disparity.ptr<double>(row);
+    std::fill(out, out + disparity.cols, invalid_disparity);
+    const MatchLimits match_limits { limits.max_phase_diff, limits.min_disparity, limits.max_disparity,
+        invalid_disparity, limits.fit_points };
+    RowMatcher& matcher = _matchers[static_cast<std::size_t>(omp_get_thread_num())];
+    if (!matcher.match({ &left.valid[at], left.unwrapped[row] }, { &right.valid[at], right.unwrapped[row] },
+            match_limits, interpolate, out))
+        _match_plainly(row, interpolate);
+    if (after_row) after_row(row);
+}
+
+void PhaseStereoMatching::_match_plainly(int row, bool interpolate) noexcept
+{
+    if (limits.fit_points == 3)
+        _match_row<LeastSquares3<float>>(row, interpolate);
+    else
+        _match_row<LeastSquares5<float>>(row, interpolate);
 }
 
 template <class Fit> void PhaseStereoMatching::_match_row(int row, bool interpolate) noexcept
@@ -164,7 +219,6 @@ template <class Fit> void PhaseStereoMatching::_match_row(int row, bool interpol
     const std::vector<int>& leftlist = left.valid[static_cast<std::size_t>(row)];
     const std::vector<int>& rightlist = right.valid[static_cast<std::size_t>(row)];
     double* out = disparity.ptr<double>(row);
-    std::fill(out, out + disparity.cols, invalid_disparity);
     Fit leftfit, rightfit;
     if (interpolate)
         _get_linedisparity_interpo(

@@ -3,13 +3,18 @@
 #include "decode/ProjectorPositions.h"
 #include "matching/LeastSquares.h"
 #include "matching/PointCloudGenerator.h"
+#include "matching/row_kernels.h"
 #include "vexo/records.h"
 
 #include <array>
 #include <climits>
+#include <functional>
 #include <memory>
+#include <vector>
 
 namespace vexo {
+
+class UndistortCamera;
 
 /// Matching by projector coordinate ("phase"), shared by the two structured-light generators.
 ///
@@ -40,8 +45,13 @@ protected:
     PhaseStereoMatching() = default;
     ~PhaseStereoMatching() override = default;
 
-    /// Fills `disparity` from the rectified maps of both decoders. See genPC for `interpolate`.
-    void _make_disparity_data(bool interpolate);
+    /// Fills `disparity` from the rectified maps of both decoders, row by row. See genPC for `interpolate`.
+    ///
+    /// RowMatcher does it; what a match is say _get_linedisparity() and those below it, which also take the rows that
+    /// RowMatcher leaves (with a NaN in them).
+    /// @param after_row  called with each row's number when its disparities are made and still in the cache, on
+    ///                   several threads at once; must not throw
+    void _make_disparity_data(bool interpolate, const std::function<void(int)>& after_row = {});
 
     /// One row, a disparity for each valid column of camera 0.
     ///
@@ -74,16 +84,18 @@ protected:
     int first_float_frame = INT_MAX;                             ///< frames from this index on are 32-bit float
 
 private:
-    /// Rectifies map and mask of one camera into its decoder. False when that is impossible.
-    bool _rectify(int cam) noexcept;
+    /// Rectifies map and mask of one camera into its decoder. Throws cv::Exception when that is impossible.
+    void _rectify(int cam);
+    void _rectify_row(const UndistortCamera& rectifier, ProjectorPositions& decoder, int row, bool by_rows) noexcept;
     bool _frames_complete() const noexcept;
     bool _set_frame(int cam, unsigned char* data, unsigned long step, int frame);
     void _read_limits() noexcept;
-    template <class Fit> void _match_rows(bool interpolate);
+    void _make_row(int row, bool interpolate, const std::function<void(int)>& after_row) noexcept;
+    void _match_plainly(int row, bool interpolate) noexcept;
     template <class Fit> void _match_row(int row, bool interpolate) noexcept;
 
-    cv::Mat _rectified_map[2];  ///< kept for their memory
-    cv::Mat _rectified_mask[2]; ///< kept for their memory
+    cv::Mat _scratch_map, _scratch_mask; ///< become a decoder's; kept for their memory
+    std::vector<RowMatcher> _matchers;   ///< one a thread
 };
 
 } // namespace vexo

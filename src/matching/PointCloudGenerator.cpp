@@ -1,6 +1,7 @@
 #include "matching/PointCloudGenerator.h"
 
 #include "camera/stereo_camera.h"
+#include "matching/row_kernels.h"
 #include "vexo/file_io.h"
 
 #include <Eigen/Core>
@@ -8,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <numeric>
 
 namespace vexo {
 namespace {
@@ -32,30 +34,6 @@ cv::Vec3d to_vector(const cv::Mat& centre)
 {
     const cv::Mat_<double> c = centre;
     return { c(0), c(1), c(2) };
-}
-
-/// Points of one row of disparities. @return how many are valid
-///
-/// The sums run in the order of a matrix product, ((h0 c + h1 r) + h2 d) + h3.
-int reproject_row(
-    const Eigen::Matrix4d& H, int row, const double* disparity, int cols, double invalid, Point* points) noexcept
-{
-    const Point none = nan_point();
-    const double r = row;
-    int count = 0;
-    for (int c = 0; c < cols; ++c) {
-        const double d = disparity[c];
-        const auto component = [&](int i) { return ((H(i, 0) * c + H(i, 1) * r) + H(i, 2) * d) + H(i, 3); };
-        const double w = component(3);
-        if (d == invalid || w == 0.0) {
-            points[c] = none;
-            continue;
-        }
-        const double s = 1.0 / w;
-        points[c] = to_point({ component(0) * s, component(1) * s, component(2) * s });
-        ++count;
-    }
-    return count;
 }
 
 } // namespace
@@ -191,18 +169,34 @@ void PointCloudGenerator::generate_pointcloud_V()
 
 void PointCloudGenerator::generate_pointcloud_Q()
 {
+    const cv::Matx44d H = _reprojection();
+    _begin_cloud();
+    const int rows = disparity.rows;
+#pragma omp parallel for schedule(dynamic, 32) // each row writes its own points and its own count
+    for (int r = 0; r < rows; ++r)
+        _row_counts[static_cast<std::size_t>(r)] = _reproject(H, r);
+    valid_count = std::accumulate(_row_counts.begin(), _row_counts.end(), 0);
+}
+
+void PointCloudGenerator::_begin_cloud()
+{
+    valid_count = 0;
+    _row_counts.assign(static_cast<std::size_t>(output_height), 0);
+}
+
+cv::Matx44d PointCloudGenerator::_reprojection() const
+{
     using RowMajor = Eigen::Matrix<double, 4, 4, Eigen::RowMajor>;
     const cv::Matx44d Q = camera->Q;
-    const Eigen::Matrix4d H = Eigen::Map<const RowMajor>(transform.val) * Eigen::Map<const RowMajor>(Q.val);
-    const int rows = disparity.rows, cols = disparity.cols;
-    const double invalid = invalid_disparity;
-    int count = 0;
-    // Each row writes its own points; an integer sum is the same in any order.
-#pragma omp parallel for schedule(dynamic, 32) reduction(+ : count)
-    for (int r = 0; r < rows; ++r)
-        count += reproject_row(H, r, disparity.ptr<double>(r), cols, invalid,
-            &points[static_cast<std::size_t>(r) * static_cast<std::size_t>(cols)]);
-    valid_count = count;
+    cv::Matx44d H;
+    Eigen::Map<RowMajor>(H.val) = Eigen::Map<const RowMajor>(transform.val) * Eigen::Map<const RowMajor>(Q.val);
+    return H;
+}
+
+int PointCloudGenerator::_reproject(const cv::Matx44d& H, int row) noexcept
+{
+    return reproject_row(H, row, disparity.ptr<double>(row), disparity.cols, invalid_disparity,
+        &points[static_cast<std::size_t>(row) * static_cast<std::size_t>(disparity.cols)]);
 }
 
 int PointCloudGenerator::get_pointcloud(PointCloudCallback* callback)

@@ -46,6 +46,11 @@ protected:
     ///
     ///     (X, Y, Z, W)^T = M Q (column, row, disparity, 1)^T     point = (X, Y, Z) / W; none where W is 0
     void generate_pointcloud_Q();
+    /// The steps of the Q method, for a matcher that goes from disparities to points row by row: no points yet; M Q;
+    /// one row. @return how many of its points are valid
+    void _begin_cloud();
+    cv::Matx44d _reprojection() const;
+    int _reproject(const cv::Matx44d& H, int row) noexcept;
 
     /// init(). @return whether the camera is another one than before, by address or sizes
     bool _bind(iStereoCamera* new_camera) noexcept;
@@ -73,6 +78,7 @@ protected:
     double invalid_disparity = 0.0;             ///< marks a pixel without disparity
     cv::Matx44d transform = cv::Matx44d::eye(); ///< M: rectified camera 0 -> the frame of the points
     cv::Mat picture;                            ///< what getpict() handed out last
+    std::vector<int> _row_counts;               ///< valid points of each row
     bool executed = false;                      ///< exec() has succeeded since the last init() or setparams()
 
 private:

@@ -1,0 +1,468 @@
+#include "matching/row_kernels.h"
+
+#include "camera/cpu.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#define VEXO_AVX2 __attribute__((target("avx2")))
+#endif
+#define VEXO_INLINE inline __attribute__((always_inline))
+
+namespace vexo {
+namespace {
+
+using Point = cv::Point3_<float>;
+constexpr float infinity = std::numeric_limits<float>::infinity();
+
+// --- plain forms -------------------------------------------------------------------------------------------
+
+int list_valid_columns_plain(const uchar* mask, int begin, int cols, int* columns, int count) noexcept
+{
+    for (int x = begin; x < cols; ++x)
+        if (mask[x] == 255) columns[count++] = x;
+    return count;
+}
+
+/// The line through N neighbouring entries from each position on, as LeastSquares::solve(), filed under the position
+/// in the middle.
+///
+/// Vectors of the processor take several positions at a time; each does the same operations in the same order.
+template <int N>
+VEXO_INLINE void fit_spans(const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
+{
+    constexpr double n = N;
+    for (int k = 0; k + N <= size; ++k) {
+        double Sx = 0.0, Sxx = 0.0; // integers, exact
+        float sum_y = 0.0F, sum_xy = 0.0F;
+        for (int i = 0; i < N; ++i) {
+            const double x = columns[k + i];
+            Sx += x;
+            Sxx += x * x;
+            sum_y += phase[k + i];
+            sum_xy += static_cast<float>(columns[k + i]) * phase[k + i];
+        }
+        const double Sy = static_cast<double>(sum_y), Sxy = static_cast<double>(sum_xy);
+        const double inverse = 1.0 / (n * Sxx - Sx * Sx); // columns differ: never 0
+        slope[k + N / 2] = (n * Sxy - Sx * Sy) * inverse;
+        intercept[k + N / 2] = (Sxx * Sy - Sx * Sxy) * inverse;
+    }
+}
+
+VEXO_INLINE void fit_spans_of(
+    int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
+{
+    if (samples == 3)
+        fit_spans<3>(columns, phase, size, slope, intercept);
+    else
+        fit_spans<5>(columns, phase, size, slope, intercept);
+}
+
+/// A right row and its lines, as evaluation reads them.
+struct RightRow {
+    const int* columns;
+    const float* phase;
+    const double *slope, *intercept;
+};
+
+double disparity_of(float phase, int x0, int k, const RightRow& right, const MatchLimits& limits) noexcept
+{
+    if (k < 0 || static_cast<double>(std::abs(phase - right.phase[k])) > limits.max_phase_diff) return limits.invalid;
+    double x1 = right.columns[k];
+    if (!(right.slope[k] <= 0.0)) x1 = (static_cast<double>(phase) - right.intercept[k]) / right.slope[k];
+    const double found = x0 - x1;
+    return limits.min_disparity <= found && found <= limits.max_disparity ? found : limits.invalid;
+}
+
+void evaluate_plain(const float* phases, const int* columns, const int* nearest, int begin, int size,
+    const RightRow& right, const MatchLimits& limits, double* found) noexcept
+{
+    for (int i = begin; i < size; ++i)
+        found[i] = disparity_of(phases[i], columns[i], nearest[i], right, limits);
+}
+
+/// The invalid point, down to its bits: hosts compare them.
+Point nan_point() noexcept
+{
+    const uint32_t bits = 0x7FC00000U;
+    float nan = 0.0F;
+    std::memcpy(&nan, &bits, sizeof nan);
+    return { nan, nan, nan };
+}
+
+int reproject_plain(
+    const cv::Matx44d& H, int row, const double* disparity, int begin, int cols, double invalid, Point* points) noexcept
+{
+    const Point none = nan_point();
+    const double r = row;
+    int count = 0;
+    for (int c = begin; c < cols; ++c) {
+        const double d = disparity[c];
+        const auto component = [&](int i) { return ((H(i, 0) * c + H(i, 1) * r) + H(i, 2) * d) + H(i, 3); };
+        const double w = component(3);
+        if (d == invalid || w == 0.0) {
+            points[c] = none;
+            continue;
+        }
+        const double s = 1.0 / w;
+        points[c] = { static_cast<float>(component(0) * s), static_cast<float>(component(1) * s),
+            static_cast<float>(component(2) * s) };
+        ++count;
+    }
+    return count;
+}
+
+// --- forms for AVX2 ----------------------------------------------------------------------------------------
+
+#if defined(__x86_64__)
+
+VEXO_AVX2 int list_valid_columns_avx2(const uchar* mask, int cols, int* columns) noexcept
+{
+    int count = 0, x = 0;
+    for (; x + 32 <= cols; x += 32) {
+        const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(mask + x));
+        auto valid = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-1))));
+        if (valid == 0xFFFFFFFFU) {
+            const __m256i first = _mm256_add_epi32(_mm256_set1_epi32(x), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+            for (int i = 0; i < 32; i += 8)
+                _mm256_storeu_si256(
+                    reinterpret_cast<__m256i*>(columns + count + i), _mm256_add_epi32(first, _mm256_set1_epi32(i)));
+            count += 32;
+            continue;
+        }
+        for (; valid != 0; valid &= valid - 1)
+            columns[count++] = x + __builtin_ctz(valid);
+    }
+    return list_valid_columns_plain(mask, x, cols, columns, count);
+}
+
+VEXO_AVX2 void fit_spans_avx2(
+    int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
+{
+    fit_spans_of(samples, columns, phase, size, slope, intercept);
+}
+
+/// Four pixels at a time, as disparity_of().
+VEXO_AVX2 void evaluate_avx2(const float* phases, const int* columns, const int* nearest, int size,
+    const RightRow& right, const MatchLimits& limits, double* found) noexcept
+{
+    const __m256d largest_diff = _mm256_set1_pd(limits.max_phase_diff), invalid = _mm256_set1_pd(limits.invalid);
+    const __m256d low = _mm256_set1_pd(limits.min_disparity), high = _mm256_set1_pd(limits.max_disparity);
+    const __m128 magnitude = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    int i = 0;
+    for (; i + 4 <= size; i += 4) {
+        const __m128i k = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nearest + i));
+        const __m128i at = _mm_max_epi32(k, _mm_setzero_si128());
+        const __m128 phase = _mm_loadu_ps(phases + i);
+        const __m128 diff = _mm_and_ps(_mm_sub_ps(phase, _mm_i32gather_ps(right.phase, at, 4)), magnitude);
+        const __m256d slope = _mm256_i32gather_pd(right.slope, at, 8);
+        const __m256d shifted = _mm256_sub_pd(_mm256_cvtps_pd(phase), _mm256_i32gather_pd(right.intercept, at, 8));
+        const __m256d column = _mm256_cvtepi32_pd(_mm_i32gather_epi32(right.columns, at, 4));
+        const __m256d no_line = _mm256_cmp_pd(slope, _mm256_setzero_pd(), _CMP_LE_OQ);
+        const __m256d x1 = _mm256_blendv_pd(_mm256_div_pd(shifted, slope), column, no_line);
+        const __m256d x0 = _mm256_cvtepi32_pd(_mm_loadu_si128(reinterpret_cast<const __m128i*>(columns + i)));
+        const __m256d d = _mm256_sub_pd(x0, x1);
+        const __m256d missing = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(k)); // sign bit
+        const __m256d wrong = _mm256_or_pd(missing, _mm256_cmp_pd(_mm256_cvtps_pd(diff), largest_diff, _CMP_GT_OQ));
+        const __m256d within = _mm256_and_pd(_mm256_cmp_pd(low, d, _CMP_LE_OQ), _mm256_cmp_pd(d, high, _CMP_LE_OQ));
+        _mm256_storeu_pd(found + i, _mm256_blendv_pd(invalid, d, _mm256_andnot_pd(wrong, within)));
+    }
+    evaluate_plain(phases, columns, nearest, i, size, right, limits, found);
+}
+
+/// One component of four points before the division.
+VEXO_AVX2 inline __m256d component4(const cv::Matx44d& H, int i, __m256d c, __m256d from_row, __m256d d) noexcept
+{
+    const __m256d sum = _mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(H(i, 0)), c), from_row);
+    return _mm256_add_pd(_mm256_add_pd(sum, _mm256_mul_pd(_mm256_set1_pd(H(i, 2)), d)), _mm256_set1_pd(H(i, 3)));
+}
+
+/// Writes (x, y, z) of four points one after the other.
+VEXO_AVX2 inline void store_points4(__m128 x, __m128 y, __m128 z, Point* points) noexcept
+{
+    auto* out = reinterpret_cast<float*>(points);
+    const __m128 xy_low = _mm_unpacklo_ps(x, y);                                    // x0 y0 x1 y1
+    const __m128 yz_high = _mm_unpackhi_ps(y, z);                                   // y2 z2 y3 z3
+    const __m128 zx = _mm_shuffle_ps(z, x, _MM_SHUFFLE(3, 2, 1, 0));                // z0 z1 x2 x3
+    const __m128 z0x1 = _mm_shuffle_ps(zx, xy_low, _MM_SHUFFLE(2, 2, 0, 0));        // z0 z0 x1 x1
+    const __m128 y1z1 = _mm_shuffle_ps(xy_low, zx, _MM_SHUFFLE(1, 1, 3, 3));        // y1 y1 z1 z1
+    const __m128 x2y2 = _mm_shuffle_ps(zx, yz_high, _MM_SHUFFLE(0, 0, 2, 2));       // x2 x2 y2 y2
+    const __m128 z2x3 = _mm_shuffle_ps(yz_high, zx, _MM_SHUFFLE(3, 3, 1, 1));       // z2 z2 x3 x3
+    _mm_storeu_ps(out, _mm_shuffle_ps(xy_low, z0x1, _MM_SHUFFLE(2, 0, 1, 0)));      // x0 y0 z0 x1
+    _mm_storeu_ps(out + 4, _mm_shuffle_ps(y1z1, x2y2, _MM_SHUFFLE(2, 0, 2, 0)));    // y1 z1 x2 y2
+    _mm_storeu_ps(out + 8, _mm_shuffle_ps(z2x3, yz_high, _MM_SHUFFLE(3, 2, 2, 0))); // z2 x3 y3 z3
+}
+
+VEXO_AVX2 int reproject_avx2(
+    const cv::Matx44d& H, int row, const double* disparity, int cols, double invalid, Point* points) noexcept
+{
+    const double r = row;
+    const __m256d from_row[4] = { _mm256_set1_pd(H(0, 1) * r), _mm256_set1_pd(H(1, 1) * r), _mm256_set1_pd(H(2, 1) * r),
+        _mm256_set1_pd(H(3, 1) * r) };
+    const __m256d unit = _mm256_set1_pd(1.0), none = _mm256_set1_pd(invalid);
+    const __m128 nan = _mm_castsi128_ps(_mm_set1_epi32(0x7FC00000));
+    int count = 0, c = 0;
+    for (; c + 4 <= cols; c += 4) {
+        const __m256d d = _mm256_loadu_pd(disparity + c);
+        const __m256d column = _mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(c), _mm_setr_epi32(0, 1, 2, 3)));
+        const __m256d w = component4(H, 3, column, from_row[3], d);
+        const __m256d bad
+            = _mm256_or_pd(_mm256_cmp_pd(d, none, _CMP_EQ_OQ), _mm256_cmp_pd(w, _mm256_setzero_pd(), _CMP_EQ_OQ));
+        const __m256d s = _mm256_div_pd(unit, w);
+        const __m128 bad4 = _mm_castsi128_ps(_mm256_castsi256_si128(
+            _mm256_permutevar8x32_epi32(_mm256_castpd_si256(bad), _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6))));
+        const __m128 x = _mm256_cvtpd_ps(_mm256_mul_pd(component4(H, 0, column, from_row[0], d), s));
+        const __m128 y = _mm256_cvtpd_ps(_mm256_mul_pd(component4(H, 1, column, from_row[1], d), s));
+        const __m128 z = _mm256_cvtpd_ps(_mm256_mul_pd(component4(H, 2, column, from_row[2], d), s));
+        store_points4(
+            _mm_blendv_ps(x, nan, bad4), _mm_blendv_ps(y, nan, bad4), _mm_blendv_ps(z, nan, bad4), points + c);
+        count += 4 - __builtin_popcount(static_cast<unsigned>(_mm256_movemask_pd(bad)));
+    }
+    return count + reproject_plain(H, row, disparity, c, cols, invalid, points);
+}
+#endif
+
+// --- the choice --------------------------------------------------------------------------------------------
+
+void fit_lines(int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
+{
+#if defined(__x86_64__)
+    if (Cpu::has_avx2())
+        fit_spans_avx2(samples, columns, phase, size, slope, intercept);
+    else
+#endif
+        fit_spans_of(samples, columns, phase, size, slope, intercept);
+
+    // At the ends LeastSquares::check() shifts the span; its middle is then another position.
+    const int n = samples == 3 ? 3 : 5, last_begin = size - n;
+    const auto take = [&](int k, int begin) {
+        slope[k] = slope[begin + n / 2];
+        intercept[k] = intercept[begin + n / 2];
+    };
+    for (int k = 0; k < n / 2; ++k)
+        take(k, std::min(k, last_begin));
+    for (int k = last_begin + n / 2 + 1; k < size; ++k)
+        take(k, last_begin);
+}
+
+void evaluate(const float* phases, const int* columns, const int* nearest, int size, const RightRow& right,
+    const MatchLimits& limits, double* found) noexcept
+{
+#if defined(__x86_64__)
+    if (Cpu::has_avx2()) return evaluate_avx2(phases, columns, nearest, size, right, limits, found);
+#endif
+    evaluate_plain(phases, columns, nearest, 0, size, right, limits, found);
+}
+
+bool is_gapless(const int* columns, int size) noexcept
+{
+    return columns[size - 1] - columns[0] == size - 1;
+}
+
+/// The listed values of a row, one after the other.
+void take_listed(const int* columns, int size, const float* row, float* out) noexcept
+{
+    if (is_gapless(columns, size)) {
+        std::memcpy(out, row + columns[0], static_cast<std::size_t>(size) * sizeof(float));
+        return;
+    }
+    for (int k = 0; k < size; ++k)
+        out[k] = row[columns[k]];
+}
+
+bool are_numbers(const float* values, int size) noexcept
+{
+    int nans = 0;
+    for (int k = 0; k < size; ++k)
+        nans |= values[k] != values[k];
+    return nans == 0;
+}
+
+bool are_rising(const float* values, int size) noexcept
+{
+    int falls = 0;
+    for (int k = 0; k + 1 < size; ++k)
+        falls |= !(values[k] < values[k + 1]);
+    return falls == 0;
+}
+
+/// Clamps v[lo + 1 .. hi - 1] to what a binary search between lo and hi can tell apart.
+void clamp_between(const float* v, int lo, int hi, float low, float high, float* out) noexcept
+{
+    if (hi - lo < 2) return;
+    const int mid = lo + (hi - lo) / 2;
+    const float value = std::max(low, std::min(v[mid], high));
+    out[mid] = value;
+    clamp_between(v, lo, mid, low, value, out);
+    clamp_between(v, mid, hi, value, high, out);
+}
+
+/// PhaseStereoMatching::_nearest() within the row's range.
+int search(float phase, const float* v, int last) noexcept
+{
+    int lo = 0, hi = last;
+    while (hi - lo >= 2) {
+        const int mid = lo + (hi - lo) / 2;
+        if (v[mid] > phase)
+            hi = mid;
+        else if (phase > v[mid])
+            lo = mid;
+        else
+            return mid;
+    }
+    return std::abs(v[hi] - phase) > std::abs(v[lo] - phase) ? lo : hi;
+}
+
+} // namespace
+
+int list_valid_columns(const uchar* mask, int cols, int* columns) noexcept
+{
+#if defined(__x86_64__)
+    if (Cpu::has_avx2()) return list_valid_columns_avx2(mask, cols, columns);
+#endif
+    return list_valid_columns_plain(mask, 0, cols, columns, 0);
+}
+
+int reproject_row(const cv::Matx44d& H, int row, const double* disparity, int cols, double invalid,
+    cv::Point3_<float>* points) noexcept
+{
+#if defined(__x86_64__)
+    if (Cpu::has_avx2()) return reproject_avx2(H, row, disparity, cols, invalid, points);
+#endif
+    return reproject_plain(H, row, disparity, 0, cols, invalid, points);
+}
+
+// --- RowMatcher --------------------------------------------------------------------------------------------
+
+void RowMatcher::reserve(int cols)
+{
+    const auto size = static_cast<std::size_t>(cols);
+    for (std::vector<float>* list : { &_right_phase, &_thresholds, &_left_phase })
+        list->resize(size + 1);
+    for (std::vector<int>* list : { &_left_columns, &_nearest_position })
+        list->resize(size);
+    _found.resize(size);
+    _right_lines.reserve(size);
+    _left_lines.reserve(size);
+}
+
+bool RowMatcher::match(
+    const PhaseRow& left, const PhaseRow& right, const MatchLimits& limits, bool interpolate, double* out) noexcept
+{
+    const int samples = limits.samples == 3 ? 3 : 5;
+    if (static_cast<int>(right.columns->size()) < samples || left.columns->empty()) return true;
+    if (interpolate && static_cast<int>(left.columns->size()) < samples) return true;
+    if (!_take_right(right) || !_take_left(left, samples, interpolate)) return false;
+    if (_left_size == 0) return true;
+
+    _find_nearest();
+    const int* right_columns = right.columns->data();
+    double *slope = _right_lines.slope.data(), *intercept = _right_lines.intercept.data();
+    fit_lines(samples, right_columns, _right_phase.data(), _right_size, slope, intercept);
+    const int* columns = interpolate ? _left_columns.data() : left.columns->data();
+    const bool direct = is_gapless(columns, _left_size);
+    double* found = direct ? out + columns[0] : _found.data();
+    evaluate(_left_phase.data(), columns, _nearest_position.data(), _left_size,
+        { right_columns, _right_phase.data(), slope, intercept }, limits, found);
+    for (int i = 0; !direct && i < _left_size; ++i)
+        out[columns[i]] = found[i];
+    return true;
+}
+
+bool RowMatcher::_take_right(const PhaseRow& row) noexcept
+{
+    const int n = _right_size = static_cast<int>(row.columns->size());
+    float* phase = _right_phase.data();
+    take_listed(row.columns->data(), n, row.phase, phase);
+    phase[n] = infinity; // ends the walk of the search
+    if (!(phase[0] > -infinity && phase[n - 1] < infinity)) return false;
+    _rising = are_rising(phase, n);
+    if (_rising) return true;
+    if (!are_numbers(phase, n)) return false;
+    _clamp_to_search_tree(n);
+    return true;
+}
+
+/// A binary search in a row that does not rise everywhere is a search in one that does: an entry outside the range
+/// that the entries above it in the search tree leave open decides like the bound of that range next to it. So the
+/// row, clamped from the top of the tree down, never falls, and the search ends between the same two entries. Only a
+/// phase that equals a threshold has to be searched for.
+void RowMatcher::_clamp_to_search_tree(int size) noexcept
+{
+    const float *phase = _right_phase.data(), low = phase[0], high = phase[size - 1];
+    _thresholds[0] = low;
+    _thresholds[static_cast<std::size_t>(size) - 1] = high;
+    _thresholds[static_cast<std::size_t>(size)] = infinity;
+    if (low <= high) clamp_between(phase, 0, size - 1, low, high, _thresholds.data());
+}
+
+bool RowMatcher::_take_left(const PhaseRow& row, int samples, bool interpolate) noexcept
+{
+    const int* columns = row.columns->data();
+    _left_size = static_cast<int>(row.columns->size());
+    take_listed(columns, _left_size, row.phase, _left_phase.data());
+    if (!are_numbers(_left_phase.data(), _left_size)) return false;
+    if (!interpolate) return true;
+    fit_lines(samples, columns, _left_phase.data(), _left_size, _left_lines.slope.data(), _left_lines.intercept.data());
+    _interpolate_left(columns, _left_size);
+    return are_numbers(_left_phase.data(), _left_size);
+}
+
+/// Replaces the left pixels by all columns between the first and the last, as far as rising lines reach; the order
+/// of steps is that of PhaseStereoMatching::_get_linedisparity_interpo().
+void RowMatcher::_interpolate_left(const int* columns, int size) noexcept
+{
+    const double *slope = _left_lines.slope.data(), *intercept = _left_lines.intercept.data();
+    _left_size = 0;
+    if (slope[0] <= 0.0) return;
+    int k = 0;
+    for (int x = columns[0]; x <= columns[size - 1]; ++x) {
+        while (k + 1 < size && x >= columns[k + 1]) {
+            ++k;
+            if (!(slope[k] <= 0.0)) break;
+            if (k + 1 >= size) return;
+            x = columns[k + 1];
+        }
+        const auto i = static_cast<std::size_t>(_left_size++);
+        _left_columns[i] = x;
+        _left_phase[i] = static_cast<float>(x * slope[k] + intercept[k]);
+    }
+}
+
+void RowMatcher::_find_nearest() noexcept
+{
+    int gap = 0; // position of the last threshold not above the last phase
+    for (int i = 0; i < _left_size; ++i)
+        _nearest_position[static_cast<std::size_t>(i)] = _nearest(_left_phase[static_cast<std::size_t>(i)], gap);
+}
+
+/// As PhaseStereoMatching::_nearest(), starting from where the last pixel was found: mostly one step away.
+int RowMatcher::_nearest(float phase, int& gap) const noexcept
+{
+    constexpr int walk = 8; // steps before searching is cheaper
+    const float *v = _right_phase.data(), *thresholds = _rising ? v : _thresholds.data();
+    const int last = _right_size - 1;
+    if (v[0] > phase || phase > v[last]) return -1;
+
+    int j = gap;
+    for (int steps = 0; thresholds[j + 1] <= phase; ++j)
+        if (++steps > walk) {
+            j = static_cast<int>(std::upper_bound(thresholds + j, thresholds + last + 1, phase) - thresholds) - 1;
+            break;
+        }
+    for (int steps = 0; thresholds[j] > phase; --j)
+        if (++steps > walk) {
+            j = static_cast<int>(std::upper_bound(thresholds, thresholds + j, phase) - thresholds) - 1;
+            break;
+        }
+    gap = j;
+    if (!_rising && thresholds[j] == phase) return search(phase, v, last);
+    return std::abs(v[j + 1] - phase) > std::abs(v[j] - phase) ? j : j + 1;
+}
+
+} // namespace vexo
