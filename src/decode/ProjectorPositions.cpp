@@ -1,29 +1,47 @@
 #include "decode/ProjectorPositions.h"
 
 #include "decode/phase_kernels.h"
+#include "decode/stream_copy.h"
 #include "vexo/file_io.h"
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <opencv2/imgcodecs.hpp>
 
 namespace vexo {
 namespace {
 
 constexpr int max_side = 32766;                   // px; cv::remap's 16-bit coordinates reach no further
+constexpr std::size_t stream_bytes = 1 << 17;     // a dozen smaller frames stay in the second-level cache
 constexpr int64_t max_area = int64_t { 1 } << 26; // px
 
-/// Rows of `step` bytes, of which `row_bytes` count, into an image of that size. The buffer may overlap the
-/// image, when a host hands back what it was shown.
+/// Whether a buffer of the host shares memory with an image: when it hands back what it was shown.
+bool overlap(const uchar* from, std::size_t bytes, const cv::Mat& image) noexcept
+{
+    const std::less<const uchar*> before; // a total order of all pointers
+    return before(from, image.dataend) && before(image.datastart, from + bytes);
+}
+
+/// Rows of `step` bytes, of which `row_bytes` count, into an image of that size.
 void copy_rows(const void* data, std::size_t step, std::size_t row_bytes, cv::Mat& image)
 {
     const auto* from = static_cast<const uchar*>(data);
-    if (step == row_bytes && image.isContinuous()) {
-        std::memmove(image.data, from, row_bytes * static_cast<std::size_t>(image.rows));
-        return;
+    const auto rows = static_cast<std::size_t>(image.rows);
+    const std::size_t bytes = (rows - 1) * step + row_bytes;
+    const bool stream = rows * row_bytes >= stream_bytes && !overlap(from, bytes, image);
+    if (stream && step == row_bytes && image.isContinuous()) {
+        stream_copy(image.data, from, bytes);
+    } else {
+        for (std::size_t y = 0; y < rows; ++y) {
+            uchar* to = image.ptr(static_cast<int>(y));
+            if (stream)
+                stream_copy(to, from + y * step, row_bytes);
+            else
+                std::memmove(to, from + y * step, row_bytes);
+        }
     }
-    for (int y = 0; y < image.rows; ++y)
-        std::memmove(image.ptr(y), from + static_cast<std::size_t>(y) * step, row_bytes);
+    if (stream) stream_fence();
 }
 
 /// Room for whole rows, so that the row loops allocate nothing.

@@ -66,7 +66,9 @@ TEST(ProjectorPositions, AFrameIsCopiedRowByRowFromAnyStepAndAddress)
     std::mt19937 rng(1);
     Positions positions;
     for (const size_t padding : { size_t { 0 }, size_t { 1 }, size_t { 64 }, size_t { 5000 } })
-        for (const cv::Size size : { cv::Size(1, 1), cv::Size(37, 1), cv::Size(1, 37), cv::Size(33, 17) }) {
+        for (const cv::Size size : // the first two are large enough to be streamed
+            { cv::Size(517, 257), cv::Size(5, 32001), cv::Size(1, 1), cv::Size(37, 1), cv::Size(1, 37),
+                cv::Size(33, 17) }) {
             const cv::Mat_<uchar> frame = captures::random_frame(size, 0, 255, rng);
             ASSERT_EQ(captures::give(positions, frame, 0, padding), 1);
             EXPECT_TRUE(captures::same_bits(positions.black, frame)) << size << " padding " << padding;
@@ -79,6 +81,15 @@ TEST(ProjectorPositions, AFrameIsCopiedRowByRowFromAnyStepAndAddress)
     positions.set_input(packed.data, 33, 17, 33, 4);
     EXPECT_EQ(positions.input(4).data, buffer) << "a frame of the same size must not allocate";
     EXPECT_EQ(positions.set_input(positions.black.data, 33, 17, 0, 0), 1) << "what was shown may come back";
+
+    const cv::Mat_<uchar> large = captures::random_frame({ 512, 300 }, 0, 255, rng);
+    Positions shifted;
+    ASSERT_EQ(captures::give(shifted, large, 0), 1);
+    ASSERT_EQ(shifted.set_input(shifted.black.data + 5, 500, 300, 512, 0), 1) << "from one size into another";
+    EXPECT_TRUE(captures::same_bits(shifted.black, large(cv::Rect(5, 0, 500, 300))));
+    ASSERT_EQ(captures::give(shifted, large, 0), 1);
+    ASSERT_EQ(shifted.set_input(shifted.black.data, 512, 300, 0, 0), 1);
+    EXPECT_TRUE(captures::same_bits(shifted.black, large));
 }
 
 TEST(ProjectorPositions, WhatCannotBeAFrameIsRefusedAndNothingChanges)
