@@ -107,14 +107,9 @@ double add_ear(double d, const cv::Vec3d& p, double s) noexcept
     return join(d, ear, 8);
 }
 
-double add_hair(double d, const cv::Vec3d& p) noexcept
+double add_scalp(double d, const cv::Vec3d& p) noexcept
 {
-    const double cap = ellipsoid(p, { 0, -68, 20 }, { 59, 61, 66 });
-    if (0.6 * (cap - 0.6) > std::max(d, 0.0) + 4) return d;
-    // Locks: ripples of the cap. Reduced, since their slope adds to that of the cap.
-    const double angle = std::atan2(p[0], -(p[1] + 40));
-    const double ripple = 0.6 * std::sin(19 * angle) * std::clamp((-p[1] - 60) / 30, 0.0, 1.0);
-    return join(d, 0.6 * (cap - ripple), 4);
+    return join(d, ellipsoid(p, { 0, -68, 20 }, { 59, 61, 66 }), 6);
 }
 
 double torso(const cv::Vec3d& p) noexcept
@@ -134,7 +129,7 @@ double head(const cv::Vec3d& p) noexcept
     double d = skull_and_face(p);
     d = add_nose(add_eye(add_eye(d, p, -1), p, 1), p);
     d = add_mouth(d, p);
-    return add_hair(add_ear(add_ear(d, p, -1), p, 1), p);
+    return add_scalp(add_ear(add_ear(d, p, -1), p, 1), p);
 }
 
 double head_and_torso(const cv::Vec3d& p) noexcept

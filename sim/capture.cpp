@@ -1,12 +1,8 @@
 #include "sim/capture.h"
 
 #include <algorithm>
-#include <atomic>
-#include <filesystem>
+#include <array>
 #include <stdexcept>
-
-#include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include "sim/scenes.h"
 #include "vexo/file_io.h"
@@ -14,64 +10,7 @@
 namespace vexo {
 namespace sim {
 
-namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
-
 namespace {
-std::string frame_name(int camera, int frame)
-{
-    const std::string digits = (frame < 10 ? "0" : "") + std::to_string(frame);
-    return "cam" + std::to_string(camera) + "/frame" + digits + ".png";
-}
-
-std::vector<unsigned char> encode(const std::string& name, const cv::Mat& image)
-{
-    std::vector<unsigned char> bytes;
-    const std::vector<int> quick { cv::IMWRITE_PNG_COMPRESSION, 1 }; // noise does not compress anyway
-    if (!cv::imencode(fs::path(name).extension().string(), image, bytes, quick))
-        throw std::runtime_error(name + ": the image cannot be encoded");
-    return bytes;
-}
-
-/// Encodes images in parallel: it takes as long as rendering them.
-void encode_all(const std::vector<std::pair<std::string, cv::Mat>>& images, Capture& capture)
-{
-    const std::size_t first = capture.files.size();
-    const auto count = static_cast<int>(images.size());
-    capture.files.resize(first + images.size());
-    std::atomic<bool> failed { false };
-    const auto encode_one = [&](std::size_t i) noexcept {
-        try {
-            capture.files[first + i] = { images[i].first, encode(images[i].first, images[i].second) };
-        } catch (...) {
-            failed = true;
-        }
-    };
-#pragma omp parallel for schedule(dynamic) // each thread writes its own entries of `files`
-    for (int i = 0; i < count; ++i)
-        encode_one(static_cast<std::size_t>(i));
-    if (failed) throw std::runtime_error("the images cannot be encoded; is there enough memory?");
-}
-
-/// Pose of a camera in raw camera-0 axes, which are the world of all files: [R | T], 3 x 4.
-cv::Matx34d pose_in_camera0(const Rig& rig, int camera)
-{
-    if (camera == 0) return cv::Matx34d::eye(); // exactly
-    const Camera& c = rig.cameras[1];
-    const cv::Matx33d R = c.R * rig.cameras[0].R.t();
-    const cv::Vec3d T = c.T - R * rig.cameras[0].T;
-    return { R(0, 0), R(0, 1), R(0, 2), T[0], R(1, 0), R(1, 1), R(1, 2), T[1], R(2, 0), R(2, 1), R(2, 2), T[2] };
-}
-
-Json to_json(const cv::Vec3d& v)
-{
-    return Json::array({ v[0], v[1], v[2] });
-}
-Json to_json(const cv::Size& s)
-{
-    return Json::array({ s.width, s.height });
-}
-
 Json balls_json(const Rig& rig)
 {
     const Balls balls = make_balls(rig.options);
@@ -87,7 +26,6 @@ Json options_json(const RigOptions& o)
     Json json;
     json["image_size"] = to_json(o.image_size);
     json["projector_size"] = to_json(o.projector_size);
-    json["fringe_period"] = o.fringe_period;
     json["distance_mm"] = o.distance_mm;
     json["baseline_mm"] = o.baseline_mm;
     if (o.toe_in_deg >= 0) json["toe_in_deg"] = o.toe_in_deg; // else both cameras look at the middle
@@ -97,6 +35,8 @@ Json options_json(const RigOptions& o)
     json["gamma"] = o.gamma;
     json["defocus"] = o.defocus;
     json["tilt_deg"] = o.tilt_deg;
+    if (o.swapped[0] != o.swapped[1]) json["swapped"] = o.swapped;
+    if (o.move_mm > 0) json["move_mm"] = o.move_mm;
     json["seed"] = o.seed;
     return json;
 }
@@ -107,10 +47,15 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
     json["scene"] = scene;
     json["method"] = pattern.method;
     json["frames"] = pattern.frames.size();
-    json["fringe_period"] = rig.options.fringe_period;
     json["projector_size"] = to_json(rig.options.projector_size);
+    if (pattern.periods.size() == 1) json["fringe_period"] = pattern.periods[0];
+    if (pattern.periods.size() > 1) json["periods"] = pattern.periods;
+    if (!pattern.periods.empty()) {
+        json["steps"] = 4;
+        json["lit_columns"] = pattern.lit_columns();
+    }
     json["options"] = options_json(rig.options);
-    json["sensor"] = { { "black", rig.sensor.black }, { "read", rig.sensor.read }, { "shot", rig.sensor.shot } };
+    json["sensor"] = to_json(rig.sensor);
     const Camera& camera0 = rig.cameras[0];
     json["projector_centre_cam0_mm"] = to_json(camera0.to_camera(rig.projector.centre()));
     json["camera1_centre_cam0_mm"] = to_json(camera0.to_camera(rig.cameras[1].centre()));
@@ -118,13 +63,6 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
     json["visible_pixels"] = cv::countNonZero(truth.visible);
     if (scene == "spheres") json["balls"] = balls_json(rig);
     return json.dump(2) + "\n";
-}
-
-void remove_files(const std::string& folder, const std::vector<std::string>& names)
-{
-    std::error_code ignored;
-    for (const std::string& name : names)
-        fs::remove(fs::path(folder) / name, ignored);
 }
 } // namespace
 
@@ -146,66 +84,83 @@ std::string cameras_yaml(const Rig& rig)
     return storage.releaseAndGetString();
 }
 
-int capture_steps()
+int capture_steps(const Pattern& pattern)
 {
-    return 2 + 13;
+    return 1 + static_cast<int>(pattern.frames.size());
 }
 
-Capture make_capture(const std::string& scene_name, const RigOptions& options, const OnStep& on_step)
+namespace {
+std::array<View, 2> cast_rays(const Scene& scene, const Rig& rig)
 {
+    return { View(scene, rig, 0), View(scene, rig, 1) };
+}
+
+/// Where the scene moves to: sideways, and towards the cameras.
+Scene moved_scene(const std::string& name, const RigOptions& options)
+{
+    Scene scene = make_scene(name, options);
+    scene.move(options.move_mm * cv::Vec3d(0.6, 0, -0.8));
+    return scene;
+}
+
+void check(const std::string& scene, const RigOptions& options, const Pattern& pattern)
+{
+    if (const char* fault = why_invalid(options)) throw std::invalid_argument(fault);
+    const auto& names = scene_names();
+    if (std::find(names.begin(), names.end(), scene) == names.end())
+        throw std::invalid_argument(scene + ": no such scene");
+    if (pattern.method != options.method || pattern.frames.empty())
+        throw std::invalid_argument("the pattern does not belong to the method");
+    for (const std::vector<double>& row : pattern.frames)
+        if (row.size() != static_cast<std::size_t>(options.projector_size.width))
+            throw std::invalid_argument("the pattern does not have the projector's columns");
+    for (const int frame : options.swapped)
+        if (frame < 0 || static_cast<std::size_t>(frame) >= pattern.frames.size())
+            throw std::invalid_argument("the method has no frame " + std::to_string(frame));
+}
+} // namespace
+
+Capture make_capture(const std::string& scene, const RigOptions& options, const OnStep& on_step)
+{
+    return make_capture(scene, options, pattern_of(options), on_step);
+}
+
+Capture make_capture(
+    const std::string& scene_name, const RigOptions& options, const Pattern& pattern, const OnStep& on_step)
+{
+    check(scene_name, options, pattern);
     const auto step = [&on_step](const std::string& what) {
         if (on_step) on_step(what);
     };
-    if (const char* fault = why_invalid(options)) throw std::invalid_argument(fault);
-    const auto& names = scene_names();
-    if (std::find(names.begin(), names.end(), scene_name) == names.end())
-        throw std::invalid_argument(scene_name + ": no such scene");
+    Pattern order = pattern;
+    std::swap(order.frames[static_cast<std::size_t>(options.swapped[0])],
+        order.frames[static_cast<std::size_t>(options.swapped[1])]);
 
     const Rig rig = make_rig(options);
-    const Scene scene = make_scene(scene_name, options);
-    const Pattern pattern = gray_phase_pattern(options.projector_size.width, options.fringe_period);
-    const std::vector<ProjectedRow> rows = project(pattern, options);
-    step("casting rays of camera 0");
-    const View view0(scene, rig, 0);
-    step("casting rays of camera 1");
-    const View view1(scene, rig, 1);
+    const std::vector<ProjectedRow> rows = project(order, options);
+    step("casting rays");
+    std::array<View, 2> views = cast_rays(make_scene(scene_name, options), rig);
 
     Capture capture;
+    capture.truth = make_truth(views[0], pattern.lit_columns());
     for (std::size_t k = 0; k < rows.size(); ++k) {
         const auto frame = static_cast<int>(k);
         step("frame " + std::to_string(frame));
-        encode_all({ { frame_name(0, frame), view0.picture(rows[k], frame) },
-                       { frame_name(1, frame), view1.picture(rows[k], frame) } },
-            capture);
+        if (options.move_mm > 0 && k + 2 == rows.size()) views = cast_rays(moved_scene(scene_name, options), rig);
+        add_images({ { picture_name(0, "frame", frame), views[0].picture(rows[k], frame) },
+                       { picture_name(1, "frame", frame), views[1].picture(rows[k], frame) } },
+            capture.files);
     }
-    capture.truth = make_truth(view0);
     capture.scene_json = scene_text(scene_name, rig, pattern, capture.truth);
-    const std::string yaml = cameras_yaml(rig);
-    capture.files.emplace_back("cameras.yaml", std::vector<unsigned char>(yaml.begin(), yaml.end()));
-    encode_all({ { "truth.tiff", capture.truth.depth }, { "visible.png", capture.truth.visible } }, capture);
-    capture.files.emplace_back(
-        "scene.json", std::vector<unsigned char>(capture.scene_json.begin(), capture.scene_json.end()));
+    add_text("cameras.yaml", cameras_yaml(rig), capture.files);
+    add_images({ { "truth.tiff", capture.truth.depth }, { "visible.png", capture.truth.visible } }, capture.files);
+    add_text("scene.json", capture.scene_json, capture.files);
     return capture;
 }
 
 void write_capture(const Capture& capture, const std::string& folder)
 {
-    std::vector<std::string> written;
-    for (const auto& [name, bytes] : capture.files) {
-        const fs::path path = fs::path(folder) / name;
-        std::error_code error;
-        fs::create_directories(path.parent_path(), error);
-        if (error || !file_io::write_file(path.string(), bytes)) {
-            remove_files(folder, written);
-            throw std::runtime_error(path.string() + ": cannot be written; is the disk full, or the folder read-only?");
-        }
-        written.push_back(name);
-    }
-    for (int camera = 0; camera < 2; ++camera)
-        for (int k = 0; k < 100; ++k) {
-            const std::string name = frame_name(camera, k);
-            if (std::find(written.begin(), written.end(), name) == written.end()) remove_files(folder, { name });
-        }
+    write_files(capture.files, folder, "frame");
 }
 
 } // namespace sim

@@ -2,9 +2,9 @@
 
 #include <functional>
 #include <string>
-#include <utility>
-#include <vector>
 
+#include "sim/output.h"
+#include "sim/pattern.h"
 #include "sim/render.h"
 
 namespace vexo {
@@ -14,10 +14,12 @@ namespace sim {
 ///     cam0/frame00.png ...   8-bit frames of camera 0 in capture order; cam1/ likewise
 ///     cameras.yaml           both cameras, keys cam0_... and cam1_...; world frame = raw camera-0 axes
 ///     truth.tiff             float, depth of each raw camera-0 pixel, mm, NaN where nothing is
-///     visible.png            255 where the pixel's point is seen by both cameras and lit by the projector
+///     visible.png            255 where the pixel's point is seen by both cameras and lit by the lit frame: behind
+///                            the last column of multi-phase frames there is nothing to measure. Under flat light
+///                            (block matching) everything is lit
 ///     scene.json             the scene's name, all options, the rig, and the balls of `spheres`
 struct Capture {
-    std::vector<std::pair<std::string, std::vector<unsigned char>>> files; ///< path inside the folder, bytes
+    Files files;
     std::string scene_json;
     Truth truth;
 };
@@ -26,11 +28,15 @@ struct Capture {
 using OnStep = std::function<void(const std::string&)>;
 
 /// How often make_capture() calls its `on_step`.
-int capture_steps();
+int capture_steps(const Pattern& pattern);
 
-/// Renders a scene under the rig's pattern. Throws std::invalid_argument for options that why_invalid() refuses and
-/// for an unknown scene.
+/// Renders a scene under the pattern that belongs to the options. Throws std::invalid_argument for options that
+/// why_invalid() refuses, for frames to swap that there are not, and for an unknown scene.
 Capture make_capture(const std::string& scene, const RigOptions& options, const OnStep& on_step = {});
+
+/// Under another pattern of the same method and projector.
+Capture make_capture(
+    const std::string& scene, const RigOptions& options, const Pattern& pattern, const OnStep& on_step = {});
 
 /// Writes a capture into a folder, which is made when it is missing, and removes frames of an earlier, longer
 /// capture. Throws std::runtime_error naming the file that cannot be written; what was written is removed then.

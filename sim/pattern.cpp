@@ -40,9 +40,29 @@ double blurred_ramp(double z, double sigma)
 }
 } // namespace
 
+int Pattern::lit_columns() const noexcept
+{
+    const std::vector<double>& lit = frames[frames.size() > 1 ? 1 : 0];
+    const auto last = std::find_if(lit.rbegin(), lit.rend(), [](double grey) { return grey > 0; });
+    return static_cast<int>(lit.rend() - last);
+}
+
+Pattern pattern_of(const RigOptions& options)
+{
+    const int columns = options.projector_size.width;
+    if (options.method == "multi-phase") return multi_phase_pattern(columns, options.periods);
+    if (options.method == "sgbm") return flat_pattern(columns);
+    return gray_phase_pattern(columns, options.fringe_period);
+}
+
+Pattern flat_pattern(int columns)
+{
+    return { "sgbm", { std::vector<double>(static_cast<std::size_t>(columns), 255.0) }, {} };
+}
+
 Pattern gray_phase_pattern(int columns, int period)
 {
-    Pattern pattern { "gray-phase", {} };
+    Pattern pattern { "gray-phase", {}, { period } };
     pattern.frames.emplace_back(static_cast<std::size_t>(columns), 0.0);
     pattern.frames.emplace_back(static_cast<std::size_t>(columns), 255.0);
     for (int bit = gray_bits - 1; bit >= 0; --bit)
@@ -54,7 +74,7 @@ Pattern gray_phase_pattern(int columns, int period)
 
 Pattern multi_phase_pattern(int columns, const std::vector<int>& periods)
 {
-    Pattern pattern { "multi-phase", {} };
+    Pattern pattern { "multi-phase", {}, periods };
     pattern.frames.emplace_back(static_cast<std::size_t>(columns), 0.0);
     pattern.frames.emplace_back(static_cast<std::size_t>(columns), 255.0);
     for (const int period : periods)

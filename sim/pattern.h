@@ -3,14 +3,23 @@
 #include <string>
 #include <vector>
 
+#include "sim/rig.h"
+
 namespace vexo {
 namespace sim {
 
 /// What the projector shows, frame by frame: one grey level (0 to 255) a projector column, the same in all rows.
 struct Pattern {
-    std::string method;                      ///< "gray-phase" or "multi-phase"
+    std::string method;                      ///< "gray-phase", "multi-phase" or "sgbm"
     std::vector<std::vector<double>> frames; ///< frames[k][column]
+    std::vector<int> periods;                ///< of the fringes, projector px
+
+    /// Columns up to the last one that the lit frame lights; what lies behind cannot be measured.
+    int lit_columns() const noexcept;
 };
+
+/// The pattern that belongs to the options' method.
+Pattern pattern_of(const RigOptions& options);
 
 /// Gray code + phase shift, in capture order: 0 dark, 1 lit, 2-8 the bits of the Gray code of floor(x / period)
 /// (most significant first), 9-12 the fringes
@@ -31,6 +40,9 @@ constexpr int multi_phase_columns = 912;
 ///
 /// at integer projector column x; dark from multi_phase_columns on.
 Pattern multi_phase_pattern(int columns, const std::vector<int>& periods);
+
+/// One evenly lit frame, for block matching.
+Pattern flat_pattern(int columns);
 
 /// The light of one projected row across the projector's image: every column a box of one pixel, blurred by the
 /// projector's defocus. Its integral is tabulated, so the mean over any interval costs two look-ups.

@@ -55,19 +55,36 @@ bool View::_is_shared(const Scene& scene, const cv::Vec3d& point, const cv::Vec3
 }
 
 namespace {
-/// Projector columns that a pixel covers, from the movement of its ray over the tangent plane at the hit. Two
-/// boxes, one for each direction of the pixel, taken as one of the same variance.
+/// How far a pixel's ray moves over the tangent plane at the hit, per pixel along x and along y, mm.
+std::array<cv::Vec3d, 2> patch_of_pixel(const PixelRay& ray, const Hit& hit) noexcept
+{
+    std::array<cv::Vec3d, 2> patch;
+    for (std::size_t i = 0; i < 2; ++i) {
+        const cv::Vec3d& turn = ray.per_pixel[i];
+        patch[i] = hit.t * (turn - ray.direction * (hit.normal.dot(turn) / hit.normal.dot(ray.direction)));
+    }
+    return patch;
+}
+
+/// Projector columns that a pixel covers. Two boxes, one for each direction of the pixel, taken as one of the same
+/// variance.
 double columns_of_pixel(const Camera& projector, const PixelRay& ray, const Hit& hit) noexcept
 {
     const cv::Vec3d p = projector.to_camera(hit.point);
     double sum = 0;
-    for (const cv::Vec3d& turn : ray.per_pixel) {
-        const cv::Vec3d in_plane = turn - ray.direction * (hit.normal.dot(turn) / hit.normal.dot(ray.direction));
-        const cv::Vec3d moved = projector.R * (hit.t * in_plane);
+    for (const cv::Vec3d& side : patch_of_pixel(ray, hit)) {
+        const cv::Vec3d moved = projector.R * side;
         const double columns = projector.K(0, 0) * (moved[0] - p[0] / p[2] * moved[2]) / p[2];
         sum += columns * columns;
     }
     return std::sqrt(sum);
+}
+
+/// Grey levels of a matt surface under a bright sky in front of it, a little brighter overhead. No shadows.
+double shade_flat(const Rig& rig, const cv::Vec3d& normal) noexcept
+{
+    const cv::Vec3d brightest = cv::normalize(cv::Vec3d(0, -0.6, -1));
+    return rig.lit_white * (0.6 + 0.4 * std::max(0.0, normal.dot(brightest)));
 }
 
 /// Grey levels of a matt surface under the projector: Lambert's cosine and the distance squared.
@@ -80,6 +97,17 @@ double shade(const Rig& rig, const Hit& hit) noexcept
 }
 } // namespace
 
+/// Albedo of a painted surface over a patch of a pixel: the mean of 2 x 2 points, whose paint is coarser than that.
+double View::_mean_albedo(const Scene& scene, const PixelRay& ray, const Hit& hit, double pixel_part) const noexcept
+{
+    const std::array<cv::Vec3d, 2> patch = patch_of_pixel(ray, hit);
+    double sum = 0;
+    for (const double x : { -0.25, 0.25 })
+        for (const double y : { -0.25, 0.25 })
+            sum += scene.albedo(hit.surface, hit.point + pixel_part * (x * patch[0] + y * patch[1]));
+    return sum / 4;
+}
+
 /// @param pixel_part  side of the traced patch, pixels
 View::Point View::_trace(const Scene& scene, const cv::Vec2d& pixel, double pixel_part) const noexcept
 {
@@ -91,8 +119,15 @@ View::Point View::_trace(const Scene& scene, const cv::Vec2d& pixel, double pixe
     point.position = hit.point;
     point.normal = hit.normal;
     point.depth = hit.t; // the direction is 1 along the camera's z axis
-    point.albedo = static_cast<float>(hit.albedo);
     point.surface = hit.surface;
+    if (_rig->flat_light) {
+        hit.albedo = _mean_albedo(scene, ray, hit, pixel_part);
+        point.sample.ambient = static_cast<float>(
+            hit.albedo * (shade_flat(*_rig, hit.normal) + _rig->options.exposure * _rig->options.ambient));
+        point.lit = true;
+        return point; // painted all over: pixels next to one another differ, yet one sample is enough
+    }
+    point.albedo = static_cast<float>(hit.albedo);
     point.lit = _is_lit(scene, hit.point, hit.normal);
     point.sample.ambient = static_cast<float>(_rig->options.exposure * _rig->options.ambient * hit.albedo);
     if (!point.lit) return point;
@@ -179,13 +214,9 @@ double View::_light(const ProjectedRow& row, std::size_t pixel) const noexcept
 
 void View::_picture_row(const ProjectedRow& row, std::uint64_t key, int y, uchar* out) const noexcept
 {
-    const Sensor& sensor = _rig->sensor;
     for (int x = 0; x < _depth.cols; ++x) {
         const std::size_t pixel = _index(y, x);
-        const double light = _light(row, pixel);
-        const double sigma = std::sqrt(sensor.read * sensor.read + sensor.shot * light);
-        const double noise = sigma > 0 ? sigma * normal_of(key, pixel) : 0;
-        out[x] = static_cast<uchar>(std::lround(std::clamp(sensor.black + light + noise, 0.0, 255.0)));
+        out[x] = _rig->sensor.grey(_light(row, pixel), key, pixel);
     }
 }
 
@@ -199,10 +230,13 @@ cv::Mat_<uchar> View::picture(const ProjectedRow& row, int frame) const
     return image;
 }
 
-Truth make_truth(const View& camera0)
+Truth make_truth(const View& camera0, int lit_columns)
 {
     cv::Mat_<uchar> visible;
     cv::bitwise_and(camera0.lit(), camera0.shared(), visible);
+    for (int y = 0; y < visible.rows; ++y)
+        for (int x = 0; x < visible.cols; ++x)
+            if (camera0.sample(y, x).column > lit_columns) visible(y, x) = 0;
     return { camera0.depth().clone(), visible };
 }
 

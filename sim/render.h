@@ -43,6 +43,7 @@ private:
         return static_cast<std::size_t>(y) * static_cast<std::size_t>(_depth.cols) + static_cast<std::size_t>(x);
     }
     Point _trace(const Scene& scene, const cv::Vec2d& pixel, double pixel_part) const noexcept;
+    double _mean_albedo(const Scene& scene, const PixelRay& ray, const Hit& hit, double pixel_part) const noexcept;
     bool _is_lit(const Scene& scene, const cv::Vec3d& point, const cv::Vec3d& normal) const noexcept;
     bool _is_shared(const Scene& scene, const cv::Vec3d& point, const cv::Vec3d& normal) const noexcept;
     void _trace_row(const Scene& scene, int y, Point* points) noexcept;
@@ -68,7 +69,8 @@ struct Truth {
     cv::Mat_<uchar> visible; ///< 255 where that point is seen by both cameras and lit by the projector
 };
 
-Truth make_truth(const View& camera0);
+/// @param lit_columns  of the pattern; surface behind them counts as unlit
+Truth make_truth(const View& camera0, int lit_columns);
 
 /// The pattern's rows as the rig's projector throws them.
 std::vector<ProjectedRow> project(const Pattern& pattern, const RigOptions& options);

@@ -58,6 +58,25 @@ bool within(double value, double low, double high) noexcept
 {
     return value >= low && value <= high;
 }
+
+const char* why_invalid_method(const RigOptions& o) noexcept
+{
+    const int columns = o.projector_size.width;
+    if (o.method == "gray-phase") {
+        if (o.fringe_period < 2) return "the fringe period must be 2 projector pixels or more";
+        if (o.fringe_period < (columns + 127) / 128)
+            return "the fringe period is too short: the code numbers 128 periods, which must cover all projector "
+                   "columns";
+        if (o.fringe_period > columns) return "the fringe period must not exceed the projector's width";
+    } else if (o.method == "multi-phase") {
+        if (o.periods.size() != 3) return "three fringe periods are needed";
+        for (const int period : o.periods)
+            if (!within(period, 2, columns)) return "a fringe period must be 2 px to the projector's width";
+    } else if (o.method != "sgbm") {
+        return "the method must be gray-phase, multi-phase or sgbm";
+    }
+    return nullptr;
+}
 } // namespace
 
 const char* why_invalid(const RigOptions& o) noexcept
@@ -66,10 +85,7 @@ const char* why_invalid(const RigOptions& o) noexcept
         = [](const cv::Size& s) { return s.width >= 16 && s.height >= 16 && s.width <= 8192 && s.height <= 8192; };
     if (!size_ok(o.image_size)) return "the image must be 16 to 8192 pixels wide and high";
     if (!size_ok(o.projector_size)) return "the projector must be 16 to 8192 pixels wide and high";
-    if (o.fringe_period < 2) return "the fringe period must be 2 projector pixels or more";
-    if (o.fringe_period < (o.projector_size.width + 127) / 128)
-        return "the fringe period is too short: the code numbers 128 periods, which must cover all projector columns";
-    if (o.fringe_period > o.projector_size.width) return "the fringe period must not exceed the projector's width";
+    if (const char* fault = why_invalid_method(o)) return fault;
     if (!within(o.distance_mm, 200, 5000)) return "the distance must be 200 to 5000 mm";
     if (!within(o.baseline_mm, 10, 2000)) return "the baseline must be 10 to 2000 mm";
     if (!(o.toe_in_deg <= 45)) return "the toe-in must be at most 45 degrees";
@@ -78,6 +94,7 @@ const char* why_invalid(const RigOptions& o) noexcept
     if (!within(o.noise, 0, 50)) return "the noise must be 0 to 50 grey levels";
     if (!within(o.gamma, 0.2, 5)) return "gamma must be 0.2 to 5";
     if (!within(o.defocus, 0, 20)) return "the defocus must be 0 to 20 projector pixels";
+    if (!within(o.move_mm, 0, 100)) return "the scene may move by 0 to 100 mm";
     if (!within(o.tilt_deg, -60, 60)) return "the tilt must be -60 to 60 degrees";
     return nullptr;
 }
@@ -92,6 +109,7 @@ Rig make_rig(const RigOptions& options)
     rig.sensor.black = 4;
     rig.sensor.read = read_share * options.noise;
     rig.sensor.shot = (1 - read_share * read_share) * options.noise * options.noise / mid_grey;
+    rig.flat_light = options.method == "sgbm";
     rig.lit_white = 180 * options.exposure;
     return rig;
 }

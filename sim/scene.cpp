@@ -66,9 +66,10 @@ bool Sphere::intersect(const Ray& ray, double t0, double t1, Hit& hit) const noe
 }
 
 namespace {
-constexpr double grid_step = 2.5;                             // mm
-constexpr double node_reach = grid_step * 0.8660254037844386; // mm, half the diagonal of a cell
-constexpr double least_step = 0.05; // mm; misses at most chords this short: 6e-5 mm deep at radius 5 mm
+constexpr double grid_step = 2.5;       // mm
+constexpr double near_surface = 0.5;    // mm; nearer than this by the grid, the field itself is asked
+constexpr double least_step = 0.05;     // mm; misses at most chords this short: 6e-5 mm deep at radius 5 mm
+constexpr double longest_stretch = 1.6; // of a step
 } // namespace
 
 Implicit::Implicit(Field field, cv::Vec3d low, cv::Vec3d high, cv::Vec3d offset)
@@ -107,14 +108,23 @@ bool Implicit::_clip(const Ray& ray, double& t0, double& t1) const noexcept
 /// What the nearest node knows about the distance at p: its field less the way to it.
 double Implicit::_lower_bound(const cv::Vec3d& p) const noexcept
 {
-    int node[3];
-    for (int i = 0; i < 3; ++i)
-        node[i] = std::clamp(static_cast<int>(std::lround((p[i] - _low[i]) / grid_step)), 0, _nodes[i] - 1);
-    const auto at
-        = (static_cast<std::size_t>(node[2]) * static_cast<std::size_t>(_nodes[1]) + static_cast<std::size_t>(node[1]))
-            * static_cast<std::size_t>(_nodes[0])
-        + static_cast<std::size_t>(node[0]);
-    return static_cast<double>(_grid[at]) - node_reach;
+    std::size_t at = 0;
+    double way2 = 0;
+    for (int i = 2; i >= 0; --i) { // z, y, x: the order of the grid
+        const double steps = (p[i] - _low[i]) * (1 / grid_step);
+        const int node = std::clamp(static_cast<int>(steps + 0.5), 0, _nodes[i] - 1);
+        way2 += (steps - node) * (steps - node);
+        at = at * static_cast<std::size_t>(_nodes[i]) + static_cast<std::size_t>(node);
+    }
+    return static_cast<double>(_grid[at]) - grid_step * std::sqrt(way2);
+}
+
+/// No surface lies nearer to a point than the absolute value of its `field`.
+Implicit::Point Implicit::_sample(const Ray& ray, double s) const noexcept
+{
+    const cv::Vec3d p = ray.origin + s * ray.direction;
+    const double bound = _lower_bound(p);
+    return { s, bound > near_surface ? bound : _field(p) };
 }
 
 /// Root between a point outside and one inside the body: regula falsi, Illinois variant.
@@ -151,6 +161,31 @@ cv::Vec3d Implicit::_gradient(const cv::Vec3d& p) const noexcept
     return g;
 }
 
+/// Moves a point outside the body along the ray onto the surface; false when there is none before `end`.
+/// Steps are longer than is safe; where the reach of the new point does not meet that of the last one, something may
+/// stand between them, and the step is taken again at its safe length.
+/// Source: Keinert et al., Enhanced sphere tracing, STAG 2014.
+bool Implicit::_march(const Ray& ray, Point& point, double end) const noexcept
+{
+    double stretch = longest_stretch;
+    for (;;) {
+        const double step = std::max(stretch * point.field, least_step);
+        const bool over = point.s + step >= end;
+        if (over && stretch == 1) return false;
+        const Point next = over ? point : _sample(ray, point.s + step);
+        if (over || (stretch > 1 && step > least_step && step > point.field + std::abs(next.field))) {
+            stretch = 1;
+            continue;
+        }
+        if (next.field <= 0) {
+            point.s = _root(ray, point, next);
+            return true;
+        }
+        point = next;
+        stretch = longest_stretch;
+    }
+}
+
 bool Implicit::intersect(const Ray& ray, double t0, double t1, Hit& hit) const noexcept
 {
     const double length = cv::norm(ray.direction);
@@ -159,18 +194,9 @@ bool Implicit::intersect(const Ray& ray, double t0, double t1, Hit& hit) const n
     double end = t1 * length;
     if (!_clip(local, s, end)) return false;
 
-    Point outside { s, -1 };
-    Point here = outside;
-    while (s < end) {
-        const cv::Vec3d p = local.origin + s * local.direction;
-        here = { s, _lower_bound(p) };
-        if (here.field < 0.5) here.field = _field(p);
-        if (here.field <= 0) break;
-        outside = here;
-        s += std::max(here.field, least_step);
-    }
-    if (s >= end) return false;
-    const double root = outside.field > 0 ? _root(local, outside, here) : s; // else the ray begins inside
+    Point last = _sample(local, s);
+    if (last.field > 0 && !_march(local, last, end)) return false;
+    const double root = last.s; // where the ray begins, if that is inside
     hit.t = root / length;
     hit.point = ray.origin + hit.t * ray.direction;
     hit.normal = cv::normalize(_gradient(hit.point - _offset));
@@ -180,23 +206,24 @@ bool Implicit::intersect(const Ray& ray, double t0, double t1, Hit& hit) const n
 
 bool Scene::intersect(const Ray& ray, Hit& hit) const noexcept
 {
+    const Ray local { ray.origin - _moved, ray.direction };
     double nearest = infinity;
     hit.surface = -1;
     for (std::size_t i = 0; i < _surfaces.size(); ++i) {
-        if (!_surfaces[i]->intersect(ray, 0, nearest, hit)) continue;
+        if (!_surfaces[i]->intersect(local, 0, nearest, hit)) continue;
         nearest = hit.t;
         hit.surface = static_cast<int>(i);
     }
     if (hit.surface < 0) return false;
-    const Albedo& albedo = _surfaces[static_cast<std::size_t>(hit.surface)]->albedo;
-    hit.albedo = albedo ? albedo(hit.point) : 1.0;
+    hit.point += _moved;
+    hit.albedo = albedo(hit.surface, hit.point);
     return true;
 }
 
 bool Scene::blocked(const cv::Vec3d& on_surface, const cv::Vec3d& from) const noexcept
 {
     constexpr double off_the_surface = 1e-6; // share of the way, about half a micrometre
-    const Ray ray { on_surface, from - on_surface };
+    const Ray ray { on_surface - _moved, from - on_surface };
     Hit hit;
     for (const auto& surface : _surfaces)
         if (surface->intersect(ray, off_the_surface, 1, hit)) return true;

@@ -75,11 +75,13 @@ public:
 
 private:
     struct Point {
-        double s; ///< mm along the ray
-        double field;
+        double s;     ///< mm along the ray
+        double field; ///< of the point, or a positive lower bound of it
     };
     bool _clip(const Ray& ray, double& t0, double& t1) const noexcept;
     double _lower_bound(const cv::Vec3d& p) const noexcept;
+    Point _sample(const Ray& ray, double s) const noexcept;
+    bool _march(const Ray& ray, Point& point, double end) const noexcept;
     double _root(const Ray& ray, Point outside, Point inside) const noexcept;
     cv::Vec3d _gradient(const cv::Vec3d& p) const noexcept;
 
@@ -94,6 +96,23 @@ class Scene {
 public:
     void add(std::unique_ptr<Surface> surface) { _surfaces.push_back(std::move(surface)); }
 
+    /// Gives all surfaces so far one albedo.
+    void paint(const Albedo& albedo)
+    {
+        for (auto& surface : _surfaces)
+            surface->albedo = albedo;
+    }
+
+    /// Moves everything, mm; albedos move with the surfaces.
+    void move(const cv::Vec3d& by) { _moved += by; }
+
+    /// Albedo of a surface of intersect() at a point near it.
+    double albedo(int surface, const cv::Vec3d& point) const noexcept
+    {
+        const Albedo& of_surface = _surfaces[static_cast<std::size_t>(surface)]->albedo;
+        return of_surface ? of_surface(point - _moved) : 1.0;
+    }
+
     /// Nearest surface along a ray.
     bool intersect(const Ray& ray, Hit& hit) const noexcept;
 
@@ -102,6 +121,7 @@ public:
 
 private:
     std::vector<std::unique_ptr<Surface>> _surfaces;
+    cv::Vec3d _moved;
 };
 
 } // namespace sim

@@ -25,6 +25,7 @@ const std::vector<std::string>& scene_names();
 ///     steps    stairs of 20 mm going up and down again, before a wall
 ///     bust     a head with neck and shoulders, nothing behind it
 ///     spheres  two balls of 40 mm, 150 mm apart, lying on a plane tilted by `tilt_deg`
+/// For block matching all surfaces are painted with blotches, four camera pixels and more in size.
 /// An unknown name gives an empty scene.
 Scene make_scene(const std::string& name, const RigOptions& options);
 

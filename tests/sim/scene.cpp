@@ -105,7 +105,7 @@ TEST(SimScene, PixelsAreMarkedVisibleExactlyWhereNeitherLightNorSightIsBlocked)
     const Rig rig = make_rig(options);
     const Scene scene = make_scene("sphere", options);
     const View view(scene, rig, 0);
-    const Truth truth = make_truth(view);
+    const Truth truth = make_truth(view, options.projector_size.width);
     const cv::Vec3d ball(0, 0, 610);
     const auto open = [&](const cv::Vec3d& p, const Camera& eye) {
         const cv::Vec3d way = eye.centre() - p;

@@ -1,0 +1,133 @@
+#include "sim/output.h"
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <stdexcept>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "vexo/file_io.h"
+
+namespace vexo {
+namespace sim {
+
+namespace fs = std::filesystem;
+
+namespace {
+constexpr int most_pictures = 100; // two digits
+
+std::vector<unsigned char> encode(const std::string& name, const cv::Mat& image)
+{
+    std::vector<unsigned char> bytes;
+    const std::vector<int> quick { cv::IMWRITE_PNG_COMPRESSION, 1 }; // noise does not compress anyway
+    if (!cv::imencode(fs::path(name).extension().string(), image, bytes, quick))
+        throw std::runtime_error(name + ": the image cannot be encoded");
+    return bytes;
+}
+
+void remove_files(const std::string& folder, const std::vector<std::string>& names)
+{
+    std::error_code ignored;
+    for (const std::string& name : names)
+        fs::remove(fs::path(folder) / name, ignored);
+}
+
+template <int rows, int columns> Json rows_json(const cv::Matx<double, rows, columns>& m)
+{
+    Json json = Json::array();
+    for (int i = 0; i < rows; ++i) {
+        json.push_back(Json::array());
+        for (int k = 0; k < columns; ++k)
+            json.back().push_back(m(i, k));
+    }
+    return json;
+}
+} // namespace
+
+std::string picture_name(int camera, const std::string& what, int number)
+{
+    const std::string digits = (number < 10 ? "0" : "") + std::to_string(number);
+    return "cam" + std::to_string(camera) + "/" + what + digits + ".png";
+}
+
+void add_images(const std::vector<std::pair<std::string, cv::Mat>>& images, Files& files)
+{
+    const std::size_t first = files.size();
+    const auto count = static_cast<int>(images.size());
+    files.resize(first + images.size());
+    std::atomic<bool> failed { false };
+    const auto encode_one = [&](std::size_t i) noexcept {
+        try {
+            files[first + i] = { images[i].first, encode(images[i].first, images[i].second) };
+        } catch (...) {
+            failed = true;
+        }
+    };
+#pragma omp parallel for schedule(dynamic) // each thread writes its own entries of `files`
+    for (int i = 0; i < count; ++i)
+        encode_one(static_cast<std::size_t>(i));
+    if (failed) throw std::runtime_error("the images cannot be encoded; is there enough memory?");
+}
+
+void add_text(const std::string& name, const std::string& text, Files& files)
+{
+    files.emplace_back(name, std::vector<unsigned char>(text.begin(), text.end()));
+}
+
+void write_files(const Files& files, const std::string& folder, const std::string& what)
+{
+    std::vector<std::string> written;
+    for (const auto& [name, bytes] : files) {
+        const fs::path path = fs::path(folder) / name;
+        std::error_code error;
+        fs::create_directories(path.parent_path(), error);
+        if (error || !file_io::write_file(path.string(), bytes)) {
+            remove_files(folder, written);
+            throw std::runtime_error(path.string() + ": cannot be written; is the disk full, or the folder read-only?");
+        }
+        written.push_back(name);
+    }
+    for (int camera = 0; camera < 2; ++camera)
+        for (int k = 0; k < most_pictures; ++k) {
+            const std::string name = picture_name(camera, what, k);
+            if (std::find(written.begin(), written.end(), name) == written.end()) remove_files(folder, { name });
+        }
+}
+
+Json to_json(const cv::Vec3d& v)
+{
+    return Json::array({ v[0], v[1], v[2] });
+}
+
+Json to_json(const cv::Size& s)
+{
+    return Json::array({ s.width, s.height });
+}
+
+Json to_json(const cv::Matx33d& m)
+{
+    return rows_json(m);
+}
+
+Json to_json(const cv::Matx34d& m)
+{
+    return rows_json(m);
+}
+
+Json to_json(const Sensor& s)
+{
+    return { { "black", s.black }, { "read", s.read }, { "shot", s.shot } };
+}
+
+cv::Matx34d pose_in_camera0(const Rig& rig, int camera)
+{
+    if (camera == 0) return cv::Matx34d::eye(); // exactly
+    const Camera& c = rig.cameras[1];
+    const cv::Matx33d R = c.R * rig.cameras[0].R.t();
+    const cv::Vec3d T = c.T - R * rig.cameras[0].T;
+    return { R(0, 0), R(0, 1), R(0, 2), T[0], R(1, 0), R(1, 1), R(1, 2), T[1], R(2, 0), R(2, 1), R(2, 2), T[2] };
+}
+
+} // namespace sim
+} // namespace vexo
