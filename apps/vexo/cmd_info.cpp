@@ -215,6 +215,7 @@ Json describe_ply(const std::string& bytes, const InfoOptions& o)
     if (header.format != "binary_little_endian") return info;
     const std::vector<cv::Point3f> points = read_ply(o.file);
     std::vector<float> z;
+    z.reserve(points.size());
     for (const cv::Point3f& p : points)
         z.push_back(p.z);
     info["depth"] = quantiles(z);

@@ -64,7 +64,7 @@ Json read_json(const std::string& path)
         return depth > 32;
     };
     bool deep = false;
-    const Json json = Json::parse(
+    Json json = Json::parse(
         text,
         [&](int, Json::parse_event_t event, Json&) {
             deep = deep || too_deep(event);

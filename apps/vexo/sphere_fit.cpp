@@ -65,6 +65,7 @@ bool geometric(const std::vector<cv::Vec3d>& points, SphereFit& fit)
 double trimming_limit(const std::vector<cv::Vec3d>& points, const SphereFit& fit)
 {
     std::vector<double> distances;
+    distances.reserve(points.size());
     for (const cv::Vec3d& point : points)
         distances.push_back(std::abs(distance_to(fit, point)));
     const auto middle = distances.begin() + static_cast<std::ptrdiff_t>(distances.size() / 2);
