@@ -1,0 +1,296 @@
+// Every loader against damaged files, things that are no regular file, and YAML made to hurt.
+
+#include "support/child.h"
+#include "support/guarded_buffer.h"
+#include "support/mutate.h"
+#include "support/samples.h"
+
+#include "camera/stereo_camera.h"
+#include "matching/PhaseStereoMatching.h"
+
+#include <cmath>
+#include <map>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+using namespace vexo;
+using namespace hard;
+
+namespace {
+
+/// Where each sample lies; a damaged one lies elsewhere.
+class Paths {
+public:
+    Paths(const Folder& folder, std::string victim, std::string at)
+        : _folder(folder)
+        , _victim(std::move(victim))
+        , _at(std::move(at))
+    {
+    }
+    std::string operator()(const std::string& name) const { return name == _victim ? _at : _folder / name; }
+    const std::string& victim() const { return _victim; }
+
+private:
+    const Folder& _folder;
+    std::string _victim, _at;
+};
+
+/// What a loader did with a file.
+struct Outcome {
+    bool taken;
+    const char* fault; ///< null: none
+};
+
+// --- what was loaded is used -----------------------------------------------------------------------------
+
+bool is_good_size(int w, int h)
+{
+    return w >= 1 && h >= 1 && w <= 32766 && h <= 32766 && std::int64_t { w } * h <= 1 << 26;
+}
+
+const char* drive(iStereoCamera* camera)
+{
+    int in_w = 0, in_h = 0, out_w = 0, out_h = 0;
+    camera->get_inpimage_size(&in_w, &in_h);
+    camera->get_outimage_size(&out_w, &out_h);
+    if (!is_good_size(in_w, in_h) || !is_good_size(out_w, out_h)) return "a size out of range was handed out";
+    if (!(camera->get_baseline_length() > 0.0) || !std::isfinite(camera->get_baseline_length()))
+        return "a camera without a baseline was handed out";
+    double xyz[3];
+    const double pixel0[] = { 3, 4 }, pixel1[] = { 2, 4 };
+    camera->get3dposition(xyz, 0, out_h - 1, 1.5);
+    camera->get3dposition(xyz, pixel0, pixel1);
+    camera->get3dposition(xyz, 10.0, pixel0, pixel1);
+
+    if (in_w * in_h > 1 << 18 || out_w * out_h > 1 << 18) return nullptr; // large ones only cost time
+    const auto bytes = [](int w, int h) { return static_cast<std::size_t>(w) * static_cast<std::size_t>(h); };
+    const GuardedBuffer from(bytes(in_w, in_h)), to(bytes(out_w, out_h));
+    for (int which = 0; which < 2; ++which)
+        camera->remap(
+            from.data(), static_cast<unsigned long>(in_w), to.data(), static_cast<unsigned long>(out_w), which);
+    const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(0));
+    generator->init(camera);
+    generator->setpict(from.data(), 0, 0, 0);
+    return nullptr;
+}
+
+Outcome load_pair(const Paths& path)
+{
+    const std::vector<std::string> files { path("cams.yaml") };
+    const StereoCameraParam param = sample_param();
+    const Owned<iStereoCamera> camera(CreateStereoCamera(2, &files, &param));
+    return { camera != nullptr, camera ? drive(camera.get()) : nullptr };
+}
+
+Outcome load_hmat_set(const Paths& path)
+{
+    const std::vector<std::string> files { path("p0.hmat"), path("p1.hmat"), path("tables.bin") };
+    const StereoCameraParam param = sample_param();
+    const Owned<iStereoCamera> camera(CreateStereoCamera(1, &files, &param));
+    return { camera != nullptr, camera ? drive(camera.get()) : nullptr };
+}
+
+/// Everything that a stereo camera holds, as bytes.
+std::string state_of(StereoCamera& camera)
+{
+    StereoCamera copy(camera);
+    copy.cam0.map_file.clear();
+    copy.cam1.map_file.clear();
+    cv::FileStorage yaml = file_io::memory_yaml();
+    copy.save(&yaml);
+    std::string state = yaml.releaseAndGetString();
+    for (const cv::Mat* map : { &camera.cam0.map1, &camera.cam0.map2, &camera.cam1.map1, &camera.cam1.map2 })
+        state.append(map->ptr<char>(), map->total() * map->elemSize());
+    return state;
+}
+
+Outcome load_stereo(const Paths& path)
+{
+    const rig::Camera camera = sample_camera();
+    camera->cam0.map_file = path("map0.bin");
+    camera->cam1.map_file = path("map1.bin");
+    const std::string before = state_of(*camera);
+    cv::FileStorage yaml;
+    const bool loaded = file_io::open_yaml(path("stereo.yaml"), yaml) && camera->load(&yaml);
+    if (!loaded) return { false, state_of(*camera) == before ? nullptr : "a refused stereo file changed the camera" };
+    return { true, drive(camera.get()) };
+}
+
+struct Probe : PhaseStereoMatching {
+    using PointCloudGenerator::transform;
+    void destroy() override { delete this; }
+    int get_datatype() const override { return 0; }
+};
+
+Outcome load_transform(const Paths& path)
+{
+    const Owned<Probe> generator(new Probe);
+    const cv::Matx44d before = generator->transform;
+    const bool loaded = generator->convert_coordinate(path("rt.yaml"));
+    if (loaded) return { true, cv::checkRange(generator->transform) ? nullptr : "a transform that is not finite" };
+    return { false, generator->transform == before ? nullptr : "a refused transform was taken" };
+}
+
+Outcome load_picture(const Paths& path)
+{
+    const rig::Camera camera = sample_camera();
+    const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(1));
+    GrayPhaseMatchingParam record;
+    generator->init(camera.get());
+    generator->setparams(&record);
+    cv::Mat frame = sample_picture();
+    generator->setpict(frame.data, frame.step[0], 0, 0);
+    const bool loaded = generator->loadpict(path(path.victim()), 0, 0);
+    unsigned char* data = nullptr;
+    int w = 0, h = 0;
+    unsigned long step = 0;
+    if (!generator->getpict(&data, &w, &h, &step, 0, 0) || w != width || h != height)
+        return { loaded, "the frame was lost" };
+    const bool same = cv::norm(cv::Mat(h, w, CV_8U, data, step), frame, cv::NORM_INF) == 0;
+    if (!loaded && !same) return { loaded, "a refused picture changed the frame" };
+
+    const Owned<iCameraCalibrator> calibrator(CreateCameraCalibrator());
+    PreProcParam pre;
+    CircleMarkerParam circle;
+    CalibBoardParam board { 12.0, 19, 15, 10, 7, 1.2 };
+    calibrator->set_parameters(pre, circle, board);
+    const int code = calibrator->put_image(path(path.victim()), false, "");
+    return { loaded, code == 0 ? "a board was seen where there is none" : nullptr };
+}
+
+struct Loader {
+    const char* file; ///< the one that is attacked
+    Outcome (*load)(const Paths&);
+};
+constexpr Loader loaders[] = { { "cams.yaml", load_pair }, { "stereo.yaml", load_stereo },
+    { "rt.yaml", load_transform }, { "p0.hmat", load_hmat_set }, { "p1.hmat", load_hmat_set },
+    { "tables.bin", load_hmat_set }, { "map0.bin", load_stereo }, { "map1.bin", load_stereo },
+    { "picture.png", load_picture }, { "picture.bmp", load_picture }, { "picture.jpg", load_picture },
+    { "picture.pgm", load_picture }, { "picture.tif", load_picture } };
+constexpr long loader_count = sizeof loaders / sizeof loaders[0];
+constexpr long yaml_loaders = 3; ///< the first ones
+
+std::string content(const std::string& path)
+{
+    std::string bytes;
+    if (!file_io::read_file(path, 1U << 26, bytes)) std::abort();
+    return bytes;
+}
+
+// --- things that are no regular file -----------------------------------------------------------------------
+
+std::vector<std::string> make_special_files(const Folder& folder)
+{
+    const std::vector<std::string> things { folder / "directory", folder / "fifo", "/dev/zero", folder / "loop",
+        folder / "sparse", folder / "empty", folder / "missing", std::string("nul\0.yaml", 9), "", "/proc/self/mem" };
+    const int sparse = open(things[4].c_str(), O_CREAT | O_WRONLY, 0600);
+    const bool made = mkdir(things[0].c_str(), 0700) == 0 && mkfifo(things[1].c_str(), 0600) == 0
+        && symlink(things[3].c_str(), things[3].c_str()) == 0 && ftruncate(sparse, std::int64_t { 8 } << 30) == 0
+        && close(sparse) == 0 && close(open(things[5].c_str(), O_CREAT | O_WRONLY, 0600)) == 0;
+    if (!made) std::abort();
+    return things;
+}
+
+// --- YAML made to hurt -------------------------------------------------------------------------------------
+
+std::string repeated(const std::string& text, std::size_t count)
+{
+    std::string all;
+    for (std::size_t i = 0; i < count; ++i)
+        all += text;
+    return all;
+}
+
+std::string matrix(const std::string& key, const std::string& rows, const std::string& dt, const std::string& data)
+{
+    return key + ": !!opencv-matrix\n   rows: " + rows + "\n   cols: 3\n   dt: " + dt + "\n   data: [ " + data + " ]\n";
+}
+
+std::vector<std::string> hostile_yaml(const std::string& good)
+{
+    const std::string head = "%YAML:1.0\n---\n";
+    std::string bomb = head + "a: &a [ x, x, x, x, x, x, x, x, x ]\n";
+    for (char level = 'b'; level <= 'z'; ++level)
+        bomb += std::string(1, level) + ": &" + level + " [ "
+            + repeated("*" + std::string(1, static_cast<char>(level - 1)) + ", ", 8) + "0 ]\n";
+    std::string stairs = head;
+    for (std::size_t depth = 0; depth < 1000; ++depth)
+        stairs += std::string(depth, ' ') + "a:\n";
+    std::vector<std::string> all { bomb, stairs, head + "cam0_K: " + repeated("[", 200000),
+        head + "cam0_K: " + repeated("{ a: ", 200000), head + repeated("- ", 200000), head + "a: !!binary |\n",
+        head + "cam0_K: !!binary |\n  AAAA", head + "a: " + std::string(10000000, 'x') + "\n",
+        head + "a: \"" + std::string(900000, 'x') + "\"\n", head + repeated("a: 1\n", 100000),
+        head + "a: [ " + repeated("1, ", 300000) + "1 ]\n", "%YAML", "%YAML:1.0", "%YAML:1.0\n---", head + "?\n",
+        head + ":\n", head + "cam0_K: *nowhere\n", head + "cam0_K: !!\n", head + "\"cam0_K: 1\n", "{\"cam0_K\": [[[",
+        "{" + repeated("\"a\":{", 100000), "<?xml version=\"1.0\"?>\n<opencv_storage>\n<cam0_K>",
+        "<?xml version=\"1.0\"?><opencv_storage><a type_id=\"opencv-matrix\"><rows>9</rows></a></opencv_storage>",
+        std::string(1000, '\0'), "\xEF\xBB\xBF" + good, good + "...\n" + good, "\n" + good, good + repeated("]", 9),
+        head + "StereoName: \"" + repeated("../", 50) + "etc/passwd\"\n" };
+    for (const char* rows : { "2147483647", "-2147483648", "4294967297", "1e9", "\"3\"", "0" })
+        for (const char* dt : { "d", "\"1000d\"", "\"65536d\"", "\"ddd\"", "x", "\"\"", "5" })
+            all.push_back(good + matrix("RT", rows, dt, "1., 0., 0.")
+                + matrix("cam0_K", rows, dt, "1., 0., 0., 0., 1., 0., 0., 0., 1."));
+    return all;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Options options(argc, argv);
+    const Folder folder;
+    if (in_child([&] { return write_samples(folder) ? 0 : 1; }) != 0) return 1;
+    std::map<std::string, std::string> good;
+    for (const Loader& loader : loaders)
+        good[loader.file] = content(folder / loader.file);
+
+    // The undamaged ones first: a loader that refuses everything would pass every trial below.
+    long found = run_trials(
+        "files: good ones are taken", argv[0], options, loader_count,
+        [&](long i) {
+            const Loader& loader = loaders[i];
+            const Outcome outcome = loader.load(Paths(folder, loader.file, folder / loader.file));
+            return outcome.fault == nullptr && !outcome.taken ? "a good file is refused" : outcome.fault;
+        },
+        {}, true);
+
+    found += run_trials("files: damaged ones, all formats, all loaders", argv[0], options, 2000, [&](long i) {
+        Rng rng = rng_of(options.seed, i);
+        const Loader& loader = loaders[i % loader_count];
+        const std::string damaged = folder / ("damaged_" + std::to_string(getpid()) + "_" + loader.file);
+        const std::string bytes = mutated(good.at(loader.file), rng);
+        const int fd = open(damaged.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        if (write(fd, bytes.data(), bytes.size()) < 0 || close(fd) != 0) return "cannot write";
+        return loader.load(Paths(folder, loader.file, damaged)).fault;
+    });
+
+    const std::vector<std::string> special = make_special_files(folder);
+    const auto special_count = static_cast<long>(special.size());
+    found += run_trials(
+        "files: directory, FIFO, device, loop, 8 GB ... x loaders, 2 s", argv[0], options, special_count * loader_count,
+        [&](long i) {
+            const Loader& loader = loaders[i / special_count];
+            const std::string& thing = special[static_cast<std::size_t>(i % special_count)];
+            const Outcome outcome = loader.load(Paths(folder, loader.file, thing));
+            // A table that cannot be opened is stated to be no failure.
+            const bool table = std::strncmp(loader.file, "map", 3) == 0;
+            return outcome.taken && !table ? "taken" : outcome.fault;
+        },
+        { 2.0, std::size_t { 1 } << 30 }, true);
+
+    const std::vector<std::string> hostile = hostile_yaml(good.at("cams.yaml"));
+    const auto hostile_count = static_cast<long>(hostile.size());
+    found += run_trials(
+        "files: hostile YAML x loaders, 2 s, 300 MB", argv[0], options, hostile_count * yaml_loaders,
+        [&](long i) {
+            const Loader& loader = loaders[i / hostile_count];
+            const std::string path = folder / "hostile.yaml";
+            const std::string& text = hostile[static_cast<std::size_t>(i % hostile_count)];
+            const int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+            if (write(fd, text.data(), text.size()) < 0 || close(fd) != 0) return "cannot write";
+            return loader.load(Paths(folder, loader.file, path)).fault;
+        },
+        { 2.0, std::size_t { 300 } << 20 }, true);
+    return found == 0 ? 0 : 1;
+}
