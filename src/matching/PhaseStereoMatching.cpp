@@ -132,10 +132,8 @@ bool PhaseStereoMatching::exec()
     executed = false;
     if (!_frames_complete()) return false;
     try {
-        for (auto& decoder : decoders) {
-            decoder->preproc();
-            decoder->unwrap();
-        }
+        for (auto& decoder : decoders)
+            decoder->decode();
         _rectify(0);
         _rectify(1);
         executed = true;
