@@ -316,7 +316,7 @@ Json compare_balls(const Errors& e, const Truth& t, const std::string& path)
 
 void print_row(const GlobalOptions& global, std::string what, const std::string& value)
 {
-    what.resize(std::max<std::size_t>(what.size(), 34), ' ');
+    what.resize(std::max<std::size_t>(what.size(), 37), ' ');
     say(global, what + value);
 }
 
