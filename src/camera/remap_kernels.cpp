@@ -9,6 +9,9 @@
 #include <immintrin.h>
 #endif
 
+// Part of every form that uses it: code for other processors in the middle of AVX2 code costs dearly.
+#define VEXO_INLINE inline __attribute__((always_inline))
+
 namespace vexo {
 namespace {
 
@@ -21,25 +24,25 @@ struct Position {
     int fx, fy; ///< fraction, 1/32 px
 };
 
-Position position_of(float map_x, float map_y) noexcept
+VEXO_INLINE Position position_of(float map_x, float map_y) noexcept
 {
     const int ix = cvRound(map_x * one), iy = cvRound(map_y * one); // not a number, or too large: INT_MIN
     return { ix >> fraction_bits, iy >> fraction_bits, ix & (one - 1), iy & (one - 1) };
 }
 
 /// Whether all four neighbours exist.
-bool is_inside(const Position& p, cv::Size size) noexcept
+VEXO_INLINE bool is_inside(const Position& p, cv::Size size) noexcept
 {
     return p.x >= 0 && p.y >= 0 && p.x < size.width - 1 && p.y < size.height - 1;
 }
 
-template <class T> const T* at(const RemapImage<T>& image, int x, int y) noexcept
+template <class T> VEXO_INLINE const T* at(const RemapImage<T>& image, int x, int y) noexcept
 {
     const auto* row = reinterpret_cast<const uchar*>(image.src) + static_cast<std::size_t>(y) * image.step;
     return reinterpret_cast<const T*>(row) + x;
 }
 
-uchar sample(const RemapImage<uchar>& image, const Position& p) noexcept
+VEXO_INLINE uchar sample(const RemapImage<uchar>& image, const Position& p) noexcept
 {
     const uchar *top = at(image, p.x, p.y), *bottom = at(image, p.x, p.y + 1);
     const int upper = top[0] * (one - p.fx) + top[1] * p.fx;
@@ -47,7 +50,7 @@ uchar sample(const RemapImage<uchar>& image, const Position& p) noexcept
     return static_cast<uchar>((upper * (one - p.fy) + lower * p.fy + one * one / 2) / (one * one));
 }
 
-float sample(const RemapImage<float>& image, const Position& p) noexcept
+VEXO_INLINE float sample(const RemapImage<float>& image, const Position& p) noexcept
 {
     constexpr float unit = 1.0F / one;
     const float fx = static_cast<float>(p.fx) * unit, fy = static_cast<float>(p.fy) * unit;
@@ -57,7 +60,7 @@ float sample(const RemapImage<float>& image, const Position& p) noexcept
 }
 
 /// The readable form: one pixel after the other.
-void remap_pixels(const float* map_x, const float* map_y, int begin, int end, cv::Size size,
+VEXO_INLINE void remap_pixels(const float* map_x, const float* map_y, int begin, int end, cv::Size size,
     const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
 {
     for (int c = begin; c < end; ++c) {

@@ -12,6 +12,7 @@
 #include <immintrin.h>
 #define VEXO_AVX2 __attribute__((target("avx2")))
 #endif
+// Part of every form that uses it: code for other processors in the middle of AVX2 code costs dearly.
 #define VEXO_INLINE inline __attribute__((always_inline))
 
 namespace vexo {
@@ -19,48 +20,129 @@ namespace {
 
 using Point = cv::Point3_<float>;
 constexpr float infinity = std::numeric_limits<float>::infinity();
+constexpr int search_window = 17; // values that are looked at together, and the one behind
+
+inline bool is_gapless(const int* columns, int size) noexcept
+{
+    return columns[size - 1] - columns[0] == size - 1;
+}
 
 // --- plain forms -------------------------------------------------------------------------------------------
 
-int list_valid_columns_plain(const uchar* mask, int begin, int cols, int* columns, int count) noexcept
+VEXO_INLINE int list_valid_columns_plain(const uchar* mask, int begin, int cols, int* columns, int count) noexcept
 {
     for (int x = begin; x < cols; ++x)
         if (mask[x] == 255) columns[count++] = x;
     return count;
 }
 
-/// The line through N neighbouring entries from each position on, as LeastSquares::solve(), filed under the position
-/// in the middle.
+/// Lines through N neighbouring entries, from `count` positions on, as LeastSquares::solve(), filed under the position
+/// in the middle of each span. Vectors of the processor take several positions at a time; each does the same
+/// operations in the same order.
 ///
-/// Vectors of the processor take several positions at a time; each does the same operations in the same order.
-template <int N>
-VEXO_INLINE void fit_spans(const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
+/// @tparam gapless  the columns are neighbours, so that D is N^2 (N^2 - 1) / 12 throughout
+template <int N, bool gapless>
+VEXO_INLINE void fit_spans(const int* columns, const float* phase, int count, double* slope, double* intercept) noexcept
 {
-    constexpr double n = N;
-    for (int k = 0; k + N <= size; ++k) {
+    constexpr double n = N, gapless_D = N * N * (N * N - 1) / 12;
+    for (int k = 0; k < count; ++k) {
         double Sx = 0.0, Sxx = 0.0; // integers, exact
         float sum_y = 0.0F, sum_xy = 0.0F;
         for (int i = 0; i < N; ++i) {
-            const double x = columns[k + i];
+            const int column = gapless ? columns[0] + k + i : columns[k + i];
+            const double x = column;
             Sx += x;
             Sxx += x * x;
             sum_y += phase[k + i];
-            sum_xy += static_cast<float>(columns[k + i]) * phase[k + i];
+            sum_xy += static_cast<float>(column) * phase[k + i];
         }
         const double Sy = static_cast<double>(sum_y), Sxy = static_cast<double>(sum_xy);
-        const double inverse = 1.0 / (n * Sxx - Sx * Sx); // columns differ: never 0
+        const double inverse = 1.0 / (gapless ? gapless_D : n * Sxx - Sx * Sx); // columns differ: never 0
         slope[k + N / 2] = (n * Sxy - Sx * Sy) * inverse;
         intercept[k + N / 2] = (Sxx * Sy - Sx * Sxy) * inverse;
     }
+}
+
+template <int N>
+VEXO_INLINE void fit_all_spans(
+    const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
+{
+    constexpr int block = 16;
+    int k = 0;
+    for (; k + block + N - 1 <= size; k += block) {
+        if (is_gapless(columns + k, block + N - 1))
+            fit_spans<N, true>(columns + k, phase + k, block, slope + k, intercept + k);
+        else
+            fit_spans<N, false>(columns + k, phase + k, block, slope + k, intercept + k);
+    }
+    fit_spans<N, false>(columns + k, phase + k, size - N + 1 - k, slope + k, intercept + k);
 }
 
 VEXO_INLINE void fit_spans_of(
     int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
 {
     if (samples == 3)
-        fit_spans<3>(columns, phase, size, slope, intercept);
+        fit_all_spans<3>(columns, phase, size, slope, intercept);
     else
-        fit_spans<5>(columns, phase, size, slope, intercept);
+        fit_all_spans<5>(columns, phase, size, slope, intercept);
+}
+
+/// A right row, as the search reads it.
+struct Searched {
+    const float* values;     ///< then infinities
+    const float* thresholds; ///< see RowMatcher::_clamp_to_search_tree(); the values themselves where they rise
+    int last;                ///< position
+    bool rising;
+};
+
+/// PhaseStereoMatching::_nearest() within the row's range.
+VEXO_INLINE int search(float phase, const float* v, int last) noexcept
+{
+    int lo = 0, hi = last;
+    while (hi - lo >= 2) {
+        const int mid = lo + (hi - lo) / 2;
+        if (v[mid] > phase)
+            hi = mid;
+        else if (phase > v[mid])
+            lo = mid;
+        else
+            return mid;
+    }
+    return std::abs(v[hi] - phase) > std::abs(v[lo] - phase) ? lo : hi;
+}
+
+/// The last of `v` that is not above the phase, between lo, which is not, and hi, which is.
+VEXO_INLINE int last_not_above(float phase, const float* v, int lo, int hi) noexcept
+{
+    while (hi - lo > 1) {
+        const int mid = lo + (hi - lo) / 2;
+        (v[mid] <= phase ? lo : hi) = mid;
+    }
+    return lo;
+}
+
+/// PhaseStereoMatching::_nearest(), starting from where the last pixel was found: mostly one step away.
+/// @param gap  position of the last threshold not above the last phase, and then of this one
+VEXO_INLINE int nearest_from(float phase, const Searched& row, int& gap) noexcept
+{
+    constexpr int walk = 8; // steps before searching is cheaper
+    const float *v = row.values, *thresholds = row.thresholds;
+    if (v[0] > phase || phase > v[row.last]) return -1;
+
+    int j = gap;
+    for (int steps = 0; thresholds[j + 1] <= phase; ++j)
+        if (++steps > walk) {
+            j = last_not_above(phase, thresholds, j, row.last + 1);
+            break;
+        }
+    for (int steps = 0; thresholds[j] > phase; --j)
+        if (++steps > walk) {
+            j = last_not_above(phase, thresholds, 0, j);
+            break;
+        }
+    gap = j;
+    if (!row.rising && thresholds[j] == phase) return search(phase, v, row.last);
+    return std::abs(v[j + 1] - phase) > std::abs(v[j] - phase) ? j : j + 1;
 }
 
 /// A right row and its lines, as evaluation reads them.
@@ -70,7 +152,7 @@ struct RightRow {
     const double *slope, *intercept;
 };
 
-double disparity_of(float phase, int x0, int k, const RightRow& right, const MatchLimits& limits) noexcept
+VEXO_INLINE double disparity_of(float phase, int x0, int k, const RightRow& right, const MatchLimits& limits) noexcept
 {
     if (k < 0 || static_cast<double>(std::abs(phase - right.phase[k])) > limits.max_phase_diff) return limits.invalid;
     double x1 = right.columns[k];
@@ -79,7 +161,7 @@ double disparity_of(float phase, int x0, int k, const RightRow& right, const Mat
     return limits.min_disparity <= found && found <= limits.max_disparity ? found : limits.invalid;
 }
 
-void evaluate_plain(const float* phases, const int* columns, const int* nearest, int begin, int size,
+VEXO_INLINE void evaluate_plain(const float* phases, const int* columns, const int* nearest, int begin, int size,
     const RightRow& right, const MatchLimits& limits, double* found) noexcept
 {
     for (int i = begin; i < size; ++i)
@@ -87,7 +169,7 @@ void evaluate_plain(const float* phases, const int* columns, const int* nearest,
 }
 
 /// The invalid point, down to its bits: hosts compare them.
-Point nan_point() noexcept
+VEXO_INLINE Point nan_point() noexcept
 {
     const uint32_t bits = 0x7FC00000U;
     float nan = 0.0F;
@@ -95,7 +177,7 @@ Point nan_point() noexcept
     return { nan, nan, nan };
 }
 
-int reproject_plain(
+VEXO_INLINE int reproject_plain(
     const cv::Matx44d& H, int row, const double* disparity, int begin, int cols, double invalid, Point* points) noexcept
 {
     const Point none = nan_point();
@@ -147,6 +229,112 @@ VEXO_AVX2 void fit_spans_avx2(
     fit_spans_of(samples, columns, phase, size, slope, intercept);
 }
 
+// The forms with a mask: those without start from an undefined register, which compilers warn of.
+VEXO_AVX2 inline __m256d gather(const double* table, __m128i at) noexcept
+{
+    const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi32(-1));
+    return _mm256_mask_i32gather_pd(_mm256_setzero_pd(), table, at, all, 8);
+}
+
+VEXO_AVX2 inline __m128 gather(const float* table, __m128i at) noexcept
+{
+    return _mm_mask_i32gather_ps(_mm_setzero_ps(), table, at, _mm_castsi128_ps(_mm_set1_epi32(-1)), 4);
+}
+
+VEXO_AVX2 inline __m128i gather(const int* table, __m128i at) noexcept
+{
+    return _mm_mask_i32gather_epi32(_mm_setzero_si128(), table, at, _mm_set1_epi32(-1), 4);
+}
+
+VEXO_AVX2 inline __m256 gather8(const float* table, __m256i at) noexcept
+{
+    const __m256 all = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
+    return _mm256_mask_i32gather_ps(_mm256_setzero_ps(), table, at, all, 4);
+}
+
+/// A window of 16 neighbouring values, the same for eight searches.
+struct Window16 {
+    __m256 low, high;
+};
+
+VEXO_AVX2 inline Window16 window16(const float* values) noexcept
+{
+    return { _mm256_loadu_ps(values), _mm256_loadu_ps(values + 8) };
+}
+
+/// window[at + 8 in_high], at from 0 to 7
+VEXO_AVX2 inline __m256 pick(const Window16& window, __m256i at, __m256 in_high) noexcept
+{
+    return _mm256_blendv_ps(
+        _mm256_permutevar8x32_ps(window.low, at), _mm256_permutevar8x32_ps(window.high, at), in_high);
+}
+
+/// Eight phases between thresholds[first] and thresholds[first + 16]: the nearest positions, by binary search within
+/// that window. @return false when they lie elsewhere, or one has to be searched for
+VEXO_AVX2 inline bool nearest8(const float* phases, const Searched& row, int& first, int* positions) noexcept
+{
+    const float* thresholds = row.thresholds;
+    const __m256 phase = _mm256_loadu_ps(phases);
+    const __m256 fits = _mm256_and_ps(_mm256_cmp_ps(_mm256_set1_ps(thresholds[first]), phase, _CMP_LE_OQ),
+        _mm256_cmp_ps(phase, _mm256_set1_ps(thresholds[first + 16]), _CMP_LT_OQ));
+    if (_mm256_movemask_ps(fits) != 0xFF) return false;
+
+    const Window16 window = window16(thresholds + first);
+    const __m256 in_high = _mm256_cmp_ps(_mm256_set1_ps(thresholds[first + 8]), phase, _CMP_LE_OQ);
+    __m256i at = _mm256_setzero_si256();
+    for (int step = 4; step > 0; step /= 2) {
+        const __m256i next = _mm256_add_epi32(at, _mm256_set1_epi32(step));
+        const __m256 reached = _mm256_cmp_ps(pick(window, next, in_high), phase, _CMP_LE_OQ);
+        at = _mm256_blendv_epi8(at, next, _mm256_castps_si256(reached));
+    }
+    const __m256i eight = _mm256_and_si256(_mm256_castps_si256(in_high), _mm256_set1_epi32(8));
+    const __m256i position = _mm256_add_epi32(_mm256_add_epi32(at, eight), _mm256_set1_epi32(first));
+    __m256 below = pick(window, at, in_high), above;
+    if (row.rising) {
+        above = pick(window16(thresholds + first + 1), at, in_high);
+    } else {
+        if (_mm256_movemask_ps(_mm256_cmp_ps(below, phase, _CMP_EQ_OQ)) != 0) return false;
+        below = gather8(row.values, position);
+        above = gather8(row.values + 1, position);
+    }
+    const __m256 magnitude = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
+    const __m256 to_below = _mm256_and_ps(_mm256_sub_ps(below, phase), magnitude);
+    const __m256 to_above = _mm256_and_ps(_mm256_sub_ps(above, phase), magnitude);
+    const __m256i keep = _mm256_castps_si256(_mm256_cmp_ps(to_above, to_below, _CMP_GT_OQ)); // else the later one
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(positions),
+        _mm256_add_epi32(position, _mm256_add_epi32(keep, _mm256_set1_epi32(1))));
+    const __m128i last = _mm256_extracti128_si256(position, 1);
+    first = std::max(0, _mm_extract_epi32(last, 3) - 2); // the next eight begin near here
+    return true;
+}
+
+/// Whether the right row's range holds all eight (bit 0) or at least one (bit 1) of the phases.
+VEXO_AVX2 inline int range_of8(const float* phases, const Searched& row) noexcept
+{
+    const __m256 phase = _mm256_loadu_ps(phases);
+    const int in_range
+        = _mm256_movemask_ps(_mm256_and_ps(_mm256_cmp_ps(_mm256_set1_ps(row.values[0]), phase, _CMP_LE_OQ),
+            _mm256_cmp_ps(phase, _mm256_set1_ps(row.values[row.last]), _CMP_LE_OQ)));
+    return (in_range == 0xFF ? 1 : 0) | (in_range != 0 ? 2 : 0);
+}
+
+VEXO_AVX2 void find_nearest_avx2(const float* phases, int size, const Searched& row, int* positions) noexcept
+{
+    int gap = 0, i = 0;
+    for (; i + 8 <= size; i += 8) {
+        const int range = range_of8(phases + i, row);
+        if (range == 0) {
+            std::fill_n(positions + i, 8, -1);
+            continue;
+        }
+        if (range == 3 && nearest8(phases + i, row, gap, positions + i)) continue;
+        for (int k = i; k < i + 8; ++k)
+            positions[k] = nearest_from(phases[k], row, gap);
+    }
+    for (; i < size; ++i)
+        positions[i] = nearest_from(phases[i], row, gap);
+}
+
 /// Four pixels at a time, as disparity_of().
 VEXO_AVX2 void evaluate_avx2(const float* phases, const int* columns, const int* nearest, int size,
     const RightRow& right, const MatchLimits& limits, double* found) noexcept
@@ -159,10 +347,10 @@ VEXO_AVX2 void evaluate_avx2(const float* phases, const int* columns, const int*
         const __m128i k = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nearest + i));
         const __m128i at = _mm_max_epi32(k, _mm_setzero_si128());
         const __m128 phase = _mm_loadu_ps(phases + i);
-        const __m128 diff = _mm_and_ps(_mm_sub_ps(phase, _mm_i32gather_ps(right.phase, at, 4)), magnitude);
-        const __m256d slope = _mm256_i32gather_pd(right.slope, at, 8);
-        const __m256d shifted = _mm256_sub_pd(_mm256_cvtps_pd(phase), _mm256_i32gather_pd(right.intercept, at, 8));
-        const __m256d column = _mm256_cvtepi32_pd(_mm_i32gather_epi32(right.columns, at, 4));
+        const __m128 diff = _mm_and_ps(_mm_sub_ps(phase, gather(right.phase, at)), magnitude);
+        const __m256d slope = gather(right.slope, at);
+        const __m256d shifted = _mm256_sub_pd(_mm256_cvtps_pd(phase), gather(right.intercept, at));
+        const __m256d column = _mm256_cvtepi32_pd(gather(right.columns, at));
         const __m256d no_line = _mm256_cmp_pd(slope, _mm256_setzero_pd(), _CMP_LE_OQ);
         const __m256d x1 = _mm256_blendv_pd(_mm256_div_pd(shifted, slope), column, no_line);
         const __m256d x0 = _mm256_cvtepi32_pd(_mm_loadu_si128(reinterpret_cast<const __m128i*>(columns + i)));
@@ -250,6 +438,16 @@ void fit_lines(int samples, const int* columns, const float* phase, int size, do
         take(k, last_begin);
 }
 
+void find_nearest(const float* phases, int size, const Searched& row, int* positions) noexcept
+{
+#if defined(__x86_64__)
+    if (Cpu::has_avx2()) return find_nearest_avx2(phases, size, row, positions);
+#endif
+    int gap = 0;
+    for (int i = 0; i < size; ++i)
+        positions[i] = nearest_from(phases[i], row, gap);
+}
+
 void evaluate(const float* phases, const int* columns, const int* nearest, int size, const RightRow& right,
     const MatchLimits& limits, double* found) noexcept
 {
@@ -259,20 +457,36 @@ void evaluate(const float* phases, const int* columns, const int* nearest, int s
     evaluate_plain(phases, columns, nearest, 0, size, right, limits, found);
 }
 
-bool is_gapless(const int* columns, int size) noexcept
-{
-    return columns[size - 1] - columns[0] == size - 1;
-}
+constexpr int block = 8; // columns; mostly they are neighbours
 
 /// The listed values of a row, one after the other.
 void take_listed(const int* columns, int size, const float* row, float* out) noexcept
 {
-    if (is_gapless(columns, size)) {
-        std::memcpy(out, row + columns[0], static_cast<std::size_t>(size) * sizeof(float));
-        return;
+    int k = 0;
+    for (; k + block <= size; k += block) {
+        if (is_gapless(columns + k, block))
+            std::memcpy(out + k, row + columns[k], block * sizeof(float));
+        else
+            for (int i = k; i < k + block; ++i)
+                out[i] = row[columns[i]];
     }
-    for (int k = 0; k < size; ++k)
+    for (; k < size; ++k)
         out[k] = row[columns[k]];
+}
+
+/// The reverse.
+void put_listed(const int* columns, int size, const double* found, double* row) noexcept
+{
+    int k = 0;
+    for (; k + block <= size; k += block) {
+        if (is_gapless(columns + k, block))
+            std::memcpy(row + columns[k], found + k, block * sizeof(double));
+        else
+            for (int i = k; i < k + block; ++i)
+                row[columns[i]] = found[i];
+    }
+    for (; k < size; ++k)
+        row[columns[k]] = found[k];
 }
 
 bool are_numbers(const float* values, int size) noexcept
@@ -302,22 +516,6 @@ void clamp_between(const float* v, int lo, int hi, float low, float high, float*
     clamp_between(v, mid, hi, value, high, out);
 }
 
-/// PhaseStereoMatching::_nearest() within the row's range.
-int search(float phase, const float* v, int last) noexcept
-{
-    int lo = 0, hi = last;
-    while (hi - lo >= 2) {
-        const int mid = lo + (hi - lo) / 2;
-        if (v[mid] > phase)
-            hi = mid;
-        else if (phase > v[mid])
-            lo = mid;
-        else
-            return mid;
-    }
-    return std::abs(v[hi] - phase) > std::abs(v[lo] - phase) ? lo : hi;
-}
-
 } // namespace
 
 int list_valid_columns(const uchar* mask, int cols, int* columns) noexcept
@@ -343,7 +541,7 @@ void RowMatcher::reserve(int cols)
 {
     const auto size = static_cast<std::size_t>(cols);
     for (std::vector<float>* list : { &_right_phase, &_thresholds, &_left_phase })
-        list->resize(size + 1);
+        list->resize(size + search_window);
     for (std::vector<int>* list : { &_left_columns, &_nearest_position })
         list->resize(size);
     _found.resize(size);
@@ -369,8 +567,7 @@ bool RowMatcher::match(
     double* found = direct ? out + columns[0] : _found.data();
     evaluate(_left_phase.data(), columns, _nearest_position.data(), _left_size,
         { right_columns, _right_phase.data(), slope, intercept }, limits, found);
-    for (int i = 0; !direct && i < _left_size; ++i)
-        out[columns[i]] = found[i];
+    if (!direct) put_listed(columns, _left_size, found, out);
     return true;
 }
 
@@ -379,7 +576,7 @@ bool RowMatcher::_take_right(const PhaseRow& row) noexcept
     const int n = _right_size = static_cast<int>(row.columns->size());
     float* phase = _right_phase.data();
     take_listed(row.columns->data(), n, row.phase, phase);
-    phase[n] = infinity; // ends the walk of the search
+    std::fill_n(phase + n, search_window, infinity); // ends the walk of the search
     if (!(phase[0] > -infinity && phase[n - 1] < infinity)) return false;
     _rising = are_rising(phase, n);
     if (_rising) return true;
@@ -397,7 +594,7 @@ void RowMatcher::_clamp_to_search_tree(int size) noexcept
     const float *phase = _right_phase.data(), low = phase[0], high = phase[size - 1];
     _thresholds[0] = low;
     _thresholds[static_cast<std::size_t>(size) - 1] = high;
-    _thresholds[static_cast<std::size_t>(size)] = infinity;
+    std::fill_n(&_thresholds[static_cast<std::size_t>(size)], search_window, infinity);
     if (low <= high) clamp_between(phase, 0, size - 1, low, high, _thresholds.data());
 }
 
@@ -436,33 +633,9 @@ void RowMatcher::_interpolate_left(const int* columns, int size) noexcept
 
 void RowMatcher::_find_nearest() noexcept
 {
-    int gap = 0; // position of the last threshold not above the last phase
-    for (int i = 0; i < _left_size; ++i)
-        _nearest_position[static_cast<std::size_t>(i)] = _nearest(_left_phase[static_cast<std::size_t>(i)], gap);
-}
-
-/// As PhaseStereoMatching::_nearest(), starting from where the last pixel was found: mostly one step away.
-int RowMatcher::_nearest(float phase, int& gap) const noexcept
-{
-    constexpr int walk = 8; // steps before searching is cheaper
-    const float *v = _right_phase.data(), *thresholds = _rising ? v : _thresholds.data();
-    const int last = _right_size - 1;
-    if (v[0] > phase || phase > v[last]) return -1;
-
-    int j = gap;
-    for (int steps = 0; thresholds[j + 1] <= phase; ++j)
-        if (++steps > walk) {
-            j = static_cast<int>(std::upper_bound(thresholds + j, thresholds + last + 1, phase) - thresholds) - 1;
-            break;
-        }
-    for (int steps = 0; thresholds[j] > phase; --j)
-        if (++steps > walk) {
-            j = static_cast<int>(std::upper_bound(thresholds, thresholds + j, phase) - thresholds) - 1;
-            break;
-        }
-    gap = j;
-    if (!_rising && thresholds[j] == phase) return search(phase, v, last);
-    return std::abs(v[j + 1] - phase) > std::abs(v[j] - phase) ? j : j + 1;
+    const float* values = _right_phase.data();
+    find_nearest(_left_phase.data(), _left_size,
+        { values, _rising ? values : _thresholds.data(), _right_size - 1, _rising }, _nearest_position.data());
 }
 
 } // namespace vexo

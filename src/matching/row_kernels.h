@@ -58,10 +58,9 @@ private:
     void _interpolate_left(const int* columns, int size) noexcept;
     void _clamp_to_search_tree(int size) noexcept;
     void _find_nearest() noexcept;
-    int _nearest(float phase, int& gap) const noexcept;
 
-    std::vector<float> _right_phase; ///< of each right position, then infinity
-    std::vector<float> _thresholds;  ///< what the binary search takes them for: never falling, then infinity
+    std::vector<float> _right_phase; ///< of each right position, then infinities
+    std::vector<float> _thresholds;  ///< what the binary search takes them for: never falling, then infinities
     Lines _right_lines, _left_lines;
     std::vector<float> _left_phase; ///< of each left pixel to be matched
     std::vector<int> _left_columns; ///< its column
