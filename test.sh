@@ -17,7 +17,7 @@ step "tests"
 ctest --preset dev
 step "build with AddressSanitizer and UndefinedBehaviorSanitizer"
 cmake --preset asan > build.log 2>&1 || { cat build.log; exit 1; }
-cmake --build --preset asan
+cmake --build --preset asan --target unit_tests
 step "unit tests under the sanitizers"
 ctest --preset asan
 rm -f build.log

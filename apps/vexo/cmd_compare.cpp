@@ -221,7 +221,7 @@ Json coverage(const Errors& e, const VisibleSurface& visible)
 
 /// Standard deviation of the depth that the noise of the grey values lets expect, by first-order propagation:
 ///
-///     sigma_Z = Z^2 / (f b) sigma_d          sigma_d = L sqrt(4/9 s0^2 + k s1^2)
+///     sigma_Z = Z^2 / (f b) sigma_d          sigma_d^2 = L^2 (4/9 s0^2 + k s1^2) + 2 q^2
 ///
 /// L is the fringe length in camera 1 in px, s0 and s1 the phase noise of the cameras in fringe periods
 /// (s = grey noise / (sqrt(2) modulation) / 2 pi). Rectification averages four neighbours: with offsets
@@ -230,6 +230,8 @@ Json coverage(const Errors& e, const VisibleSurface& visible)
 ///
 ///     k = 2/3 ((N - 1 + 2/3) / N^2 + 1 / (12 Sxx))          Sxx = N (N^2 - 1) / 12
 ///
+/// q = 1 / (32 sqrt(12)) px is the rounding of cv::remap, which reads each camera's picture at 1/32 px; it changes
+/// slowly along a row, so the line does not average it.
 /// Source: Surrel, Design of algorithms for phase measurements, Applied Optics 35 (1996) 51, for the phase.
 double predicted_noise(const Result& r)
 {
@@ -237,7 +239,9 @@ double predicted_noise(const Result& r)
     const double n = get("/parameters/fit_points");
     const double k = 2.0 / 3.0 * ((n - 1.0 + 2.0 / 3.0) / (n * n) + 1.0 / (n * (n * n - 1.0)));
     const double s0 = get("/fringes/cam0/phase_noise"), s1 = get("/fringes/cam1/phase_noise");
-    const double sigma_d = get("/fringes/cam1/length_px") * std::sqrt(4.0 / 9.0 * s0 * s0 + k * s1 * s1);
+    const double length = get("/fringes/cam1/length_px");
+    constexpr double q_squared = 1.0 / (32.0 * 32.0 * 12.0);
+    const double sigma_d = std::sqrt(length * length * (4.0 / 9.0 * s0 * s0 + k * s1 * s1) + 2.0 * q_squared);
     double fourth_powers = 0.0;
     for (const cv::Point3f& p : r.cloud)
         fourth_powers += std::pow(static_cast<double>(p.z), 4.0);
@@ -316,7 +320,7 @@ Json compare_balls(const Errors& e, const Truth& t, const std::string& path)
 
 void print_row(const GlobalOptions& global, std::string what, const std::string& value)
 {
-    what.resize(std::max<std::size_t>(what.size(), 37), ' ');
+    what.resize(std::max<std::size_t>(what.size(), 38), ' ');
     say(global, what + value);
 }
 
