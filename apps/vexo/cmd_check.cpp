@@ -1,3 +1,4 @@
+#include "board_pictures.h"
 #include "capture_check.h"
 #include "common.h"
 #include "frames.h"
@@ -14,7 +15,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <optional>
 
 namespace vexo::app {
 
@@ -59,18 +59,6 @@ CaptureMethod find_method(const CheckOptions& o, std::size_t frames)
     for (const int period : method.periods)
         if (period < 2 || period > 4096 || !usable) throw Failure("--periods: give three, each 2 to 4096 projector px");
     return method;
-}
-
-/// The last number in a file's name; none when there is no digit.
-std::optional<int> number_in_name(const std::string& name)
-{
-    const std::string stem = fs::path(name).stem().string();
-    const std::size_t last = stem.find_last_of("0123456789");
-    if (last == std::string::npos) return std::nullopt;
-    std::size_t first = last;
-    while (first > 0 && stem[first - 1] >= '0' && stem[first - 1] <= '9' && last - first < 6)
-        --first;
-    return std::stoi(stem.substr(first, last - first + 1));
 }
 
 std::string listed(const std::vector<std::string>& names)

@@ -191,6 +191,7 @@ void OutputFolder::commit()
 
     for (std::size_t i = 0; i < _files.size(); ++i) {
         const fs::path path = fs::path(_folder) / _files[i].first;
+        fs::create_directories(path.parent_path(), error); // for a name with a folder in it
         if (file_io::write_file(path.string(), _files[i].second)) continue;
         for (std::size_t k = 0; k < i; ++k)
             fs::remove(fs::path(_folder) / _files[k].first, error);

@@ -48,6 +48,8 @@ int run(int argc, char** argv)
     vexo::app::add_board(app, options);
     vexo::app::add_patterns(app, options);
     vexo::app::add_check(app, options);
+    vexo::app::add_calibrate(app, options);
+    vexo::app::add_pose(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -38,6 +38,20 @@ bool read_projection(const cv::FileStorage& file, const std::string& name, Calib
     return std::abs(cv::determinant(camera.K)) > 0.0;
 }
 
+std::string size_text(cv::Size size)
+{
+    return std::to_string(size.width) + " x " + std::to_string(size.height);
+}
+
+cv::Vec3d point_at(iStereoCamera& camera, int x, int y, double disparity)
+{
+    cv::Vec3d xyz;
+    camera.get3dposition(xyz.val, x, y, disparity);
+    return xyz;
+}
+
+} // namespace
+
 CalibratedCamera read_camera(const std::string& path, const std::string& name)
 {
     read_bytes(path, file_io::max_yaml_bytes); // says what is wrong with the file itself
@@ -57,20 +71,6 @@ CalibratedCamera read_camera(const std::string& path, const std::string& name)
     throw Failure(path + ": has no camera \"" + name + "\" (keys " + name + "_K, " + name + "_R, " + name
         + "_T); calibrate with vexo's own format");
 }
-
-std::string size_text(cv::Size size)
-{
-    return std::to_string(size.width) + " x " + std::to_string(size.height);
-}
-
-cv::Vec3d point_at(iStereoCamera& camera, int x, int y, double disparity)
-{
-    cv::Vec3d xyz;
-    camera.get3dposition(xyz.val, x, y, disparity);
-    return xyz;
-}
-
-} // namespace
 
 std::array<CalibratedCamera, 2> read_cameras(const std::vector<std::string>& files)
 {

@@ -27,6 +27,9 @@ struct CalibratedCamera {
     cv::Vec3d T;
 };
 
+/// Reads the camera of that name. Throws Failure.
+CalibratedCamera read_camera(const std::string& path, const std::string& name);
+
 /// Reads cameras "cam0" and "cam1" of one file, or of one each. Throws Failure.
 std::array<CalibratedCamera, 2> read_cameras(const std::vector<std::string>& files);
 

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "board_file.h"
+
+#include <opencv2/core.hpp>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// Pictures of a calibration board: which there are, which belong together, and what is recognised in them.
+namespace vexo::app {
+
+/// The last number in a file's name ("left_07.png": 7); none when there is no digit.
+std::optional<int> number_in_name(const std::string& path);
+
+/// One picture of the board.
+struct BoardPicture {
+    std::string path;
+    std::string name; ///< of the file, without its folder
+    int number = 0;   ///< in the name
+    int camera = 0;
+    cv::Size size;
+    int code = -1;                    ///< of the recogniser; 0: recognised
+    std::string reason;               ///< the code's name and what it means; empty for 0
+    int found = 0;                    ///< markers
+    std::vector<cv::Point2f> markers; ///< by board position; (FLT_MAX, FLT_MAX) where there is none
+    cv::Mat drawing;                  ///< BGR, how the recognition ended
+
+    bool recognised() const { return code == 0; }
+};
+
+/// Views of the board: entry k of both lists is one moment.
+struct BoardViews {
+    std::vector<std::vector<BoardPicture>> cameras; ///< one list for a single camera, two of equal length for a pair
+    std::size_t count() const { return cameras.front().size(); }
+    bool pair() const { return cameras.size() == 2; }
+    /// Recognised by all cameras.
+    bool good(std::size_t view) const;
+};
+
+/// Finds the pictures. `cam1` empty: one camera. Pictures of a pair belong together when the numbers in their names
+/// are equal; Failure lists those without a partner.
+/// @param dropped  numbers of views to leave out; Failure for one that no picture has
+BoardViews find_views(const std::string& cam0, const std::string& cam1, const std::vector<int>& dropped);
+
+/// Reads every picture and recognises the board in it. `before` is told the name of each picture.
+void recognise(BoardViews& views, const BoardFile& board, const std::function<void(const std::string&)>& before);
+
+/// "found 285 of 285 markers", or the reason.
+std::string outcome(const BoardPicture& picture, const BoardFile& board);
+
+/// Position of a marker on the board, mm, by its place in the recogniser's lists.
+cv::Point3f board_point(const BoardFile& board, std::size_t index);
+
+} // namespace vexo::app
