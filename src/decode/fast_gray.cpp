@@ -15,6 +15,7 @@ struct EveryColumn {
 void FastGrayRow::resize(int cols)
 {
     if (cols == _cols) return;
+    _cols = 0; // should memory run out, the next call begins anew
     const std::size_t padded = RowBits::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_code, &_rise_flags, &_change_flags })
         row->assign(padded, 0); // what lies behind the last column stays 0
@@ -33,13 +34,9 @@ void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames
     std::memset(mask, 0, cols);
     rows.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
     _usable.pack(_valid.data());
-    if (_usable.count() == 0) return;
-
-    rows.code(frames.planes.data(), frames.white, frames.black, _cols, _code.data());
-    rows.phase(frames.steps.data(), angles, _cols, _phase.data());
-    rows.rises(_valid.data(), _phase.data(), _code.data(), _cols, _rise_flags.data(), _change_flags.data());
-    _rises.pack(_rise_flags.data());
-    _changes.pack(_change_flags.data());
+    const RowBits::Range range = _usable.range(_cols);
+    if (range.begin >= range.end) return;
+    _decode_range(rows, angles, frames, range);
 
     _find_sections();
     choose_anchors(_sections, limits.anchor_length, limits.code_spread);
@@ -48,6 +45,28 @@ void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames
         if (section.length <= limits.reject_length) section.state = section_rejected;
     const auto mark = [mask](int x) { mask[x] = 255; };
     SectionRow<EveryColumn, decltype(mark)> { {}, _phase.data(), _code.data(), out, mark }.fill(_sections);
+}
+
+/// Codes, phases and their relations where there are usable pixels; what an earlier row has left on both sides is
+/// not looked at.
+void FastGrayRow::_decode_range(
+    const FastRows& rows, const float* angles, const Frames& frames, const RowBits::Range& range) noexcept
+{
+    const int begin = range.begin;
+    const int cols = range.end - begin;
+    std::array<const uint8_t*, 7> planes = frames.planes;
+    std::array<const uint8_t*, 4> steps = frames.steps;
+    for (const uint8_t*& plane : planes)
+        plane += begin;
+    for (const uint8_t*& step : steps)
+        step += begin;
+    uint8_t* code = _code.data() + begin;
+    float* phase = _phase.data() + begin;
+    rows.code(planes.data(), frames.white + begin, frames.black + begin, cols, code);
+    rows.phase(steps.data(), angles, cols, phase);
+    rows.rises(_valid.data() + begin, phase, code, cols, _rise_flags.data() + begin, _change_flags.data() + begin);
+    _rises.pack(_rise_flags.data());
+    _changes.pack(_change_flags.data());
 }
 
 /// Three kinds of events, in the order of their columns: a section begins at a usable pixel that does not rise from
@@ -61,7 +80,7 @@ void FastGrayRow::_find_sections() noexcept
     bool usable_before = false;
     for (std::size_t i = 0; i < _usable.words(); ++i) {
         const uint64_t usable = _usable.word(i);
-        const uint64_t rises = _rises.word(i);
+        const uint64_t rises = _rises.word(i) & usable;
         const uint64_t ends = (usable << 1 | (usable_before ? 1U : 0U)) & ~rises;
         const uint64_t begins = usable & ~rises;
         usable_before = usable >> 63 != 0;

@@ -40,6 +40,8 @@ public:
         uint8_t* mask) noexcept;
 
 private:
+    void _decode_range(
+        const FastRows& rows, const float* angles, const Frames& frames, const RowBits::Range& range) noexcept;
     /// Cuts the row where `_rises` says, and counts the codes of every section.
     void _find_sections() noexcept;
     void _assign_anchors(float* out, uint8_t* mask) const noexcept;

@@ -8,6 +8,7 @@ namespace vexo {
 void FastMultiRow::resize(int cols)
 {
     if (cols == _cols) return;
+    _cols = 0; // should memory run out, the next call begins anew
     const std::size_t padded = RowBits::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_resolved, &_fall_flags })
         row->assign(padded, 0); // what lies behind the last column stays 0
@@ -25,17 +26,33 @@ void FastMultiRow::decode(const FastRows& rows, const float* angles, const Frame
 {
     rows.valid(frames.white, frames.black, _cols, limits, _valid.data());
     _kept.pack(_valid.data());
-    if (_kept.count() == 0) {
-        std::memset(out, 0, static_cast<std::size_t>(_cols) * sizeof(float));
-        std::memset(mask, 0, static_cast<std::size_t>(_cols));
-        return;
-    }
-    for (std::size_t f = 0; f < 3; ++f)
-        rows.position(
-            frames.steps[f].data(), angles, periods.offset[f], periods.period[f], _cols, _positions[f].data());
-    const float* positions[3] = { _positions[0].data(), _positions[1].data(), _positions[2].data() };
-    rows.resolve(positions, _valid.data(), periods.slots, _cols, out, _resolved.data());
+    const auto cols = static_cast<std::size_t>(_cols);
+    const RowBits::Range range = _kept.range(_cols);
+    const auto begin = static_cast<std::size_t>(range.begin);
+    const auto end = static_cast<std::size_t>(range.end);
+    std::memset(out, 0, begin * sizeof(float));
+    std::memset(out + end, 0, (cols - end) * sizeof(float));
+    std::memset(_resolved.data(), 0, begin);
+    std::memset(_resolved.data() + end, 0, cols - end);
+    if (begin < end) _resolve_range(rows, angles, frames, periods, range, out);
     prune(rows, out, _resolved.data(), mask);
+}
+
+void FastMultiRow::_resolve_range(const FastRows& rows, const float* angles, const Frames& frames,
+    const Periods& periods, const RowBits::Range& range, float* out) noexcept
+{
+    const int begin = range.begin;
+    const int cols = range.end - begin;
+    std::array<const float*, 3> positions {};
+    for (std::size_t f = 0; f < 3; ++f) {
+        std::array<const uint8_t*, 4> steps = frames.steps[f];
+        for (const uint8_t*& step : steps)
+            step += begin;
+        float* position = _positions[f].data() + begin;
+        rows.position(steps.data(), angles, periods.offset[f], periods.period[f], cols, position);
+        positions[f] = position;
+    }
+    rows.resolve(positions.data(), _valid.data() + begin, periods.slots, cols, out + begin, _resolved.data() + begin);
 }
 
 /// A round of pruning removes every entry that falls to or from a list neighbour, and changes neighbours only where

@@ -44,6 +44,9 @@ private:
         int left;
         int right;
     };
+    /// Coordinates where there are usable pixels.
+    void _resolve_range(const FastRows& rows, const float* angles, const Frames& frames, const Periods& periods,
+        const RowBits::Range& range, float* out) noexcept;
     void _find_falls(const float* v) noexcept;
     void _remove_falls(const float* v) noexcept;
 

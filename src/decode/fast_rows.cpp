@@ -87,7 +87,8 @@ VEXO_BODY position_body(const uint8_t* const* steps, const float* __restrict ang
 /// Whole px nearest to a difference raised by the longest period, halves up, as the table rounds it.
 int rounded(float raised) noexcept
 {
-    return static_cast<int>(static_cast<double>(raised) + 0.5);
+    const double half_up = static_cast<double>(raised) + 0.5;
+    return static_cast<int>(half_up);
 }
 
 /// The table's own checks of two differences against fringe numbers hold for every slot that has any, as the
@@ -193,6 +194,7 @@ VEXO_BODY falls_body(const float* __restrict v, int cols, uint8_t* __restrict fa
         falls[x] = v[x - 1] > v[x] ? 255 : 0;
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses)
 /// One set of functions around the bodies. A macro, since a template cannot carry a target.
 #define VEXO_ROWS(SET, TARGET)                                                                                         \
     namespace SET {                                                                                                    \
@@ -227,6 +229,7 @@ VEXO_ROWS(plain, )
 #if defined(__x86_64__)
 VEXO_ROWS(avx2, VEXO_AVX2)
 #endif
+// NOLINTEND(bugprone-macro-parentheses)
 
 } // namespace
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -37,6 +38,22 @@ public:
     bool operator[](int x) const noexcept { return (_words[_word(x)] >> _bit(x) & 1) != 0; }
     void clear(int x) noexcept { _words[_word(x)] &= ~(uint64_t { 1 } << _bit(x)); }
     void clear() noexcept { std::memset(_words.data(), 0, 8 * _words.size()); }
+
+    /// Columns of the words from the first to the last with a set bit; 0 to 0 when there is none.
+    struct Range {
+        int begin;
+        int end;
+    };
+    Range range(int cols) const noexcept
+    {
+        std::size_t first = 0, last = _words.size();
+        while (first < last && _words[first] == 0)
+            ++first;
+        while (first < last && _words[last - 1] == 0)
+            --last;
+        if (first == last) return { 0, 0 };
+        return { static_cast<int>(64 * first), std::min(static_cast<int>(64 * last), cols) };
+    }
 
     int count() const noexcept
     {

@@ -93,6 +93,9 @@ TEST(RowBits, AgreeWithBytesBitByBit)
                 ++count;
             }
             ASSERT_EQ(bits.count(), count);
+            const RowBits::Range range = bits.range(cols);
+            EXPECT_EQ(range.begin<range.end, count> 0);
+            EXPECT_TRUE(count == 0 || (bits.before(range.begin) < 0 && last < range.end && range.end <= cols));
             Bytes mask(cols);
             bits.unpack(mask.data(), cols);
             EXPECT_EQ(std::memcmp(mask.data(), flags.data(), static_cast<size_t>(cols)), 0);

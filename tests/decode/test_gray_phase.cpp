@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <limits>
+#include <opencv2/imgproc.hpp>
 
 using namespace vexo;
 
@@ -151,20 +152,27 @@ TEST(GrayPhase, LoaderTakesFourFramesAndUnalignedFloats)
 }
 
 /// Inputs of the comparison with the plain form.
-enum Kind { random_greys, noisy_steps, nothing_lit, half_saturated, few_levels };
+enum Kind { random_greys, noisy_steps, nothing_lit, half_saturated, few_levels, lit_disc };
 using Case = std::tuple<Kind, int, int>; // and width, height
 
 captures::Frames frames_of(const Case& input, std::mt19937& rng)
 {
     const auto [kind, width, height] = input;
     captures::Frames frames = captures::random_frames(13, { width, height }, rng);
-    if (kind == noisy_steps) {
+    if (kind == noisy_steps || kind == lit_disc) {
         const int edge = width / 2;
         frames = captures::gray_phase_capture(
             { width, height }, [&](int x, int y) { return 3 + .07 * x + .1 * y + (x > edge ? -5 : 0) * (y % 3); });
         captures::add_noise(frames, 4.0, rng);
     }
     if (kind == nothing_lit) frames[1].setTo(0);
+    if (kind == lit_disc) {
+        const cv::Mat lit = frames[1].clone();
+        frames[1].setTo(0);
+        cv::Mat disc(lit.size(), CV_8U, cv::Scalar(0)); // with a hole, and dark columns on both sides
+        cv::circle(disc, { width / 2, height / 2 }, height / 2 - 1, 255, height / 4);
+        lit.copyTo(frames[1], disc);
+    }
     for (size_t i = 1; i < 13 && kind == half_saturated; ++i)
         frames[i](cv::Rect(0, 0, (width + 1) / 2, height)).setTo(255);
     for (size_t i = 0; i < 13 && kind == few_levels; ++i)
@@ -182,7 +190,9 @@ TEST_P(GrayPhaseAgainstPlain, EveryBitIsEqualForAnyNumberOfThreads)
     for (const int anchor_length : { 8, 1, 0, INT_MIN, INT_MAX })
         for (const int code_spread : { 3, 1, INT_MAX, INT_MIN }) {
             GrayPhaseMatchingParam params
-                = std::get<0>(GetParam()) == nothing_lit ? GrayPhaseMatchingParam() : everything_valid();
+                = std::get<0>(GetParam()) == nothing_lit || std::get<0>(GetParam()) == lit_disc
+                ? GrayPhaseMatchingParam()
+                : everything_valid();
             params.anchor_length = anchor_length;
             params.code_spread = code_spread;
             params.reject_length = anchor_length == 0 ? INT_MIN : anchor_length / 3;
@@ -237,7 +247,7 @@ TEST_P(GrayPhaseAgainstPlain, LoadedCodesUpTo255AndWildPhasesToo)
 INSTANTIATE_TEST_SUITE_P(Inputs, GrayPhaseAgainstPlain,
     testing::Values(Case(random_greys, 67, 41), Case(noisy_steps, 320, 24), Case(noisy_steps, 1, 50),
         Case(noisy_steps, 333, 1), Case(random_greys, 1, 1), Case(nothing_lit, 33, 9), Case(half_saturated, 65, 17),
-        Case(few_levels, 129, 31)));
+        Case(few_levels, 129, 31), Case(lit_disc, 500, 120)));
 
 TEST(GrayPhase, MissingFramesAndAnyOrderOfCallsLeaveNothingValid)
 {
