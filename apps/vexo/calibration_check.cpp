@@ -355,6 +355,76 @@ PairFit fit_pair(const std::vector<Fold>& folds, const BoardViews& views, const 
     return fit;
 }
 
+namespace {
+
+/// Board to camera, 4x4; false when the markers determine no pose.
+bool board_pose(const CalibratedCamera& camera, const SeenMarkers& seen, cv::Matx44d& camera_from_board)
+{
+    if (seen.board_mm.size() < fewest_markers) return false;
+    cv::Vec3d rvec, tvec;
+    try {
+        if (!cv::solvePnP(seen.board_mm, seen.image_px, camera.K, camera.D, rvec, tvec)) return false;
+    } catch (const cv::Exception&) {
+        return false; // markers in a line, say
+    }
+    cv::Matx33d R;
+    cv::Rodrigues(rvec, R);
+    camera_from_board = cv::Matx44d::eye();
+    for (int r = 0; r < 3; ++r) {
+        for (int k = 0; k < 3; ++k)
+            camera_from_board(r, k) = R(r, k);
+        camera_from_board(r, 3) = tvec[r];
+    }
+    return true;
+}
+
+/// The same board in both cameras.
+struct PairedView {
+    std::size_t view;
+    SeenMarkers right;
+    cv::Matx44d cam0_from_board, cam1_from_cam0;
+};
+
+double error_px(const PairedView& v, const cv::Matx44d& cam1_from_cam0, const CalibratedCamera& camera1)
+{
+    const cv::Matx44d pose = cam1_from_cam0 * v.cam0_from_board;
+    cv::Vec3d rvec;
+    cv::Rodrigues(pose.get_minor<3, 3>(0, 0), rvec);
+    std::vector<cv::Point2f> projected;
+    cv::projectPoints(
+        v.right.board_mm, rvec, cv::Vec3d(pose(0, 3), pose(1, 3), pose(2, 3)), camera1.K, camera1.D, projected);
+    return cv::norm(v.right.image_px, projected) / std::sqrt(static_cast<double>(projected.size()));
+}
+
+} // namespace
+
+std::vector<double> pair_agreement(const std::vector<CalibratedCamera>& cameras, const BoardViews& views,
+    const std::vector<bool>& use, const BoardFile& board)
+{
+    std::vector<PairedView> pairs;
+    for (std::size_t v = 0; v < views.count(); ++v) {
+        if (!use[v] || !views.good(v)) continue;
+        PairedView pair { v, seen_markers(views.cameras[1][v], board), {}, {} };
+        cv::Matx44d cam1_from_board;
+        if (!board_pose(cameras[0], seen_markers(views.cameras[0][v], board), pair.cam0_from_board)) continue;
+        if (!board_pose(cameras[1], pair.right, cam1_from_board)) continue;
+        pair.cam1_from_cam0 = cam1_from_board * pair.cam0_from_board.inv();
+        pairs.push_back(pair);
+    }
+    std::vector<double> best(views.count(), nan);
+    double least = std::numeric_limits<double>::infinity();
+    for (const PairedView& reference : pairs) {
+        std::vector<double> errors(views.count(), nan);
+        for (const PairedView& pair : pairs)
+            errors[pair.view] = error_px(pair, reference.cam1_from_cam0, cameras[1]);
+        const double usual = median(errors);
+        if (!(usual < least)) continue;
+        least = usual;
+        best = errors;
+    }
+    return best;
+}
+
 double tilt_deg(const cv::Vec3d& rvec, const cv::Vec3d& tvec, const BoardFile& board)
 {
     cv::Matx33d rotation;

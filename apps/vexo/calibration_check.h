@@ -64,6 +64,13 @@ struct PairFit {
 /// Markers seen by both cameras are rectified and triangulated.
 PairFit fit_pair(const std::vector<Fold>& folds, const BoardViews& views, const BoardFile& board);
 
+/// How well each pair of views agrees with the others about where camera 1 stands: rms in px of camera 1's markers,
+/// put where camera 0 and the relative pose of the most agreeable view expect them; NaN for views not in `use`. Views
+/// that are no pair (mixed up, or not taken together) stand out by far.
+/// @param cameras  calibrated one by one, so that no wrong pair has bent them; their poses are not read
+std::vector<double> pair_agreement(const std::vector<CalibratedCamera>& cameras, const BoardViews& views,
+    const std::vector<bool>& use, const BoardFile& board);
+
 /// Angle between the board's normal and the line of sight to its middle; the pose takes board to camera.
 double tilt_deg(const cv::Vec3d& rvec, const cv::Vec3d& tvec, const BoardFile& board);
 

@@ -104,7 +104,9 @@ Check check_outliers(const Calibration& c)
     for (const std::size_t v : outlying_views(c))
         numbers += (numbers.empty() ? "" : ",") + std::to_string(c.views.cameras[0][v].number);
     if (numbers.empty()) return { "Does a view spoil it?", Check::good, "no view stands out", "" };
-    return { "Does a view spoil it?", Check::fair, "views far above the others: " + numbers,
+    return { "Does a view spoil it?", Check::fair,
+        (outliers(c.agreement).empty() ? "views far above the others: " : "views whose two pictures show no one pose: ")
+            + numbers,
         "look at these pictures; without them: --drop-view " + numbers };
 }
 
@@ -129,7 +131,8 @@ Check check_hold_out(const Calibration& c)
         rms.push_back(c.hold_out.fits[k].rms);
         ratios.push_back(rms.back() / c.fits[k].rms);
     }
-    const Check::Level l = level(largest(ratios), good_ratio, poor_ratio);
+    const Check::Level l
+        = std::max(level(largest(ratios), good_ratio, poor_ratio), level(largest(rms), good_rms, poor_rms));
     return { question, l,
         "rms " + each(rms, 3, " px on held-out views, ") + each(ratios, 2, " times that of its own")
             + "; focal lengths of the halves differ by " + number(c.hold_out.focal_spread, 2) + " px",
@@ -239,7 +242,12 @@ std::size_t Calibration::used_count() const
 
 std::vector<std::size_t> outlying_views(const Calibration& c)
 {
+    const std::vector<std::size_t> mixed_up = outliers(c.agreement);
+    if (!mixed_up.empty()) return mixed_up; // wrong pairs bend all that follows, and right views stand out in turn
     std::vector<std::size_t> all;
+    for (const std::vector<double>& errors : c.view_rms)
+        for (const std::size_t v : outliers(errors))
+            all.push_back(v);
     for (const CameraFit& fit : c.fits)
         for (const std::size_t v : outliers(fit.view_rms))
             all.push_back(v);
@@ -296,6 +304,7 @@ Json calibration_json(const Calibration& c, const std::vector<Check>& checks)
     json["outlying_views"] = Json::array();
     for (const std::size_t v : outlying_views(c))
         json["outlying_views"].push_back(c.views.cameras[0][v].number);
+    if (!c.agreement.empty()) json["pair_agreement_px"] = finite(c.agreement);
     json["dropped_views"] = c.dropped;
     if (c.is_pair()) json["pair"] = to_json(c.pair);
     if (c.hold_out.done) {

@@ -41,6 +41,8 @@ struct Calibration {
     std::vector<std::vector<double>> view_rms; ///< [camera][view] px, as the calibration itself reports
     std::vector<CameraFit> fits;               ///< by camera
     PairFit pair;
+    /// px by view, see pair_agreement(); only asked for when the pair fits far worse than its cameras, else empty
+    std::vector<double> agreement;
     HoldOut hold_out;
 
     bool is_pair() const { return cameras.size() == 2; }

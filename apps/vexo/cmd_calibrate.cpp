@@ -286,12 +286,33 @@ Calibration prepare(const CalibrateOptions& o, const GlobalOptions& options, Pro
     return c;
 }
 
+/// Whether the pair fits far worse than each camera by itself did.
+bool pair_is_spoilt(const Calibration& c)
+{
+    constexpr double times = 2.0;
+    return c.is_pair() && c.rms > times * std::max(median(c.view_rms[0]), median(c.view_rms[1]));
+}
+
+/// Both cameras calibrated one by one.
+std::vector<CalibratedCamera> cameras_alone(const CalibrateOptions& o, const Calibration& c, const std::string& file)
+{
+    std::vector<CalibratedCamera> cameras;
+    for (const auto& pictures : c.views.cameras) {
+        const CameraCalibratorPtr calibrator(CreateCameraCalibrator());
+        const Found found = calibrate_one(calibrator.get(), o, c.board, { { pictures } }, c.used, file);
+        cameras.push_back(found.cameras.front());
+    }
+    return cameras;
+}
+
 void measure(const CalibrateOptions& o, Calibration& c, const TemporaryFolder& temporary)
 {
     const std::vector<Fold> all { { c.cameras, c.used } };
     for (std::size_t k = 0; k < c.cameras.size(); ++k)
         c.fits.push_back(fit_camera(all, k, c.views, c.board));
     if (c.is_pair()) c.pair = fit_pair(all, c.views, c.board);
+    if (pair_is_spoilt(c))
+        c.agreement = pair_agreement(cameras_alone(o, c, temporary / "alone.yaml"), c.views, c.used, c.board);
     if (o.hold_out) c.hold_out = hold_out(o, c, temporary / "half.yaml");
 }
 
