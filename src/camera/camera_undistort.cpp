@@ -163,10 +163,9 @@ bool UndistortCamera::has_row_form(cv::Size raw) const noexcept
         && map1.dims == 2 && map2.dims == 2 && map1.size() == map2.size() && in_range(map1.size()) && in_range(raw);
 }
 
-void UndistortCamera::remap_row(
-    int row, cv::Size raw, const RemapImage<uchar>& bytes, const RemapImage<float>& floats) const noexcept
+void UndistortCamera::remap_row(int row, cv::Size raw, const RemapImages& images) const noexcept
 {
-    vexo::remap_row(map1.ptr<float>(row), map2.ptr<float>(row), map1.cols, raw, bytes, floats);
+    vexo::remap_row(map1.ptr<float>(row), map2.ptr<float>(row), map1.cols, raw, images);
 }
 
 /// remap() by rows; false where only cv::remap can do it.
@@ -174,15 +173,18 @@ bool UndistortCamera::_remap_rows(const cv::Mat& src, cv::Mat& dst, const cv::Sc
 {
     const bool bytes = src.type() == CV_8UC1;
     if (!has_row_form(src.size()) || !(bytes || src.type() == CV_32FC1)) return false;
-    const auto grey = cv::saturate_cast<uchar>(colour[0]);
-    const auto value = cv::saturate_cast<float>(colour[0]);
+    const auto row_of = [&](int r) {
+        RemapImages images;
+        if (bytes)
+            images.bytes = { src.ptr(), src.step[0], dst.ptr(r), cv::saturate_cast<uchar>(colour[0]) };
+        else
+            images.floats = { src.ptr<float>(), src.step[0], dst.ptr<float>(r), cv::saturate_cast<float>(colour[0]) };
+        return images;
+    };
     const int rows = map1.rows;
 #pragma omp parallel for schedule(dynamic, 32) // each row of `dst` is written by one thread
     for (int r = 0; r < rows; ++r)
-        remap_row(r, src.size(),
-            bytes ? RemapImage<uchar> { src.ptr(), src.step[0], dst.ptr(r), grey } : RemapImage<uchar> {},
-            bytes ? RemapImage<float> {}
-                  : RemapImage<float> { src.ptr<float>(), src.step[0], dst.ptr<float>(r), value });
+        remap_row(r, src.size(), row_of(r));
     return true;
 }
 

@@ -56,9 +56,8 @@ public:
     ///
     /// @param row     of the rectified image
     /// @param raw     size of the raw images, for which has_row_form() holds
-    /// @param bytes, floats  an 8-bit and a float image to be remapped in one pass; either may be absent
-    void remap_row(
-        int row, cv::Size raw, const RemapImage<uchar>& bytes, const RemapImage<float>& floats) const noexcept;
+    /// @param images  what is remapped in one pass
+    void remap_row(int row, cv::Size raw, const RemapImages& images) const noexcept;
 
     /// As PinHoleCamera::save(), with the key `name`_roi, after the tables have gone to map_file if that is
     /// named. False, too, when the tables cannot be written; then no YAML is written either.

@@ -59,15 +59,22 @@ VEXO_INLINE float sample(const RemapImage<float>& image, const Position& p) noex
         + bottom[1] * (fy * fx);
 }
 
+template <class T>
+VEXO_INLINE void put_pixel(const RemapImage<T>& image, int c, const Position& p, bool inside) noexcept
+{
+    if (image.src != nullptr) image.dst[c] = inside ? sample(image, p) : image.fill;
+}
+
 /// The readable form: one pixel after the other.
-VEXO_INLINE void remap_pixels(const float* map_x, const float* map_y, int begin, int end, cv::Size size,
-    const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
+VEXO_INLINE void remap_pixels(
+    const float* map_x, const float* map_y, int begin, int end, cv::Size size, const RemapImages& images) noexcept
 {
     for (int c = begin; c < end; ++c) {
         const Position p = position_of(map_x[c], map_y[c]);
         const bool inside = is_inside(p, size);
-        if (bytes.src != nullptr) bytes.dst[c] = inside ? sample(bytes, p) : bytes.fill;
-        if (floats.src != nullptr) floats.dst[c] = inside ? sample(floats, p) : floats.fill;
+        put_pixel(images.bytes, c, p, inside);
+        put_pixel(images.floats, c, p, inside);
+        put_pixel(images.more_bytes, c, p, inside);
     }
 }
 
@@ -247,73 +254,95 @@ VEXO_AVX2 inline void far_floats8(
     store_floats8(p, top0, top1, bottom0, bottom1, dst);
 }
 
-template <int rows, bool have_bytes, bool have_floats>
-VEXO_AVX2 inline void near8(
-    const Positions8& p, int c, const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
+/// Which images there are.
+enum Wanted { one_image_of_bytes, one_image_of_floats, map_and_mask, map_and_two };
+
+template <int rows, Wanted wanted>
+VEXO_AVX2 inline void near8(const Positions8& p, int c, const RemapImages& images) noexcept
 {
-    if (have_bytes) near_bytes8<rows>(p, bytes, bytes.dst + c);
-    if (have_floats) near_floats8<rows>(p, floats, floats.dst + c);
+    if (wanted != one_image_of_floats) near_bytes8<rows>(p, images.bytes, images.bytes.dst + c);
+    if (wanted != one_image_of_bytes) near_floats8<rows>(p, images.floats, images.floats.dst + c);
+    if (wanted == map_and_two) near_bytes8<rows>(p, images.more_bytes, images.more_bytes.dst + c);
+}
+
+template <Wanted wanted> VEXO_AVX2 inline void far8(const Positions8& p, int c, const RemapImages& images) noexcept
+{
+    alignas(32) int x[8], y[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(x), p.x);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(y), p.y);
+    if (wanted != one_image_of_floats) far_bytes8(p, x, y, images.bytes, images.bytes.dst + c);
+    if (wanted != one_image_of_bytes) far_floats8(p, x, y, images.floats, images.floats.dst + c);
+    if (wanted == map_and_two) far_bytes8(p, x, y, images.more_bytes, images.more_bytes.dst + c);
+}
+
+template <Wanted wanted> VEXO_AVX2 inline void fill8(int c, const RemapImages& images) noexcept
+{
+    if (wanted != one_image_of_floats) std::fill_n(images.bytes.dst + c, 8, images.bytes.fill);
+    if (wanted != one_image_of_bytes) std::fill_n(images.floats.dst + c, 8, images.floats.fill);
+    if (wanted == map_and_two) std::fill_n(images.more_bytes.dst + c, 8, images.more_bytes.fill);
+}
+
+constexpr int spread_of(Wanted wanted) noexcept
+{
+    return wanted == one_image_of_bytes ? 14 : 7; // px that one load reaches
+}
+
+constexpr int window_of(Wanted wanted) noexcept
+{
+    return wanted == one_image_of_floats ? 9 : 16; // px that one load reads
 }
 
 /// Eight pixels whose sources do not lie in one pair of rows: in two pairs, apart, at a border, or outside.
-template <bool have_bytes, bool have_floats>
+template <Wanted wanted>
 VEXO_AVX2 void remap8_anywhere(const float* map_x, const float* map_y, int c, const Positions8& p, cv::Size size,
-    const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
+    const RemapImages& images) noexcept
 {
-    constexpr int spread = have_floats ? 7 : 14, window = have_bytes ? 16 : 9;
+    constexpr int spread = spread_of(wanted), window = window_of(wanted);
     const Positions8 above = from_above(p);
-    if (are_near(p, size, 2, spread, window)) return near8<2, have_bytes, have_floats>(p, c, bytes, floats);
-    if (are_near(above, size, 2, spread, window)) return near8<2, have_bytes, have_floats>(above, c, bytes, floats);
+    if (are_near(p, size, 2, spread, window)) return near8<2, wanted>(p, c, images);
+    if (are_near(above, size, 2, spread, window)) return near8<2, wanted>(above, c, images);
     const int inside = inside_bits(p, size);
-    if (inside == 0) {
-        if (have_bytes) std::fill_n(bytes.dst + c, 8, bytes.fill);
-        if (have_floats) std::fill_n(floats.dst + c, 8, floats.fill);
-    } else if (inside == 0xFF) {
-        alignas(32) int x[8], y[8];
-        _mm256_store_si256(reinterpret_cast<__m256i*>(x), p.x);
-        _mm256_store_si256(reinterpret_cast<__m256i*>(y), p.y);
-        if (have_bytes) far_bytes8(p, x, y, bytes, bytes.dst + c);
-        if (have_floats) far_floats8(p, x, y, floats, floats.dst + c);
-    } else {
-        remap_pixels(map_x, map_y, c, c + 8, size, bytes, floats);
-    }
+    if (inside == 0)
+        fill8<wanted>(c, images);
+    else if (inside == 0xFF)
+        far8<wanted>(p, c, images);
+    else
+        remap_pixels(map_x, map_y, c, c + 8, size, images);
 }
 
-/// Eight pixels at a time. Mostly their sources lie side by side in one pair of rows and come with one
-/// load each.
-template <bool have_bytes, bool have_floats>
-VEXO_AVX2 void remap_row_avx2(const float* map_x, const float* map_y, int cols, cv::Size size,
-    const RemapImage<uchar>& bytes, const RemapImage<float>& floats) noexcept
+/// Eight pixels at a time. Mostly their sources lie side by side in one pair of rows and come with one load each.
+template <Wanted wanted>
+VEXO_AVX2 void remap_row_avx2(
+    const float* map_x, const float* map_y, int cols, cv::Size size, const RemapImages& images) noexcept
 {
-    constexpr int spread = have_floats ? 7 : 14, window = have_bytes ? 16 : 9;
     int c = 0;
     for (; c + 8 <= cols; c += 8) {
         const Positions8 p = positions8_of(map_x + c, map_y + c);
-        if (are_near(p, size, 1, spread, window)) {
-            near8<1, have_bytes, have_floats>(p, c, bytes, floats);
-        } else {
-            remap8_anywhere<have_bytes, have_floats>(map_x, map_y, c, p, size, bytes, floats);
-        }
+        if (are_near(p, size, 1, spread_of(wanted), window_of(wanted)))
+            near8<1, wanted>(p, c, images);
+        else
+            remap8_anywhere<wanted>(map_x, map_y, c, p, size, images);
     }
-    remap_pixels(map_x, map_y, c, cols, size, bytes, floats);
+    remap_pixels(map_x, map_y, c, cols, size, images);
 }
 #undef VEXO_AVX2
 #endif
 
 } // namespace
 
-void remap_row(const float* map_x, const float* map_y, int cols, cv::Size size, const RemapImage<uchar>& bytes,
-    const RemapImage<float>& floats) noexcept
+void remap_row(const float* map_x, const float* map_y, int cols, cv::Size size, const RemapImages& images) noexcept
 {
 #if defined(__x86_64__)
     if (Cpu::has_avx2()) {
-        if (bytes.src != nullptr && floats.src != nullptr)
-            return remap_row_avx2<true, true>(map_x, map_y, cols, size, bytes, floats);
-        if (bytes.src != nullptr) return remap_row_avx2<true, false>(map_x, map_y, cols, size, bytes, floats);
-        return remap_row_avx2<false, true>(map_x, map_y, cols, size, bytes, floats);
+        const bool bytes = images.bytes.src != nullptr, floats = images.floats.src != nullptr;
+        const bool more = images.more_bytes.src != nullptr;
+        if (bytes && floats && more) return remap_row_avx2<map_and_two>(map_x, map_y, cols, size, images);
+        if (bytes && floats) return remap_row_avx2<map_and_mask>(map_x, map_y, cols, size, images);
+        if (bytes && !more) return remap_row_avx2<one_image_of_bytes>(map_x, map_y, cols, size, images);
+        if (floats && !more) return remap_row_avx2<one_image_of_floats>(map_x, map_y, cols, size, images);
     }
 #endif
-    remap_pixels(map_x, map_y, 0, cols, size, bytes, floats);
+    remap_pixels(map_x, map_y, 0, cols, size, images);
 }
 
 } // namespace vexo

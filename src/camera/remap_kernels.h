@@ -12,8 +12,14 @@ template <class T> struct RemapImage {
     T fill = 0;       ///< of pixels without a source
 };
 
-/// One row of a bilinear remap of an 8-bit and a float image through the same tables, either of which may be
-/// absent. The positions are computed once for both.
+/// What one pass over the tables remaps; each of the images may be absent, and all have the same size.
+struct RemapImages {
+    RemapImage<uchar> bytes;
+    RemapImage<float> floats;
+    RemapImage<uchar> more_bytes;
+};
+
+/// One row of a bilinear remap of several images through the same tables. The positions are computed once for all.
 ///
 ///     (x, y) = (map_x, map_y) to 1/32 px, rounded to even
 ///     dst = the four neighbours weighted by (1-fx)(1-fy), fx(1-fy), (1-fx)fy, fx fy
@@ -24,7 +30,6 @@ template <class T> struct RemapImage {
 /// @param map_x, map_y  raw position of each pixel of the row, px; any values
 /// @param cols          pixels of the row
 /// @param size          of the sources, px, each side below 32767
-void remap_row(const float* map_x, const float* map_y, int cols, cv::Size size, const RemapImage<uchar>& bytes,
-    const RemapImage<float>& floats) noexcept;
+void remap_row(const float* map_x, const float* map_y, int cols, cv::Size size, const RemapImages& images) noexcept;
 
 } // namespace vexo

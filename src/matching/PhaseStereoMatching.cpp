@@ -14,6 +14,7 @@ namespace vexo {
 
 void PhaseStereoMatching::init(iStereoCamera* new_camera)
 {
+    _have_next_texture = false;
     if (!_bind(new_camera)) return;
     for (auto& decoder : decoders)
         if (decoder != nullptr) decoder->clear();
@@ -48,6 +49,7 @@ bool PhaseStereoMatching::setpict(void* data, unsigned long step, int cam, int f
     if (frame < 0 || decoders[0] == nullptr || decoders[1] == nullptr) return false;
     const unsigned long row_step = _checked_step(data, step, cam, frame >= first_float_frame ? 4 : 1);
     if (row_step == 0) return false;
+    _have_next_texture = false;
     auto* first = static_cast<unsigned char*>(data);
     try {
         if (cam != 2) return _set_frame(cam, first, row_step, frame);
@@ -103,6 +105,7 @@ void PhaseStereoMatching::_rectify(int cam)
         && !(rectifier.remap(decoder.unwrapped, _scratch_map, cv::Scalar::all(0))
             && rectifier.remap(decoder.vmask, _scratch_mask, cv::Scalar::all(0))))
         CV_Error(cv::Error::StsBadArg, "the camera cannot rectify");
+    if (cam == 0) _next_texture.create(rectified, CV_8U);
     decoder.valid.resize(static_cast<std::size_t>(output_height));
     for (std::vector<int>& columns : decoder.valid)
         columns.reserve(static_cast<std::size_t>(output_width));
@@ -113,18 +116,31 @@ void PhaseStereoMatching::_rectify(int cam)
         _rectify_row(rectifier, decoder, row, by_rows);
     cv::swap(static_cast<cv::Mat&>(decoder.unwrapped), _scratch_map);
     cv::swap(static_cast<cv::Mat&>(decoder.vmask), _scratch_mask);
+    if (cam == 0) _have_next_texture = by_rows;
 }
 
+/// Map, mask and, of camera 0, the texture for the next cloud: their pixels have the same sources.
 void PhaseStereoMatching::_rectify_row(
     const UndistortCamera& rectifier, ProjectorPositions& decoder, int row, bool by_rows) noexcept
 {
     const cv::Mat &map = decoder.unwrapped, &mask = decoder.vmask;
-    if (by_rows)
-        rectifier.remap_row(row, map.size(), { mask.ptr(), mask.step[0], _scratch_mask.ptr(row), 0 },
-            { map.ptr<float>(), map.step[0], _scratch_map.ptr<float>(row), 0.0F });
+    if (by_rows) {
+        RemapImages images { { mask.ptr(), mask.step[0], _scratch_mask.ptr(row), 0 },
+            { map.ptr<float>(), map.step[0], _scratch_map.ptr<float>(row), 0.0F }, {} };
+        if (&decoder == decoders[0].get()) images.more_bytes = _texture_images(_next_texture, row).bytes;
+        rectifier.remap_row(row, map.size(), images);
+    }
     std::vector<int>& columns = decoder.valid[static_cast<std::size_t>(row)];
     columns.resize(static_cast<std::size_t>(output_width));
     columns.resize(static_cast<std::size_t>(list_valid_columns(_scratch_mask.ptr(row), output_width, columns.data())));
+}
+
+RemapImages PhaseStereoMatching::_texture_images(cv::Mat& rectified, int row) const noexcept
+{
+    const cv::Mat& lit = decoders[0]->white;
+    RemapImages images;
+    images.bytes = { lit.ptr(), lit.step[0], rectified.ptr(row), cv::saturate_cast<uchar>(camera->cam0.fill[0]) };
+    return images;
 }
 
 bool PhaseStereoMatching::exec()
@@ -149,29 +165,29 @@ void PhaseStereoMatching::genPC(Method3D method, bool interpolate)
 {
     if (!executed) return _drop_cloud();
     try {
-        const UndistortCamera& rectifier = camera->cam0;
-        const cv::Mat& lit = decoders[0]->white;
-        const bool by_rows = !lit.empty() && rectifier.has_row_form(lit.size());
-        texture.create(output_height, output_width, CV_8U);
-        if (!by_rows && !rectifier.remap(lit, texture)) return _drop_cloud();
-        const auto grey = cv::saturate_cast<uchar>(rectifier.fill[0]);
-        const auto texture_row = [&](int row) {
-            if (by_rows) rectifier.remap_row(row, lit.size(), { lit.ptr(), lit.step[0], texture.ptr(row), grey }, {});
-        };
-        _begin_cloud();
+        if (!_make_texture()) return _drop_cloud();
         if (method == MethodV || method == MethodP) {
-            _make_disparity_data(interpolate, texture_row);
+            _make_disparity_data(interpolate);
             return generate_pointcloud(method);
         }
+        _begin_cloud();
         const cv::Matx44d H = _reprojection();
-        _make_disparity_data(interpolate, [&](int row) {
-            texture_row(row);
-            _row_counts[static_cast<std::size_t>(row)] = _reproject(H, row);
-        });
+        _make_disparity_data(
+            interpolate, [&](int row) { _row_counts[static_cast<std::size_t>(row)] = _reproject(H, row); });
         valid_count = std::accumulate(_row_counts.begin(), _row_counts.end(), 0);
     } catch (...) {
         _drop_cloud();
     }
+}
+
+/// exec() has it ready, in a picture of its own: `texture` is still in the host's hands then. After a new lit frame,
+/// or a second cloud from the same frames, it is made here.
+bool PhaseStereoMatching::_make_texture()
+{
+    if (!_have_next_texture) return camera->cam0.remap(decoders[0]->white, texture);
+    cv::swap(texture, _next_texture);
+    _have_next_texture = false;
+    return true;
 }
 
 void PhaseStereoMatching::_make_disparity_data(bool interpolate, const std::function<void(int)>& after_row)

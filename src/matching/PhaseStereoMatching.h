@@ -1,5 +1,6 @@
 #pragma once
 
+#include "camera/remap_kernels.h"
 #include "decode/ProjectorPositions.h"
 #include "matching/LeastSquares.h"
 #include "matching/PointCloudGenerator.h"
@@ -87,6 +88,9 @@ private:
     /// Rectifies map and mask of one camera into its decoder. Throws cv::Exception when that is impossible.
     void _rectify(int cam);
     void _rectify_row(const UndistortCamera& rectifier, ProjectorPositions& decoder, int row, bool by_rows) noexcept;
+    /// One row of the lit frame of camera 0 into `rectified`, as remap_row() wants it.
+    RemapImages _texture_images(cv::Mat& rectified, int row) const noexcept;
+    bool _make_texture();
     bool _frames_complete() const noexcept;
     bool _set_frame(int cam, unsigned char* data, unsigned long step, int frame);
     void _read_limits() noexcept;
@@ -95,6 +99,8 @@ private:
     template <class Fit> void _match_row(int row, bool interpolate) noexcept;
 
     cv::Mat _scratch_map, _scratch_mask; ///< become a decoder's; kept for their memory
+    cv::Mat _next_texture;               ///< of the frames that exec() saw last
+    bool _have_next_texture = false;     ///< it is made, and not yet handed on
     std::vector<RowMatcher> _matchers;   ///< one a thread
 };
 

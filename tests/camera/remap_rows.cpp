@@ -142,24 +142,28 @@ TEST_P(RemapRows, EqualCvRemapAndThePlainTwinBitForBit)
         }
 }
 
-TEST_P(RemapRows, OnePassOverMapAndMaskIsTwoPasses)
+TEST_P(RemapRows, OnePassOverMapMaskAndTextureIsThreePasses)
 {
     std::mt19937 rng(6);
     const cv::Size raw(61, 37), size(67, 31);
-    Exact<uchar> bytes(raw, 0);
+    Exact<uchar> bytes(raw, 0), other(raw, 5);
     Exact<float> floats(raw, 0);
     fill_randomly(bytes.image, rng);
+    fill_randomly(other.image, rng);
     fill_randomly(floats.image, rng);
     for (const Tables& t : many_tables(size, raw)) {
         const UndistortCamera cam = camera_with(t);
         ASSERT_TRUE(cam.has_row_form(raw));
-        cv::Mat_<uchar> mask(size);
+        cv::Mat_<uchar> mask(size), texture(size);
         cv::Mat_<float> map(size);
         for (int r = 0; r < size.height; ++r)
-            cam.remap_row(r, raw, { bytes.image[0], bytes.image.step[0], mask[r], 0 },
-                { floats.image[0], floats.image.step[0], map[r], 0.0F });
+            cam.remap_row(r, raw,
+                { { bytes.image[0], bytes.image.step[0], mask[r], 0 },
+                    { floats.image[0], floats.image.step[0], map[r], 0.0F },
+                    { other.image[0], other.image.step[0], texture[r], 99 } });
         EXPECT_TRUE(same_bits(mask, opencv_remap(bytes.image, t, 0))) << t.name;
         EXPECT_TRUE(same_bits(map, opencv_remap(floats.image, t, 0))) << t.name;
+        EXPECT_TRUE(same_bits(texture, opencv_remap(other.image, t, 99))) << t.name;
     }
 }
 
