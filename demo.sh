@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Builds vexo, scans a bust with the virtual rig, measures it, and compares the cloud with the truth.
-# Installs Debian's packages where they are missing. Results: demo_out/.
+# Builds vexo and runs its whole chain on the virtual rig: print a board, photograph it, calibrate; scan, measure,
+# compare with the truth, with the true and with the calibrated cameras. Installs Debian's packages where they are
+# missing. Results: demo_out/.
 set -eu
 cd "$(dirname "$0")"
 scripts/install_packages.sh run
+echo "building..."
 cmake --preset release -DVEXO_BUILD_TESTS=OFF > build.log 2>&1 && cmake --build --preset release >> build.log 2>&1 \
   || { tail -n 40 build.log; echo "vexo: the build failed; see build.log" >&2; exit 1; }
 rm -f build.log
@@ -11,12 +13,29 @@ rm -f build.log
 out=demo_out
 vexo=build/release/bin/vexo
 rm -rf "$out"
+mkdir "$out"
+title() { printf '\n== %s\n' "$*"; }
 run() { printf '\n$ %s\n' "$*"; "$@"; }
+
+title "1. scans of the virtual rig, measured and compared with the truth"
 for scene in plane bust spheres; do
   run $vexo simulate $scene --out $out/$scene/scan
   run $vexo measure $out/$scene/scan --out $out/$scene/result
   run $vexo compare $out/$scene/result $out/$scene/scan
 done
-printf '\n'
+
+title "2. the same with a calibration of our own: board, photos, calibration, scan"
+run $vexo board --out $out/board.pdf
+run $vexo simulate calibration --out $out/photos --board $out/board.yaml
+run $vexo calibrate $out/photos --board $out/board.yaml --out $out/calib
+for scene in plane spheres; do
+  run $vexo measure $out/$scene/scan --calib $out/calib/cameras.yaml --out $out/$scene/calibrated
+  run $vexo compare $out/$scene/calibrated $out/$scene/scan
+done
+
+title "figures with the true cameras"
 $vexo table $out/plane/result $out/bust/result $out/spheres/result
-printf '\nPictures: %s/bust/result/*.png, the cloud: %s/bust/result/cloud.ply\n' $out $out
+title "figures with the calibrated cameras"
+$vexo table $out/plane/calibrated $out/spheres/calibrated
+printf '\nPictures: %s/*/result/*_view.png   clouds: %s/*/result/cloud.ply   calibration page: %s/calib/report.html\n' \
+  $out $out $out
