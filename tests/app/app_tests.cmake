@@ -2,7 +2,7 @@
 file(GLOB app_tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/*.cpp)
 vexo_add_test(app LABEL app
   SOURCES ${app_tests} ${PROJECT_SOURCE_DIR}/apps/vexo/sphere_fit.cpp
-  LINK nlohmann_json::nlohmann_json opencv_core opencv_imgproc opencv_imgcodecs)
+  LINK vexo vexo_sim nlohmann_json::nlohmann_json opencv_core opencv_imgproc opencv_imgcodecs)
 find_package(nlohmann_json REQUIRED)
 target_include_directories(test_app PRIVATE ${PROJECT_SOURCE_DIR}/apps/vexo)
 target_compile_definitions(test_app PRIVATE VEXO_PROGRAM="$<TARGET_FILE:vexo_program>")
