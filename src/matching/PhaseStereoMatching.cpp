@@ -110,8 +110,7 @@ void PhaseStereoMatching::_rectify(int cam)
     for (std::vector<int>& columns : decoder.valid)
         columns.reserve(static_cast<std::size_t>(output_width));
 
-        // Each row has its own pixels of the scratch images and its own list.
-#pragma omp parallel for schedule(dynamic, 32)
+#pragma omp parallel for schedule(dynamic, 32) // each row has its own pixels of the scratch images and its own list
     for (int row = 0; row < output_height; ++row)
         _rectify_row(rectifier, decoder, row, by_rows);
     cv::swap(static_cast<cv::Mat&>(decoder.unwrapped), _scratch_map);
