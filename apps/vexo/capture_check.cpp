@@ -51,6 +51,9 @@ constexpr double most_lighting_up = 0.0004;
 constexpr double most_slip = 0.08;
 /// Noise of the fringes over that of the dark frame: shot noise makes it 1.5 to 3.
 constexpr double strange_noise = 4.0;
+/// Glare and interreflection raise the fringes' residual to a tenth of their modulation; a quarter is left when their
+/// frames do not belong together.
+constexpr double hopeless_modulation_per_noise = 4.0;
 /// Lamps on mains power flicker by some per cent; the phase error is a quarter of the change, in rad.
 constexpr double most_brightness_change = 0.06;
 constexpr double least_pixels = 0.002; ///< share of the image; less is a stray reflection
@@ -538,6 +541,11 @@ void judge_frames(const CameraFigures& f, const std::array<std::size_t, 2>& exch
         add("moving-scene", Weight::spoils,
             "only " + percent_of(f.fitting)
                 + " of the fringes agree with the other frames: the scene moved, or these are other patterns");
+    else if (f.modulation < hopeless_modulation_per_noise * f.fringe_noise
+        && f.fringe_noise > strange_noise * std::max(f.dark_noise, 0.3))
+        add("moving-scene", Weight::spoils,
+            "the four frames of a fringe do not belong together: they are " + number(f.fringe_noise, 1)
+                + " grey levels off a sinusoid, the dark frame's noise is " + number(f.dark_noise, 1));
     else if (f.brightness_change > most_brightness_change)
         add("unsteady-light", Weight::spoils,
             names[f.brightness_frame] + " is " + percent_of(f.brightness_change)
