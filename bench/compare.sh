@@ -1,0 +1,15 @@
+#!/bin/sh
+# Builds the benchmarks and prints the ratios against OpenCV and against copying memory, for one thread and for two;
+# with --stages also the time of every stage, plain twin and library side by side.
+set -eu
+cd "$(dirname "$0")/.."
+cmake --preset bench > /dev/null
+cmake --build --preset bench --target vexo_ratios vexo_stages > /dev/null
+export OMP_DYNAMIC=false
+for threads in 1 2; do
+  build/bench/bench/vexo_ratios --threads "$threads" --pairs "${PAIRS:-15}" 2> /dev/null
+done
+if [ "${1:-}" = --stages ]; then
+  OMP_NUM_THREADS=1 build/bench/bench/vexo_stages --benchmark_enable_random_interleaving=true \
+    --benchmark_repetitions=5 --benchmark_report_aggregates_only=true 2> /dev/null
+fi
