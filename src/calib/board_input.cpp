@@ -6,6 +6,7 @@
 #include <opencv2/highgui.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <cstdint>
 #include <filesystem>
 
 namespace vexo {
@@ -20,6 +21,7 @@ bool set_board_parameters(
 cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step)
 {
     if (data == nullptr || width < 1 || height < 1 || step < static_cast<unsigned long>(width)) return {};
+    if (step > PTRDIFF_MAX / static_cast<unsigned long>(height)) return {}; // no memory holds such rows
     return cv::Mat(height, width, CV_8UC1, data, step);
 }
 

@@ -6,6 +6,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <utility>
 
@@ -26,10 +27,12 @@ cv::Vec3d as_vector(const cv::Mat_<double>& m)
 bool are_buffers(const uchar* src, std::size_t src_step, const uchar* dst, std::size_t dst_step, cv::Size in,
     cv::Size out, int halves)
 {
-    if (src == nullptr || dst == nullptr || in.width < 1 || in.height < 1) return false;
-    const auto images = static_cast<std::size_t>(halves);
-    return src_step >= images * static_cast<std::size_t>(in.width)
-        && dst_step >= images * static_cast<std::size_t>(out.width);
+    if (src == nullptr || dst == nullptr || in.empty() || out.empty()) return false;
+    const auto is_step = [halves](std::size_t step, cv::Size image) {
+        const std::size_t longest = PTRDIFF_MAX / static_cast<std::size_t>(image.height); // rows fit into memory
+        return step >= static_cast<std::size_t>(halves) * static_cast<std::size_t>(image.width) && step <= longest;
+    };
+    return is_step(src_step, in) && is_step(dst_step, out);
 }
 
 bool have_tables(const UndistortCamera& cam, cv::Size size)

@@ -227,7 +227,8 @@ unsigned long PointCloudGenerator::_checked_step(
     const unsigned long row_bytes
         = static_cast<unsigned long>(input_width) * static_cast<unsigned long>(pixel_bytes) * (cam == 2 ? 2 : 1);
     if (step == 0) return row_bytes;
-    return step < row_bytes ? 0 : step;
+    const unsigned long longest = PTRDIFF_MAX / static_cast<unsigned long>(input_height); // rows fit into memory
+    return step < row_bytes || step > longest ? 0 : step;
 }
 
 bool PointCloudGenerator::_hand_out(
