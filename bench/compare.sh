@@ -3,8 +3,12 @@
 # with --stages also the time of every stage, plain twin and library side by side.
 set -eu
 cd "$(dirname "$0")/.."
-cmake --preset bench > /dev/null
-cmake --build --preset bench --target vexo_ratios vexo_stages > /dev/null
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+{ cmake --preset bench && cmake --build --preset bench --target vexo_ratios vexo_stages; } > "$log" 2>&1 || {
+  cat "$log" >&2
+  exit 1
+}
 export OMP_DYNAMIC=false OMP_WAIT_POLICY="${OMP_WAIT_POLICY:-passive}" # on a busy machine spinning robs the one waited for
 for threads in 1 2; do
   build/bench/bench/vexo_ratios --threads "$threads" --pairs "${PAIRS:-15}" 2> /dev/null
