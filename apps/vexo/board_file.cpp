@@ -189,7 +189,7 @@ std::string board_yaml(const BoardFile& board)
     std::string text
         = "%YAML:1.0\n---\n# calibration board: lengths in mm on paper, then the settings of recognition\n";
     for (const Entry& entry : entries(copy))
-        text += std::string(entry.name) + ": " + entry.text() + "\n";
+        text.append(entry.name).append(": ").append(entry.text()).append("\n");
     return text;
 }
 

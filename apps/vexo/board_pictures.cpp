@@ -2,7 +2,10 @@
 
 #include "common.h"
 #include "frames.h"
+#include "pictures.h"
 #include "rig.h"
+
+#include <opencv2/imgcodecs.hpp>
 
 #include <algorithm>
 #include <cfloat>
@@ -105,8 +108,9 @@ void recognise_one(iCalibBoardRecognizer& recogniser, BoardPicture& picture)
     if (!picture.recognised()) picture.reason = recogniser.get_error_name(picture.code) + ": " + meaning(picture.code);
     picture.found = static_cast<int>(std::count_if(
         picture.markers.begin(), picture.markers.end(), [](const cv::Point2f& p) { return p.x != FLT_MAX; }));
-    recogniser.copy_result_image(picture.drawing, -1);
-    if (picture.drawing.empty()) picture.drawing = grey;
+    cv::Mat drawing;
+    recogniser.copy_result_image(drawing, -1);
+    picture.drawing = encode(".jpg", drawing.empty() ? grey : drawing);
 }
 
 } // namespace
@@ -159,6 +163,11 @@ std::string outcome(const BoardPicture& picture, const BoardFile& board)
 {
     if (!picture.recognised()) return picture.reason;
     return "found " + std::to_string(picture.found) + " of " + std::to_string(board.markers()) + " markers";
+}
+
+cv::Mat decoded_drawing(const BoardPicture& picture)
+{
+    return cv::imdecode(picture.drawing, cv::IMREAD_COLOR);
 }
 
 cv::Point3f board_point(const BoardFile& board, std::size_t index)

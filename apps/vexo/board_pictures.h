@@ -22,11 +22,11 @@ struct BoardPicture {
     int number = 0;   ///< in the name
     int camera = 0;
     cv::Size size;
-    int code = -1;                    ///< of the recogniser; 0: recognised
-    std::string reason;               ///< the code's name and what it means; empty for 0
-    int found = 0;                    ///< markers
-    std::vector<cv::Point2f> markers; ///< by board position; (FLT_MAX, FLT_MAX) where there is none
-    cv::Mat drawing;                  ///< BGR, how the recognition ended
+    int code = -1;                      ///< of the recogniser; 0: recognised
+    std::string reason;                 ///< the code's name and what it means; empty for 0
+    int found = 0;                      ///< markers
+    std::vector<cv::Point2f> markers;   ///< by board position; (FLT_MAX, FLT_MAX) where there is none
+    std::vector<unsigned char> drawing; ///< JPEG, how the recognition ended; small, since many pictures are kept
 
     bool recognised() const { return code == 0; }
 };
@@ -50,6 +50,9 @@ void recognise(BoardViews& views, const BoardFile& board, const std::function<vo
 
 /// "found 285 of 285 markers", or the reason.
 std::string outcome(const BoardPicture& picture, const BoardFile& board);
+
+/// The drawing as a picture, BGR.
+cv::Mat decoded_drawing(const BoardPicture& picture);
 
 /// Position of a marker on the board, mm, by its place in the recogniser's lists.
 cv::Point3f board_point(const BoardFile& board, std::size_t index);

@@ -60,8 +60,8 @@ public:
     {
         const cv::Matx33d R = cameras[1].R * cameras[0].R.t();
         const cv::Vec3d T = cameras[1].T - R * cameras[0].T;
-        cv::stereoRectify(cameras[0].K, cameras[0].D, cameras[1].K, cameras[1].D, cameras[0].size, R, T, _R[0], _R[1],
-            _P[0], _P[1], _Q, 0, -1, cameras[0].size);
+        cv::stereoRectify(cameras[0].K, cameras[0].D, cameras[1].K, cameras[1].D, cameras[0].size, R, T, _rotations[0],
+            _rotations[1], _projections[0], _projections[1], _q, 0, -1, cameras[0].size);
     }
 
     Triangulated triangulate(const BoardPicture& left, const BoardPicture& right) const
@@ -76,9 +76,9 @@ public:
         }
         if (t.index.empty()) return t;
         for (std::size_t c = 0; c < 2; ++c)
-            cv::undistortPoints(raw[c], rectified[c], _cameras[c].K, _cameras[c].D, _R[c], _P[c]);
+            cv::undistortPoints(raw[c], rectified[c], _cameras[c].K, _cameras[c].D, _rotations[c], _projections[c]);
         cv::Mat homogeneous;
-        cv::triangulatePoints(_P[0], _P[1], rectified[0], rectified[1], homogeneous);
+        cv::triangulatePoints(_projections[0], _projections[1], rectified[0], rectified[1], homogeneous);
         for (std::size_t i = 0; i < t.index.size(); ++i) {
             const int column = static_cast<int>(i);
             const double w = homogeneous.at<double>(3, column);
@@ -94,14 +94,14 @@ private:
     /// Across the epipolar lines: rows on a horizontal rig, columns on a vertical one.
     double _row_error(const std::array<std::vector<cv::Point2d>, 2>& rectified, std::size_t i) const
     {
-        const bool vertical = std::abs(_P[1].at<double>(1, 3)) > std::abs(_P[1].at<double>(0, 3));
+        const bool vertical = std::abs(_projections[1].at<double>(1, 3)) > std::abs(_projections[1].at<double>(0, 3));
         const cv::Point2d apart = rectified[0][i] - rectified[1][i];
         return vertical ? apart.x : apart.y;
     }
 
     std::vector<CalibratedCamera> _cameras;
-    std::array<cv::Mat, 2> _R, _P;
-    cv::Mat _Q;
+    std::array<cv::Mat, 2> _rotations, _projections;
+    cv::Mat _q;
 };
 
 struct DistanceSums {
@@ -170,7 +170,7 @@ public:
     {
         const int x = std::clamp(static_cast<int>(place.x * across), 0, across - 1);
         const int y = std::clamp(static_cast<int>(place.y * down), 0, down - 1);
-        const auto cell = static_cast<std::size_t>(y * across + x);
+        const std::size_t cell = static_cast<std::size_t>(y) * across + static_cast<std::size_t>(x);
         _sum[cell] += value;
         ++_count[cell];
     }
@@ -438,7 +438,7 @@ double tilt_deg(const cv::Vec3d& rvec, const cv::Vec3d& tvec, const BoardFile& b
 double coverage(const std::vector<BoardPicture>& views, const std::vector<bool>& use, cv::Size size)
 {
     constexpr int across = 8, down = 6;
-    std::vector<bool> cells(static_cast<std::size_t>(across * down), false);
+    std::array<bool, across * down> cells {};
     for (std::size_t v = 0; v < views.size(); ++v) {
         for (const cv::Point2f& p : views[v].markers) {
             if (!use[v] || p.x == FLT_MAX) continue;

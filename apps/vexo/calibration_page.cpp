@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cfloat>
 #include <cmath>
 
@@ -106,7 +107,7 @@ std::string coverage_drawing(const Calibration& c, std::size_t camera)
 {
     constexpr int across = 8, down = 6;
     const double scale = drawing_width / c.size.width, height = c.size.height * scale;
-    std::vector<int> cells(static_cast<std::size_t>(across * down), 0);
+    std::array<int, across * down> cells {};
     std::string dots;
     for (std::size_t v = 0; v < c.views.count(); ++v) {
         for (const cv::Point2f& p : c.views.cameras[camera][v].markers) {
@@ -120,9 +121,10 @@ std::string coverage_drawing(const Calibration& c, std::size_t camera)
     std::string svg = open_svg(drawing_width, height);
     for (int i = 0; i < across * down; ++i) {
         if (cells[static_cast<std::size_t>(i)] > 0) continue;
-        svg += "<rect x=\"" + number(i % across * drawing_width / across, 1) + "\" y=\""
-            + number(i / across * height / down, 1) + "\" width=\"" + number(drawing_width / across, 1) + "\" height=\""
-            + number(height / down, 1) + "\" fill=\"#cc3340\" fill-opacity=\".13\"/>";
+        const int column = i % across, row = i / across;
+        svg += "<rect x=\"" + number(column * drawing_width / across, 1) + "\" y=\"" + number(row * height / down, 1)
+            + "\" width=\"" + number(drawing_width / across, 1) + "\" height=\"" + number(height / down, 1)
+            + "\" fill=\"#cc3340\" fill-opacity=\".13\"/>";
     }
     return svg + "<path d=\"" + dots
         + "\" stroke=\"#2563a8\" stroke-opacity=\".45\" stroke-width=\"2.6\" stroke-linecap=\"round\"/></svg>";
@@ -138,7 +140,7 @@ std::string residual_drawing(const Calibration& c, std::size_t camera)
         cv::Vec2d error;
         int count = 0;
     };
-    std::vector<Cell> cells(static_cast<std::size_t>(across * down));
+    std::array<Cell, across * down> cells {};
     std::string fine, bold, feet;
     for (const Residual& r : c.fits[camera].residuals) {
         fine += stroke(r.seen_px * scale, r.error_px * (scale * arrow_scale));
@@ -230,8 +232,9 @@ std::string shape_drawing(const Calibration& c)
 
 // --- parts of the page ---
 
-std::string thumbnail(const cv::Mat& drawing)
+std::string thumbnail(const BoardPicture& picture)
 {
+    const cv::Mat drawing = decoded_drawing(picture);
     cv::Mat small;
     const double scale = static_cast<double>(thumbnail_width) / drawing.cols;
     cv::resize(drawing, small, {}, scale, scale, cv::INTER_AREA);
@@ -289,7 +292,7 @@ std::string view_row(const Calibration& c, std::size_t v, bool stands_out)
         + (stands_out ? "<br>stands out" : "") + "</td>";
     for (std::size_t k = 0; k < c.cameras.size(); ++k) {
         const BoardPicture& picture = c.views.cameras[k][v];
-        html += "<td>" + thumbnail(picture.drawing) + "</td><td>" + escaped(picture.name) + "<br>"
+        html += "<td>" + thumbnail(picture) + "</td><td>" + escaped(picture.name) + "<br>"
             + escaped(outcome(picture, c.board)) + "</td><td class=\"n\">" + figure(c.fits[k].view_rms[v], 3)
             + "</td><td class=\"n\">" + figure(c.fits[k].view_tilt[v], 0) + "</td>";
     }

@@ -242,7 +242,7 @@ std::size_t Calibration::used_count() const
 
 std::vector<std::size_t> outlying_views(const Calibration& c)
 {
-    const std::vector<std::size_t> mixed_up = outliers(c.agreement);
+    std::vector<std::size_t> mixed_up = outliers(c.agreement);
     if (!mixed_up.empty()) return mixed_up; // wrong pairs bend all that follows, and right views stand out in turn
     std::vector<std::size_t> all;
     for (const std::vector<double>& errors : c.view_rms)

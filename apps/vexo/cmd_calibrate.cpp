@@ -214,7 +214,7 @@ void add_drawings(OutputFolder& out, const BoardViews& views)
         for (const BoardPicture& picture : pictures)
             out.add(
                 "drawings/cam" + std::to_string(picture.camera) + "_" + fs::path(picture.name).stem().string() + ".jpg",
-                encode(".jpg", picture.drawing));
+                picture.drawing);
 }
 
 void add_file(OutputFolder& out, const TemporaryFolder& temporary, const std::string& name)
@@ -243,12 +243,19 @@ double save_stereo(iStereoCalibrator& calibrator, CalibrateOptions& o, const Tem
     return baseline;
 }
 
+/// What became of every picture, and how well it fits when that is known.
 void say_views(const GlobalOptions& options, const Calibration& c)
 {
-    for (const auto& pictures : c.views.cameras) {
-        for (const BoardPicture& picture : pictures)
-            say(options,
-                "cam" + std::to_string(picture.camera) + " " + picture.name + ": " + outcome(picture, c.board));
+    const std::vector<std::size_t> out = c.fits.empty() ? std::vector<std::size_t> {} : outlying_views(c);
+    for (std::size_t k = 0; k < c.views.cameras.size(); ++k) {
+        for (std::size_t v = 0; v < c.views.count(); ++v) {
+            const BoardPicture& picture = c.views.cameras[k][v];
+            std::string line = "cam" + std::to_string(k) + " " + picture.name + ": " + outcome(picture, c.board);
+            if (!c.fits.empty() && c.used[v]) line += ", rms " + number(c.fits[k].view_rms[v], 3) + " px";
+            if (!c.used[v] && picture.recognised()) line += ", not used: the other camera's picture was not recognised";
+            if (std::find(out.begin(), out.end(), v) != out.end()) line += "  <- stands out";
+            say(options, line);
+        }
     }
 }
 

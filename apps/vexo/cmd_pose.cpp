@@ -80,12 +80,13 @@ BoardViews as_views(const std::vector<std::string>& images)
     return views;
 }
 
-cv::Mat with_axes(const BoardPicture& picture, const CalibratedCamera& camera, const BoardFile& board, const Pose& pose)
+std::vector<unsigned char> with_axes(
+    const BoardPicture& picture, const CalibratedCamera& camera, const BoardFile& board, const Pose& pose)
 {
-    cv::Mat drawing = picture.drawing.clone();
+    cv::Mat drawing = decoded_drawing(picture);
     const auto length = static_cast<float>(3 * board.layout.pitch_mm);
     cv::drawFrameAxes(drawing, camera.K, camera.D, pose.rvec, pose.tvec, length, 3);
-    return drawing;
+    return encode(".jpg", drawing);
 }
 
 Json to_json(const Pose& pose)
@@ -137,7 +138,7 @@ void find_poses(const PoseOptions& o, const GlobalOptions& options)
         if (found) picture.drawing = with_axes(picture, camera, board, pose);
         if (out)
             out->add(std::to_string(json.size() - 1) + "_" + fs::path(picture.name).stem().string() + ".jpg",
-                encode(".jpg", picture.drawing));
+                picture.drawing);
         say(options, picture.path + ": " + (found ? describe(pose) : reason));
     }
     if (out) {
