@@ -7,6 +7,7 @@
 #include <array>
 #include <cfloat>
 #include <cmath>
+#include <new>
 
 namespace vexo {
 
@@ -55,7 +56,12 @@ CalibBoardRecognizer::CalibBoardRecognizer()
 
 bool CalibBoardRecognizer::set_parameters(PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board)
 {
-    if (!init_recognizer(board)) return false;
+    try {
+        gamma_table.reserve(256); // here and in the board's points ends what can fail: all settings or none
+        if (!init_recognizer(board)) return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     neighbour_limit = board.neighbour_limit;
     init_searcher(circle);
     init_preproc(pre);
@@ -68,9 +74,9 @@ bool CalibBoardRecognizer::init_recognizer(CalibBoardParam& board)
     const long long positions = static_cast<long long>(board.columns) * board.rows;
     if (positions > max_positions) return false;
 
+    board_points.resize(static_cast<size_t>(positions));
     board_param = board;
     marker_count = static_cast<int>(positions);
-    board_points.resize(static_cast<size_t>(marker_count));
     const auto pitch = static_cast<float>(board.pitch);
     size_t k = 0;
     for (int i = 0; i < board.columns; ++i) {
@@ -282,7 +288,16 @@ CalibBoardRecognizer::Picture CalibBoardRecognizer::get_dbgimg_index(int kind) c
     }
 }
 
-cv::Mat CalibBoardRecognizer::_picture(int kind)
+cv::Mat CalibBoardRecognizer::_picture(int kind) noexcept
+{
+    try {
+        return _draw_picture(kind);
+    } catch (...) { // no memory
+        return {};
+    }
+}
+
+cv::Mat CalibBoardRecognizer::_draw_picture(int kind)
 {
     const auto stage_order = [](Picture p) {
         constexpr std::array<int, 5> order = { 0, 4, 1, 2, 3 }; // none, numbered, binary, circles, connections
@@ -292,7 +307,7 @@ cv::Mat CalibBoardRecognizer::_picture(int kind)
     if (wanted == Picture::none || stage_order(wanted) > stage_order(_last_stage)) return {};
 
     cv::Mat picture;
-    if (wanted == Picture::binary) return _binary;
+    if (wanted == Picture::binary) return _binary.clone();
     if (wanted == Picture::numbered) {
         make_finalimg(_source, picture, _marker_of_index);
         return picture;
@@ -314,7 +329,7 @@ void CalibBoardRecognizer::save_result_image(std::string path, int kind)
 void CalibBoardRecognizer::copy_result_image(cv::Mat& image, int kind)
 {
     const cv::Mat picture = _picture(kind);
-    if (!picture.empty()) image = picture.clone();
+    if (!picture.empty()) image = picture;
 }
 
 void CalibBoardRecognizer::show_result_image(int kind)

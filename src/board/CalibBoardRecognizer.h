@@ -115,7 +115,9 @@ private:
     bool _usable(const cv::Mat& image) const;
     bool _bad_block() const;
     int _next_index(int marker, int neighbour, int index) const;
-    cv::Mat _picture(int kind);
+    /// Own copy of a picture; empty when there is none, and for lack of memory.
+    cv::Mat _picture(int kind) noexcept;
+    cv::Mat _draw_picture(int kind);
 
     cv::Mat _source; // what the pictures are drawn on; empty: no picture
     cv::Mat _binary;

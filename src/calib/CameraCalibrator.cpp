@@ -2,6 +2,7 @@
 
 #include "board/CalibBoardRecognizer.h"
 #include "camera/image_file.h"
+#include "camera/no_memory.h"
 #include "vexo/file_io.h"
 
 namespace vexo {
@@ -38,18 +39,19 @@ int CameraCalibrator::put_image(std::string file, bool show, std::string save)
 int CameraCalibrator::put_image(cv::Mat& image, bool show, std::string save)
 {
     if (!_recognizer) return -1;
-    if (image.empty()) return kFewContours;
+    if (image.empty() || !room_for_one_more(_views)) return kFewContours;
     View points;
     const int code = _recognizer->recognize(image, points);
     if (code == kSuccess || _views.empty()) _camera.size = image.size();
-    if (code == kSuccess) _views.push_back(points);
+    if (code == kSuccess) _views.push_back(std::move(points));
     present_result(*_recognizer, show, save);
     return code;
 }
 
 bool CameraCalibrator::do_calibrate(CameraCalibParam& param, std::vector<double>* per_view, double* rms)
 {
-    return calib_intrinsic(_camera, param, _recognizer.get(), _views, per_view, rms);
+    return false_without_memory(
+        [&] { return calib_intrinsic(_camera, param, _recognizer.get(), _views, per_view, rms); });
 }
 
 bool CameraCalibrator::save_calibfile(std::string file, std::string name)

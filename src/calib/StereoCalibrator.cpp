@@ -4,6 +4,7 @@
 #include "board/result_picture.h"
 #include "calib/board_pose.h"
 #include "camera/image_file.h"
+#include "camera/no_memory.h"
 #include "camera/stereo_construction.h"
 #include "vexo/file_io.h"
 
@@ -84,16 +85,17 @@ int StereoCalibrator::put_image(std::string file, bool show, std::string save)
     if (!_recognizer) return -1;
     cv::Mat image0, image1;
     if (!split(read_grey_image(file), image0, image1)) return kFewContours;
-    const bool wanted = show || !save.empty();
     const int code0 = _put(0, image0);
-    const cv::Mat result0 = wanted ? result_picture(*_recognizer, image0) : cv::Mat();
+    const cv::Mat result0 = show || !save.empty() ? result_picture(*_recognizer, image0) : cv::Mat();
     const int code1 = _put(1, image1);
-    if (wanted) {
-        cv::Mat both;
-        cv::hconcat(result0, result_picture(*_recognizer, image1), both);
-        if (!save.empty()) write_picture(save, both);
-        if (show) show_picture("result", both, moment_ms);
-    }
+    if (!result0.empty())
+        false_if_it_throws([&] { // no memory for a picture of the result does not change the result
+            cv::Mat both;
+            cv::hconcat(result0, result_picture(*_recognizer, image1), both);
+            if (!save.empty()) write_picture(save, both);
+            if (show) show_picture("result", both, moment_ms);
+            return true;
+        });
     return code0 != kSuccess ? code0 : code1;
 }
 
@@ -110,17 +112,23 @@ int StereoCalibrator::_put(int cam, cv::Mat& image)
 {
     if (!_recognizer || cam < 0 || cam > 1) return -1;
     std::vector<View>& views = _views[static_cast<size_t>(cam)];
+    if (!room_for_one_more(views)) return kFewContours;
     View points;
     const int code = image.empty() ? int { kFewContours } : _recognizer->recognize(image, points);
     const bool first = std::all_of(views.begin(), views.end(), [](const View& v) { return v.empty(); });
     if (code == kSuccess || (first && !image.empty())) _cameras[static_cast<size_t>(cam)].size = image.size();
-    views.push_back(code == kSuccess ? points : View());
+    views.push_back(code == kSuccess ? std::move(points) : View());
     return code;
 }
 
 // --- calibration ---------------------------------------------------------------------------------------
 
 bool StereoCalibrator::do_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms)
+{
+    return false_without_memory([&] { return _calibrate(param, per_view, rms); });
+}
+
+bool StereoCalibrator::_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms)
 {
     std::vector<bool> pair_used;
     std::array<DistortCamera, 2> cameras = _cameras; // all or nothing

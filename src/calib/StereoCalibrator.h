@@ -41,6 +41,7 @@ public:
 private:
     int _put(int cam, cv::Mat& image);
     int _put_and_present(int cam, cv::Mat& image, bool show, const std::string& save);
+    bool _calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms);
     bool _set_board_frame(cv::Mat& image0, cv::Mat& image1);
     bool _first_pair_pose(cv::Mat_<double>& rect0_from_board) const;
     bool _output_camera(bool board_frame, std::unique_ptr<StereoCamera>& camera) const;

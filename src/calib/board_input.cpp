@@ -25,17 +25,31 @@ cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long s
     return cv::Mat(height, width, CV_8UC1, data, step);
 }
 
-cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture)
+cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture) noexcept
 {
-    cv::Mat result;
-    recognizer.copy_result_image(result, -1);
-    if (result.empty()) result = picture;
-    cv::Mat colour;
-    if (result.channels() == 1)
-        cv::cvtColor(result, colour, cv::COLOR_GRAY2BGR);
-    else
-        colour = result;
-    return colour;
+    try {
+        cv::Mat result;
+        recognizer.copy_result_image(result, -1);
+        if (result.empty()) result = picture;
+        cv::Mat colour;
+        if (result.channels() == 1)
+            cv::cvtColor(result, colour, cv::COLOR_GRAY2BGR);
+        else
+            colour = result;
+        return colour;
+    } catch (...) {
+        return {};
+    }
+}
+
+bool room_for_one_more(std::vector<View>& views) noexcept
+{
+    try {
+        if (views.size() == views.capacity()) views.reserve(2 * views.size() + 8);
+        return true;
+    } catch (...) {
+        return false;
+    }
 }
 
 void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save)

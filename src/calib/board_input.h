@@ -1,11 +1,13 @@
 #pragma once
 
+#include "calib/Calibrator.h"
 #include "vexo/board.h"
 
 #include <opencv2/core.hpp>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 /// What the calibrators and the pose solver share: owning a recogniser, taking pictures from hosts, and showing
 /// how a recognition ended.
@@ -26,8 +28,12 @@ bool set_board_parameters(
 /// The host's picture as a Mat over its own memory; empty when pointer, size or step describe no picture.
 cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step);
 
-/// Picture that belongs to how the last recognition ended, BGR; `picture` itself when there is none.
-cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture);
+/// Picture that belongs to how the last recognition ended, BGR; `picture` itself when there is none. Empty for lack
+/// of memory.
+cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture) noexcept;
+
+/// Makes sure that a view can be appended. False for lack of memory.
+bool room_for_one_more(std::vector<View>& views) noexcept;
 
 /// Writes the picture of how the last recognition ended when `save` names a file, and shows it for a moment when
 /// asked to.

@@ -1,6 +1,7 @@
 #include "matching/sgbm.h"
 
 #include "camera/image_file.h"
+#include "camera/no_memory.h"
 #include "camera/stereo_camera.h"
 
 #include <opencv2/calib3d.hpp>
@@ -88,7 +89,12 @@ bool SGBMatching::exec()
     const cv::Size size(output_width, output_height);
     if (camera == nullptr || targets[0].empty() || targets[1].empty()) return false;
     if (targets[0].size() != size || targets[1].size() != size || !_record_is_usable()) return false;
+    executed = false_without_memory([this] { return _match(); });
+    return executed;
+}
 
+bool SGBMatching::_match()
+{
     const int area = targets[0].channels() * record.blockSize * record.blockSize;
     const int P1 = record.P1 < 0 ? 8 * area : record.P1;
     const int P2 = record.P2 < 0 ? 32 * area : record.P2;
@@ -98,7 +104,6 @@ bool SGBMatching::exec()
     matcher->compute(targets[0], targets[1], fixed_point);
     fixed_point.convertTo(disparity, CV_64F, 1.0 / 16.0);
     invalid_disparity = record.minDisparity - 1.0; // of the map just made, even from a refused record
-    executed = true;
     return true;
 }
 

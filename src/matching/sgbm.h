@@ -31,6 +31,8 @@ public:
 
 private:
     bool _record_is_usable() const noexcept;
+    /// Disparities of the targets.
+    bool _match();
 
     SGBMatchingParam record; ///< in force, even when setparams() refused it
     cv::Mat targets[2];      ///< rectified 8-bit images, one per camera; empty: not given

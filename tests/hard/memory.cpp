@@ -1,0 +1,319 @@
+// The n-th allocation of an operation fails, for every n: the answer is null or false, nothing escapes, nothing is
+// lost, and the same operation works afterwards. Operator new and posix_memalign are replaced; they are all that the
+// library and OpenCV's core allocate with. malloc of C libraries (picture formats, the OpenMP runtime) is not.
+
+#include "support/board_image.h"
+#include "support/child.h"
+#include "support/samples.h"
+
+#include "camera/stereo_camera.h"
+
+#include <atomic>
+#include <cerrno>
+
+using namespace vexo;
+using namespace hard;
+
+namespace {
+
+std::atomic<long> countdown { 0 }; ///< 1: the next allocation fails; below: none does
+std::atomic<long> living { 0 };    ///< blocks from operator new
+
+bool fails_now() noexcept
+{
+    return countdown.load(std::memory_order_relaxed) > 0 && countdown.fetch_sub(1) == 1;
+}
+
+void* allocate(std::size_t bytes) noexcept
+{
+    if (fails_now()) return nullptr;
+    void* block = std::malloc(bytes == 0 ? 1 : bytes);
+    if (block != nullptr) ++living;
+    return block;
+}
+
+void release(void* block) noexcept
+{
+    if (block != nullptr) --living;
+    std::free(block);
+}
+
+} // namespace
+
+void* operator new(std::size_t bytes)
+{
+    if (void* block = allocate(bytes)) return block;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t bytes)
+{
+    return operator new(bytes);
+}
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
+{
+    return allocate(bytes);
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept
+{
+    return allocate(bytes);
+}
+void operator delete(void* block) noexcept
+{
+    release(block);
+}
+void operator delete[](void* block) noexcept
+{
+    release(block);
+}
+void operator delete(void* block, std::size_t) noexcept
+{
+    release(block);
+}
+void operator delete[](void* block, std::size_t) noexcept
+{
+    release(block);
+}
+
+extern "C" void* __libc_memalign(std::size_t alignment, std::size_t bytes);
+extern "C" int posix_memalign(void** block, std::size_t alignment, std::size_t bytes)
+{
+    *block = fails_now() ? nullptr : __libc_memalign(alignment, bytes);
+    return *block == nullptr ? ENOMEM : 0;
+}
+
+namespace {
+
+/// Objects that operations work on, made in the child where they are used.
+struct Bench {
+    Bench()
+        : camera(rig::make_camera())
+        , board_camera(make_board_camera())
+    {
+        for (int g = 0; g < 3; ++g)
+            measure_with(g, true);
+        board.reset(CreateCalibBoardRecognizer());
+        calibrator.reset(CreateCameraCalibrator());
+        pair.reset(CreateStereoCalibrator());
+        board->set_parameters(pre, circle, param);
+        calibrator->set_parameters(pre, circle, param);
+        pair->set_parameters(pre, circle, param);
+        const board_image::Renderer renderer(board_camera);
+        for (int view = 0; view < 4; ++view) {
+            const double tilt = 0.25 + 0.05 * view;
+            for (int cam = 0; cam < 2; ++cam) {
+                const board_image::Pose pose = board_image::view(
+                    board_image::coarse_board(), tilt, 1.6 * view, 0.1, { 20.0 - 40 * cam, 0, 340 });
+                picture = renderer.render(board_image::coarse_board(), pose, {}, view);
+                pair->put_image(cam, picture.data, picture.cols, picture.rows, picture.step[0], false, "");
+                if (cam == 0)
+                    calibrator->put_image(picture.data, picture.cols, picture.rows, picture.step[0], false, "");
+            }
+        }
+        CameraCalibParam calibration;
+        calibration.flags = 128; // k3 fixed at 0: four views of a small picture
+        if (!pair->do_calibrate(calibration, nullptr, nullptr)) std::abort();
+        RectifyParam rectify;
+        if (!(pair->create_stereo_camera(rectify, nullptr, nullptr) > 0)) std::abort();
+    }
+
+    static board_image::Camera make_board_camera()
+    {
+        board_image::Camera camera;
+        camera.size = { 400, 320 };
+        camera.fx = camera.fy = 440;
+        camera.cx = 200;
+        camera.cy = 160;
+        return camera;
+    }
+
+    /// @param anew  makes the generator; else only exec, genPC and the count
+    bool measure_with(int g, bool anew)
+    {
+        auto& generator = generators[g];
+        if (anew) {
+            generator.reset(CreatePointCloudGenerator(g));
+            if (!generator) return false;
+            generator->init(camera.get());
+            SGBMatchingParam sgbm;
+            sgbm.numDisparities = 32;
+            GrayPhaseMatchingParam gray;
+            gray.max_phase_diff = 0.15;
+            gray.anchor_length = 2;
+            MultiPhaseMatchingParam multi;
+            void* const records[] = { &sgbm, &gray, &multi };
+            if (!generator->setparams(records[g])) return false;
+            for (int cam = 0; cam < 2; ++cam) {
+                static const std::vector<cv::Mat> frames[3][2]
+                    = { { { sample() }, { sample() } }, { rig::gray_phase_frames(0), rig::gray_phase_frames(1) },
+                          { rig::multi_phase_frames(0), rig::multi_phase_frames(1) } };
+                int index = 0;
+                for (const cv::Mat& frame : frames[g][cam])
+                    if (!generator->setpict(frame.data, frame.step[0], cam, index++)) return false;
+            }
+        }
+        if (g == 0) return true; // inside cv::StereoSGBM a failed allocation ends the process: BufferArea's destructor
+        if (!generator->exec()) return false;
+        generator->genPC(iPointCloudGenerator::MethodQ, true);
+        return generator->get_pointcloud(nullptr) > 0;
+    }
+
+    static cv::Mat sample() { return cv::Mat(rig::height, rig::width, CV_8U, cv::Scalar(99)); }
+
+    rig::Camera camera;
+    board_image::Camera board_camera;
+    Owned<iPointCloudGenerator> generators[3];
+    Owned<iCalibBoardRecognizer> board;
+    Owned<iCameraCalibrator> calibrator;
+    Owned<iStereoCalibrator> pair;
+    PreProcParam pre;
+    CircleMarkerParam circle = board_image::marker_settings();
+    CalibBoardParam param = board_image::coarse_board().param;
+    cv::Mat picture;
+};
+
+struct Operation {
+    const char* name;
+    bool (*run)(Bench&);       ///< false or null: refused
+    bool opencv_leaks = false; ///< cv::calibrateCamera loses matrices when it throws
+};
+
+template <class Object> bool made(Object* object)
+{
+    const Owned<Object> owner(object);
+    return owner != nullptr;
+}
+
+bool from_files(int selector, const std::vector<std::string>& files)
+{
+    const StereoCameraParam p = sample_param();
+    return made(CreateStereoCamera(selector, &files, &p));
+}
+
+bool recognise(Bench& b)
+{
+    std::vector<cv::Point2f> points;
+    return b.board->recognize(b.picture, points) == 0;
+}
+
+bool put_in_new(Bench& b)
+{
+    const Owned<iStereoCalibrator> calibrator(CreateStereoCalibrator());
+    return calibrator && calibrator->set_parameters(b.pre, b.circle, b.param)
+        && calibrator->put_image(1, b.picture.data, b.picture.cols, b.picture.rows, b.picture.step[0], false, "") == 0;
+}
+
+/// Strings that go in are the host's to allocate. File names lie in the working directory: short ones need no memory.
+const std::vector<std::string> pair_file { "cams.yaml" }, hmat_files { "p0.hmat", "p1.hmat", "tables.bin" };
+const Operation operations[] = {
+    { "CreateStereoCamera 2", [](Bench&) { return from_files(2, pair_file); } },
+    { "CreateStereoCamera 1", [](Bench&) { return from_files(1, hmat_files); } },
+    { "CreateStereoCameraFromRaw", [](Bench&) { return rig::make_camera() != nullptr; } },
+    { "CreatePointCloudGenerator 0", [](Bench&) { return made(CreatePointCloudGenerator(0)); } },
+    { "CreatePointCloudGenerator 1", [](Bench&) { return made(CreatePointCloudGenerator(1)); } },
+    { "CreatePointCloudGenerator 2", [](Bench&) { return made(CreatePointCloudGenerator(2)); } },
+    { "CreateCalibBoardRecognizer", [](Bench&) { return made(CreateCalibBoardRecognizer()); } },
+    { "CreateCameraCalibrator", [](Bench&) { return made(CreateCameraCalibrator()); } },
+    { "CreateStereoCalibrator", [](Bench&) { return made(CreateStereoCalibrator()); } },
+    { "block matching, up to exec", [](Bench& b) { return b.measure_with(0, true); } },
+    { "gray code + phase, new", [](Bench& b) { return b.measure_with(1, true); } },
+    { "multi-period, new", [](Bench& b) { return b.measure_with(2, true); } },
+    { "gray code + phase, again", [](Bench& b) { return b.generators[1] && b.measure_with(1, false); } },
+    { "multi-period, again", [](Bench& b) { return b.generators[2] && b.measure_with(2, false); } },
+    { "recognize", recognise },
+    { "put_image of a new calibrator", put_in_new },
+    { "set_parameters", [](Bench& b) { return b.board->set_parameters(b.pre, b.circle, b.param); } },
+    { "do_calibrate, one camera",
+        [](Bench& b) {
+            CameraCalibParam p;
+            p.flags = 128;
+            std::vector<double> errors;
+            double rms = 0;
+            return b.calibrator->do_calibrate(p, &errors, &rms);
+        },
+        true },
+    { "create_stereo_camera",
+        [](Bench& b) {
+            RectifyParam p;
+            return b.pair->create_stereo_camera(p, nullptr, nullptr) > 0;
+        } },
+    { "save_calibfile", [](Bench& b) { return b.pair->save_calibfile("c0.yaml", ""); } },
+    { "save_stereofile", [](Bench& b) { return b.pair->save_stereofile("s.yaml", "", ""); } },
+    { "save_stereohmat", [](Bench& b) { return b.pair->save_stereohmat("h0", "h1", "h2", false); } },
+    { "save_boardRT", [](Bench& b) { return b.pair->save_boardRT("b.yaml"); } },
+    { "convert_coordinate", [](Bench& b) { return b.generators[0]->convert_coordinate("rt.yaml"); } },
+};
+constexpr long operation_count = sizeof operations / sizeof operations[0];
+
+/// Runs an operation with its n-th allocation failing.
+/// @param reached  out: whether there was an n-th allocation
+bool fails_at(Bench& bench, const Operation& operation, long n, bool& reached)
+{
+    countdown = n;
+    bool good = false;
+    try {
+        good = operation.run(bench);
+    } catch (...) {
+        countdown = 0;
+        throw;
+    }
+    reached = countdown.load() <= 0;
+    countdown = 0;
+    return good;
+}
+
+const char* message(const Operation& operation, long n, const char* fault)
+{
+    static char text[200];
+    std::snprintf(text, sizeof text, "%s, allocation %ld: %s", operation.name, n, fault);
+    return text;
+}
+
+/// Blocks that stay after `times` failures at n.
+long growth(Bench& bench, const Operation& operation, long n, int times)
+{
+    const long before = living;
+    bool reached = false;
+    for (int i = 0; i < times; ++i)
+        fails_at(bench, operation, n, reached);
+    operation.run(bench);
+    return living - before;
+}
+
+/// Every `stride`-th allocation of one operation.
+const char* attack(const Operation& operation, long stride, long first, long& tried)
+{
+    Bench bench;
+    for (int i = 0; i < 3; ++i) // caches fill
+        if (!operation.run(bench)) return message(operation, 0, "does not work at all");
+    bool reached = true;
+    for (long n = 1 + first % stride; reached; n += stride, ++tried) {
+        try {
+            fails_at(bench, operation, n, reached);
+        } catch (const std::exception& e) {
+            return message(operation, n, e.what());
+        }
+        if (!operation.run(bench)) return message(operation, n, "does not work afterwards");
+        if (!operation.opencv_leaks && n % 5 == 1 && growth(bench, operation, n, 1) > 0
+            && growth(bench, operation, n, 8) >= 8)
+            return message(operation, n, "memory is lost");
+    }
+    return nullptr;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Options options(argc, argv);
+    const Folder folder;
+    if (in_child([&] { return write_samples(folder) ? 0 : 1; }) != 0) return 1;
+    if (chdir((folder / "").c_str()) != 0) return 1;
+    const bool every = options.seconds > 0;
+    auto* tried = static_cast<long*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const long found = run_trials(
+        "memory: operations with failing allocations", argv[0], options, operation_count,
+        [&](long i) { return attack(operations[i], every ? 1 : 7, static_cast<long>(options.seed), *tried); },
+        { every ? 600.0 : 60.0, std::size_t { 3 } << 30 }, true);
+    std::printf("memory: %ld allocations failed\n", *tried);
+    return found == 0 ? 0 : 1;
+}
