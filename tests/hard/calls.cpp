@@ -163,7 +163,7 @@ private:
         const std::size_t g = any_generator();
         generators[g].reset(CreatePointCloudGenerator(static_cast<int>(g)));
         bound[g] = nullptr;
-        float_from[g] = INT_MAX;
+        float_from[g] = none;
         return generators[g] ? nullptr : "no generator";
     }
 
@@ -205,8 +205,8 @@ private:
         gray.anchor_length = 2;
         if (g == 0) taken(sgbm, sizeof sgbm);
         // The type of the frames follows the record that was taken, which may not be the one made here.
-        if (g == 1 && taken(gray, sizeof gray)) float_from[1] = last_datatype(gray) == 0 ? INT_MAX : 3;
-        if (g == 2 && taken(multi, multi_phase_param_bytes)) float_from[2] = last_datatype(multi) == 0 ? INT_MAX : 2;
+        if (g == 1 && taken(gray, sizeof gray)) float_from[1] = last_datatype(gray) == 0 ? none : 3;
+        if (g == 2 && taken(multi, multi_phase_param_bytes)) float_from[2] = last_datatype(multi) == 0 ? none : 2;
         return fault;
     }
     template <class Record> int last_datatype(const Record&) const
@@ -561,12 +561,13 @@ private:
         return nullptr;
     }
 
+    static constexpr long none = LONG_MAX;
     Rng& rng;
     const Folder& folder;
     std::vector<Owned<iStereoCamera>> cameras;
     Owned<iPointCloudGenerator> generators[3];
     iStereoCamera* bound[3] = {};
-    int float_from[3] = { INT_MAX, INT_MAX, INT_MAX }; ///< frames from here on are floats
+    long float_from[3] = { none, none, none }; ///< frames from here on are floats
     int method[3] = {};
     Owned<iCalibBoardRecognizer> board;
     Owned<iCameraCalibrator> camera_calibrator;
