@@ -1,0 +1,152 @@
+// The same bits on any number of threads, inside the host's own parallel region, under a thread limit, with memory
+// that was filled before it was handed out, and for generators that share a camera on two threads.
+
+#include "support/board_image.h"
+#include "support/child.h"
+#include "support/samples.h"
+
+#include <malloc.h>
+#include <omp.h>
+
+using namespace vexo;
+using namespace hard;
+
+namespace {
+
+/// FNV-1a, 64 bits.
+struct Digest : PointCloudCallback {
+    uint64_t hash = 14695981039346656037ULL;
+
+    void add(const void* bytes, std::size_t size)
+    {
+        const auto* b = static_cast<const uint8_t*>(bytes);
+        for (std::size_t i = 0; i < size; ++i)
+            hash = (hash ^ b[i]) * 1099511628211ULL;
+    }
+    void receive(unsigned char* texture, std::size_t step, int w, int h, cv::Point3_<float>* points, int count) override
+    {
+        for (int y = 0; texture != nullptr && y < h; ++y)
+            add(texture + static_cast<std::size_t>(y) * step, static_cast<std::size_t>(w));
+        add(points, sizeof(cv::Point3f) * static_cast<std::size_t>(w) * static_cast<std::size_t>(h));
+        add(&count, sizeof count);
+    }
+};
+
+using Frames = std::vector<cv::Mat>;
+
+/// Noise on the fringes, so that rows differ.
+Frames noisy(Frames frames, int seed)
+{
+    cv::RNG rng(static_cast<uint64>(seed) + 1);
+    for (cv::Mat& frame : frames) {
+        cv::Mat noise(frame.size(), CV_8S);
+        rng.fill(noise, cv::RNG::UNIFORM, -6, 7);
+        cv::add(frame, noise, frame, cv::noArray(), CV_8U);
+    }
+    return frames;
+}
+
+uint64_t measure(iStereoCamera* camera, int g)
+{
+    const Frames frames[2] = { noisy(g == 1 ? rig::gray_phase_frames(0) : rig::multi_phase_frames(0), g),
+        noisy(g == 1 ? rig::gray_phase_frames(1) : rig::multi_phase_frames(1), 9 + g) };
+    SGBMatchingParam sgbm;
+    sgbm.numDisparities = 32;
+    GrayPhaseMatchingParam gray;
+    gray.anchor_length = 2;
+    MultiPhaseMatchingParam multi;
+    void* const records[] = { &sgbm, &gray, &multi };
+    const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(g));
+    generator->init(camera);
+    generator->setparams(records[g]);
+    for (int cam = 0; cam < 2; ++cam)
+        for (int i = 0; i < generator->requiredframes(); ++i) {
+            const cv::Mat& frame = frames[cam][static_cast<std::size_t>(i + (g == 0 ? 3 : 0))];
+            generator->setpict(frame.data, frame.step[0], cam, i);
+        }
+    Digest digest;
+    for (const bool interpolate : { false, true }) {
+        if (!generator->exec()) std::abort();
+        generator->genPC(iPointCloudGenerator::MethodQ, interpolate);
+        if (generator->get_pointcloud(&digest) < 1) std::abort();
+    }
+    return digest.hash;
+}
+
+uint64_t recognise()
+{
+    board_image::Camera camera;
+    camera.size = { 400, 320 };
+    camera.fx = camera.fy = 440;
+    camera.cx = 200;
+    camera.cy = 160;
+    const board_image::Board board = board_image::coarse_board();
+    cv::Mat picture
+        = board_image::Renderer(camera).render(board, board_image::view(board, 0.3, 1.0, 0.1, { 0, 0, 320 }), {}, 1);
+    const Owned<iCalibBoardRecognizer> recogniser(CreateCalibBoardRecognizer());
+    PreProcParam pre;
+    CircleMarkerParam circle = board_image::marker_settings();
+    CalibBoardParam param = board.param;
+    std::vector<cv::Point2f> points;
+    if (!recogniser->set_parameters(pre, circle, param) || recogniser->recognize(picture, points) != 0) std::abort();
+    Digest digest;
+    digest.add(points.data(), points.size() * sizeof(cv::Point2f));
+    return digest.hash;
+}
+
+/// Digest of everything; `inside` measures inside a parallel region of the host, all methods at once.
+uint64_t digest_of_all(bool inside)
+{
+    const rig::Camera camera = rig::make_camera(9, 0.02); // shared by all
+    uint64_t hashes[4] = {};
+    const auto work = [&](int k) { hashes[k] = k < 3 ? measure(camera.get(), k) : recognise(); };
+    if (inside) {
+#pragma omp parallel for num_threads(4) schedule(static, 1) // each writes its own hash
+        for (int k = 0; k < 4; ++k)
+            work(k);
+    } else {
+        for (int k = 0; k < 4; ++k)
+            work(k);
+    }
+    Digest all;
+    all.add(hashes, sizeof hashes);
+    return all.hash;
+}
+
+/// Runs this program anew under an environment. @return its digest
+std::string run(const std::string& environment, const std::string& program, bool inside)
+{
+    const std::string command = environment + " '" + program + "' --digest " + (inside ? "1" : "0") + " 2>/dev/null";
+    std::FILE* pipe = popen(command.c_str(), "r");
+    char text[64] = "";
+    if (pipe == nullptr || std::fgets(text, sizeof text, pipe) == nullptr) text[0] = '\0';
+    return pipe != nullptr && pclose(pipe) == 0 ? text : "failed";
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc == 3 && std::string(argv[1]) == "--digest") {
+        std::printf("%016llx\n", static_cast<unsigned long long>(digest_of_all(argv[2][0] == '1')));
+        return 0;
+    }
+    const Clock clock;
+    const char* const environments[]
+        = { "OMP_NUM_THREADS=1", "OMP_NUM_THREADS=2", "OMP_NUM_THREADS=4", "OMP_NUM_THREADS=7", "OMP_THREAD_LIMIT=1",
+              "OMP_DYNAMIC=true", "OMP_MAX_ACTIVE_LEVELS=3", "GLIBC_TUNABLES=glibc.malloc.perturb=85",
+              "GLIBC_TUNABLES=glibc.malloc.perturb=128", "GLIBC_TUNABLES=glibc.malloc.perturb=170",
+              "GLIBC_TUNABLES=glibc.malloc.perturb=254", "GLIBC_TUNABLES=glibc.malloc.perturb=255" };
+    const std::string expected = run("", argv[0], false);
+    long tried = 0, found = expected == "failed" ? 1 : 0;
+    for (const char* environment : environments)
+        for (const bool inside : { false, true }) {
+            ++tried;
+            const std::string got = run(environment, argv[0], inside);
+            if (got == expected) continue;
+            ++found;
+            std::printf("  FOUND other bits    repeat: %s %s --digest %d\n", environment, argv[0], inside ? 1 : 0);
+        }
+    report("threads: 1 2 4 7, nested, limited, filled memory: same bits", tried, found, clock);
+    return found == 0 ? 0 : 1;
+}
