@@ -108,6 +108,7 @@ inline long run_trials(const char* what, const char* program, const Options& opt
     Limits limits = {}, bool fixed = false)
 {
     if (options.only >= 0) {
+        if (fixed && options.only >= quick) return 0; // a trial of another table line
         const char* found = trial(options.only);
         std::printf("trial %ld: %s\n", options.only, found == nullptr ? "nothing found" : found);
         return found != nullptr;
