@@ -143,6 +143,7 @@ Capture make_capture(
 
     Capture capture;
     capture.truth = make_truth(views[0], pattern.lit_columns());
+    const cv::Mat_<uchar> visible1 = make_truth(views[1], pattern.lit_columns()).visible;
     for (std::size_t k = 0; k < rows.size(); ++k) {
         const auto frame = static_cast<int>(k);
         step("frame " + std::to_string(frame));
@@ -153,7 +154,9 @@ Capture make_capture(
     }
     capture.scene_json = scene_text(scene_name, rig, pattern, capture.truth);
     add_text("cameras.yaml", cameras_yaml(rig), capture.files);
-    add_images({ { "truth.tiff", capture.truth.depth }, { "visible.png", capture.truth.visible } }, capture.files);
+    add_images({ { "truth.tiff", capture.truth.depth }, { "visible.png", capture.truth.visible },
+                   { "visible1.png", visible1 } },
+        capture.files);
     add_text("scene.json", capture.scene_json, capture.files);
     return capture;
 }

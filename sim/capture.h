@@ -17,6 +17,7 @@ namespace sim {
 ///     visible.png            255 where the pixel's point is seen by both cameras and lit by the lit frame: behind
 ///                            the last column of multi-phase frames there is nothing to measure. Under flat light
 ///                            (block matching) everything is lit
+///     visible1.png           the same of camera 1's pixels
 ///     scene.json             the scene's name, all options, the rig, and the balls of `spheres`
 struct Capture {
     Files files;

@@ -62,8 +62,9 @@ void add_balls(Scene& scene, const RigOptions& options)
 void add_bust(Scene& scene, double middle_z)
 {
     constexpr double middle_of_bust_y = 13, nose_to_middle = 40; // mm; nearest point and ears about the middle
-    scene.add(std::make_unique<Implicit>(bust_field, cv::Vec3d(bust_low), cv::Vec3d(bust_high),
-        cv::Vec3d(0, -middle_of_bust_y, middle_z + nose_to_middle)));
+    const auto field = [](const cv::Vec3d& p) { return bust_scale * bust_field(p / bust_scale); };
+    scene.add(std::make_unique<Implicit>(field, bust_scale * cv::Vec3d(bust_low), bust_scale * cv::Vec3d(bust_high),
+        cv::Vec3d(0, -bust_scale * middle_of_bust_y, middle_z + nose_to_middle)));
 }
 } // namespace
 

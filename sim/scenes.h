@@ -38,6 +38,8 @@ double bust_field(const cv::Vec3d& point) noexcept;
 /// Box around the bust, same frame.
 constexpr double bust_low[3] = { -130, -140, -110 };
 constexpr double bust_high[3] = { 130, 155, 100 };
+/// The scene's bust is that much larger, so that it fills the default rig's picture as a scanned object would.
+constexpr double bust_scale = 1.2;
 
 } // namespace sim
 } // namespace vexo

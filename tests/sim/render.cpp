@@ -133,7 +133,8 @@ TEST(SimRender, PictureEqualsTheAverageOfAFourTimesFinerOne)
         cv::resize(fine_view.picture(lit, 1), average, coarse.image_size, 0, 0, cv::INTER_AREA);
         cv::absdiff(average, coarse_view.picture(lit, 1), difference);
         // At edges 16 samples stand for a pixel: a sixteenth of 200 grey levels, half of it either way, and corners.
-        EXPECT_LT(cv::mean(difference)[0], 0.15) << name;
+        // The mean over the whole picture grows with the length of the edges in it.
+        EXPECT_LT(cv::mean(difference)[0], 0.2) << name;
         EXPECT_LT(cv::countNonZero(difference > 12), 40) << name;
     }
 }
@@ -175,7 +176,7 @@ TEST(SimRender, BytesDependOnTheSeedAndNotOnTheThreads)
     const Capture two = make_capture("bust", options);
     omp_set_num_threads(threads);
     EXPECT_EQ(one.files, two.files);
-    ASSERT_EQ(one.files.size(), 26U + 4U);
+    ASSERT_EQ(one.files.size(), 26U + 5U);
     EXPECT_EQ(one.files[27].first, "truth.tiff");
     const cv::Mat_<float> depth = cv::imdecode(one.files[27].second, cv::IMREAD_UNCHANGED);
     ASSERT_EQ(depth.size(), one.truth.depth.size());
@@ -262,7 +263,7 @@ TEST(SimCapture, SurfaceBehindTheLastLitColumnIsNotCalledVisible)
     RigOptions options = noise_free(160, 128);
     options.method = "multi-phase";
     const Capture capture = make_capture("plane", options);
-    ASSERT_EQ(capture.files.size(), 28U + 4U);
+    ASSERT_EQ(capture.files.size(), 28U + 5U);
     const Rig rig = make_rig(options);
     const cv::Mat_<uchar> dark = cv::imdecode(capture.files[0].second, cv::IMREAD_UNCHANGED);
     const cv::Mat_<uchar> lit = cv::imdecode(capture.files[2].second, cv::IMREAD_UNCHANGED);
@@ -315,7 +316,7 @@ TEST(SimCapture, PaintedSceneLooksTheSameFromBothCameras)
     options.method = "sgbm";
     const Rig rig = make_rig(options);
     const Capture capture = make_capture("sphere", options);
-    ASSERT_EQ(capture.files.size(), 2U + 4U);
+    ASSERT_EQ(capture.files.size(), 2U + 5U);
     const cv::Mat_<uchar> left = cv::imdecode(capture.files[0].second, cv::IMREAD_UNCHANGED);
     cv::Mat_<uchar> right = cv::imdecode(capture.files[1].second, cv::IMREAD_UNCHANGED);
     cv::Mat_<float> x_right(left.size(), -1.F), y_right(left.size(), -1.F);

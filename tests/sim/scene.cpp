@@ -91,7 +91,8 @@ TEST(SimScene, TrueDepthLeadsBackToTheSurface)
             if (off_ball < tolerance) ++on_ball;
             if (std::isnan(bust_view.depth()(y, x))) continue;
             ++on_bust;
-            const cv::Vec3d b = point_of(camera, bust_view.depth(), y, x) - cv::Vec3d(0, -13, 640);
+            const cv::Vec3d b
+                = (point_of(camera, bust_view.depth(), y, x) - cv::Vec3d(0, -13 * bust_scale, 640)) / bust_scale;
             ASSERT_LT(std::abs(bust_field(b)), tolerance) << x << ' ' << y;
         }
     EXPECT_GT(on_ball, 5000);
