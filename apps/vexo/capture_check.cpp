@@ -27,6 +27,8 @@ constexpr double fringe_mean = 127.5, fringe_amplitude = 120.0;
 /// A clipped fringe frame flattens the sinusoid: phases there are off by up to a twentieth of a period. From one
 /// pixel in fifty on that shows as stripes and holes in the cloud.
 constexpr double most_saturated = 0.02;
+/// With more than half of them clipped, what is left are islands.
+constexpr double hopelessly_saturated = 0.5;
 /// Phase noise is noise / (sqrt(2) modulation) rad. At 10 it is a 90th of a period, and differences of periods up to
 /// 11 px still round safely: 0.5 px is 2.9 standard deviations of x1 - x0.
 constexpr double least_modulation_per_noise = 10.0;
@@ -567,9 +569,9 @@ std::vector<Finding> judge(const CameraFigures& f, const CaptureMethod& method, 
     if (exchange[1] != 0 || f.pixels < least_pixels) return found; // figures of wrong frames mean nothing
 
     if (f.saturated_fringes > most_saturated)
-        add("over-exposed", Weight::worse,
+        add("over-exposed", f.saturated_fringes > hopelessly_saturated ? Weight::spoils : Weight::worse,
             percent_of(f.saturated_fringes) + " of the pixels are at 255 in a fringe frame; expose less");
-    if (f.modulation < weak_modulation)
+    if (f.modulation < weak_modulation && f.saturated_fringes <= most_saturated)
         add("under-exposed", Weight::worse,
             "modulation " + number(f.modulation, 1) + " grey levels; " + number(weak_modulation, 0)
                 + " or more are needed; expose more");

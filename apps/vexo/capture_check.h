@@ -27,7 +27,8 @@ enum class Weight { note, worse, spoils };
 /// Something that is to be said of a capture.
 struct Finding {
     /// spoils: "frames-missing", "mixed-size", "out-of-order", "moving-scene", "unsteady-light", "pattern-unseen";
-    /// worse: "over-exposed", "under-exposed", "noisy", "non-linear"; note: "blank-frame", "gamma".
+    /// worse: "over-exposed" (spoils above one half), "under-exposed", "noisy", "non-linear"; note: "blank-frame",
+    /// "gamma".
     std::string name;
     Weight weight = Weight::note;
     int camera = -1;  ///< 0 or 1; -1: both
