@@ -16,7 +16,7 @@ struct CalibrationOptions {
     RigOptions rig; ///< of these: image size, distance, baseline, toe-in, exposure, noise and seed
     BoardLayout board;
     int views = 16;
-    double max_tilt_deg = 48; ///< of the board against the rig's front; steep views fix the focal lengths
+    double max_tilt_deg = 45; ///< of the board against the rig's front; steep views fix the focal lengths
     double blur = 0.7;        ///< px; standard deviation of the cameras' blur
     double gradient = 1.5;    ///< brightest over darkest light across the field of view
 };

@@ -24,7 +24,8 @@ bool fails_now() noexcept
     return countdown.load(std::memory_order_relaxed) > 0 && countdown.fetch_sub(1) == 1;
 }
 
-void* allocate(std::size_t bytes) noexcept
+// Not inlined: GCC would take the malloc and free of a replaced operator for a mismatch.
+[[gnu::noinline]] void* allocate(std::size_t bytes) noexcept
 {
     if (fails_now()) return nullptr;
     void* block = std::malloc(bytes == 0 ? 1 : bytes);
@@ -32,7 +33,7 @@ void* allocate(std::size_t bytes) noexcept
     return block;
 }
 
-void release(void* block) noexcept
+[[gnu::noinline]] void release(void* block) noexcept
 {
     if (block != nullptr) --living;
     std::free(block);
