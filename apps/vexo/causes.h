@@ -7,7 +7,7 @@
 #include <array>
 
 /// Why pixels were not measured. The library does not tell, so it is asked: the same frames are matched again
-/// with wider limits, and with a second camera that has a partner for everything.
+/// with wider limits, and, for phases, with a second camera that has a partner for everything.
 namespace vexo::app {
 
 /// Each pixel has one: the first test that it failed, in the order in which the tests are made.
@@ -20,27 +20,41 @@ enum class Cause : unsigned char {
     no_partner,       ///< the other camera's row does not see this projector coordinate
     phase_difference, ///< it does, but the nearest pixel there is too far in phase
     disparity,        ///< a partner was found, outside the accepted disparities
+    outside_overlap,  ///< block matching: the disparity range leads out of the other camera's picture
+    no_match,         ///< block matching: hidden from the other camera, or the two directions disagree
+    ambiguous,        ///< block matching: other disparities fit nearly as well
+    speckle,          ///< block matching: a patch that is small and apart from its surroundings
     count
 };
 constexpr std::size_t cause_count = static_cast<std::size_t>(Cause::count);
+/// The causes that a method can have, in this order; the first is Cause::none.
+std::vector<Cause> causes_of(Method method);
 
 /// Words for people, and the key in report.json.
 const char* words_of(Cause cause);
 const char* key_of(Cause cause);
-/// One colour each, for the validity picture; the text is words_of().
+/// One colour each, of all causes; the text is words_of().
 std::vector<Label> cause_legend();
 
 struct CauseMap {
     cv::Mat causes; ///< CV_8U, Cause of each rectified pixel
     std::array<long long, cause_count> counts {};
-    /// Disparities found when the limits are lifted, from the 1 % to the 99 % quantile; NaN: none.
-    double low_disparity = 0.0, high_disparity = 0.0;
+
+    long long operator[](Cause cause) const { return counts[static_cast<std::size_t>(cause)]; }
 };
 
-/// @param frames  what was matched, lit frames masked
-/// @param masks   of camera 0
-/// @param cloud   result of match() with these frames, `param` and `interpolate`
-CauseMap find_causes(iStereoCamera& camera, const std::array<std::vector<cv::Mat>, 2>& frames, const PixelMasks& masks,
-    const GrayPhaseMatchingParam& param, bool interpolate, const Cloud& cloud, const Geometry& geometry);
+/// The record with every disparity allowed; of a phase method.
+MatchingRecord lift_disparity(MatchingRecord record);
+
+/// @param frames         what was matched, lit frames masked
+/// @param masks          of camera 0
+/// @param cloud          result of match() with these frames, `record` and `interpolate`
+/// @param any_disparity  the same with lift_disparity(record)
+CauseMap find_phase_causes(iStereoCamera& camera, const CameraFrames& frames, const PixelMasks& masks,
+    const MatchingRecord& record, bool interpolate, const Cloud& cloud, const Cloud& any_disparity);
+
+/// Of block matching.
+CauseMap find_block_causes(
+    iStereoCamera& camera, const CameraFrames& frames, const SGBMatchingParam& param, const Cloud& cloud);
 
 } // namespace vexo::app

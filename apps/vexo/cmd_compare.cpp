@@ -232,33 +232,74 @@ Json coverage(const Errors& e, const VisibleSurface& visible)
         { "inner_coverage", covered(e.measured, inner) } };
 }
 
+/// Noise of the decoded projector coordinate, in its own unit, and how many px of camera 1 that unit is long.
+struct CoordinateNoise {
+    double sigma0 = 0.0, sigma1 = 0.0; ///< of camera 0 and 1
+    double unit_px = 0.0;
+};
+
+/// Of gray code + phase; the unit is a fringe period.
+CoordinateNoise gray_noise(const Result& r)
+{
+    const auto get = [&r](const std::string& key) { return number_in(r.report, "/fringes" + key, r.report_path); };
+    return { get("/cam0/phase_noise"), get("/cam1/phase_noise"), get("/cam1/length_px") };
+}
+
+/// Of multi-period phase; the unit is a projector px. The coordinate is the mean over three periods T_f with
+/// phase noises s_f: sigma^2 = sum (T_f s_f)^2 / 9.
+CoordinateNoise multi_noise(const Result& r)
+{
+    constexpr int periods = 3;
+    CoordinateNoise noise;
+    double variances[2] = {};
+    for (int f = 0; f < periods; ++f) {
+        for (std::size_t camera = 0; camera < 2; ++camera) {
+            const std::string key = "/fringes/cam" + std::to_string(camera) + "/periods/" + std::to_string(f);
+            const double period = number_in(r.report, key + "/period", r.report_path);
+            variances[camera] += std::pow(period * number_in(r.report, key + "/phase_noise", r.report_path), 2.0);
+            if (camera == 1) noise.unit_px += number_in(r.report, key + "/length_px", r.report_path) / period / periods;
+        }
+    }
+    noise.sigma0 = std::sqrt(variances[0]) / periods;
+    noise.sigma1 = std::sqrt(variances[1]) / periods;
+    return noise;
+}
+
 /// Standard deviation of the depth that the noise of the grey values lets expect, by first-order propagation:
 ///
 ///     sigma_Z = Z^2 / (f b) sigma_d          sigma_d^2 = L^2 (4/9 s0^2 + k s1^2) + 2 q^2
 ///
-/// L is the fringe length in camera 1 in px, s0 and s1 the phase noise of the cameras in fringe periods
-/// (s = grey noise / (sqrt(2) modulation) / 2 pi). Rectification averages four neighbours: with offsets
-/// spread evenly, by 2/3 of the variance along each axis, 4/9 in all. In camera 1 a line through N neighbouring
-/// samples is read at most half a pixel from its middle:
+/// L is the length of the coordinate's unit in camera 1 in px, s0 and s1 the noise of the coordinate in both cameras
+/// (of a phase, in fringe periods: grey noise / (sqrt(2) modulation) / 2 pi). Rectification averages four
+/// neighbours: with offsets spread evenly, by 2/3 of the variance along each axis, 4/9 in all. In camera 1 a line
+/// through N neighbouring samples is read at most half a pixel from its middle:
 ///
 ///     k = 2/3 ((N - 1 + 2/3) / N^2 + 1 / (12 Sxx))          Sxx = N (N^2 - 1) / 12
 ///
 /// q = 1 / (32 sqrt(12)) px is the rounding of cv::remap, which reads each camera's picture at 1/32 px; it changes
 /// slowly along a row, so the line does not average it.
 /// Source: Surrel, Design of algorithms for phase measurements, Applied Optics 35 (1996) 51, for the phase.
-double predicted_noise(const Result& r)
+double predicted_noise(const Result& r, const CoordinateNoise& noise)
 {
-    const auto get = [&r](const std::string& pointer) { return number_in(r.report, pointer, r.report_path); };
-    const double n = get("/parameters/fit_points");
+    const double n = number_in(r.report, "/parameters/fit_points", r.report_path);
     const double k = 2.0 / 3.0 * ((n - 1.0 + 2.0 / 3.0) / (n * n) + 1.0 / (n * (n * n - 1.0)));
-    const double s0 = get("/fringes/cam0/phase_noise"), s1 = get("/fringes/cam1/phase_noise");
-    const double length = get("/fringes/cam1/length_px");
     constexpr double q_squared = 1.0 / (32.0 * 32.0 * 12.0);
-    const double sigma_d = std::sqrt(length * length * (4.0 / 9.0 * s0 * s0 + k * s1 * s1) + 2.0 * q_squared);
+    const double s0 = noise.sigma0 * noise.unit_px, s1 = noise.sigma1 * noise.unit_px;
+    const double sigma_d = std::sqrt(4.0 / 9.0 * s0 * s0 + k * s1 * s1 + 2.0 * q_squared);
     double fourth_powers = 0.0;
     for (const cv::Point3f& p : r.cloud)
         fourth_powers += std::pow(static_cast<double>(p.z), 4.0);
     return std::sqrt(fourth_powers / static_cast<double>(r.cloud.size())) / (r.f * r.baseline) * sigma_d;
+}
+
+/// Adds the prediction where there is one: block matching has no model of its noise, decoded maps tell none.
+void add_prediction(const Result& r, Json& c)
+{
+    const std::string method = c["method"];
+    if (!r.report.contains("fringes") || number_in(r.report, "/parameters/datatype", r.report_path) != 0.0) return;
+    const double predicted = predicted_noise(r, method == "multi-phase" ? multi_noise(r) : gray_noise(r));
+    c["predicted_noise"] = predicted;
+    c["rms_over_predicted"] = c["error"]["rms_without_outliers"].get<double>() / predicted;
 }
 
 Json statistics(const Errors& e)
@@ -348,8 +389,9 @@ void print_table(const GlobalOptions& global, const Json& c)
         percent(get("/coverage/inner_coverage"), 1.0));
     print_row(global, "rms of the depth error", mm("/error/rms"));
     print_row(global, "  without outliers", mm("/error/rms_without_outliers"));
-    print_row(global, "  predicted from the noise",
-        mm("/predicted_noise") + " (measured / predicted " + number(get("/rms_over_predicted"), 2) + ")");
+    if (c.contains("predicted_noise"))
+        print_row(global, "  predicted from the noise",
+            mm("/predicted_noise") + " (measured / predicted " + number(get("/rms_over_predicted"), 2) + ")");
     print_row(global, "95 % of the errors below", mm("/error/p95"));
     print_row(global, "bias", mm("/error/bias"));
     print_row(global, "wrong by more than 1 mm", percent(get("/error/outliers"), 1.0));
@@ -383,14 +425,16 @@ void compare(const GlobalOptions& global, const std::string& result_folder, cons
     Json c;
     c["result"] = result_folder;
     c["scan"] = scan_folder;
-    c["scene"] = t.scene.value("scene", "");
+    c["scene"] = text_in(t.scene, "scene", "");
+    c["method"] = text_in(r.report, "method", "gray-phase");
+    c["decode_and_match_seconds"] = number_in(r.report, "/seconds/decode_and_rectify", r.report_path)
+        + number_in(r.report, "/seconds/match_and_triangulate", r.report_path);
     c["error"] = statistics(e);
     if (c["error"]["points"] == c["error"]["points_beside_the_surface"])
         throw Failure(result_folder + ": no point lies where the truth of " + scan_folder
             + " has a surface; was it measured from this capture?");
     c["coverage"] = coverage(e, rectified_visible(r, t));
-    c["predicted_noise"] = predicted_noise(r);
-    c["rms_over_predicted"] = c["error"]["rms_without_outliers"].get<double>() / c["predicted_noise"].get<double>();
+    add_prediction(r, c);
     if (t.scene.contains("balls")) c["balls"] = compare_balls(e, t, (fs::path(scan_folder) / "scene.json").string());
     progress.step("making the picture");
     out.add("compare_view.png", encode(".png", error_view(e, c)));

@@ -30,6 +30,7 @@ constexpr Figure figures[] = {
     { "95 % of the errors below", "/error/p95", "mm", 4 },
     { "bias", "/error/bias", "mm", 4 },
     { "wrong by more than 1 mm", "/error/outliers", "%", 3 },
+    { "time to decode and match", "/decode_and_match_seconds", "s", 3 },
     { "diameter of ball 0", "/balls/diameters/0", "mm", 4 },
     { "diameter of ball 1", "/balls/diameters/1", "mm", 4 },
     { "  true diameter", "/balls/true_diameter", "mm", 4 },
@@ -64,15 +65,24 @@ void print_line(const GlobalOptions& global, const std::string& name, const std:
     say(global, line);
 }
 
+/// Columns of one scene differ in the method, so that is told, too.
+bool repeats(std::vector<std::string> names)
+{
+    std::sort(names.begin(), names.end());
+    return std::adjacent_find(names.begin(), names.end()) != names.end();
+}
+
 void table(const GlobalOptions& global, const std::vector<std::string>& folders)
 {
     std::vector<Json> results;
-    std::vector<std::string> names;
+    std::vector<std::string> names, methods;
     for (const std::string& folder : folders) {
         results.push_back(read_json((fs::path(folder) / "compare.json").string()));
-        names.push_back(results.back().value("scene", folder));
+        names.push_back(text_in(results.back(), "scene", folder));
+        methods.push_back(text_in(results.back(), "method", ""));
     }
     print_line(global, "", names);
+    if (repeats(names)) print_line(global, "", methods);
     for (const Figure& figure : figures) {
         std::vector<std::string> cells;
         for (const Json& result : results)

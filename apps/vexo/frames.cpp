@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <filesystem>
 
 #include <glob.h>
@@ -86,10 +87,88 @@ void check_count(const std::string& where, const std::vector<std::string>& paths
 {
     if (paths.size() == count) return;
     const std::string missing = paths.size() < count ? missing_frame(paths, count) : "";
-    const std::string need = "; the method needs " + std::to_string(count) + " (dark, lit, patterns)";
+    const std::string need
+        = "; the method needs " + std::to_string(count) + (count == 1 ? "" : " (dark, lit, patterns)");
     if (paths.empty()) throw Failure(where + ": no pictures found" + need);
     throw Failure(where + ": " + std::to_string(paths.size()) + " pictures found"
         + (missing.empty() ? "" : ", " + missing + " is missing") + need);
+}
+
+cv::Mat decode_picture(const std::string& path, int flags)
+{
+    const std::string bytes = read_bytes(path, max_picture_bytes);
+    const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
+    cv::Mat picture;
+    try {
+        const QuietStderr quiet; // the decoders of picture formats print their own complaints
+        picture = cv::imdecode(raw, flags);
+    } catch (const cv::Exception&) {
+        picture.release();
+    }
+    if (picture.empty()) throw Failure(path + ": is not a picture that can be read, or is damaged");
+    return picture;
+}
+
+void check_size(const FrameSet& set, const std::string& path, const cv::Mat& frame)
+{
+    if (frame.size() == set.size) return;
+    throw Failure(path + ": " + std::to_string(frame.cols) + " x " + std::to_string(frame.rows) + ", but "
+        + set.paths[0][0] + " is " + std::to_string(set.size.width) + " x " + std::to_string(set.size.height)
+        + "; record all frames at one size");
+}
+
+/// A map of one number per pixel, CV_32F.
+cv::Mat read_numbers(const std::string& path)
+{
+    cv::Mat map = decode_picture(path, cv::IMREAD_UNCHANGED);
+    if (map.channels() != 1) throw Failure(path + ": has several channels; a map holds one number per pixel");
+    map.convertTo(map, CV_32F);
+    return map;
+}
+
+/// Periods as the library takes them, 8 bit; a phase without one becomes NaN.
+cv::Mat whole_periods(const cv::Mat& periods, cv::Mat& phase)
+{
+    cv::Mat whole = cv::Mat::zeros(periods.size(), CV_8U);
+    for (int y = 0; y < periods.rows; ++y) {
+        for (int x = 0; x < periods.cols; ++x) {
+            const float period = periods.at<float>(y, x);
+            if (period >= 0.0F && period <= 255.0F && std::floor(period) == period)
+                whole.at<uchar>(y, x) = static_cast<uchar>(period);
+            else
+                phase.at<float>(y, x) = std::nanf("");
+        }
+    }
+    return whole;
+}
+
+std::string map_path(const std::string& folder, const std::string& name)
+{
+    const std::string tiff = (fs::path(folder) / (name + ".tiff")).string();
+    const std::string png = (fs::path(folder) / (name + ".png")).string();
+    std::error_code ignored;
+    return name == "period" && fs::exists(png, ignored) ? png : tiff;
+}
+
+void read_maps(FrameSet& set, std::size_t camera, const std::string& folder, Method method)
+{
+    const bool gray = method == Method::gray_phase;
+    const auto maps = gray ? std::vector<std::string> { "period", "phase" }
+                           : std::vector<std::string> { "phase0", "phase1", "phase2" };
+    std::vector<cv::Mat>& frames = set.frames[camera];
+    const auto add = [&](const std::string& path, const cv::Mat& frame) {
+        set.paths[camera].push_back(path);
+        if (set.size.empty()) set.size = frame.size();
+        check_size(set, path, frame);
+        frames.push_back(frame);
+    };
+    for (const char* name : { "black.png", "white.png" }) {
+        const std::string path = (fs::path(folder) / name).string();
+        add(path, read_grey(path));
+    }
+    for (const std::string& name : maps)
+        add(map_path(folder, name), read_numbers(map_path(folder, name)));
+    if (gray) frames[2] = whole_periods(frames[2], frames[3]);
 }
 
 } // namespace
@@ -111,17 +190,7 @@ std::vector<std::string> find_frames(const std::string& folder_or_pattern)
 
 cv::Mat read_grey(const std::string& path)
 {
-    const std::string bytes = read_bytes(path, max_picture_bytes);
-    const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
-    cv::Mat picture;
-    try {
-        const QuietStderr quiet; // the decoders of picture formats print their own complaints
-        picture = cv::imdecode(raw, cv::IMREAD_GRAYSCALE);
-    } catch (const cv::Exception&) {
-        picture.release();
-    }
-    if (picture.empty()) throw Failure(path + ": is not a picture that can be read, or is damaged");
-    return picture;
+    return decode_picture(path, cv::IMREAD_GRAYSCALE);
 }
 
 FrameSet read_frames(const std::string& cam0, const std::string& cam1, std::size_t count)
@@ -134,13 +203,19 @@ FrameSet read_frames(const std::string& cam0, const std::string& cam1, std::size
         for (const std::string& path : set.paths[camera]) {
             cv::Mat frame = read_grey(path);
             if (set.size.empty()) set.size = frame.size();
-            if (frame.size() != set.size)
-                throw Failure(path + ": " + std::to_string(frame.cols) + " x " + std::to_string(frame.rows) + ", but "
-                    + set.paths[0][0] + " is " + std::to_string(set.size.width) + " x "
-                    + std::to_string(set.size.height) + "; record all frames at one size");
+            check_size(set, path, frame);
             set.frames[camera].push_back(frame);
         }
     }
+    return set;
+}
+
+FrameSet read_decoded(const std::string& cam0, const std::string& cam1, Method method)
+{
+    if (method == Method::sgbm) throw Failure("--decoded: block matching takes pictures, no decoded maps");
+    FrameSet set;
+    read_maps(set, 0, cam0, method);
+    read_maps(set, 1, cam1, method);
     return set;
 }
 

@@ -12,20 +12,19 @@ namespace vexo::app {
 
 namespace {
 
-constexpr std::size_t first_phase_frame = 9;
 constexpr double pi = 3.14159265358979323846;
 
-/// The four phase frames at one row.
+/// Four phase frames at one row.
 struct PhaseRow {
-    PhaseRow(const std::vector<cv::Mat>& frames, int y)
+    PhaseRow(const std::vector<cv::Mat>& frames, std::size_t first, int y)
     {
         for (std::size_t k = 0; k < 4; ++k)
-            p[k] = frames[first_phase_frame + k].ptr<uchar>(y);
+            p[k] = frames[first + k].ptr<uchar>(y);
     }
     int sine(int x) const { return p[1][x] - p[3][x]; }
     int cosine(int x) const { return p[2][x] - p[0][x]; }
     double modulation(int x) const { return 0.5 * std::hypot(sine(x), cosine(x)); }
-    /// Fraction of a period, 0 to 1.
+    /// Fraction of a period, 0 to 1; it falls along the row where the frames step the other way.
     double phase(int x) const { return (pi - std::atan2(sine(x), cosine(x))) / (2.0 * pi); }
     /// 0 for a perfect sinusoid; with grey noise s its standard deviation is s / 2.
     double residual(int x) const { return 0.25 * (p[0][x] + p[2][x] - p[1][x] - p[3][x]); }
@@ -55,7 +54,7 @@ void add_slopes(const std::vector<float>& phase, const uchar* mask, Sums& sums)
             rise += wrapped(static_cast<double>(phase[i + 1]) - static_cast<double>(phase[i]));
             inside = inside && mask[i + 1] == 255;
         }
-        if (inside) sums.slopes.push_back(static_cast<float>(std::abs(rise) / span));
+        if (inside && std::isfinite(rise)) sums.slopes.push_back(static_cast<float>(std::abs(rise) / span));
     }
 }
 
@@ -76,9 +75,9 @@ void add_runs(const std::vector<float>& phase, const uchar* mask, Sums& sums)
     }
 }
 
-void add_row(const std::vector<cv::Mat>& frames, const cv::Mat& mask, int y, Sums& sums)
+void add_row(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask, int y, Sums& sums)
 {
-    const PhaseRow row(frames, y);
+    const PhaseRow row(frames, first, y);
     const uchar* const inside = mask.ptr<uchar>(y);
     std::vector<float> phase(static_cast<std::size_t>(mask.cols));
     for (int x = 0; x < mask.cols; ++x) {
@@ -114,43 +113,71 @@ void noise(const Sums& sums, FringeFigures& figures)
     figures.phase_noise = std::sqrt(phase_variance) / (2.0 * pi);
 }
 
-} // namespace
-
-PixelMasks make_masks(const std::vector<cv::Mat>& frames, const GrayPhaseMatchingParam& param, double min_modulation)
+FringeFigures lengths(Sums& sums)
 {
-    const cv::Mat& black = frames[0];
-    const cv::Mat& white = frames[1];
-    PixelMasks masks { cv::Mat::zeros(white.size(), CV_8U), cv::Mat::zeros(white.size(), CV_8U) };
-    for (int y = 0; y < white.rows; ++y) {
-        const PhaseRow row(frames, y);
-        for (int x = 0; x < white.cols; ++x) {
-            const int w = white.at<uchar>(y, x), b = black.at<uchar>(y, x);
-            if (w < param.min_white || w > param.max_white || w - b < param.min_contrast) continue;
-            masks.contrast.at<uchar>(y, x) = 255;
-            if (row.modulation(x) >= min_modulation) masks.modulation.at<uchar>(y, x) = 255;
-        }
-    }
-    return masks;
-}
-
-FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, const cv::Mat& mask)
-{
-    Sums sums;
-    for (int y = 0; y < mask.rows; ++y)
-        add_row(frames, mask, y, sums);
-
     FringeFigures figures;
     if (sums.pixels == 0.0) return figures;
     const double slope = quantile(std::move(sums.slopes), 0.5);
     figures.length_px = slope > 0.0 ? 1.0 / slope : 0.0;
-    noise(sums, figures);
-    figures.modulation = quantile(std::move(sums.modulations), 0.5);
     double longer = 0.0;
     for (std::size_t n = figures.share_in_longer_runs.size(); n-- > 0;) {
         longer += sums.pixels_in_runs[n + 1];
         figures.share_in_longer_runs[n] = longer / sums.pixels;
     }
     return figures;
+}
+
+void drop_weak(const PhaseRow& row, double min_modulation, cv::Mat& mask, int y)
+{
+    uchar* const kept = mask.ptr<uchar>(y);
+    for (int x = 0; x < mask.cols; ++x)
+        if (kept[x] != 0 && row.modulation(x) < min_modulation) kept[x] = 0;
+}
+
+} // namespace
+
+PixelMasks make_masks(const std::vector<cv::Mat>& frames, const LightLimits& limits,
+    const std::vector<std::size_t>& sets, double min_modulation)
+{
+    const cv::Mat& black = frames[0];
+    const cv::Mat& white = frames[1];
+    PixelMasks masks { cv::Mat::zeros(white.size(), CV_8U), {} };
+    for (int y = 0; y < white.rows; ++y) {
+        for (int x = 0; x < white.cols; ++x) {
+            const int w = white.at<uchar>(y, x), b = black.at<uchar>(y, x);
+            if (w < limits.min_white || w > limits.max_white || w - b < limits.min_contrast) continue;
+            masks.contrast.at<uchar>(y, x) = 255;
+        }
+    }
+    masks.modulation = masks.contrast.clone();
+    for (const std::size_t first : sets)
+        for (int y = 0; y < white.rows; ++y)
+            drop_weak(PhaseRow(frames, first, y), min_modulation, masks.modulation, y);
+    return masks;
+}
+
+FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask)
+{
+    Sums sums;
+    for (int y = 0; y < mask.rows; ++y)
+        add_row(frames, first, mask, y, sums);
+
+    FringeFigures figures = lengths(sums);
+    if (sums.pixels == 0.0) return figures;
+    noise(sums, figures);
+    figures.modulation = quantile(std::move(sums.modulations), 0.5);
+    return figures;
+}
+
+FringeFigures measure_phase(const cv::Mat& phase, const cv::Mat& mask)
+{
+    Sums sums;
+    for (int y = 0; y < mask.rows; ++y) {
+        const std::vector<float> row(phase.ptr<float>(y), phase.ptr<float>(y) + phase.cols);
+        add_slopes(row, mask.ptr<uchar>(y), sums);
+        add_runs(row, mask.ptr<uchar>(y), sums);
+    }
+    return lengths(sums);
 }
 
 RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& cam1)
@@ -172,6 +199,18 @@ RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& ca
         + " periods: " + percent(anchored(lengths.anchor), 1.0) + " of the pixels in rising runs longer than "
         + std::to_string(lengths.anchor) + " px";
     return lengths;
+}
+
+double expected_loss(const std::vector<FringeFigures>& figures, const std::vector<int>& periods)
+{
+    double share = 0.0;
+    for (std::size_t i = 0; i < figures.size(); ++i) {
+        for (std::size_t k = 0; k < i; ++k) {
+            const double sigma = std::hypot(periods[i] * figures[i].phase_noise, periods[k] * figures[k].phase_noise);
+            if (sigma > 0.0) share += std::erfc(0.5 / (std::sqrt(2.0) * sigma));
+        }
+    }
+    return std::min(share, 1.0);
 }
 
 } // namespace vexo::app

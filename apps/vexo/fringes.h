@@ -1,6 +1,6 @@
 #pragma once
 
-#include "vexo/records.h"
+#include "method.h"
 
 #include <opencv2/core.hpp>
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// What the frames themselves say of a capture with four phase frames, before anything is matched.
+/// What the frames themselves say of a capture with fringes in four steps, before anything is matched.
 namespace vexo::app {
 
 /// Which raw pixels of a camera can be used.
@@ -17,11 +17,13 @@ struct PixelMasks {
     cv::Mat modulation; ///< CV_8U, 255: also the fringes are seen
 };
 
-/// @param frames  dark, lit, seven gray planes, four phase frames P0..P3
-/// @param min_modulation  grey levels, of sqrt((P1 - P3)^2 + (P2 - P0)^2) / 2
-PixelMasks make_masks(const std::vector<cv::Mat>& frames, const GrayPhaseMatchingParam& param, double min_modulation);
+/// @param frames  dark, lit, patterns
+/// @param sets    index of the first of each four phase-shifted frames; none: all lit pixels are taken
+/// @param min_modulation  grey levels, of the smallest of all sets; of one it is sqrt((I1 - I3)^2 + (I0 - I2)^2) / 2
+PixelMasks make_masks(const std::vector<cv::Mat>& frames, const LightLimits& limits,
+    const std::vector<std::size_t>& sets, double min_modulation);
 
-/// Figures of the fringes of one camera, over the pixels of PixelMasks::modulation.
+/// Figures of the fringes of one period in one camera, over the pixels of PixelMasks::modulation.
 struct FringeFigures {
     double length_px = 0.0;   ///< median length of a fringe along a row
     double modulation = 0.0;  ///< median amplitude, grey levels
@@ -31,14 +33,29 @@ struct FringeFigures {
     std::array<double, 9> share_in_longer_runs {};
 };
 
-FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, const cv::Mat& mask);
+/// @param first  index of the first of the four phase-shifted frames
+FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask);
+
+/// The same of a decoded phase, CV_32F in periods: lengths alone, as the grey values are not known.
+FringeFigures measure_phase(const cv::Mat& phase, const cv::Mat& mask);
 
 /// anchor_length and reject_length for fringes like these, and the reason in words.
 struct RunLengths {
     int anchor = 4;
     int reject = 1;
+    bool anchor_given = false, reject_given = false; ///< by the user: then these are not in force
     std::string reason;
 };
 RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& cam1);
+
+/// Share of the pixels that the noise lets expect to lose their fringe number, of multi-period phases: the number
+/// is found from differences of positions behind the fringes, rounded to whole pixels, so a difference that is off
+/// by more than half a pixel finds a wrong entry of the table or none,
+///
+///     sum over pairs of erfc(0.5 / (sqrt(2) sigma))        sigma^2 = (T_i s_i)^2 + (T_k s_k)^2
+///
+/// at phase noise s in fringe periods; a bound, as a pixel can fail in several pairs.
+/// @param figures  of one camera, one for each period
+double expected_loss(const std::vector<FringeFigures>& figures, const std::vector<int>& periods);
 
 } // namespace vexo::app

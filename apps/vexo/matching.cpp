@@ -4,6 +4,7 @@
 #include "quiet_stderr.h"
 
 #include <chrono>
+#include <cmath>
 
 namespace vexo::app {
 
@@ -35,7 +36,7 @@ double lap(std::chrono::steady_clock::time_point& from)
     return passed.count();
 }
 
-void hand_over(iPointCloudGenerator& generator, const std::array<std::vector<cv::Mat>, 2>& frames)
+void hand_over(iPointCloudGenerator& generator, const CameraFrames& frames)
 {
     for (int camera = 0; camera < 2; ++camera) {
         const std::vector<cv::Mat>& own = frames[static_cast<std::size_t>(camera)];
@@ -46,24 +47,35 @@ void hand_over(iPointCloudGenerator& generator, const std::array<std::vector<cv:
     }
 }
 
+template <class Param> void set_parameters(iPointCloudGenerator& generator, Param& param)
+{
+    if (const char* why = why_invalid(param)) throw Failure(std::string(why));
+    const QuietStderr quiet;
+    if (!generator.setparams(&param)) throw Failure("the library refused the matching parameters");
+}
+
+const char* why_not_run(Method method)
+{
+    return method == Method::sgbm
+        ? "block matching cannot run with this block and disparity range on pictures of this size; "
+          "use a smaller --block, or a smaller --depth or --disparity range"
+        : "the library could not decode the frames";
+}
+
 } // namespace
 
-Cloud match(iStereoCamera& camera, const std::array<std::vector<cv::Mat>, 2>& frames, GrayPhaseMatchingParam param,
-    bool interpolate, StageTimes* times)
+Cloud match(
+    iStereoCamera& camera, const CameraFrames& frames, MatchingRecord record, bool interpolate, StageTimes* times)
 {
-    const GeneratorPtr generator(CreatePointCloudGenerator(1));
+    const GeneratorPtr generator(CreatePointCloudGenerator(static_cast<int>(record.index())));
     if (!generator) throw Failure("not enough memory for the point cloud generator");
     generator->init(&camera);
-    if (const char* why = why_invalid(param)) throw Failure(std::string(why));
-    {
-        const QuietStderr quiet;
-        if (!generator->setparams(&param)) throw Failure("the library refused the matching parameters");
-    }
+    std::visit([&generator](auto& param) { set_parameters(*generator, param); }, record);
     StageTimes own;
     auto clock = std::chrono::steady_clock::now();
     hand_over(*generator, frames);
     own.frames = lap(clock);
-    if (!generator->exec()) throw Failure("the library could not decode the frames");
+    if (!generator->exec()) throw Failure(why_not_run(method_of(record)));
     own.decode = lap(clock);
     generator->genPC(iPointCloudGenerator::MethodQ, interpolate);
     own.triangulate = lap(clock);
@@ -73,6 +85,15 @@ Cloud match(iStereoCamera& camera, const std::array<std::vector<cv::Mat>, 2>& fr
     generator->get_pointcloud(&receiver);
     if (times) *times = own;
     return cloud;
+}
+
+std::vector<float> disparities_of(const Cloud& cloud, const Geometry& geometry)
+{
+    std::vector<float> disparities;
+    for (const cv::Point3f& point : cloud.points)
+        if (!std::isnan(point.z))
+            disparities.push_back(static_cast<float>(geometry.disparity(static_cast<double>(point.z))));
+    return disparities;
 }
 
 } // namespace vexo::app

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "method.h"
 #include "rig.h"
 
 #include "vexo/vexo.h"
@@ -31,10 +32,17 @@ struct StageTimes {
     double triangulate = 0.0; ///< matching and triangulation
 };
 
-/// Runs the gray code + phase generator over the frames of both cameras.
-/// @param frames  13 per camera, of the camera's input size; not changed
+/// The pictures or maps of both cameras, in the order of the library's frame indices.
+using CameraFrames = std::array<std::vector<cv::Mat>, 2>;
+
+/// Runs the generator of the record's method.
+/// @param frames  of the camera's input size: 8-bit pictures, or decoded maps (period numbers 8 bit, phases float)
+///                for a record with datatype 1; not changed
 /// Throws Failure when the library refuses the parameters or the frames.
-Cloud match(iStereoCamera& camera, const std::array<std::vector<cv::Mat>, 2>& frames, GrayPhaseMatchingParam param,
-    bool interpolate, StageTimes* times = nullptr);
+Cloud match(iStereoCamera& camera, const CameraFrames& frames, MatchingRecord record, bool interpolate,
+    StageTimes* times = nullptr);
+
+/// Disparities of the measured points, by their depths.
+std::vector<float> disparities_of(const Cloud& cloud, const Geometry& geometry);
 
 } // namespace vexo::app

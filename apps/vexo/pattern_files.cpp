@@ -35,22 +35,6 @@ PatternFrame fringe_frame(int period, int shift, const std::vector<double>& grey
     return { what, -1, period, shift, as_row(grey) };
 }
 
-void check_periods(const std::vector<int>& periods)
-{
-    if (periods.size() != 3) throw Failure("--periods: give three; only three periods can be told apart");
-    std::int64_t multiple = 1;
-    for (const int period : periods) {
-        if (period < shortest_period || period > longest_period)
-            throw Failure("--periods: a period must be " + std::to_string(shortest_period) + " to "
-                + std::to_string(longest_period) + " projector px");
-        multiple = std::lcm(multiple, static_cast<std::int64_t>(period));
-    }
-    if (multiple > sim::multi_phase_columns) return;
-    throw Failure("--periods: their least common multiple is " + std::to_string(multiple)
-        + ", behind which the pattern repeats; it must be above " + std::to_string(sim::multi_phase_columns)
-        + ", the columns in use, or unresolved pixels count as measured; try 9,10,11 or 16,18,21");
-}
-
 /// The part of a frame that is worth showing: fringes are too fine for a small picture.
 cv::Mat thumbnail(const PatternFrame& frame, cv::Size size)
 {
@@ -116,6 +100,22 @@ std::vector<PatternFrame> gray_phase_frames(int columns, int period)
             frames.push_back(fringe_frame(period, k - 2 - gray_bits, pattern.frames[i]));
     }
     return frames;
+}
+
+void check_periods(const std::vector<int>& periods)
+{
+    if (periods.size() != 3) throw Failure("--periods: give three; only three periods can be told apart");
+    std::int64_t multiple = 1;
+    for (const int period : periods) {
+        if (period < shortest_period || period > longest_period)
+            throw Failure("--periods: a period must be " + std::to_string(shortest_period) + " to "
+                + std::to_string(longest_period) + " projector px");
+        multiple = std::lcm(multiple, static_cast<std::int64_t>(period));
+    }
+    if (multiple > sim::multi_phase_columns) return;
+    throw Failure("--periods: their least common multiple is " + std::to_string(multiple)
+        + ", behind which the pattern repeats; it must be above " + std::to_string(sim::multi_phase_columns)
+        + ", the columns in use, or unresolved pixels count as measured; try 9,10,11 or 16,18,21");
 }
 
 std::vector<PatternFrame> multi_phase_frames(int columns, const std::vector<int>& periods)

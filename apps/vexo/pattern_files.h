@@ -35,6 +35,9 @@ struct PatternFrame {
 /// Gray code + phase: 13 frames. Throws Failure when seven bits do not number the projector's fringes.
 std::vector<PatternFrame> gray_phase_frames(int columns, int period);
 
+/// Throws Failure for periods that multi-period phase cannot tell apart on all columns in use.
+void check_periods(const std::vector<int>& periods);
+
 /// Multi-period phase: 14 frames. Throws Failure for periods that cannot be told apart on this projector.
 std::vector<PatternFrame> multi_phase_frames(int columns, const std::vector<int>& periods);
 

@@ -123,12 +123,13 @@ cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const 
     for (const Label& label : legend)
         widest = std::max(widest, text_width(label.text, layout));
     cv::Mat out = framed(picture, widest + layout.px(60), title, layout);
-    for (std::size_t i = 0; i < legend.size(); ++i) {
-        const cv::Rect box(picture.cols + layout.px(12), layout.px(44.0 + 28.0 * static_cast<double>(i)), layout.px(18),
-            layout.px(18));
-        cv::rectangle(out, box, cv::Scalar(legend[i].colour), cv::FILLED);
+    double line = 0.0;
+    for (const Label& label : legend) {
+        if (label.text.empty()) continue;
+        const cv::Rect box(picture.cols + layout.px(12), layout.px(44.0 + 28.0 * line++), layout.px(18), layout.px(18));
+        cv::rectangle(out, box, cv::Scalar(label.colour), cv::FILLED);
         cv::rectangle(out, box, ink, layout.stroke());
-        write(out, legend[i].text, { box.x + layout.px(26), box.y + layout.px(14) }, layout);
+        write(out, label.text, { box.x + layout.px(26), box.y + layout.px(14) }, layout);
     }
     return out;
 }

@@ -19,7 +19,7 @@ struct Label {
     std::string text;
 };
 
-/// @param labels  CV_8U, index into `legend`
+/// @param labels  CV_8U, index into `legend`; entries without a text are left out of the legend
 cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const std::string& title);
 
 /// Value below which `share` of the finite entries lie; NaN when there is none.

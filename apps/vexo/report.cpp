@@ -9,12 +9,37 @@ Json quantiles(const std::vector<float>& values)
     return { { "q01", quantile(values, 0.01) }, { "q50", quantile(values, 0.5) }, { "q99", quantile(values, 0.99) } };
 }
 
-Json describe(const GrayPhaseMatchingParam& p)
+namespace {
+
+Json parameters(const GrayPhaseMatchingParam& p)
 {
     return { { "max_phase_diff", p.max_phase_diff }, { "min_disparity", p.min_disparity },
         { "max_disparity", p.max_disparity }, { "fit_points", p.fit_points }, { "datatype", p.datatype },
         { "min_contrast", p.min_contrast }, { "max_white", p.max_white }, { "min_white", p.min_white },
         { "anchor_length", p.anchor_length }, { "reject_length", p.reject_length }, { "code_spread", p.code_spread } };
+}
+
+Json parameters(const MultiPhaseMatchingParam& p)
+{
+    return { { "max_phase_diff", p.max_phase_diff }, { "min_disparity", p.min_disparity },
+        { "max_disparity", p.max_disparity }, { "fit_points", p.fit_points }, { "datatype", p.datatype },
+        { "min_contrast", p.min_contrast }, { "max_white", p.max_white }, { "min_white", p.min_white },
+        { "steps", p.steps }, { "periods", std::vector<int>(p.periods, p.periods + p.nperiods) } };
+}
+
+Json parameters(const SGBMatchingParam& p)
+{
+    return { { "minDisparity", p.minDisparity }, { "numDisparities", p.numDisparities }, { "blockSize", p.blockSize },
+        { "P1", p.P1 }, { "P2", p.P2 }, { "disp12MaxDiff", p.disp12MaxDiff }, { "preFilterCap", p.preFilterCap },
+        { "uniquenessRatio", p.uniquenessRatio }, { "speckleWindowSize", p.speckleWindowSize },
+        { "speckleRange", p.speckleRange }, { "mode", p.mode } };
+}
+
+} // namespace
+
+Json describe(const MatchingRecord& record)
+{
+    return std::visit([](const auto& param) { return parameters(param); }, record);
 }
 
 Json describe(const FringeFigures& f)
@@ -23,11 +48,11 @@ Json describe(const FringeFigures& f)
         { "phase_noise", f.phase_noise }, { "share_in_longer_runs", f.share_in_longer_runs } };
 }
 
-Json describe(const CauseMap& map)
+Json describe(const CauseMap& map, Method method)
 {
     Json causes = Json::object();
-    for (std::size_t i = 1; i < cause_count; ++i)
-        causes[key_of(static_cast<Cause>(i))] = map.counts[i];
+    for (const Cause cause : causes_of(method))
+        if (cause != Cause::none) causes[key_of(cause)] = map[cause];
     return causes;
 }
 
@@ -81,6 +106,11 @@ double number_in(const Json& json, const std::string& pointer, const std::string
     if (!json.contains(where) || !json.at(where).is_number())
         throw Failure(path + ": has no number " + pointer.substr(1) + "; run vexo measure again");
     return json.at(where).get<double>();
+}
+
+std::string text_in(const Json& json, const char* key, const std::string& otherwise)
+{
+    return json.contains(key) && json[key].is_string() ? json[key].get<std::string>() : otherwise;
 }
 
 } // namespace vexo::app
