@@ -128,19 +128,32 @@ inline bool write_file(const std::string& path, const std::vector<unsigned char>
     return write_file(path, bytes.data(), bytes.size());
 }
 
+/// Whether a line, from `first` on, begins with a key as the writer makes them ("name:", then a space or the end),
+/// or, where `item` allows it, with "-" for an item of a list. OpenCV 4.6's parser loops for ever on some lines that
+/// are neither: "%YAML:1.0", " Y:A", "--", "-".
+inline bool yaml_line_begins_well(const std::string& line, std::size_t first, bool item)
+{
+    const auto ends = [&line](std::size_t i) { return i == line.size() || line[i] == ' '; };
+    if (line[first] == '-') return item && ends(first + 1);
+    const auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
+    const auto within = [&](char c) { return letter(c) || (c >= '0' && c <= '9') || c == '-' || c == ' '; };
+    std::size_t i = first;
+    if (!letter(line[i])) return false;
+    while (i < line.size() && within(line[i]))
+        ++i;
+    return i < line.size() && line[i] == ':' && ends(i + 1);
+}
+
 /// One line of the check below. `depth` is the number of brackets open before it, updated.
 inline bool yaml_line_is_plain(const std::string& line, int& depth)
 {
     constexpr int max_depth = 4;
     constexpr std::size_t max_indent = 64; // each level of indentation is a level of the parser's recursion
     const std::size_t first = line.find_first_not_of(' ');
-    if (first == std::string::npos) return true;
+    if (first == std::string::npos || line == "...") return true;
     if (first > max_indent) return false;
-    if (first == 0 && line[0] != '#' && line != "...") {
-        const std::size_t colon = line.find(':');
-        if (colon == std::string::npos || colon == 0) return false;
-        if (colon + 1 < line.size() && line[colon + 1] != ' ') return false;
-    }
+    if ((depth == 0 || first == 0) && line[first] != '#' && !yaml_line_begins_well(line, first, first > 0))
+        return false;
     char quote = 0;
     int nested = 0; // "- - -" and "a: b: c:" nest without a bracket
     for (std::size_t i = first; i < line.size(); ++i) {
@@ -174,6 +187,7 @@ inline bool yaml_is_plain(const std::string& text)
         if (c != '\n' && (c < ' ' || c > '~')) return false;
 
     int depth = 0;
+    bool begun = false; // the first key stands at column 0: a line further left than it loops for ever, too
     bool ended = false;
     std::size_t number = 0;
     for (std::size_t begin = 0; begin < text.size(); ++number) {
@@ -182,6 +196,8 @@ inline bool yaml_is_plain(const std::string& text)
         begin = end + 1;
         if (number == 0 || (number == 1 && line == "---")) continue;
         if (ended && !line.empty()) return false; // "..." ends the document
+        if (!begun && !line.empty() && line[0] == ' ' && line.find_first_not_of(' ') != std::string::npos) return false;
+        begun = begun || (!line.empty() && line[0] != ' ' && line[0] != '#');
         if (!yaml_line_is_plain(line, depth)) return false;
         ended = ended || line == "...";
     }

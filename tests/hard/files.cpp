@@ -80,6 +80,8 @@ std::vector<std::string> hostile_yaml(const std::string& good)
         head + ":\n", head + "cam0_K: *nowhere\n", head + "cam0_K: !!\n", head + "\"cam0_K: 1\n", "{\"cam0_K\": [[[",
         "{" + repeated("\"a\":{", 100000), "<?xml version=\"1.0\"?>\n<opencv_storage>\n<cam0_K>",
         "<?xml version=\"1.0\"?><opencv_storage><a type_id=\"opencv-matrix\"><rows>9</rows></a></opencv_storage>",
+        "%YAML:1.0\n Y:A\n--\n-", "%YAML:1.0\n  rows--%Y!: A\n----RT: !: A\n   ----c(-", // loop in the parser
+        "%YAML:1.   rows: 4\n   cols: 4\n   dt: d     dt: d\ntad-   a: [ 0.,!p1.h, 0.,., 7.l 0. ,  1*0 o\n 517 . ]\n",
         std::string(1000, '\0'), "\xEF\xBB\xBF" + good, good + "...\n" + good, "\n" + good, good + repeated("]", 9),
         head + "StereoName: \"" + repeated("../", 50) + "etc/passwd\"\n" };
     for (const char* rows : { "2147483647", "-2147483648", "4294967297", "1e9", "\"3\"", "0" })
