@@ -22,3 +22,12 @@ flags=$(PKG_CONFIG_PATH="$lib/pkgconfig" pkg-config --cflags --libs vexo)
 c++ -std=c++17 "$source/examples/measure/main.cpp" -o "$work/by_pkg_config" $flags
 if LD_LIBRARY_PATH="$lib" "$work/by_pkg_config" "$work" "$work/none.ply" 2> "$work/said"; then exit 1; fi
 grep -q 'cameras.yaml: not a camera pair' "$work/said"
+
+# Block matching on a pair with ground truth, where Debian's opencv-doc has installed it.
+data=/usr/share/doc/opencv-doc/examples/data
+if test -e "$data/aloeGT.png"; then
+  cmake -S "$source/examples/sgbm" -B "$work/sgbm" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/cmake.log"
+  cmake --build "$work/sgbm" > "$work/build.log" || { cat "$work/build.log"; exit 1; }
+  "$work/sgbm/sgbm" "$data" | tee "$work/said" # not 0 when a pixel differs from OpenCV run directly
+  grep -q '^library  *67\.[45].* %  *0\.1[89].* px' "$work/said"
+fi
