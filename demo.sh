@@ -33,9 +33,18 @@ for scene in plane spheres; do
   run $vexo compare $out/$scene/calibrated $out/$scene/scan
 done
 
+title "3. the other two methods on the same bust"
+for method in multi-phase sgbm; do
+  run $vexo simulate bust --method $method --out $out/$method/scan
+  run $vexo measure $out/$method/scan --out $out/$method/result
+  run $vexo compare $out/$method/result $out/$method/scan
+done
+
 title "figures with the true cameras"
 $vexo table $out/plane/result $out/bust/result $out/spheres/result
 title "figures with the calibrated cameras"
 $vexo table $out/plane/calibrated $out/spheres/calibrated
+title "the bust by each method"
+$vexo table $out/bust/result $out/multi-phase/result $out/sgbm/result
 printf '\nPictures: %s/*/result/*_view.png   clouds: %s/*/result/cloud.ply   calibration page: %s/calib/report.html\n' \
   $out $out $out
