@@ -9,7 +9,7 @@ cmake --install "$build" --prefix "$work/prefix" > "$work/install.log"
 lib=$(dirname "$(find "$work/prefix" -name libvexo.so)")
 test "$(readlink "$lib/libvexo.so")" = libvexo.so.0
 
-cmake -S "$source/examples/measure" -B "$work/host" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/cmake.log"
+cmake -G Ninja -S "$source/examples/measure" -B "$work/host" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/cmake.log"
 cmake --build "$work/host" > "$work/build.log" || { cat "$work/build.log"; exit 1; }
 "$program" simulate bust --out "$work/scan" --quiet
 "$work/host/measure" "$work/scan" "$work/cloud.ply" | tee "$work/said"
