@@ -105,8 +105,10 @@ void print_fringes(const GlobalOptions& global, const Measurement& m)
     std::string periods;
     for (const int period : m.periods())
         periods += (periods.empty() ? "" : ", ") + std::to_string(period);
-    say(global, "fringes      periods of " + periods + " projector px");
-    for (std::size_t camera = 0; camera < 2 && !m.fringes[camera].empty(); ++camera) {
+    say(global,
+        "fringes      periods of " + periods + " projector px; phases may differ by "
+            + number(std::get<MultiPhaseMatchingParam>(m.record).max_phase_diff, 2) + " px");
+    for (std::size_t camera = 0; camera < 2 && !is_decoded(m.record); ++camera) {
         const FringeFigures& worst = *std::min_element(m.fringes[camera].begin(), m.fringes[camera].end(),
             [](const auto& a, const auto& b) { return a.modulation < b.modulation; });
         const double loss = expected_loss(m.fringes[camera], m.periods());
@@ -121,8 +123,7 @@ void print_fringes(const GlobalOptions& global, const Measurement& m)
 void warn_of_noise(const GlobalOptions& global, const Measurement& m)
 {
     constexpr double much = 0.01, wrong_from_rad = 0.1, pi = 3.14159265358979323846;
-    for (std::size_t camera = 0; camera < 2; ++camera) {
-        if (m.fringes[camera].empty()) continue;
+    for (std::size_t camera = 0; camera < 2 && m.method() == Method::multi_phase; ++camera) {
         double noise = 0.0;
         for (const FringeFigures& figures : m.fringes[camera])
             noise = std::max(noise, 2.0 * pi * figures.phase_noise);
@@ -269,6 +270,11 @@ void print_summary(const GlobalOptions& global, const MeasureOptions& o, const M
         say(global,
             "note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside " + limits_text(m)
                 + "; without limits they span " + measured_range(m) + "; see --disparity and --depth");
+    if (static_cast<double>(m.weak.count) > 0.01 * m.cloud.count)
+        say(global,
+            "note         " + grouped(m.weak.count) + " pixels are left out by --min-contrast "
+                + std::to_string(light_limits(m.record).min_contrast) + " alone; the noise allows --min-contrast "
+                + std::to_string(m.weak.contrast));
     warn_of_noise(global, m);
     say(global,
         "result       " + o.out

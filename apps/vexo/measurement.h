@@ -41,6 +41,7 @@ struct Measurement {
     std::array<PixelMasks, 2> masks;
     std::array<std::vector<FringeFigures>, 2> fringes; ///< of each camera, one for each period
     RunLengths runs;
+    WeakPixels weak; ///< of camera 0, multi-period
     StereoCameraPtr camera;
     Geometry geometry;
     cv::Mat texture;                  ///< rectified lit frame of camera 0
