@@ -70,7 +70,8 @@ bool CalibBoardRecognizer::set_parameters(PreProcParam& pre, CircleMarkerParam& 
 
 bool CalibBoardRecognizer::init_recognizer(CalibBoardParam& board)
 {
-    if (!(board.pitch > 0) || !std::isfinite(board.pitch) || board.columns < 1 || board.rows < 1) return false;
+    if (!(board.pitch >= FLT_MIN && board.pitch <= FLT_MAX)) return false; // board points are floats
+    if (board.columns < 1 || board.rows < 1) return false;
     const long long positions = static_cast<long long>(board.columns) * board.rows;
     if (positions > max_positions) return false;
 

@@ -63,7 +63,7 @@ cv::Mat PreProcessor::binarize(cv::Mat& img)
         cv::threshold(img, out, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
         break;
     case kAdaptiveMean:
-        if (p.threshold > max_block) break;
+        if (p.threshold > max_block && p.threshold % 2 == 1) break; // an even one is refused below
         cv::adaptiveThreshold(img, out, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, p.threshold, p.C);
         break;
     default:

@@ -51,6 +51,7 @@ void copy_rect(const cv::Rect& rect, int* numbers)
 
 StereoCalibrator::StereoCalibrator()
     : _cameras { { { cv::Size(0, 0), "" }, { cv::Size(0, 0), "" } } }
+    , _stereo_cameras(_cameras)
 {
 }
 
@@ -113,11 +114,12 @@ int StereoCalibrator::_put(int cam, cv::Mat& image)
     if (!_recognizer || cam < 0 || cam > 1) return -1;
     std::vector<View>& views = _views[static_cast<size_t>(cam)];
     if (!room_for_one_more(views)) return kFewContours;
+    const bool first = std::all_of(views.begin(), views.end(), [](const View& v) { return v.empty(); });
+    views.emplace_back(); // before recognition, which throws for a bad adaptive block
     View points;
     const int code = image.empty() ? int { kFewContours } : _recognizer->recognize(image, points);
-    const bool first = std::all_of(views.begin(), views.end(), [](const View& v) { return v.empty(); });
     if (code == kSuccess || (first && !image.empty())) _cameras[static_cast<size_t>(cam)].size = image.size();
-    views.push_back(code == kSuccess ? std::move(points) : View());
+    if (code == kSuccess) views.back() = std::move(points);
     return code;
 }
 
@@ -148,10 +150,13 @@ double StereoCalibrator::create_stereo_camera(RectifyParam& param, int* roi0, in
 {
     _stereo.reset();
     _rect0_from_board.release();
-    if (!_calibrated) return -1.0;
-    _stereo.reset(create_StereoCamera_from_pair(_cameras.data(), cv::Size(param.width, param.height), param.alpha,
-        param.flags, grey(param.fill0), grey(param.fill1)));
-    if (!_stereo) return -1.0;
+    const bool made = _calibrated && false_if_it_throws([&] {
+        _stereo_cameras = _cameras;
+        _stereo.reset(create_StereoCamera_from_pair(_stereo_cameras.data(), cv::Size(param.width, param.height),
+            param.alpha, param.flags, grey(param.fill0), grey(param.fill1)));
+        return _stereo != nullptr;
+    });
+    if (!made) return -1.0;
     copy_rect(_stereo->cam0.roi, roi0);
     copy_rect(_stereo->cam1.roi, roi1);
     return _stereo->get_baseline_length();
@@ -190,7 +195,7 @@ bool StereoCalibrator::_set_board_frame(cv::Mat& image0, cv::Mat& image1)
         std::array<View, 2> views;
         return _recognizer->recognize(image0, views[0]) == kSuccess
             && _recognizer->recognize(image1, views[1]) == kSuccess
-            && board_pose_in_rectified(_cameras, *_stereo, *_recognizer, views, _rect0_from_board);
+            && board_pose_in_rectified(_stereo_cameras, *_stereo, *_recognizer, views, _rect0_from_board);
     });
 }
 
@@ -199,7 +204,8 @@ bool StereoCalibrator::_first_pair_pose(cv::Mat_<double>& rect0_from_board) cons
     const auto first = std::find(_pair_used.begin(), _pair_used.end(), true);
     if (!_stereo || first == _pair_used.end()) return false;
     const auto k = static_cast<size_t>(first - _pair_used.begin());
-    return board_pose_in_rectified(_cameras, *_stereo, *_recognizer, { _views[0][k], _views[1][k] }, rect0_from_board);
+    return board_pose_in_rectified(
+        _stereo_cameras, *_stereo, *_recognizer, { _views[0][k], _views[1][k] }, rect0_from_board);
 }
 
 // --- files ---------------------------------------------------------------------------------------------

@@ -49,9 +49,10 @@ private:
     RecognizerPtr _recognizer;               // null until the first set_parameters()
     std::array<std::vector<View>, 2> _views; // one entry a picture put
     std::array<DistortCamera, 2> _cameras;
-    std::unique_ptr<StereoCamera> _stereo; // null until create_stereo_camera()
-    cv::Mat_<double> _rect0_from_board;    // 4x4; empty until create_stereo_brdcrd()
-    std::vector<bool> _pair_used;          // by the last calibration
+    std::unique_ptr<StereoCamera> _stereo;        // null until create_stereo_camera()
+    std::array<DistortCamera, 2> _stereo_cameras; // what _stereo was made of; a later calibration leaves both
+    cv::Mat_<double> _rect0_from_board;           // 4x4; empty until create_stereo_brdcrd()
+    std::vector<bool> _pair_used;                 // by the last calibration
     bool _calibrated = false;
 };
 

@@ -42,16 +42,19 @@ DistortCamera& DistortCamera::operator=(const DistortCamera& other)
 bool DistortCamera::save(cv::FileStorage* fs)
 {
     if (!name.empty() && !camera_file::is_key_name(name)) return false;
-    return camera_file::save_yaml(fs, camera_file::default_file(name), [this](cv::FileStorage& storage) {
+    const bool nameless = name.empty();
+    const bool saved = camera_file::save_yaml(fs, name, [this](cv::FileStorage& storage) {
         if (!PinHoleCamera::save(&storage)) return false;
         cv::write(storage, name + "_D", D);
         return true;
     });
+    if (!saved && nameless) name.clear(); // the next save goes to the same file
+    return saved;
 }
 
 bool DistortCamera::load(cv::FileStorage* fs)
 {
-    return camera_file::load_yaml(fs, camera_file::default_file(name), [this](cv::FileStorage& storage) {
+    return camera_file::load_yaml(fs, name, [this](cv::FileStorage& storage) {
         PinHoleCamera fresh(*this);
         cv::Mat_<double> fresh_D;
         if (!fresh.load(&storage)) return false;
@@ -66,13 +69,13 @@ bool DistortCamera::load(cv::FileStorage* fs)
 bool DistortCamera::solvePnPRansac(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_ransac(object_points, image_points, normalised_K(), D, rvec, tvec);
+    return pose_by_ransac(object_points, image_points, *this, D, rvec, tvec);
 }
 
 bool DistortCamera::solvePnP(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_least_squares(object_points, image_points, normalised_K(), D, rvec, tvec);
+    return pose_by_least_squares(object_points, image_points, *this, D, rvec, tvec);
 }
 
 cv::Point2d DistortCamera::project_forw(const cv::Point3d& X) const

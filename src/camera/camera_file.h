@@ -62,12 +62,13 @@ bool all_finite(std::initializer_list<cv::Mat_<double>> matrices);
 /// Whether the left 3x3 block of a projection (or an intrinsic matrix) can be inverted with some digits left.
 bool is_regular(const cv::Mat_<double>& m);
 
-/// Opens for writing what save() was given, or a storage in memory when that is null.
-/// Runs `write` on it and, when the storage is ours, brings it to `file`. Whatever is thrown gives false.
-template <class Write> bool save_yaml(cv::FileStorage* given, const std::string& file, Write write)
+/// Opens for writing what save() was given, or a storage in memory when that is null. Runs `write` on it and, when
+/// the storage is ours, brings it to the default file of `name` as it was before. Whatever is thrown gives false.
+template <class Write> bool save_yaml(cv::FileStorage* given, const std::string& name, Write write)
 {
     try {
         if (given != nullptr) return given->isOpened() && write(*given);
+        const std::string file = default_file(name);
         cv::FileStorage own = file_io::memory_yaml();
         return own.isOpened() && write(own) && file_io::close_yaml(own, file);
     } catch (...) {
@@ -75,13 +76,14 @@ template <class Write> bool save_yaml(cv::FileStorage* given, const std::string&
     }
 }
 
-/// Runs `read` on what load() was given, or on the file when that is null. Whatever is thrown gives false.
-template <class Read> bool load_yaml(cv::FileStorage* given, const std::string& file, Read read)
+/// Runs `read` on what load() was given, or on the default file of `name` when that is null. Whatever is thrown gives
+/// false.
+template <class Read> bool load_yaml(cv::FileStorage* given, const std::string& name, Read read)
 {
     try {
         if (given != nullptr) return given->isOpened() && read(*given);
         cv::FileStorage own;
-        return file_io::open_yaml(file, own) && read(own);
+        return file_io::open_yaml(default_file(name), own) && read(own);
     } catch (...) {
         return false;
     }

@@ -150,8 +150,7 @@ bool PinHoleCamera::save(cv::FileStorage* fs)
 {
     if (name.empty()) name = "cam";
     if (!camera_file::is_key_name(name)) return false;
-    return camera_file::save_yaml(
-        fs, camera_file::default_file(name), [this](cv::FileStorage& storage) { return _write(storage); });
+    return camera_file::save_yaml(fs, name, [this](cv::FileStorage& storage) { return _write(storage); });
 }
 
 bool PinHoleCamera::_write(cv::FileStorage& fs)
@@ -169,7 +168,7 @@ bool PinHoleCamera::_write(cv::FileStorage& fs)
 
 bool PinHoleCamera::load(cv::FileStorage* fs)
 {
-    return camera_file::load_yaml(fs, camera_file::default_file(name), [this](const cv::FileStorage& storage) {
+    return camera_file::load_yaml(fs, name, [this](const cv::FileStorage& storage) {
         PinHoleCamera fresh(*this);
         if (!fresh._read(storage)) return false;
         _swap(fresh);
@@ -227,13 +226,13 @@ bool PinHoleCamera::load_hmat(std::istream& is)
 bool PinHoleCamera::solvePnPRansac(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_ransac(object_points, image_points, normalised_K(), {}, rvec, tvec);
+    return pose_by_ransac(object_points, image_points, *this, {}, rvec, tvec);
 }
 
 bool PinHoleCamera::solvePnP(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_least_squares(object_points, image_points, normalised_K(), {}, rvec, tvec);
+    return pose_by_least_squares(object_points, image_points, *this, {}, rvec, tvec);
 }
 
 } // namespace vexo

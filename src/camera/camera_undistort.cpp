@@ -191,7 +191,8 @@ bool UndistortCamera::_remap_rows(const cv::Mat& src, cv::Mat& dst, const cv::Sc
 bool UndistortCamera::save(cv::FileStorage* fs)
 {
     if (!name.empty() && !camera_file::is_key_name(name)) return false;
-    return camera_file::save_yaml(fs, camera_file::default_file(name), [this](cv::FileStorage& storage) {
+    const bool nameless = name.empty();
+    const bool saved = camera_file::save_yaml(fs, name, [this](cv::FileStorage& storage) {
         if (!map_file.empty() && !write_table_file(map_file, map1, map2)) return false;
         if (!PinHoleCamera::save(&storage)) return false;
         storage.startWriteStruct(name + "_roi", cv::FileNode::SEQ | cv::FileNode::FLOW);
@@ -200,11 +201,13 @@ bool UndistortCamera::save(cv::FileStorage* fs)
         storage.endWriteStruct();
         return true;
     });
+    if (!saved && nameless) name.clear(); // the next save goes to the same file
+    return saved;
 }
 
 bool UndistortCamera::load(cv::FileStorage* fs)
 {
-    return camera_file::load_yaml(fs, camera_file::default_file(name), [this](cv::FileStorage& storage) {
+    return camera_file::load_yaml(fs, name, [this](cv::FileStorage& storage) {
         PinHoleCamera fresh(*this);
         if (!fresh.load(&storage)) return false;
         int r[4] = { roi.x, roi.y, roi.width, roi.height };

@@ -8,10 +8,12 @@
 /// classes; PinHoleCamera::solvePnPRansac() documents arguments and results.
 namespace vexo {
 
+class PinHoleCamera;
+
 bool pose_by_ransac(const std::vector<cv::Point3f>& object_points, const std::vector<cv::Point2f>& image_points,
-    const cv::Mat_<double>& K, const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept;
+    const PinHoleCamera& camera, const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept;
 
 bool pose_by_least_squares(const std::vector<cv::Point3f>& object_points, const std::vector<cv::Point2f>& image_points,
-    const cv::Mat_<double>& K, const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept;
+    const PinHoleCamera& camera, const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept;
 
 } // namespace vexo

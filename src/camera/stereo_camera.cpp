@@ -182,8 +182,7 @@ bool StereoCamera::save(const cv::FileStorage* fs)
     if (!camera_file::is_key_name(name) || cam0.name == cam1.name) return false;
     // A storage is a handle: writing through it does not change the handle that the caller keeps.
     auto* storage = const_cast<cv::FileStorage*>(fs);
-    return camera_file::save_yaml(
-        storage, camera_file::default_file(name), [this](cv::FileStorage& given) { return _write(given); });
+    return camera_file::save_yaml(storage, name, [this](cv::FileStorage& given) { return _write(given); });
 }
 
 bool StereoCamera::_write(cv::FileStorage& fs)
@@ -204,7 +203,7 @@ bool StereoCamera::_write(cv::FileStorage& fs)
 bool StereoCamera::load(const cv::FileStorage* fs)
 {
     auto* storage = const_cast<cv::FileStorage*>(fs); // read only
-    return camera_file::load_yaml(storage, camera_file::default_file(name), [this](cv::FileStorage& given) {
+    return camera_file::load_yaml(storage, name, [this](cv::FileStorage& given) {
         StereoCamera fresh(*this);
         if (!fresh._read(given)) return false;
         _swap(fresh);

@@ -87,7 +87,7 @@ TEST(PreProcessor, ThresholdIsExclusiveUnknownModesAreEmptyAndBadBlocksThrow)
         p.binarize_mode = mode;
         EXPECT_TRUE(preprocessed(p, ramp()).empty()) << mode;
     }
-    for (const int block : { 4, 1, -3 }) {
+    for (const int block : { 4, 1, -3, 4000 }) {
         PreProcParam p = fixed_threshold(block);
         p.binarize_mode = kAdaptiveMean;
         EXPECT_THROW(preprocessed(p, ramp()), cv::Exception) << block;

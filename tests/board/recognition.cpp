@@ -276,7 +276,7 @@ TEST(Recognizer, RefusedParametersLeaveAllSettingsAsTheyWere)
     constexpr double inf = std::numeric_limits<double>::infinity();
     const CalibBoardParam refused[] = { { 0, 5, 5, 0, 0, 9 }, { -1, 5, 5, 0, 0, 9 }, { std::nan(""), 5, 5, 0, 0, 9 },
         { inf, 5, 5, 0, 0, 9 }, { 1, 0, 5, 0, 0, 9 }, { 1, 5, -5, 0, 0, 9 }, { 1, 1000, 1001, 0, 0, 9 },
-        { 1, 1 << 30, 1 << 30, 0, 0, 9 } };
+        { 1, 1 << 30, 1 << 30, 0, 0, 9 }, { 1e39, 5, 5, 0, 0, 9 }, { 1e-60, 5, 5, 0, 0, 9 } };
     for (const CalibBoardParam& param : refused) {
         Board bad;
         bad.param = param;

@@ -159,6 +159,32 @@ TEST(StereoCalibrator, SixteenNoisyViewsGiveThePairWithinThePromisedAccuracy)
     std::filesystem::remove_all(folder);
 }
 
+/// The stereo camera keeps the lenses that it was made of: a board in its frame stays where it was.
+TEST(StereoCalibrator, LaterCalibrationLeavesTheBoardFrameOfAnEarlierStereoCamera)
+{
+    const std::string folder = folder_for("later");
+    StereoCalibrator pair;
+    ASSERT_TRUE(set_up(pair));
+    CameraCalibParam param;
+    RectifyParam rectify;
+    const cv::Mat &p0 = series().pictures[0][3], &p1 = series().pictures[1][3];
+    std::string files[2];
+    for (const int half : { 0, 1 }) {
+        for (int i = 8 * half; i < 8 * half + 8; ++i)
+            for (const int cam : { 0, 1 })
+                ASSERT_EQ(put(pair, cam, i), 0);
+        ASSERT_TRUE(pair.do_calibrate(param, nullptr, nullptr));
+        if (half == 0) {
+            ASSERT_GT(pair.create_stereo_camera(rectify, nullptr, nullptr), 0);
+        }
+        ASSERT_TRUE(pair.create_stereo_brdcrd(p0.data, p0.step, p1.data, p1.step));
+        ASSERT_TRUE(pair.save_boardRT(folder + "rt.yaml"));
+        ASSERT_TRUE(file_io::read_file(folder + "rt.yaml", 1 << 20, files[half]));
+    }
+    EXPECT_EQ(files[0], files[1]);
+    std::filesystem::remove_all(folder);
+}
+
 TEST(StereoCalibrator, BoardFrameGivesTheBoardsOwnCoordinatesAndDoesNotPileUp)
 {
     Calibrated& c = calibrated();

@@ -3,6 +3,7 @@
 
 #include <cfloat>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using rig::max_difference;
@@ -243,6 +244,17 @@ TEST_F(CameraFiles, NamelessCameraIsCalledCamAndTheFileNamesDiffer)
     DistortCamera absent({ 7, 7 }, "nobody");
     EXPECT_FALSE(absent.load(nullptr));
     EXPECT_EQ(absent.size, cv::Size(7, 7));
+}
+
+TEST_F(CameraFiles, FailedSaveLeavesANamelessCameraNameless)
+{
+    ASSERT_EQ(chdir(folder.c_str()), 0);
+    ASSERT_EQ(mkdir("_param.yaml", 0755), 0); // nothing can be written there
+    DistortCamera distorted = rig::camera("", { 640, 480 }, 800, {});
+    vexo::UndistortCamera rectified({ 640, 480 }, "");
+    EXPECT_FALSE(distorted.save(nullptr) || rectified.save(nullptr));
+    EXPECT_EQ(distorted.name + rectified.name, "");
+    EXPECT_FALSE(exists("cam_param.yaml"));
 }
 
 TEST_F(CameraFiles, NamesThatAreNoKeysSaveNothing)
