@@ -29,6 +29,19 @@ struct Progress {
     volatile const char* fault;
 };
 
+#ifdef VEXO_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
+/// Ends a child at once; only the counters of a coverage build are written.
+[[noreturn]] inline void leave(int code)
+{
+#ifdef VEXO_COVERAGE
+    __gcov_dump();
+#endif
+    _exit(code);
+}
+
 inline std::size_t address_space()
 {
     long pages = 0;
@@ -72,10 +85,10 @@ inline void print_fault(const char* program, const Options& options, long i, con
         const char* found = guarded(trial, i);
         if (found == nullptr) continue;
         std::strncpy(fault, found, 200);
-        _exit(2);
+        leave(2);
     }
     progress->trial = last;
-    _exit(0);
+    leave(0);
 }
 
 /// Waits for a child; one that stays at a trial for too long is killed. @return what it found, empty: nothing
@@ -141,7 +154,7 @@ inline long run_trials(const char* what, const char* program, const Options& opt
 inline int in_child(const std::function<int()>& work)
 {
     const pid_t child = fork();
-    if (child == 0) _exit(work());
+    if (child == 0) leave(work());
     int status = 0;
     waitpid(child, &status, 0);
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
