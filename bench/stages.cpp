@@ -74,18 +74,15 @@ struct Stages {
         return { decoders[cam]->valid[static_cast<std::size_t>(row)],
             std::vector<float>(phase, phase + map[cam].cols) };
     }
-    vexo::PhaseRow row(std::size_t cam, int r) const
-    {
-        return { &decoders[cam]->valid[static_cast<std::size_t>(r)], map[cam][r] };
-    }
+    vexo::PhaseRow row(std::size_t cam, int r) const { return { mask[cam][r], map[cam][r] }; }
     void match()
     {
         vexo::RowMatcher matcher;
         matcher.reserve(disparity.cols);
         disparity.setTo(no_disparity);
         for (int r = 0; r < disparity.rows; ++r)
-            matcher.match(
-                row(0, r), row(1, r), { 0.15, -10000, 10000, no_disparity, 5 }, false, disparity.ptr<double>(r));
+            matcher.match(row(0, r), row(1, r), disparity.cols, { 0.15, -10000, 10000, no_disparity, 5 }, false,
+                disparity.ptr<double>(r));
     }
 };
 

@@ -49,30 +49,27 @@ void GrayPhaseDecoder::preproc()
     _phasecode();
 }
 
-void GrayPhaseDecoder::decode()
+bool GrayPhaseDecoder::begin_decode()
 {
-    if (!_decodable()) {
-        _drop_results();
-        return;
-    }
+    if (!_decodable()) return false;
     _prepare_decode();
     gray.release(); // of an earlier preproc(): they belong to other frames
     phase.release();
     _workers.resize(at(omp_get_max_threads()));
     for (FastGrayRow& worker : _workers)
         worker.resize(white.cols);
+    return true;
+}
+
+void GrayPhaseDecoder::decode_row(int y, int thread) noexcept
+{
     const FastGrayRow::Limits limits { byte_limits(params->min_contrast, params->max_white, params->min_white),
         params->anchor_length, params->reject_length, params->code_spread };
-    const FastRows& kernels = fast_rows();
-    const float* angles = AngleTable::instance().data();
     const auto& f = frames;
-    const int rows = white.rows;
-#pragma omp parallel for schedule(dynamic, 16) // each thread writes its own rows of `unwrapped` and `vmask`
-    for (int y = 0; y < rows; ++y)
-        _workers[at(omp_get_thread_num())].decode(kernels, angles,
-            { black[y], white[y], { f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] },
-                { f[7][y], f[8][y], f[9][y], f[10][y] } },
-            limits, unwrapped[y], vmask[y]);
+    _workers[at(thread)].decode(fast_rows(), AngleTable::instance().data(),
+        { black[y], white[y], { f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] },
+            { f[7][y], f[8][y], f[9][y], f[10][y] } },
+        limits, unwrapped[y], vmask[y]);
 }
 
 cv::Mat_<float> GrayPhaseDecoder::_threshold() const

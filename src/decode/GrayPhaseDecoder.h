@@ -24,7 +24,8 @@ public:
 
     int set_input(void* data, int width, int height, unsigned long step, int index) override;
     void preproc() override;
-    void decode() override;
+    bool begin_decode() override;
+    void decode_row(int y, int thread) noexcept override;
 
     /// Grey level between dark and lit, (white + black) / 2, of every pixel.
     cv::Mat_<float> _threshold() const;
@@ -39,7 +40,7 @@ public:
 
 private:
     bool _decodable() const noexcept;
-    std::vector<FastGrayRow> _workers; ///< of decode(), one a thread
+    std::vector<FastGrayRow> _workers; ///< of decode_row(), one a thread
 };
 
 } // namespace vexo

@@ -31,7 +31,7 @@ std::size_t at(int position) noexcept
     return static_cast<std::size_t>(position);
 }
 
-/// What decode() needs of the table and the record. Phases are offset by the record's periods and resolved by the
+/// What decode_row() needs of the table and the record. Phases are offset by the record's periods and resolved by the
 /// table's, as in preproc() and unwrap(), should the two ever differ.
 FastMultiRow::Periods fast_periods(const FringePairTable& table, const MultiPhaseMatchingParam& params) noexcept
 {
@@ -92,31 +92,27 @@ bool MultiPhaseDecoder::_fast() const noexcept
         && static_cast<float>(pair_table->maxp) > max_coordinate;
 }
 
-void MultiPhaseDecoder::decode()
+bool MultiPhaseDecoder::begin_decode()
 {
-    if (!_fast()) {
-        ProjectorPositions::decode();
-        return;
-    }
+    if (!_fast()) return false;
     _prepare_decode();
     for (cv::Mat_<float>& phase : phases)
         phase.release(); // of an earlier preproc(): they belong to other frames
     _workers.resize(at(omp_get_max_threads()));
     for (FastMultiRow& worker : _workers)
         worker.resize(white.cols);
-    const FastMultiRow::Periods periods = fast_periods(*pair_table, *params);
-    const ByteLimits limits = byte_limits(params->min_contrast, params->max_white, params->min_white);
-    const FastRows& kernels = fast_rows();
-    const float* angles = AngleTable::instance().data();
+    return true;
+}
+
+void MultiPhaseDecoder::decode_row(int y, int thread) noexcept
+{
     const auto& f = frames;
-    const int rows = white.rows;
-#pragma omp parallel for schedule(dynamic, 16) // each thread writes its own rows of `unwrapped` and `vmask`
-    for (int y = 0; y < rows; ++y)
-        _workers[at(omp_get_thread_num())].decode(kernels, angles,
-            { black[y], white[y],
-                { { { f[0][y], f[1][y], f[2][y], f[3][y] }, { f[4][y], f[5][y], f[6][y], f[7][y] },
-                    { f[8][y], f[9][y], f[10][y], f[11][y] } } } },
-            limits, periods, unwrapped[y], vmask[y]);
+    _workers[at(thread)].decode(fast_rows(), AngleTable::instance().data(),
+        { black[y], white[y],
+            { { { f[0][y], f[1][y], f[2][y], f[3][y] }, { f[4][y], f[5][y], f[6][y], f[7][y] },
+                { f[8][y], f[9][y], f[10][y], f[11][y] } } } },
+        byte_limits(params->min_contrast, params->max_white, params->min_white), fast_periods(*pair_table, *params),
+        unwrapped[y], vmask[y]);
 }
 
 void MultiPhaseDecoder::_decode_phase3()

@@ -22,7 +22,8 @@ public:
     int set_input(void* data, int width, int height, unsigned long step, int index) override;
     void preproc() override;
     /// Three shifts a period, whose differences are not whole, go the readable way.
-    void decode() override;
+    bool begin_decode() override;
+    void decode_row(int y, int thread) noexcept override;
 
     /// Fill `phases` from three or four shifts a period.
     void _decode_phase3();
@@ -35,9 +36,9 @@ public:
 
 private:
     bool _decodable() const noexcept;
-    /// Whether decode() has a fast way for these frames and this table.
+    /// Whether decode_row() can do these frames with this table.
     bool _fast() const noexcept;
-    std::vector<FastMultiRow> _workers; ///< of decode(), one a thread
+    std::vector<FastMultiRow> _workers; ///< of decode_row(), one a thread
 };
 
 } // namespace vexo

@@ -1,5 +1,6 @@
 #include "decode/ProjectorPositions.h"
 
+#include "decode/large_pages.h"
 #include "decode/phase_kernels.h"
 #include "decode/stream_copy.h"
 #include "vexo/file_io.h"
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <omp.h>
 #include <opencv2/imgcodecs.hpp>
 
 namespace vexo {
@@ -138,14 +140,28 @@ int ProjectorPositions::_copy_input(const void* data, int width, int height, uns
 
 void ProjectorPositions::decode()
 {
-    preproc();
-    unwrap();
+    if (!begin_decode()) {
+        preproc();
+        unwrap();
+        return;
+    }
+    const int rows = unwrapped.rows;
+#pragma omp parallel for schedule(dynamic, 16) // each row has its own results
+    for (int row = 0; row < rows; ++row)
+        decode_row(row, omp_get_thread_num());
 }
+
+bool ProjectorPositions::begin_decode()
+{
+    return false;
+}
+
+void ProjectorPositions::decode_row(int /*row*/, int /*thread*/) noexcept { }
 
 void ProjectorPositions::_prepare_decode()
 {
-    unwrapped.create(input_size());
-    vmask.create(input_size());
+    create_large(unwrapped, input_size(), CV_32F);
+    create_large(vmask, input_size(), CV_8U);
     for (std::vector<int>& row : valid)
         row.clear();
 }

@@ -39,7 +39,13 @@ public:
     /// preproc() and unwrap() in one: `unwrapped` and `vmask` get the same bits. The decoders of camera frames do it
     /// 7 times (gray code) and 18 times (multi-period) faster; what lies between, `valid` and the images of codes
     /// and phases, is not made then: `valid` has no columns until vmask2valid().
-    virtual void decode();
+    void decode();
+    /// decode() for callers that bring the parallel loop themselves: makes room, for as many threads as OpenMP would
+    /// use now. @return whether every row may now be given to decode_row(); if not, decode() does it in other ways
+    virtual bool begin_decode();
+    /// @param row     of the frames, each once
+    /// @param thread  number of the calling thread, from 0
+    virtual void decode_row(int row, int thread) noexcept;
 
     ProjectorPositions(const ProjectorPositions&) = delete;
     ProjectorPositions& operator=(const ProjectorPositions&) = delete;

@@ -10,6 +10,15 @@ struct EveryColumn {
     int operator[](std::size_t position) const noexcept { return static_cast<int>(position); }
 };
 
+constexpr std::size_t brush = 16; // px
+
+/// Paints at least `length` pixels, in whole brushes.
+void paint(uint8_t* row, int length, int value) noexcept
+{
+    for (int x = 0; x < length; x += static_cast<int>(brush))
+        std::memset(row + x, value, brush);
+}
+
 } // namespace
 
 void FastGrayRow::resize(int cols)
@@ -19,6 +28,8 @@ void FastGrayRow::resize(int cols)
     const std::size_t padded = RowBits::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_code, &_rise_flags, &_change_flags })
         row->assign(padded, 0); // what lies behind the last column stays 0
+    for (std::vector<uint8_t>* row : { &_section_code, &_trusted })
+        row->assign(padded + brush, 0);
     _phase.resize(padded);
     for (RowBits* bits : { &_rises, &_changes, &_usable })
         bits->resize(cols);
@@ -29,18 +40,21 @@ void FastGrayRow::resize(int cols)
 void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames& frames, const Limits& limits,
     float* out, uint8_t* mask) noexcept
 {
-    const auto cols = static_cast<std::size_t>(_cols);
-    std::memset(out, 0, cols * sizeof(float));
-    std::memset(mask, 0, cols);
     rows.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
     _usable.pack(_valid.data());
     const RowBits::Range range = _usable.range(_cols);
+    const auto cols = static_cast<std::size_t>(_cols), begin = static_cast<std::size_t>(range.begin),
+               end = static_cast<std::size_t>(range.end);
+    std::memset(out, 0, begin * sizeof(float));
+    std::memset(mask, 0, begin);
+    std::memset(out + end, 0, (cols - end) * sizeof(float));
+    std::memset(mask + end, 0, cols - end);
     if (range.begin >= range.end) return;
     _decode_range(rows, angles, frames, range);
 
     _find_sections();
     choose_anchors(_sections, limits.anchor_length, limits.code_spread);
-    _assign_anchors(out, mask);
+    _assign_anchors(rows, range, out, mask);
     for (PhaseSection& section : _sections)
         if (section.length <= limits.reject_length) section.state = section_rejected;
     const auto mark = [mask](int x) { mask[x] = 255; };
@@ -91,24 +105,29 @@ void FastGrayRow::_find_sections() noexcept
             run = x;
             if ((rises >> bit & 1) != 0) continue; // only the code changes
             if (begin >= 0) {
-                const int ncodes = _vote.ndistinct();
-                _sections.push_back({ begin, x, x - begin, ncodes, _vote.take_winner(), section_open });
+                PhaseSection& section = _sections.emplace_back(); // filled in place: a copy waits for its parts
+                section.begin = begin;
+                section.end = x;
+                section.length = x - begin;
+                section.state = section_open;
+                _vote.close(section);
             }
             begin = (usable >> bit & 1) != 0 ? x : -1;
         }
     }
 }
 
-void FastGrayRow::_assign_anchors(float* out, uint8_t* mask) const noexcept
+/// Sections are short: painting them with a broad brush and never looking where they end is quicker. What is painted
+/// too far is painted over by the next section, or is no usable pixel.
+void FastGrayRow::_assign_anchors(const FastRows& rows, const RowBits::Range& range, float* out, uint8_t* mask) noexcept
 {
     for (const PhaseSection& section : _sections) {
-        if (section.state == section_open) continue;
-        const auto code = static_cast<float>(section.code);
-        const float* phase = _phase.data();
-        for (int x = section.begin; x < section.end; ++x)
-            out[x] = phase[x] + code;
-        std::memset(mask + section.begin, 255, static_cast<std::size_t>(section.length));
+        paint(_section_code.data() + section.begin, section.length, section.code);
+        paint(_trusted.data() + section.begin, section.length, section.state == section_open ? 0 : 255);
     }
+    const int begin = range.begin;
+    rows.join(_valid.data() + begin, _trusted.data() + begin, _section_code.data() + begin, _phase.data() + begin,
+        range.end - begin, out + begin, mask + begin);
 }
 
 } // namespace vexo

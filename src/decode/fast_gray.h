@@ -10,6 +10,42 @@
 
 namespace vexo {
 
+/// Counts the codes of one section after another, run by run. Few sections have more than two runs: those are all that
+/// CodeVote is asked about.
+class RunVote {
+public:
+    /// Another run of equal codes; the run before had another code.
+    void add(uint8_t code, int length) noexcept
+    {
+        if (_runs < 2) {
+            _first[_runs++] = { code, length };
+            return;
+        }
+        if (_runs == 2)
+            for (const Run& run : _first)
+                _vote.add(run.code, run.length);
+        _runs = 3;
+        _vote.add(code, length);
+    }
+    /// Fills in what the pixels of the section say, and begins anew.
+    void close(PhaseSection& section) noexcept
+    {
+        section.ncodes = _runs < 3 ? static_cast<int>(_runs) : _vote.ndistinct();
+        const Run& longer = _first[_runs == 2 && _first[1].length > _first[0].length ? 1 : 0];
+        section.code = _runs < 3 ? int16_t { longer.code } : _vote.take_winner();
+        _runs = 0;
+    }
+
+private:
+    struct Run {
+        uint8_t code;
+        int length;
+    };
+    std::array<Run, 2> _first {};
+    std::size_t _runs = 0; ///< 3: more than two
+    CodeVote _vote;
+};
+
 /// Gray code + phase of one image row after another, from frames to coordinates in one pass: 13 bytes in and a
 /// float and a mask byte out a pixel, everything between stays in the first-level cache.
 ///
@@ -44,16 +80,17 @@ private:
         const FastRows& rows, const float* angles, const Frames& frames, const RowBits::Range& range) noexcept;
     /// Cuts the row where `_rises` says, and counts the codes of every section.
     void _find_sections() noexcept;
-    void _assign_anchors(float* out, uint8_t* mask) const noexcept;
+    void _assign_anchors(const FastRows& rows, const RowBits::Range& range, float* out, uint8_t* mask) noexcept;
 
     int _cols = 0;
     std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, but the codes; padded with 0
+    std::vector<uint8_t> _section_code, _trusted;                   ///< of each pixel's section; with room for 16 more
     std::vector<float> _phase;
     RowBits _rises;   ///< the pixel goes on with the section of its left neighbour
     RowBits _changes; ///< its code differs from the neighbour's
     RowBits _usable;
     std::vector<PhaseSection> _sections;
-    CodeVote _vote;
+    RunVote _vote;
 };
 
 } // namespace vexo

@@ -72,6 +72,18 @@ VEXO_BODY rises_body(const uint8_t* __restrict mask, const float* __restrict pha
     }
 }
 
+VEXO_BODY join_body(const uint8_t* __restrict mask, const uint8_t* __restrict trusted, const uint8_t* __restrict code,
+    const float* __restrict phase, int cols, float* __restrict coordinate, uint8_t* __restrict kept)
+{
+#pragma omp simd
+    for (int x = 0; x < cols; ++x) {
+        const auto keep = static_cast<uint8_t>(mask[x] & trusted[x]);
+        const float sum = phase[x] + static_cast<float>(code[x]);
+        kept[x] = keep;
+        coordinate[x] = keep != 0 ? sum : 0.0F;
+    }
+}
+
 VEXO_BODY position_body(const uint8_t* const* steps, const float* __restrict angles, float offset, int period, int cols,
     float* __restrict position)
 {
@@ -214,6 +226,11 @@ VEXO_BODY falls_body(const float* __restrict v, int cols, uint8_t* __restrict fa
     {                                                                                                                  \
         rises_body(m, p, c, cols, r, changes);                                                                         \
     }                                                                                                                  \
+    TARGET void join(                                                                                                  \
+        const uint8_t* m, const uint8_t* t, const uint8_t* c, const float* p, int cols, float* out, uint8_t* kept)     \
+    {                                                                                                                  \
+        join_body(m, t, c, p, cols, out, kept);                                                                        \
+    }                                                                                                                  \
     TARGET void position(const uint8_t* const* steps, const float* angles, float o, int T, int cols, float* out)       \
     {                                                                                                                  \
         position_body(steps, angles, o, T, cols, out);                                                                 \
@@ -222,7 +239,7 @@ VEXO_BODY falls_body(const float* __restrict v, int cols, uint8_t* __restrict fa
     {                                                                                                                  \
         falls_body(v, cols, out);                                                                                      \
     }                                                                                                                  \
-    constexpr FastRows set { valid, code, phase, rises, position, resolve_##SET, falls };                              \
+    constexpr FastRows set { valid, code, phase, rises, join, position, resolve_##SET, falls };                        \
     }
 
 VEXO_ROWS(plain, )

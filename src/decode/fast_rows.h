@@ -47,6 +47,10 @@ struct FastRows {
     ///     rises[x] = mask[x] and mask[x - 1] and phase[x] >= phase[x - 1]      changes[x] = code[x] != code[x - 1]
     void (*rises)(
         const uint8_t* mask, const float* phase, const uint8_t* code, int cols, uint8_t* rises, uint8_t* changes);
+    /// Coordinates of the pixels whose section is trusted:
+    ///     kept[x] = mask[x] and trusted[x]      coordinate[x] = phase[x] + code[x], or 0
+    void (*join)(const uint8_t* mask, const uint8_t* trusted, const uint8_t* code, const float* phase, int cols,
+        float* coordinate, uint8_t* kept);
     /// Positions behind the start of the fringe, px, of all pixels: the period times phase4_row()'s phase.
     void (*position)(const uint8_t* const* steps, const float* angles, float offset, int period, int cols, float* x);
     /// Coordinates of the pixels of `mask` from three positions each, as FringePairTable::unwrap(); 0 and not

@@ -2,6 +2,7 @@
 
 #include "camera/image_file.h"
 #include "camera/stereo_camera.h"
+#include "decode/large_pages.h"
 
 #include <algorithm>
 #include <cmath>
@@ -88,58 +89,77 @@ bool PhaseStereoMatching::_frames_complete() const noexcept
     });
 }
 
+const UndistortCamera& PhaseStereoMatching::_rectifier(int cam) const noexcept
+{
+    return cam == 0 ? camera->cam0 : camera->cam1;
+}
+
+/// Both cameras in one loop: few parallel regions, and no thread waits for the other camera.
+void PhaseStereoMatching::_decode()
+{
+    const bool first_by_rows = decoders[0]->begin_decode(), second_by_rows = decoders[1]->begin_decode();
+    if (!first_by_rows || !second_by_rows) {
+        for (auto& decoder : decoders)
+            decoder->decode();
+        return;
+    }
+    const int rows = input_height;
+#pragma omp parallel for schedule(dynamic, 16) // each row of each camera has its own results
+    for (int i = 0; i < 2 * rows; ++i)
+        decoders[i < rows ? 0 : 1]->decode_row(i % rows, omp_get_thread_num());
+}
+
 /// Outside the camera's image map and mask are 0, whatever colour the camera fills its pictures with: a bright
 /// one would make the outside valid.
-void PhaseStereoMatching::_rectify(int cam)
+void PhaseStereoMatching::_prepare_rectification(int cam)
 {
-    ProjectorPositions& decoder = *decoders[static_cast<std::size_t>(cam)];
-    const UndistortCamera& rectifier = cam == 0 ? camera->cam0 : camera->cam1;
+    const auto at = static_cast<std::size_t>(cam);
+    const ProjectorPositions& decoder = *decoders[at];
+    const UndistortCamera& rectifier = _rectifier(cam);
     const cv::Size raw(input_width, input_height), rectified(output_width, output_height);
     if (decoder.unwrapped.size() != raw || decoder.vmask.size() != raw || rectifier.map1.size() != rectified)
         CV_Error(cv::Error::StsUnmatchedSizes, "decoder, generator and tables differ");
 
-    const bool by_rows = rectifier.has_row_form(raw);
-    _scratch_map.create(rectified, CV_32F);
-    _scratch_mask.create(rectified, CV_8U);
-    if (!by_rows
-        && !(rectifier.remap(decoder.unwrapped, _scratch_map, cv::Scalar::all(0))
-            && rectifier.remap(decoder.vmask, _scratch_mask, cv::Scalar::all(0))))
+    cv::Mat &map = _rectified[at].map, &mask = _rectified[at].mask;
+    create_large(map, rectified, CV_32F);
+    create_large(mask, rectified, CV_8U);
+    _by_rows[at] = rectifier.has_row_form(raw);
+    if (!_by_rows[at]
+        && !(rectifier.remap(decoder.unwrapped, map, cv::Scalar::all(0))
+            && rectifier.remap(decoder.vmask, mask, cv::Scalar::all(0))))
         CV_Error(cv::Error::StsBadArg, "the camera cannot rectify");
-    if (cam == 0) _next_texture.create(rectified, CV_8U);
-    decoder.valid.resize(static_cast<std::size_t>(output_height));
-    for (std::vector<int>& columns : decoder.valid)
-        columns.reserve(static_cast<std::size_t>(output_width));
+}
 
-#pragma omp parallel for schedule(dynamic, 32) // each row has its own pixels of the scratch images and its own list
-    for (int row = 0; row < output_height; ++row)
-        _rectify_row(rectifier, decoder, row, by_rows);
-    cv::swap(static_cast<cv::Mat&>(decoder.unwrapped), _scratch_map);
-    cv::swap(static_cast<cv::Mat&>(decoder.vmask), _scratch_mask);
-    if (cam == 0) _have_next_texture = by_rows;
+void PhaseStereoMatching::_rectify()
+{
+    for (const int cam : { 0, 1 })
+        _prepare_rectification(cam);
+    _next_texture.create(output_height, output_width, CV_8U);
+    const int rows = output_height, first = _by_rows[0] ? 0 : rows, behind = _by_rows[1] ? 2 * rows : rows;
+#pragma omp parallel for schedule(dynamic, 16) // each row of each camera has its own pixels
+    for (int i = first; i < behind; ++i)
+        _rectify_row(i < rows ? 0 : 1, i % rows);
+
+    for (std::size_t cam = 0; cam < 2; ++cam) {
+        cv::swap(static_cast<cv::Mat&>(decoders[cam]->unwrapped), _rectified[cam].map);
+        cv::swap(static_cast<cv::Mat&>(decoders[cam]->vmask), _rectified[cam].mask);
+        decoders[cam]->valid.clear(); // the raw frames' columns
+    }
+    _have_next_texture = _by_rows[0];
 }
 
 /// Map, mask and, of camera 0, the texture for the next cloud: their pixels have the same sources.
-void PhaseStereoMatching::_rectify_row(
-    const UndistortCamera& rectifier, ProjectorPositions& decoder, int row, bool by_rows) noexcept
+void PhaseStereoMatching::_rectify_row(int cam, int row) noexcept
 {
-    const cv::Mat &map = decoder.unwrapped, &mask = decoder.vmask;
-    if (by_rows) {
-        RemapImages images { { mask.ptr(), mask.step[0], _scratch_mask.ptr(row), 0 },
-            { map.ptr<float>(), map.step[0], _scratch_map.ptr<float>(row), 0.0F }, {} };
-        if (&decoder == decoders[0].get()) images.more_bytes = _texture_images(_next_texture, row).bytes;
-        rectifier.remap_row(row, map.size(), images);
-    }
-    std::vector<int>& columns = decoder.valid[static_cast<std::size_t>(row)];
-    columns.resize(static_cast<std::size_t>(output_width));
-    columns.resize(static_cast<std::size_t>(list_valid_columns(_scratch_mask.ptr(row), output_width, columns.data())));
-}
-
-RemapImages PhaseStereoMatching::_texture_images(cv::Mat& rectified, int row) const noexcept
-{
-    const cv::Mat& lit = decoders[0]->white;
-    RemapImages images;
-    images.bytes = { lit.ptr(), lit.step[0], rectified.ptr(row), cv::saturate_cast<uchar>(camera->cam0.fill[0]) };
-    return images;
+    const auto at = static_cast<std::size_t>(cam);
+    const ProjectorPositions& decoder = *decoders[at];
+    const cv::Mat &map = decoder.unwrapped, &mask = decoder.vmask, &lit = decoder.white;
+    RemapImages images { { mask.ptr(), mask.step[0], _rectified[at].mask.ptr(row), 0 },
+        { map.ptr<float>(), map.step[0], _rectified[at].map.ptr<float>(row), 0.0F }, {} };
+    if (cam == 0)
+        images.more_bytes
+            = { lit.ptr(), lit.step[0], _next_texture.ptr(row), cv::saturate_cast<uchar>(camera->cam0.fill[0]) };
+    _rectifier(cam).remap_row(row, map.size(), images);
 }
 
 bool PhaseStereoMatching::exec()
@@ -147,10 +167,8 @@ bool PhaseStereoMatching::exec()
     executed = false;
     if (!_frames_complete()) return false;
     try {
-        for (auto& decoder : decoders)
-            decoder->decode();
-        _rectify(0);
-        _rectify(1);
+        _decode();
+        _rectify();
         executed = true;
     } catch (...) {
         return false;
@@ -165,15 +183,9 @@ void PhaseStereoMatching::genPC(Method3D method, bool interpolate)
     if (!executed) return _drop_cloud();
     try {
         if (!_make_texture()) return _drop_cloud();
-        if (method == MethodV || method == MethodP) {
-            _make_disparity_data(interpolate);
-            return generate_pointcloud(method);
-        }
-        _begin_cloud();
-        const cv::Matx44d H = _reprojection();
-        _make_disparity_data(
-            interpolate, [&](int row) { _row_counts[static_cast<std::size_t>(row)] = _reproject(H, row); });
-        valid_count = std::accumulate(_row_counts.begin(), _row_counts.end(), 0);
+        if (method != MethodV && method != MethodP) return _make_points_by_rows(interpolate);
+        _make_disparity_data(interpolate);
+        generate_pointcloud(method);
     } catch (...) {
         _drop_cloud();
     }
@@ -189,55 +201,83 @@ bool PhaseStereoMatching::_make_texture()
     return true;
 }
 
-void PhaseStereoMatching::_make_disparity_data(bool interpolate, const std::function<void(int)>& after_row)
+void PhaseStereoMatching::RowMemory::reserve(int cols)
+{
+    const auto size = static_cast<std::size_t>(cols);
+    matcher.reserve(cols);
+    left_list.reserve(size);
+    right_list.reserve(size);
+    disparities.resize(size);
+}
+
+void PhaseStereoMatching::_prepare_rows()
 {
     _read_limits();
+    _row_memory.resize(static_cast<std::size_t>(omp_get_max_threads()));
+    for (RowMemory& memory : _row_memory)
+        memory.reserve(output_width);
+}
+
+void PhaseStereoMatching::_make_disparity_data(bool interpolate)
+{
+    _prepare_rows();
     disparity.create(output_height, output_width, CV_64F);
-    _matchers.resize(static_cast<std::size_t>(omp_get_max_threads()));
-    for (RowMatcher& matcher : _matchers)
-        matcher.reserve(output_width);
-    const int rows = disparity.rows;
-    // Each row writes its own disparities, each thread has its own matcher; the decoders are only read.
+    const int rows = output_height;
+    // Each row writes its own disparities, each thread has its own memory; the decoders are only read.
 #pragma omp parallel for schedule(dynamic, 16)
     for (int row = 0; row < rows; ++row)
-        _make_row(row, interpolate, after_row);
+        _match_row(
+            row, interpolate, _row_memory[static_cast<std::size_t>(omp_get_thread_num())], disparity.ptr<double>(row));
 }
 
-void PhaseStereoMatching::_make_row(int row, bool interpolate, const std::function<void(int)>& after_row) noexcept
+void PhaseStereoMatching::_make_points_by_rows(bool interpolate)
+{
+    _prepare_rows();
+    _begin_cloud();
+    disparity.release();
+    const cv::Matx44d H = _reprojection();
+    const int rows = output_height;
+#pragma omp parallel for schedule(dynamic, 16) // as _make_disparity_data(); each row writes its own points
+    for (int row = 0; row < rows; ++row) {
+        RowMemory& memory = _row_memory[static_cast<std::size_t>(omp_get_thread_num())];
+        _match_row(row, interpolate, memory, memory.disparities.data());
+        _row_counts[static_cast<std::size_t>(row)] = _reproject(H, row, memory.disparities.data());
+    }
+    valid_count = std::accumulate(_row_counts.begin(), _row_counts.end(), 0);
+}
+
+void PhaseStereoMatching::_match_row(int row, bool interpolate, RowMemory& memory, double* out) const noexcept
 {
     const ProjectorPositions &left = *decoders[0], &right = *decoders[1];
-    const auto at = static_cast<std::size_t>(row);
-    double* out = disparity.ptr<double>(row);
-    std::fill(out, out + disparity.cols, invalid_disparity);
+    std::fill(out, out + output_width, invalid_disparity);
     const MatchLimits match_limits { limits.max_phase_diff, limits.min_disparity, limits.max_disparity,
         invalid_disparity, limits.fit_points };
-    RowMatcher& matcher = _matchers[static_cast<std::size_t>(omp_get_thread_num())];
-    if (!matcher.match({ &left.valid[at], left.unwrapped[row] }, { &right.valid[at], right.unwrapped[row] },
-            match_limits, interpolate, out))
-        _match_plainly(row, interpolate);
-    if (after_row) after_row(row);
-}
-
-void PhaseStereoMatching::_match_plainly(int row, bool interpolate) noexcept
-{
+    if (memory.matcher.match({ left.vmask[row], left.unwrapped[row] }, { right.vmask[row], right.unwrapped[row] },
+            output_width, match_limits, interpolate, out))
+        return;
     if (limits.fit_points == 3)
-        _match_row<LeastSquares3<float>>(row, interpolate);
+        _match_plainly<LeastSquares3<float>>(row, interpolate, memory, out);
     else
-        _match_row<LeastSquares5<float>>(row, interpolate);
+        _match_plainly<LeastSquares5<float>>(row, interpolate, memory, out);
 }
 
-template <class Fit> void PhaseStereoMatching::_match_row(int row, bool interpolate) noexcept
+template <class Fit>
+void PhaseStereoMatching::_match_plainly(int row, bool interpolate, RowMemory& memory, double* out) const noexcept
 {
     const ProjectorPositions &left = *decoders[0], &right = *decoders[1];
-    const std::vector<int>& leftlist = left.valid[static_cast<std::size_t>(row)];
-    const std::vector<int>& rightlist = right.valid[static_cast<std::size_t>(row)];
-    double* out = disparity.ptr<double>(row);
+    const auto list_columns = [&](const uchar* mask, std::vector<int>& list) {
+        list.resize(static_cast<std::size_t>(output_width)); // reserved
+        list.resize(static_cast<std::size_t>(list_valid_columns(mask, output_width, list.data())));
+    };
+    list_columns(left.vmask[row], memory.left_list);
+    list_columns(right.vmask[row], memory.right_list);
     Fit leftfit, rightfit;
     if (interpolate)
         _get_linedisparity_interpo(
-            out, leftfit, rightfit, leftlist, left.unwrapped[row], rightlist, right.unwrapped[row]);
+            out, leftfit, rightfit, memory.left_list, left.unwrapped[row], memory.right_list, right.unwrapped[row]);
     else
-        _get_linedisparity(out, rightfit, leftlist, left.unwrapped[row], rightlist, right.unwrapped[row]);
+        _get_linedisparity(
+            out, rightfit, memory.left_list, left.unwrapped[row], memory.right_list, right.unwrapped[row]);
 }
 
 template <class Fit>

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "camera/remap_kernels.h"
 #include "decode/ProjectorPositions.h"
 #include "matching/LeastSquares.h"
 #include "matching/PointCloudGenerator.h"
@@ -9,7 +8,6 @@
 
 #include <array>
 #include <climits>
-#include <functional>
 #include <memory>
 #include <vector>
 
@@ -36,7 +34,10 @@ public:
     bool loadpict(std::string file, int cam, int frame) override;
     /// Frames of decoded data come back as they were given, as float.
     bool getpict(unsigned char** data, int* width, int* height, unsigned long* step, int cam, int index) override;
+    /// Leaves each decoder with its rectified map and mask. Columns are not listed: nothing here needs lists; whoever
+    /// does calls the decoder's vmask2valid().
     bool exec() override;
+    /// With MethodQ `disparity` stays empty: no map is kept between matching and points.
     void genPC(Method3D method, bool interpolate) override;
 
     /// 0: camera frames are decoded, 1: decoded data is loaded.
@@ -50,9 +51,7 @@ protected:
     ///
     /// RowMatcher does it; what a match is say _get_linedisparity() and those below it, which also take the rows that
     /// RowMatcher leaves (with a NaN in them).
-    /// @param after_row  called with each row's number when its disparities are made and still in the cache, on
-    ///                   several threads at once; must not throw
-    void _make_disparity_data(bool interpolate, const std::function<void(int)>& after_row = {});
+    void _make_disparity_data(bool interpolate);
 
     /// One row, a disparity for each valid column of camera 0.
     ///
@@ -85,23 +84,38 @@ protected:
     int first_float_frame = INT_MAX;                             ///< frames from this index on are 32-bit float
 
 private:
-    /// Rectifies map and mask of one camera into its decoder. Throws cv::Exception when that is impossible.
-    void _rectify(int cam);
-    void _rectify_row(const UndistortCamera& rectifier, ProjectorPositions& decoder, int row, bool by_rows) noexcept;
-    /// One row of the lit frame of camera 0 into `rectified`, as remap_row() wants it.
-    RemapImages _texture_images(cv::Mat& rectified, int row) const noexcept;
+    /// What one thread needs for its rows.
+    struct RowMemory {
+        RowMatcher matcher;
+        std::vector<int> left_list, right_list; ///< of a row that the matcher leaves
+        std::vector<double> disparities;
+        void reserve(int cols);
+    };
+    /// Rectified images of one camera.
+    struct Rectified {
+        cv::Mat map, mask;
+    };
+    void _decode();
+    /// Rectifies map and mask of both cameras into their decoders. Throws cv::Exception when that is impossible.
+    void _rectify();
+    void _prepare_rectification(int cam);
+    void _rectify_row(int cam, int row) noexcept;
+    const UndistortCamera& _rectifier(int cam) const noexcept;
     bool _make_texture();
     bool _frames_complete() const noexcept;
     bool _set_frame(int cam, unsigned char* data, unsigned long step, int frame);
     void _read_limits() noexcept;
-    void _make_row(int row, bool interpolate, const std::function<void(int)>& after_row) noexcept;
-    void _match_plainly(int row, bool interpolate) noexcept;
-    template <class Fit> void _match_row(int row, bool interpolate) noexcept;
+    void _prepare_rows();
+    /// The Q method without a disparity map in between: each row goes on to its points while it is in the cache.
+    void _make_points_by_rows(bool interpolate);
+    void _match_row(int row, bool interpolate, RowMemory& memory, double* out) const noexcept;
+    template <class Fit> void _match_plainly(int row, bool interpolate, RowMemory& memory, double* out) const noexcept;
 
-    cv::Mat _scratch_map, _scratch_mask; ///< become a decoder's; kept for their memory
+    std::array<Rectified, 2> _rectified; ///< of the next capture; become the decoders', whose they were before
+    std::array<bool, 2> _by_rows {};     ///< whether the camera has the row form of its remap
     cv::Mat _next_texture;               ///< of the frames that exec() saw last
     bool _have_next_texture = false;     ///< it is made, and not yet handed on
-    std::vector<RowMatcher> _matchers;   ///< one a thread
+    std::vector<RowMemory> _row_memory;  ///< one a thread
 };
 
 } // namespace vexo

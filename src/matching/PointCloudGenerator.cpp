@@ -1,6 +1,7 @@
 #include "matching/PointCloudGenerator.h"
 
 #include "camera/stereo_camera.h"
+#include "decode/large_pages.h"
 #include "matching/row_kernels.h"
 #include "vexo/file_io.h"
 
@@ -68,7 +69,12 @@ bool PointCloudGenerator::_bind(iStereoCamera* new_camera) noexcept
     output_width = usable ? out_width : 0;
     output_height = usable ? out_height : 0;
     try {
-        points.resize(static_cast<std::size_t>(output_width) * static_cast<std::size_t>(output_height), nan_point());
+        const std::size_t pixels = static_cast<std::size_t>(output_width) * static_cast<std::size_t>(output_height);
+        if (points.capacity() < pixels) {
+            points.reserve(pixels);
+            ask_for_large_pages(points.data() + points.size(), (pixels - points.size()) * sizeof(cv::Point3f));
+        }
+        points.resize(pixels, nan_point());
     } catch (...) { // no room for the points: as without a camera
         camera = nullptr;
         input_width = input_height = output_width = output_height = 0;
@@ -174,7 +180,7 @@ void PointCloudGenerator::generate_pointcloud_Q()
     const int rows = disparity.rows;
 #pragma omp parallel for schedule(dynamic, 32) // each row writes its own points and its own count
     for (int r = 0; r < rows; ++r)
-        _row_counts[static_cast<std::size_t>(r)] = _reproject(H, r);
+        _row_counts[static_cast<std::size_t>(r)] = _reproject(H, r, disparity.ptr<double>(r));
     valid_count = std::accumulate(_row_counts.begin(), _row_counts.end(), 0);
 }
 
@@ -193,10 +199,10 @@ cv::Matx44d PointCloudGenerator::_reprojection() const
     return H;
 }
 
-int PointCloudGenerator::_reproject(const cv::Matx44d& H, int row) noexcept
+int PointCloudGenerator::_reproject(const cv::Matx44d& H, int row, const double* disparities) noexcept
 {
-    return reproject_row(H, row, disparity.ptr<double>(row), disparity.cols, invalid_disparity,
-        &points[static_cast<std::size_t>(row) * static_cast<std::size_t>(disparity.cols)]);
+    return reproject_row(H, row, disparities, output_width, invalid_disparity,
+        &points[static_cast<std::size_t>(row) * static_cast<std::size_t>(output_width)]);
 }
 
 int PointCloudGenerator::get_pointcloud(PointCloudCallback* callback)

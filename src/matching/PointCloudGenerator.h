@@ -50,7 +50,7 @@ protected:
     /// one row. @return how many of its points are valid
     void _begin_cloud();
     cv::Matx44d _reprojection() const;
-    int _reproject(const cv::Matx44d& H, int row) noexcept;
+    int _reproject(const cv::Matx44d& H, int row, const double* disparities) noexcept;
 
     /// init(). @return whether the camera is another one than before, by address or sizes
     bool _bind(iStereoCamera* new_camera) noexcept;

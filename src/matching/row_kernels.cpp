@@ -36,23 +36,37 @@ VEXO_INLINE int list_valid_columns_plain(const uchar* mask, int begin, int cols,
     return count;
 }
 
+/// Columns and phases of the valid pixels from `begin` on, behind `count` others.
+VEXO_INLINE int take_valid_plain(
+    const PhaseRow& row, int begin, int cols, int* columns, float* phase, int count) noexcept
+{
+    for (int x = begin; x < cols; ++x)
+        if (row.mask[x] == 255) {
+            columns[count] = x;
+            phase[count++] = row.phase[x];
+        }
+    return count;
+}
+
 /// Lines through N neighbouring entries, from `count` positions on, as LeastSquares::solve(), filed under the position
 /// in the middle of each span. Vectors of the processor take several positions at a time; each does the same
 /// operations in the same order.
 ///
-/// @tparam gapless  the columns are neighbours, so that D is N^2 (N^2 - 1) / 12 throughout
+/// @tparam gapless  the columns are neighbours: around the middle one, m, they sum up to N m, their squares to
+///                  N m^2 + N (N^2 - 1) / 12, and D is N^2 (N^2 - 1) / 12; all of them integers, exact
 template <int N, bool gapless>
 VEXO_INLINE void fit_spans(const int* columns, const float* phase, int count, double* slope, double* intercept) noexcept
 {
     constexpr double n = N, gapless_D = N * N * (N * N - 1) / 12;
     for (int k = 0; k < count; ++k) {
-        double Sx = 0.0, Sxx = 0.0; // integers, exact
+        const double m = columns[0] + k + N / 2;
+        double Sx = gapless ? n * m : 0.0, Sxx = gapless ? n * m * m + gapless_D / n : 0.0;
         float sum_y = 0.0F, sum_xy = 0.0F;
         for (int i = 0; i < N; ++i) {
             const int column = gapless ? columns[0] + k + i : columns[k + i];
             const double x = column;
-            Sx += x;
-            Sxx += x * x;
+            Sx += gapless ? 0.0 : x;
+            Sxx += gapless ? 0.0 : x * x;
             sum_y += phase[k + i];
             sum_xy += static_cast<float>(column) * phase[k + i];
         }
@@ -203,12 +217,18 @@ VEXO_INLINE int reproject_plain(
 
 #if defined(__x86_64__)
 
+/// One bit for each of 32 pixels that is valid.
+VEXO_AVX2 inline uint32_t valid_bits32(const uchar* mask) noexcept
+{
+    const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(mask));
+    return static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-1))));
+}
+
 VEXO_AVX2 int list_valid_columns_avx2(const uchar* mask, int cols, int* columns) noexcept
 {
     int count = 0, x = 0;
     for (; x + 32 <= cols; x += 32) {
-        const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(mask + x));
-        auto valid = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-1))));
+        auto valid = valid_bits32(mask + x);
         if (valid == 0xFFFFFFFFU) {
             const __m256i first = _mm256_add_epi32(_mm256_set1_epi32(x), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
             for (int i = 0; i < 32; i += 8)
@@ -221,6 +241,35 @@ VEXO_AVX2 int list_valid_columns_avx2(const uchar* mask, int cols, int* columns)
             columns[count++] = x + __builtin_ctz(valid);
     }
     return list_valid_columns_plain(mask, x, cols, columns, count);
+}
+
+/// 32 columns from x on, all valid.
+VEXO_AVX2 inline void take_all32(const float* from, int x, int* columns, float* phase) noexcept
+{
+    const __m256i first = _mm256_add_epi32(_mm256_set1_epi32(x), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    for (int i = 0; i < 32; i += 8) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(columns + i), _mm256_add_epi32(first, _mm256_set1_epi32(i)));
+        _mm256_storeu_ps(phase + i, _mm256_loadu_ps(from + x + i));
+    }
+}
+
+VEXO_AVX2 int take_valid_avx2(const PhaseRow& row, int cols, int* columns, float* phase) noexcept
+{
+    int count = 0, x = 0;
+    for (; x + 32 <= cols; x += 32) {
+        auto valid = valid_bits32(row.mask + x);
+        if (valid == 0xFFFFFFFFU) {
+            take_all32(row.phase, x, columns + count, phase + count);
+            count += 32;
+            continue;
+        }
+        for (; valid != 0; valid &= valid - 1) {
+            columns[count] = x + __builtin_ctz(valid);
+            phase[count] = row.phase[columns[count]];
+            ++count;
+        }
+    }
+    return take_valid_plain(row, x, cols, columns, phase, count);
 }
 
 VEXO_AVX2 void fit_spans_avx2(
@@ -318,21 +367,34 @@ VEXO_AVX2 inline int range_of8(const float* phases, const Searched& row) noexcep
     return (in_range == 0xFF ? 1 : 0) | (in_range != 0 ? 2 : 0);
 }
 
+/// @param gap  see nearest_from(); any position to begin with
+VEXO_AVX2 inline void find_nearest8(const float* phases, const Searched& row, int& gap, int* positions) noexcept
+{
+    const int range = range_of8(phases, row);
+    if (range == 0) {
+        std::fill_n(positions, 8, -1);
+        return;
+    }
+    if (range == 3 && nearest8(phases, row, gap, positions)) return;
+    for (int k = 0; k < 8; ++k)
+        positions[k] = nearest_from(phases[k], row, gap);
+}
+
+/// Where eight pixels are found tells where the next eight are looked for, so each step waits for the one before.
+/// Four walks along four parts of the row wait at the same time.
 VEXO_AVX2 void find_nearest_avx2(const float* phases, int size, const Searched& row, int* positions) noexcept
 {
-    int gap = 0, i = 0;
-    for (; i + 8 <= size; i += 8) {
-        const int range = range_of8(phases + i, row);
-        if (range == 0) {
-            std::fill_n(positions + i, 8, -1);
-            continue;
-        }
-        if (range == 3 && nearest8(phases + i, row, gap, positions + i)) continue;
-        for (int k = i; k < i + 8; ++k)
-            positions[k] = nearest_from(phases[k], row, gap);
-    }
+    constexpr int walks = 4;
+    const int part = size / (8 * walks) * 8;
+    int gap[walks] = {};
+    for (int i = 0; i < part; i += 8)
+        for (int walk = 0; walk < walks; ++walk)
+            find_nearest8(phases + walk * part + i, row, gap[walk], positions + walk * part + i);
+    int i = walks * part;
+    for (; i + 8 <= size; i += 8)
+        find_nearest8(phases + i, row, gap[walks - 1], positions + i);
     for (; i < size; ++i)
-        positions[i] = nearest_from(phases[i], row, gap);
+        positions[i] = nearest_from(phases[i], row, gap[walks - 1]);
 }
 
 /// Four pixels at a time, as disparity_of().
@@ -397,10 +459,14 @@ VEXO_AVX2 int reproject_avx2(
     int count = 0, c = 0;
     for (; c + 4 <= cols; c += 4) {
         const __m256d d = _mm256_loadu_pd(disparity + c);
+        const __m256d absent = _mm256_cmp_pd(d, none, _CMP_EQ_OQ);
+        if (_mm256_movemask_pd(absent) == 0xF) {
+            store_points4(nan, nan, nan, points + c);
+            continue;
+        }
         const __m256d column = _mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(c), _mm_setr_epi32(0, 1, 2, 3)));
         const __m256d w = component4(H, 3, column, from_row[3], d);
-        const __m256d bad
-            = _mm256_or_pd(_mm256_cmp_pd(d, none, _CMP_EQ_OQ), _mm256_cmp_pd(w, _mm256_setzero_pd(), _CMP_EQ_OQ));
+        const __m256d bad = _mm256_or_pd(absent, _mm256_cmp_pd(w, _mm256_setzero_pd(), _CMP_EQ_OQ));
         const __m256d s = _mm256_div_pd(unit, w);
         const __m128 bad4 = _mm_castsi128_ps(_mm256_castsi256_si128(
             _mm256_permutevar8x32_epi32(_mm256_castpd_si256(bad), _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6))));
@@ -416,6 +482,14 @@ VEXO_AVX2 int reproject_avx2(
 #endif
 
 // --- the choice --------------------------------------------------------------------------------------------
+
+int take_valid(const PhaseRow& row, int cols, int* columns, float* phase) noexcept
+{
+#if defined(__x86_64__)
+    if (Cpu::has_avx2()) return take_valid_avx2(row, cols, columns, phase);
+#endif
+    return take_valid_plain(row, 0, cols, columns, phase, 0);
+}
 
 void fit_lines(int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
 {
@@ -459,22 +533,7 @@ void evaluate(const float* phases, const int* columns, const int* nearest, int s
 
 constexpr int block = 8; // columns; mostly they are neighbours
 
-/// The listed values of a row, one after the other.
-void take_listed(const int* columns, int size, const float* row, float* out) noexcept
-{
-    int k = 0;
-    for (; k + block <= size; k += block) {
-        if (is_gapless(columns + k, block))
-            std::memcpy(out + k, row + columns[k], block * sizeof(float));
-        else
-            for (int i = k; i < k + block; ++i)
-                out[i] = row[columns[i]];
-    }
-    for (; k < size; ++k)
-        out[k] = row[columns[k]];
-}
-
-/// The reverse.
+/// Spreads what is listed over its columns of a row.
 void put_listed(const int* columns, int size, const double* found, double* row) noexcept
 {
     int k = 0;
@@ -540,42 +599,43 @@ int reproject_row(const cv::Matx44d& H, int row, const double* disparity, int co
 void RowMatcher::reserve(int cols)
 {
     const auto size = static_cast<std::size_t>(cols);
-    for (std::vector<float>* list : { &_right_phase, &_thresholds, &_left_phase })
+    for (std::vector<float>* list : { &_right_phase, &_thresholds, &_left_phase, &_line_phase })
         list->resize(size + search_window);
-    for (std::vector<int>* list : { &_left_columns, &_nearest_position })
+    for (std::vector<int>* list : { &_right_columns, &_left_columns, &_line_columns, &_nearest_position })
         list->resize(size);
     _found.resize(size);
     _right_lines.reserve(size);
     _left_lines.reserve(size);
 }
 
-bool RowMatcher::match(
-    const PhaseRow& left, const PhaseRow& right, const MatchLimits& limits, bool interpolate, double* out) noexcept
+bool RowMatcher::match(const PhaseRow& left, const PhaseRow& right, int cols, const MatchLimits& limits,
+    bool interpolate, double* out) noexcept
 {
     const int samples = limits.samples == 3 ? 3 : 5;
-    if (static_cast<int>(right.columns->size()) < samples || left.columns->empty()) return true;
-    if (interpolate && static_cast<int>(left.columns->size()) < samples) return true;
-    if (!_take_right(right) || !_take_left(left, samples, interpolate)) return false;
+    _right_size = take_valid(right, cols, _right_columns.data(), _right_phase.data());
+    if (_right_size < samples) return true;
+    _left_size = take_valid(left, cols, _left_columns.data(), _left_phase.data());
+    if (_left_size < (interpolate ? samples : 1)) return true;
+    if (!_has_searchable_right() || !are_numbers(_left_phase.data(), _left_size)) return false;
+    if (interpolate && !_interpolate(samples)) return false;
     if (_left_size == 0) return true;
 
     _find_nearest();
-    const int* right_columns = right.columns->data();
     double *slope = _right_lines.slope.data(), *intercept = _right_lines.intercept.data();
-    fit_lines(samples, right_columns, _right_phase.data(), _right_size, slope, intercept);
-    const int* columns = interpolate ? _left_columns.data() : left.columns->data();
+    fit_lines(samples, _right_columns.data(), _right_phase.data(), _right_size, slope, intercept);
+    const int* columns = _left_columns.data();
     const bool direct = is_gapless(columns, _left_size);
     double* found = direct ? out + columns[0] : _found.data();
     evaluate(_left_phase.data(), columns, _nearest_position.data(), _left_size,
-        { right_columns, _right_phase.data(), slope, intercept }, limits, found);
+        { _right_columns.data(), _right_phase.data(), slope, intercept }, limits, found);
     if (!direct) put_listed(columns, _left_size, found, out);
     return true;
 }
 
-bool RowMatcher::_take_right(const PhaseRow& row) noexcept
+bool RowMatcher::_has_searchable_right() noexcept
 {
-    const int n = _right_size = static_cast<int>(row.columns->size());
+    const int n = _right_size;
     float* phase = _right_phase.data();
-    take_listed(row.columns->data(), n, row.phase, phase);
     std::fill_n(phase + n, search_window, infinity); // ends the walk of the search
     if (!(phase[0] > -infinity && phase[n - 1] < infinity)) return false;
     _rising = are_rising(phase, n);
@@ -598,23 +658,22 @@ void RowMatcher::_clamp_to_search_tree(int size) noexcept
     if (low <= high) clamp_between(phase, 0, size - 1, low, high, _thresholds.data());
 }
 
-bool RowMatcher::_take_left(const PhaseRow& row, int samples, bool interpolate) noexcept
+bool RowMatcher::_interpolate(int samples) noexcept
 {
-    const int* columns = row.columns->data();
-    _left_size = static_cast<int>(row.columns->size());
-    take_listed(columns, _left_size, row.phase, _left_phase.data());
-    if (!are_numbers(_left_phase.data(), _left_size)) return false;
-    if (!interpolate) return true;
-    fit_lines(samples, columns, _left_phase.data(), _left_size, _left_lines.slope.data(), _left_lines.intercept.data());
-    _interpolate_left(columns, _left_size);
+    std::swap(_left_columns, _line_columns);
+    std::swap(_left_phase, _line_phase);
+    fit_lines(samples, _line_columns.data(), _line_phase.data(), _left_size, _left_lines.slope.data(),
+        _left_lines.intercept.data());
+    _interpolate_left();
     return are_numbers(_left_phase.data(), _left_size);
 }
 
 /// Replaces the left pixels by all columns between the first and the last, as far as rising lines reach; the order
 /// of steps is that of PhaseStereoMatching::_get_linedisparity_interpo().
-void RowMatcher::_interpolate_left(const int* columns, int size) noexcept
+void RowMatcher::_interpolate_left() noexcept
 {
     const double *slope = _left_lines.slope.data(), *intercept = _left_lines.intercept.data();
+    const int *columns = _line_columns.data(), size = _left_size;
     _left_size = 0;
     if (slope[0] <= 0.0) return;
     int k = 0;

@@ -23,10 +23,10 @@ struct MatchLimits {
     int samples;    ///< of the line fits: 3, or else 5
 };
 
-/// The valid pixels of one row of a phase map.
+/// One row of a phase map.
 struct PhaseRow {
-    const std::vector<int>* columns; ///< ascending
-    const float* phase;              ///< one value per column of the image
+    const uchar* mask;  ///< 255 where the pixel is valid
+    const float* phase; ///< one value per column of the image
 };
 
 /// Matches rows as PhaseStereoMatching::_get_linedisparity(_interpo) does. The line through a right column's
@@ -38,11 +38,12 @@ public:
     /// Room for rows of this length, so that match() allocates nothing.
     void reserve(int cols);
 
-    /// @param out  disparities, one per column of the image; already filled with limits.invalid
-    /// @return     false, and nothing written, for rows that only the plain form can match: with a NaN, or ending
-    ///             at infinity
-    bool match(
-        const PhaseRow& left, const PhaseRow& right, const MatchLimits& limits, bool interpolate, double* out) noexcept;
+    /// @param cols  columns of the image, at most as many as there is room for
+    /// @param out   disparities, one per column; already filled with limits.invalid
+    /// @return      false, and nothing written, for rows that only the plain form can match: with a NaN, or ending
+    ///              at infinity
+    bool match(const PhaseRow& left, const PhaseRow& right, int cols, const MatchLimits& limits, bool interpolate,
+        double* out) noexcept;
 
 private:
     struct Lines {
@@ -53,17 +54,20 @@ private:
             intercept.resize(size);
         }
     };
-    bool _take_right(const PhaseRow& row) noexcept;
-    bool _take_left(const PhaseRow& row, int samples, bool interpolate) noexcept;
-    void _interpolate_left(const int* columns, int size) noexcept;
+    bool _has_searchable_right() noexcept;
+    bool _interpolate(int samples) noexcept;
+    void _interpolate_left() noexcept;
     void _clamp_to_search_tree(int size) noexcept;
     void _find_nearest() noexcept;
 
+    std::vector<int> _right_columns; ///< of each valid right pixel; a position is an index into these
     std::vector<float> _right_phase; ///< of each right position, then infinities
     std::vector<float> _thresholds;  ///< what the binary search takes them for: never falling, then infinities
+    std::vector<int> _left_columns;  ///< of each left pixel to be matched
+    std::vector<float> _left_phase;  ///< its phase
+    std::vector<int> _line_columns;  ///< the valid left pixels, where others are matched: in between them, too
+    std::vector<float> _line_phase;
     Lines _right_lines, _left_lines;
-    std::vector<float> _left_phase; ///< of each left pixel to be matched
-    std::vector<int> _left_columns; ///< its column
     std::vector<int> _nearest_position;
     std::vector<double> _found;
     int _right_size = 0, _left_size = 0;

@@ -141,14 +141,15 @@ TEST_P(FastRowsTest, CodesPhasesAndRisesAreThoseOfThePlainForm)
             const uint8_t* planes[7]
                 = { r[2].data(), r[3].data(), r[4].data(), r[5].data(), r[6].data(), r[7].data(), r[8].data() };
             const uint8_t* steps[4] = { r[9].data(), r[10].data(), r[11].data(), r[12].data() };
-            Bytes code(cols), rises(cols), changes(cols);
-            Floats phase(cols);
+            Bytes code(cols), rises(cols), changes(cols), kept(cols);
+            Floats phase(cols), joined(cols);
             kernels->code(planes, r[1].data(), r[0].data(), cols, code.data());
             kernels->phase(steps, angles, cols, phase.data());
             const Bytes mask(captures::random_frame({ cols, 1 }, 0, 1, rng)[0], cols);
             for (int x = 0; x < cols; ++x)
                 mask[x] = mask[x] != 0 ? 255 : 0;
             kernels->rises(mask.data(), phase.data(), code.data(), cols, rises.data(), changes.data());
+            kernels->join(mask.data(), rises.data(), code.data(), phase.data(), cols, joined.data(), kept.data());
             for (int x = 0; x < cols; ++x) {
                 ASSERT_EQ(code[x], expected.gray(0, x));
                 ASSERT_EQ(std::memcmp(&phase[x], expected.phase[0] + x, 4), 0);
@@ -156,6 +157,9 @@ TEST_P(FastRowsTest, CodesPhasesAndRisesAreThoseOfThePlainForm)
                     = x > 0 && mask[x] == 255 && mask[x - 1] == 255 && expected.phase(0, x) >= expected.phase(0, x - 1);
                 ASSERT_EQ(rises[x], rise ? 255 : 0);
                 ASSERT_EQ(changes[x], x > 0 && code[x] != code[x - 1] ? 255 : 0);
+                const float coordinate = rise ? phase[x] + static_cast<float>(code[x]) : 0.0F;
+                ASSERT_EQ(std::memcmp(&joined[x], &coordinate, 4), 0);
+                ASSERT_EQ(kept[x], rises[x]);
             }
         }
 }

@@ -21,10 +21,13 @@ struct GivenMap : ProjectorPositions {
     {
         const int height = static_cast<int>(rows.size()), width = static_cast<int>(rows[0].phase.size());
         unwrapped.create(height, width);
+        vmask.create(height, width);
+        vmask.setTo(0);
         for (int r = 0; r < height; ++r) {
             const plain::Row& row = rows[static_cast<std::size_t>(r)];
             std::copy(row.phase.begin(), row.phase.end(), unwrapped[r]);
-            valid.push_back(row.list);
+            for (const int x : row.list)
+                vmask(r, x) = 255;
         }
     }
     int set_input(void*, int, int, unsigned long, int) override { return 0; }

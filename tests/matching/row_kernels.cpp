@@ -49,13 +49,23 @@ bool same_bits(const std::vector<double>& a, const std::vector<double>& b)
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0;
 }
 
+std::vector<uchar> mask_of(const plain::Row& row)
+{
+    std::vector<uchar> mask(row.phase.size(), 0);
+    for (const int x : row.list)
+        mask[static_cast<std::size_t>(x)] = 255;
+    return mask;
+}
+
 /// @return whether the kernel took the row; then it must equal the twin
 bool expect_twin(RowMatcher& matcher, const plain::Row& left, const plain::Row& right, int samples, bool interpolate,
     const char* what)
 {
     const plain::Limits limits { 0.4, 200.0, -100.0, samples };
     std::vector<double> got(left.phase.size(), -101.0);
-    const bool taken = matcher.match({ &left.list, left.phase.data() }, { &right.list, right.phase.data() },
+    const std::vector<uchar> left_mask = mask_of(left), right_mask = mask_of(right);
+    const bool taken = matcher.match({ left_mask.data(), left.phase.data() }, { right_mask.data(), right.phase.data() },
+        static_cast<int>(left.phase.size()),
         { limits.max_phase_diff, limits.min_disparity, limits.max_disparity, -101.0, samples }, interpolate,
         got.data());
     const auto expected = !taken ? std::vector<double>(left.phase.size(), -101.0)
