@@ -3,6 +3,7 @@
 #include "board/KorvaCalibBoardRecognizer.h"
 #include "board/ZEPHCalibBoardRecognizer.h"
 #include "support/board_image.h"
+#include "support/no_display.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
@@ -26,6 +27,7 @@ using board_image::Renderer;
 struct Korva : KORVACalibBoardRecognizer {
     using CalibBoardRecognizer::board_points;
     using CalibBoardRecognizer::numbering;
+    using CircleMarkerSearcher::debug_show;
     using ConnectionFinder::base_markers;
     using ConnectionFinder::connections;
     using ConnectionFinder::contours;
@@ -385,6 +387,38 @@ TEST(Recognizer, PicturesBelongToHowTheLastRecognitionEnded)
         r.save_result_image(folder + bad, -1);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
     std::filesystem::remove_all(folder);
+}
+
+TEST(Recognizer, WindowsOfADebugScaleChangeNoResultAndAreTextWithoutADisplay)
+{
+    const Board board = board_image::coarse_board();
+    cv::Mat picture = picture_of(board);
+    std::vector<cv::Point2f> expected, points;
+    Korva r;
+    ASSERT_TRUE(r.set(board));
+    ASSERT_EQ(r.recognize(picture, expected), kSuccess);
+    const std::string folder = testing::TempDir() + "vexo_windows/";
+    std::filesystem::create_directories(folder);
+    // Binary, circles, grid and numbers; a scale that leaves no pixel or too many opens none.
+    for (const auto& [scale, windows] : { std::pair(0.5, 4), { 1e-9, 0 }, { 1e9, 0 }, { -1.0, 0 }, { NAN, 0 } }) {
+        PreProcParam pre;
+        CircleMarkerParam circle = board_image::marker_settings();
+        CalibBoardParam param = board.param;
+        circle.debug_scale = scale;
+        ASSERT_TRUE(r.set_parameters(pre, circle, param));
+        NoDisplay no_display;
+        EXPECT_EQ(r.recognize(picture, points), kSuccess);
+        r.debug_show(picture, folder + std::to_string(windows), true);
+        EXPECT_TRUE(no_display.said("No display for the window", windows == 0 ? 0 : windows + 1)) << scale;
+        EXPECT_EQ(points, expected);
+    }
+    EXPECT_EQ(cv::imread(folder + "4.pgm", cv::IMREAD_UNCHANGED).size(), cv::Size(320, 256));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+    std::filesystem::remove_all(folder);
+    NoDisplay no_display;
+    r.show_result_image(-1);
+    r.show_result_image(1); // no such picture
+    EXPECT_TRUE(no_display.said("No display for the window", 1));
 }
 
 TEST(Recognizer, ErrorNamesAreThoseOfTheLayoutAndCanBeAskedFromManyThreads)

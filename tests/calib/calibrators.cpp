@@ -5,6 +5,7 @@
 #include "calib/rig.h"
 #include "calib/StereoCalibrator.h"
 #include "camera/stereo_construction.h"
+#include "support/no_display.h"
 #include "vexo/file_io.h"
 
 #include <gtest/gtest.h>
@@ -320,7 +321,9 @@ TEST(StereoCalibrator, FailedPicturesKeepTheirPlaceAndSideBySideIsTheSameAsTwo)
         cv::hconcat(left, series().pictures[1][static_cast<size_t>(i)], both);
         ASSERT_TRUE(cv::imwrite(folder + "both.png", both));
         const std::string save = folder + std::to_string(i) + ".png";
-        EXPECT_EQ(one.put_image(folder + "both.png", false, save), i == 1 ? 2 : 0);
+        NoDisplay no_display;
+        EXPECT_EQ(one.put_image(folder + "both.png", true, save), i == 1 ? 2 : 0);
+        EXPECT_TRUE(no_display.said("No display", 1));
         EXPECT_EQ(cv::imread(save).size(), both.size());
         EXPECT_EQ(two.put_image(0, left.data, left.cols, left.rows, left.step, false, ""), i == 1 ? 2 : 0);
         EXPECT_EQ(put(two, 1, i), 0);
@@ -356,7 +359,9 @@ TEST(CameraCalibrator, KeepsAcceptedViewsOnlyAndWritesTheCameraUnderItsName)
     for (size_t i = 0; i < 5; ++i) {
         cv::Mat picture = series().pictures[0][i];
         EXPECT_EQ(calibrator.put_image(picture, false, ""), 0);
-        EXPECT_EQ(calibrator.put_image(blank, false, ""), 2);
+        NoDisplay no_display;
+        EXPECT_EQ(calibrator.put_image(blank, true, ""), 2);
+        EXPECT_TRUE(no_display.said("No display", 1));
     }
     EXPECT_EQ(calibrator.put_image(small, false, folder + "size.png"), 1); // and the camera's size stays
     EXPECT_EQ(calibrator.put_image(folder + "none.png", false, ""), 2);
@@ -397,6 +402,7 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
         EXPECT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, pose), -1); // no parameters yet
         ASSERT_TRUE(set_up(solver));
         EXPECT_EQ(solver.solve_pose(p.data, 640, 512, p.step, pose), 1);
+        EXPECT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, nullptr), -1);
         EXPECT_EQ(solver.solve_pose(folder + "none.png", true, pose), 2);
         EXPECT_EQ(solver.ptr_debug_image(), nullptr);
         EXPECT_EQ(pose[0], 7);
@@ -415,6 +421,9 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
         const cv::Mat before = cv::Mat(height, width, CV_8UC3, solver.ptr_debug_image()).clone();
         ASSERT_EQ(solver.solve_pose(folder + "board.png", true, pose), 0);
         solver.save_debug_image(folder + "axes.png");
+        NoDisplay no_display;
+        solver.show_debug_image();
+        EXPECT_TRUE(no_display.said("No display for the window \"debug\"", 1));
         EXPECT_GT(cv::norm(cv::imread(folder + "axes.png"), before), 0);
     }
     std::filesystem::remove_all(folder);

@@ -99,12 +99,16 @@ TEST(PinHole, CentreIsALiveViewAndCopiesAreDeep)
 {
     PinHoleCamera cam = posed_camera();
     const PinHoleCamera copy = cam;
+    PinHoleCamera assigned({ 1, 1 }, "");
+    assigned = cam;
     const cv::Mat_<double> centre = cam.get_center();
     const cv::Mat_<double> before = centre.clone();
     cam.T(0) += 5;
     cam.setRT();
     EXPECT_GT(max_difference(centre, before), 1.0);
-    EXPECT_TRUE(same_bits(copy, posed_camera()));
+    EXPECT_TRUE(same_bits(copy, posed_camera()) && same_bits(assigned, posed_camera()));
+    cam.P_inv = 0.0;
+    EXPECT_EQ(cam.get_sight_vector({ 3, 4 }), cv::Vec3d()); // no inverse, no ray
 }
 
 TEST(PinHole, HmatIsTwelveDoublesAndExact)
@@ -163,7 +167,8 @@ TEST(PinHole, PoseIsFoundFromGoodPointsAndRefusedFromBadOnes)
     const cv::Mat kept = tvec.clone();
     auto refused = [&](std::vector<cv::Point2f> pixels, std::vector<cv::Point3f> places) {
         return !cam.solvePnP(rvec, tvec, pixels, places) && !cam.solvePnPRansac(rvec, tvec, pixels, places)
-            && !cam.PinHoleCamera::solvePnP(rvec, tvec, pixels, places);
+            && !cam.PinHoleCamera::solvePnP(rvec, tvec, pixels, places)
+            && !cam.PinHoleCamera::solvePnPRansac(rvec, tvec, pixels, places);
     };
     EXPECT_TRUE(refused({}, {}));
     EXPECT_TRUE(refused({ image.begin(), image.begin() + 3 }, { object.begin(), object.begin() + 3 }));
@@ -172,6 +177,9 @@ TEST(PinHole, PoseIsFoundFromGoodPointsAndRefusedFromBadOnes)
         std::vector<cv::Point2f> pixels = image;
         pixels[7].y = poison;
         EXPECT_TRUE(refused(pixels, object)) << poison;
+        std::vector<cv::Point3f> places = object;
+        places[7].z = poison;
+        EXPECT_TRUE(refused(image, places)) << poison;
     }
     EXPECT_TRUE(same_bits(tvec, kept));
 }

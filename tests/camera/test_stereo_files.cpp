@@ -1,5 +1,6 @@
 // Stereo files, hmat sets and the creation functions.
 #include "camera/rig.h"
+#include "vexo/factories.h"
 
 #include <sys/stat.h>
 
@@ -157,6 +158,14 @@ TEST_F(StereoFiles, OneFileForBothCamerasIsAsGoodAsTwo)
     const Stereo two = from_yaml({ path("zero"), path("one"), path("absent") });
     ASSERT_TRUE(direct && one && two);
     EXPECT_TRUE(same_bits(*direct, *one) && same_bits(*direct, *two));
+    vexo::StereoCameraParam param;
+    const std::vector<std::string> files { path("both") };
+    for (const int width : { 319, 320 }) { // the factory is told what the host's frames measure
+        param.inp_width = width;
+        param.inp_height = 256;
+        using Owner = std::unique_ptr<vexo::iStereoCamera, rig::Destroy>;
+        EXPECT_EQ(Owner(vexo::CreateStereoCamera(2, &files, &param)) != nullptr, width == 320);
+    }
     EXPECT_FALSE(from_yaml({}));
     EXPECT_FALSE(from_yaml({ path("zero"), path("absent") }));
     EXPECT_FALSE(from_yaml({ path("zero") }));              // holds no camera 1

@@ -159,6 +159,8 @@ TEST(Undistort, RemapRefusesWhatItCannotDo)
     EXPECT_FALSE(empty.remap(noise({ 80, 60 }, CV_8UC1), out));
     const UndistortCamera cam = rectified();
     EXPECT_FALSE(cam.remap(cv::Mat(), out));
+    const int sizes[] = { 3, 3, 3 };
+    EXPECT_FALSE(cam.remap(cv::Mat(3, sizes, CV_8UC1), out));
     EXPECT_FALSE(cam.remap(noise({ 80, 60 }, CV_32SC1), out));
 
     cv::Mat in_place = noise({ 64, 48 }, CV_8UC1);
@@ -185,6 +187,34 @@ TEST_F(TableFiles, CameraAndTablesAreReadBack)
     other.map_file = cam.map_file;
     ASSERT_TRUE(rig::load_text(other, text));
     EXPECT_TRUE(same_bits(other, cam));
+}
+
+TEST_F(TableFiles, FixedPointTablesAreReadBackAndPairsThatCvRemapDoesNotTakeAreDamaged)
+{
+    UndistortCamera cam = rectified(), other({ 0, 0 }, "u");
+    const cv::Mat raw = noise({ 80, 60 }, CV_8UC1);
+    cv::convertMaps(rectified().map1, rectified().map2, cam.map1, cam.map2, CV_16SC2);
+    cam.map_file = other.map_file = path("fixed.bin");
+    const std::string text = rig::yaml(cam);
+    ASSERT_TRUE(rig::load_text(other, text));
+    UndistortCamera assigned({ 1, 1 }, "");
+    assigned = other;
+    EXPECT_TRUE(same_bits(assigned, cam));
+    cv::Mat by_fixed, by_float;
+    ASSERT_TRUE(assigned.remap(raw, by_fixed) && rectified().remap(raw, by_float));
+    EXPECT_TRUE(same_bits(by_fixed, by_float)); // cv::remap itself rounds floats to this form
+
+    std::ostringstream os;
+    EXPECT_FALSE(vexo::SaveRectifyTables(&cam, os)); // positions in two channels have no bare form
+    EXPECT_FALSE(vexo::SaveRectifyTables(nullptr, os));
+    std::istringstream none;
+    EXPECT_FALSE(vexo::LoadRectifyTables(nullptr, none) || vexo::LoadRectifyTables(&assigned, none));
+    std::swap(cam.map1, cam.map2);
+    std::ostringstream swapped;
+    ASSERT_TRUE(vexo::save_map(swapped, cam.map1) && vexo::save_map(swapped, cam.map2));
+    put(other.map_file, swapped.str());
+    EXPECT_FALSE(rig::load_text(other, text));
+    EXPECT_TRUE(same_bits(other, assigned));
 }
 
 TEST_F(TableFiles, MissingTableFileIsAWarningAndADamagedOneIsNot)

@@ -44,6 +44,21 @@ TEST(ImageFile, HeadersAnnounceTheSizeAndTheImageIsGrey)
             EXPECT_EQ(image.at<uchar>(3, 3), 50);
         }
     EXPECT_EQ(announced_image_size("P5 # a comment with 9 9\n 12\t34 255\n"), cv::Size(12, 34));
+    // Forms that OpenCV does not write: JPEG with fill bytes and markers without a length, BMP's 16-bit core header and
+    // rows from the top, big-endian TIFF with long sides.
+    const auto bytes = [](std::initializer_list<int> list) { return std::string(list.begin(), list.end()); };
+    const std::string frame = bytes({ 0xFF, 0xC2, 0, 17, 8, 0, 7, 0, 33, 0 });
+    for (const auto& before : { bytes({ 0xFF, 0xFF, 0x01 }), bytes({ 0xFF, 0xD7 }), bytes({ 0xFF, 0xC4, 0, 3, 9 }),
+             bytes({ 0xFF, 0xC8, 0, 2, 0xFF, 0xCC, 0, 2 }) })
+        EXPECT_EQ(announced_image_size("\xFF\xD8" + before + frame), cv::Size(33, 7));
+    EXPECT_EQ(announced_image_size("\xFF\xD8" + frame.substr(1)), cv::Size());
+    EXPECT_EQ(announced_image_size("BM" + std::string(12, 'x') + bytes({ 12, 0, 0, 0, 33, 0, 7, 0 })), cv::Size(33, 7));
+    const std::string top_down = bytes({ 40, 0, 0, 0, 33, 0, 0, 0, 0xF9, 0xFF, 0xFF, 0xFF });
+    EXPECT_EQ(announced_image_size("BM" + std::string(12, 'x') + top_down), cv::Size(33, 7));
+    const std::string tiff = bytes(
+        { 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 2, 1, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0, 33, 1, 1, 0, 4, 0, 0, 0, 1, 0, 0, 0, 7 });
+    EXPECT_EQ(announced_image_size(tiff), cv::Size(33, 7));
+    EXPECT_EQ(announced_image_size("P7\nWIDTH 33\n"), cv::Size());
     EXPECT_EQ(announced_image_size("no image"), cv::Size());
     EXPECT_EQ(announced_image_size(""), cv::Size());
 }
