@@ -1,7 +1,5 @@
 #include "causes.h"
 
-#include "common.h"
-
 #include <algorithm>
 #include <cmath>
 

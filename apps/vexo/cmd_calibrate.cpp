@@ -2,6 +2,7 @@
 #include "common.h"
 #include "frames.h"
 #include "pictures.h"
+#include "stop.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -11,8 +12,6 @@
 #include <cmath>
 #include <filesystem>
 #include <memory>
-
-#include <unistd.h>
 
 namespace vexo::app {
 
@@ -31,30 +30,6 @@ struct CalibrateOptions {
 
 /// Views that are held out together must leave this many for a calibration of their own.
 constexpr std::size_t least_half = 4;
-
-/// A folder for files of the library that are to be written together with ours.
-class TemporaryFolder {
-public:
-    TemporaryFolder()
-    {
-        std::string pattern = (fs::temp_directory_path() / "vexo-calibrate-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw Failure(pattern + ": no temporary folder can be made");
-        _path = pattern;
-    }
-    ~TemporaryFolder()
-    {
-        std::error_code ignored;
-        fs::remove_all(_path, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    std::string operator/(const std::string& name) const { return (_path / name).string(); }
-    const fs::path& path() const { return _path; }
-
-private:
-    fs::path _path;
-};
 
 using StereoCalibratorPtr = std::unique_ptr<iStereoCalibrator, Destroy>;
 using CameraCalibratorPtr = std::unique_ptr<iCameraCalibrator, Destroy>;

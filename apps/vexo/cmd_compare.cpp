@@ -106,8 +106,10 @@ Truth read_truth(const std::string& folder)
     t.visible = read_map((scan / "visible.png").string(), CV_8UC1);
     t.visible1 = read_map((scan / "visible1.png").string(), CV_8UC1);
     t.scene = read_json((scan / "scene.json").string());
-    if (t.depth.size() != t.visible.size() || t.depth.size() != t.camera0.size)
-        throw Failure(folder + ": truth.tiff, visible.png and cameras.yaml differ in size; run vexo simulate again");
+    if (text_in(t.scene, "scene", "").empty())
+        throw Failure((scan / "scene.json").string() + ": names no scene; run vexo simulate again");
+    if (t.depth.size() != t.visible.size() || t.depth.size() != t.camera0.size || t.visible1.size() != t.camera1.size)
+        throw Failure(folder + ": truth.tiff, visible*.png and cameras.yaml differ in size; run vexo simulate again");
     return t;
 }
 

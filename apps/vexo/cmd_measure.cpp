@@ -180,14 +180,14 @@ void choose_parameters(const MeasureOptions& o, Measurement& m)
 void mask_pixels(const MeasureOptions& o, Measurement& m)
 {
     const auto sets = o.decoded ? std::vector<std::size_t>() : phase_sets(m.method());
-    for (std::size_t camera = 0; camera < 2; ++camera) {
+    in_parallel(2, [&](std::size_t camera) {
         std::vector<cv::Mat>& frames = m.frames.frames[camera];
         m.masks[camera] = make_masks(frames, light_limits(m.record), sets, o.min_modulation);
         m.fringes[camera] = figures_of(o, m, camera);
         if (camera == 0 && m.method() == Method::multi_phase && !o.decoded)
             m.weak = find_weak_pixels(frames, m.masks[0].modulation, m.fringes[0], light_limits(m.record).min_contrast);
         frames[1].setTo(0, m.masks[camera].modulation == 0);
-    }
+    });
 }
 
 void set_range(Measurement& m, const std::pair<double, double>& range, const std::string& origin)

@@ -54,6 +54,19 @@ void reject(const std::vector<CLI::Option*>& options, const std::string& why)
         if (option->count() > 0) throw Failure(option->get_name() + ": " + why);
 }
 
+/// Also removes pictures called `what` of an earlier, longer series.
+void write(sim::Files& files, const std::string& folder, const std::string& what)
+{
+    constexpr int most_pictures = 100; // two digits
+    OutputFolder out(folder);
+    for (auto& [name, bytes] : files)
+        out.add(name, std::move(bytes));
+    for (int camera = 0; camera < 2; ++camera)
+        for (int k = 0; k < most_pictures; ++k)
+            out.drop(sim::picture_name(camera, what, k));
+    out.commit();
+}
+
 // --- scenes ----------------------------------------------------------------------------------------
 
 /// Grey levels of a pattern's picture, whose rows must all be the same: the rig's light varies along columns only.
@@ -134,10 +147,10 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     check_output_folder(o.out);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
-    const sim::Capture capture
+    sim::Capture capture
         = sim::make_capture(o.scene, rig, pattern, [&progress](const std::string& what) { progress.step(what); });
     progress.step("writing");
-    sim::write_capture(capture, o.out);
+    write(capture.files, o.out, "frame");
     progress.finish();
 
     auto result = Json::parse(capture.scene_json);
@@ -162,7 +175,7 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
     sim::Files files = sim::make_calibration(photos, [&progress](const std::string& what) { progress.step(what); });
     sim::add_text("board.yaml", board_yaml(board), files);
     progress.step("writing");
-    sim::write_files(files, o.out, "view");
+    write(files, o.out, "view");
     progress.finish();
 
     say(global,

@@ -77,7 +77,11 @@ void table(const GlobalOptions& global, const std::vector<std::string>& folders)
     std::vector<Json> results;
     std::vector<std::string> names, methods;
     for (const std::string& folder : folders) {
-        results.push_back(read_json((fs::path(folder) / "compare.json").string()));
+        const std::string path = (fs::path(folder) / "compare.json").string();
+        results.push_back(read_json(path));
+        const bool any = std::any_of(std::begin(figures), std::end(figures),
+            [&results](const Figure& figure) { return !cell(results.back(), figure).empty(); });
+        if (!any) throw Failure(path + ": holds none of the figures of a comparison; run vexo compare again");
         names.push_back(text_in(results.back(), "scene", folder));
         methods.push_back(text_in(results.back(), "method", ""));
     }

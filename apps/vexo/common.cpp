@@ -1,5 +1,7 @@
 #include "common.h"
 
+#include "stop.h"
+
 #include "vexo/file_io.h"
 
 #include <CLI/CLI.hpp>
@@ -7,7 +9,10 @@
 #include <opencv2/core.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <locale>
@@ -154,6 +159,23 @@ std::string read_bytes(const std::string& path, std::size_t limit)
     throw Failure(path + ": the file cannot be read; check its permissions");
 }
 
+void in_parallel(std::size_t count, const std::function<void(std::size_t)>& work)
+{
+    std::vector<std::exception_ptr> faults(count);
+    const auto guarded = [&](std::size_t i) noexcept {
+        try {
+            work(i);
+        } catch (...) {
+            faults[i] = std::current_exception();
+        }
+    };
+#pragma omp parallel for schedule(dynamic) // each writes its own entry of `faults`
+    for (std::size_t i = 0; i < count; ++i)
+        guarded(i);
+    for (const std::exception_ptr& fault : faults)
+        if (fault) std::rethrow_exception(fault);
+}
+
 void check_output_folder(const std::string& folder)
 {
     std::error_code ignored;
@@ -183,20 +205,55 @@ void OutputFolder::add(const std::string& name, const std::string& text)
     add(name, std::vector<unsigned char>(text.begin(), text.end()));
 }
 
+void OutputFolder::drop(const std::string& name)
+{
+    _dropped.push_back(name);
+}
+
+std::string OutputFolder::_place(const std::string& name) const
+{
+    return (fs::path(_folder) / name).string();
+}
+
+void OutputFolder::_write(const TemporaryFolder& unfinished) const
+{
+    in_parallel(_files.size(), [&](std::size_t i) {
+        if (!file_io::write_file(unfinished / std::to_string(i), _files[i].second))
+            throw Failure(_place(_files[i].first) + ": cannot be written; is the disk full, or the folder read-only?");
+    });
+}
+
+/// A second name of each old file is kept until all new ones have their places, so that all can be taken back.
+void OutputFolder::_give_names(TemporaryFolder& unfinished) const
+{
+    const auto old = [&unfinished](std::size_t i) { return unfinished / ("old" + std::to_string(i)); };
+    for (std::size_t i = 0; i < _files.size(); ++i) {
+        const std::string place = _place(_files[i].first);
+        std::error_code error;
+        const bool free = !fs::exists(place, error) || fs::is_regular_file(place, error);
+        if (free) unfinished.make(fs::path(place).parent_path().string());
+        if (free) ::link(place.c_str(), old(i).c_str());
+        if (free && ::rename((unfinished / std::to_string(i)).c_str(), place.c_str()) == 0) continue;
+        const std::string why = free ? std::strerror(errno) : "something that is not a file has this name";
+        for (std::size_t k = i; k-- > 0;)
+            if (::rename(old(k).c_str(), _place(_files[k].first).c_str()) != 0)
+                fs::remove(_place(_files[k].first), error);
+        throw Failure(place + ": cannot be written: " + why);
+    }
+}
+
 void OutputFolder::commit()
 {
-    std::error_code error;
-    const bool made = fs::create_directories(_folder, error);
-    if (error) throw Failure(_folder + ": the folder cannot be made: " + error.message());
-
-    for (std::size_t i = 0; i < _files.size(); ++i) {
-        const fs::path path = fs::path(_folder) / _files[i].first;
-        fs::create_directories(path.parent_path(), error); // for a name with a folder in it
-        if (file_io::write_file(path.string(), _files[i].second)) continue;
-        for (std::size_t k = 0; k < i; ++k)
-            fs::remove(fs::path(_folder) / _files[k].first, error);
-        if (made) fs::remove(_folder, error);
-        throw Failure(path.string() + ": cannot be written; is the disk full, or the folder read-only?");
+    TemporaryFolder unfinished(_folder);
+    _write(unfinished);
+    const Uninterrupted alone;
+    _give_names(unfinished);
+    unfinished.keep();
+    for (const std::string& name : _dropped) {
+        const bool fresh
+            = std::any_of(_files.begin(), _files.end(), [&name](const auto& file) { return file.first == name; });
+        std::error_code ignored;
+        if (!fresh) fs::remove(_place(name), ignored);
     }
 }
 

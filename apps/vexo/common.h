@@ -23,6 +23,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+class TemporaryFolder;
+
 /// Options that every command has.
 struct GlobalOptions {
     bool json = false;  ///< the result as JSON on the standard output, and nothing else there
@@ -81,8 +83,12 @@ std::string read_bytes(const std::string& path, std::size_t limit);
 /// Throws Failure when `folder` is not a folder that can be written, and could not be made.
 void check_output_folder(const std::string& folder);
 
-/// Files that are written together or not at all, as far as a file system allows: they are kept in memory
-/// until commit(), which takes back what it wrote when one of them cannot be written.
+/// Calls `work` with 0 to count - 1, on as many threads as there are to be. When some fail, the exception of the
+/// first of them goes on to the caller.
+void in_parallel(std::size_t count, const std::function<void(std::size_t)>& work);
+
+/// Files that are written together or not at all: they are kept in memory until commit(). Whatever goes wrong there,
+/// and when a signal ends the program, the folder stays as it was.
 class OutputFolder {
 public:
     /// Checks the folder at once, so that a mistyped path does not cost the whole computation.
@@ -90,13 +96,20 @@ public:
 
     void add(const std::string& name, std::vector<unsigned char> bytes);
     void add(const std::string& name, const std::string& text);
-    /// Makes the folder and writes the files in the order of add(). Throws Failure.
+    /// commit() removes the file of that name, if there is one and it was not added: the rest of an earlier series.
+    void drop(const std::string& name);
+    /// Makes the folder, writes all files beside their places, and then gives them their names. Throws Failure.
     void commit();
     const std::string& path() const { return _folder; }
 
 private:
+    std::string _place(const std::string& name) const;
+    void _write(const TemporaryFolder& unfinished) const;
+    void _give_names(TemporaryFolder& unfinished) const;
+
     std::string _folder;
     std::vector<std::pair<std::string, std::vector<unsigned char>>> _files;
+    std::vector<std::string> _dropped;
 };
 
 // One per file cmd_*.cpp: declares the command's options and what it runs.

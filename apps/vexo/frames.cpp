@@ -199,14 +199,14 @@ FrameSet read_frames(const std::string& cam0, const std::string& cam1, std::size
     set.paths = { find_frames(cam0), find_frames(cam1) };
     check_count(cam0, set.paths[0], count);
     check_count(cam1, set.paths[1], count);
-    for (std::size_t camera = 0; camera < 2; ++camera) {
-        for (const std::string& path : set.paths[camera]) {
-            cv::Mat frame = read_grey(path);
-            if (set.size.empty()) set.size = frame.size();
-            check_size(set, path, frame);
-            set.frames[camera].push_back(frame);
-        }
-    }
+    for (std::vector<cv::Mat>& frames : set.frames)
+        frames.resize(count);
+    const QuietStderr quiet; // muted once, not with each picture
+    in_parallel(2 * count,
+        [&](std::size_t i) { set.frames[i / count][i % count] = read_grey(set.paths[i / count][i % count]); });
+    set.size = set.frames[0][0].size();
+    for (std::size_t i = 0; i < 2 * count; ++i)
+        check_size(set, set.paths[i / count][i % count], set.frames[i / count][i % count]);
     return set;
 }
 

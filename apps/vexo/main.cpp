@@ -1,4 +1,5 @@
 #include "common.h"
+#include "stop.h"
 
 #include "vexo/version.h"
 
@@ -8,11 +9,16 @@
 #include <csignal>
 #include <iostream>
 
+#include <fcntl.h>
+#include <malloc.h>
+#include <unistd.h>
+
 namespace {
 
 /// One line, whatever an exception's text looks like.
 int report(std::string what)
 {
+    vexo::app::wait_if_stopped(); // the signal has its own line
     for (char& c : what)
         if (c == '\n' || c == '\r') c = ' ';
     while (!what.empty() && what.back() == ' ')
@@ -56,14 +62,36 @@ int run(int argc, char** argv)
         return report_options(app, error);
     }
     std::cout.flush();
+    vexo::app::wait_if_stopped();
     return std::cout ? 0 : report("the standard output was closed");
+}
+
+/// A stream that the caller closed must not become the number of a file: what is written to it fails instead.
+void fill_closed_streams()
+{
+    for (int fd = ::open("/dev/null", O_RDONLY); fd >= 0; fd = ::open("/dev/null", O_RDONLY)) {
+        if (fd <= STDERR_FILENO) continue;
+        ::close(fd);
+        return;
+    }
+}
+
+/// Buffers of a few MB come and go all the time; kept, their pages need not be cleared again and again.
+void keep_memory()
+{
+    constexpr int largest_kept = 32 << 20, trim_above = 512 << 20; // glibc takes no larger threshold
+    ::mallopt(M_MMAP_THRESHOLD, largest_kept);
+    ::mallopt(M_TRIM_THRESHOLD, trim_above);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::signal(SIGPIPE, SIG_IGN);                                         // a closed pipe shows up as a failed write
+    fill_closed_streams();
+    keep_memory();
+    std::signal(SIGPIPE, SIG_IGN); // a closed pipe shows up as a failed write
+    vexo::app::watch_signals();
     cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT); // OpenCV's news are not the user's
     try {
         return run(argc, argv);

@@ -9,7 +9,9 @@
 #include <opencv2/core.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <functional>
 
 namespace vexo::app {
 
@@ -29,7 +31,8 @@ std::string range_text(const Measurement& m, double low, double high)
 /// Without limits, from the 1 % to the 99 % quantile.
 std::string measured_range(const Measurement& m)
 {
-    return range_text(m, quantile(m.any_disparity, 0.01), quantile(m.any_disparity, 0.99));
+    const std::vector<double> ends = quantiles(m.any_disparity, { 0.01, 0.99 });
+    return range_text(m, ends[0], ends[1]);
 }
 
 std::string limits_text(const Measurement& m)
@@ -60,8 +63,8 @@ cv::Mat depth_image(const cv::Mat& depth, double step)
 
 cv::Mat view_of(const cv::Mat& values, const std::string& title)
 {
-    const std::vector<float> finite = finite_values(values);
-    const double low = quantile(finite, 0.005), high = quantile(finite, 0.995);
+    const std::vector<double> ends = quantiles(finite_values(values), { 0.005, 0.995 });
+    const double low = ends[0], high = ends[1];
     return false_colour(values, low - 0.02 * (high - low), high + 0.02 * (high - low), title);
 }
 
@@ -202,13 +205,17 @@ Json make_report(const MeasureOptions& o, const Measurement& m)
     const auto total = static_cast<double>(m.depth.total());
     report["pixels"] = { { "total", m.depth.total() }, { "measured", m.cloud.count },
         { "share", m.cloud.count / total }, { "not_measured", describe(m.causes, m.method()) } };
-    report["depth"] = quantiles(finite_values(m.depth));
-    report["disparity"] = quantiles(finite_values(m.disparity));
+    std::array<Json, 3> spread;
+    in_parallel(spread.size(), [&](std::size_t i) {
+        spread[i] = quantiles(i == 2 ? m.any_disparity : finite_values(i == 0 ? m.depth : m.disparity));
+    });
+    report["depth"] = spread[0];
+    report["disparity"] = spread[1];
     const auto [low, high] = disparity_limits(m.record);
     report["disparity"]["accepted"] = { { "low", low }, { "high", high }, { "from", m.range_origin } };
     if (m.method() != Method::sgbm) {
-        report["disparity"]["q01_without_limits"] = quantile(m.any_disparity, 0.01);
-        report["disparity"]["q99_without_limits"] = quantile(m.any_disparity, 0.99);
+        report["disparity"]["q01_without_limits"] = spread[2]["q01"];
+        report["disparity"]["q99_without_limits"] = spread[2]["q99"];
     }
     report["seconds"] = describe(m.times);
     report["seconds"]["read"] = m.read_seconds;
@@ -224,23 +231,37 @@ void add_files(OutputFolder& out, const Measurement& m, Json& report)
     const double step = depth_step(farthest);
     report["depth_png"] = { { "unit", step }, { "invalid", 0 } };
 
-    out.add(
-        "cloud.ply", make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit of the calibration"));
-    out.add("texture.png", encode(".png", m.texture));
-    out.add("disparity.tiff", encode(".tiff", m.disparity));
-    out.add("depth.tiff", encode(".tiff", m.depth));
-    out.add("depth.png", encode(".png", depth_image(m.depth, step)));
-    out.add("valid.png", encode(".png", m.depth == m.depth));
-
-    cv::Mat grey;
-    m.texture.convertTo(grey, CV_32F);
-    out.add("texture_view.png", encode(".png", false_colour(grey, 0.0, 255.0, "texture [grey levels]")));
-    out.add("disparity_view.png", encode(".png", view_of(m.disparity, "disparity [px]")));
-    out.add("depth_view.png", encode(".png", view_of(m.depth, "depth [mm]")));
-    out.add("valid_view.png",
-        encode(".png",
-            labelled(
-                m.causes.causes, counted_legend(m.causes, m.method()), "which pixels were measured, and why not")));
+    using Bytes = std::vector<unsigned char>;
+    const auto png = [](const cv::Mat& picture) { return encode(".png", picture); };
+    const auto texture_view = [&] {
+        cv::Mat grey;
+        m.texture.convertTo(grey, CV_32F);
+        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]"));
+    };
+    const auto valid_view = [&] {
+        const std::vector<Label> legend = counted_legend(m.causes, m.method());
+        return png(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
+    };
+    // The longest first: they are made on all threads.
+    const std::vector<std::pair<const char*, std::function<Bytes()>>> files {
+        { "cloud.ply",
+            [&] {
+                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit of the calibration");
+            } },
+        { "depth_view.png", [&] { return png(view_of(m.depth, "depth [mm]")); } },
+        { "disparity_view.png", [&] { return png(view_of(m.disparity, "disparity [px]")); } },
+        { "depth.png", [&] { return png(depth_image(m.depth, step)); } },
+        { "texture_view.png", texture_view },
+        { "valid_view.png", valid_view },
+        { "texture.png", [&] { return png(m.texture); } },
+        { "disparity.tiff", [&] { return encode(".tiff", m.disparity); } },
+        { "depth.tiff", [&] { return encode(".tiff", m.depth); } },
+        { "valid.png", [&] { return png(m.depth == m.depth); } },
+    };
+    std::vector<Bytes> bytes(files.size());
+    in_parallel(files.size(), [&](std::size_t i) { bytes[i] = files[i].second(); });
+    for (std::size_t i = 0; i < files.size(); ++i)
+        out.add(files[i].first, std::move(bytes[i]));
     out.add("report.json", report.dump(2) + "\n");
 }
 

@@ -94,13 +94,15 @@ cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::
         high = low + 1.0;
     }
     const cv::Mat colours = colour_table();
+    const cv::Vec3b* const ramp = colours.ptr<cv::Vec3b>();
     cv::Mat picture(values.size(), CV_8UC3);
     for (int y = 0; y < values.rows; ++y) {
+        const float* const row = values.ptr<float>(y);
+        cv::Vec3b* const out = picture.ptr<cv::Vec3b>(y);
         for (int x = 0; x < values.cols; ++x) {
-            const double value = values.at<float>(y, x);
+            const double value = row[x];
             const double level = std::clamp(255.0 * (value - low) / (high - low), 0.0, 255.0);
-            picture.at<cv::Vec3b>(y, x)
-                = std::isnan(value) ? nothing : colours.at<cv::Vec3b>(0, static_cast<int>(std::lround(level)));
+            out[x] = std::isnan(value) ? nothing : ramp[static_cast<int>(level + 0.5)];
         }
     }
     const Layout layout(values.rows);
@@ -136,15 +138,26 @@ cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const 
 
 double quantile(std::vector<float> values, double share)
 {
-    if (values.empty()) return std::nan("");
-    const auto at = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + at, values.end());
-    return values[static_cast<std::size_t>(at)];
+    return quantiles(std::move(values), { share })[0];
+}
+
+std::vector<double> quantiles(std::vector<float> values, const std::vector<double>& shares)
+{
+    std::vector<double> found(shares.size(), std::nan(""));
+    auto first = values.begin(); // smaller values lie before it
+    for (std::size_t i = 0; i < shares.size() && !values.empty(); ++i) {
+        const auto at = static_cast<std::ptrdiff_t>(shares[i] * static_cast<double>(values.size() - 1));
+        std::nth_element(first, values.begin() + at, values.end());
+        first = values.begin() + at;
+        found[i] = static_cast<double>(*first);
+    }
+    return found;
 }
 
 std::vector<float> finite_values(const cv::Mat& values)
 {
     std::vector<float> finite;
+    finite.reserve(values.total());
     for (int y = 0; y < values.rows; ++y)
         for (int x = 0; x < values.cols; ++x)
             if (std::isfinite(values.at<float>(y, x))) finite.push_back(values.at<float>(y, x));

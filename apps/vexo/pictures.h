@@ -24,6 +24,8 @@ cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const 
 
 /// Value below which `share` of the finite entries lie; NaN when there is none.
 double quantile(std::vector<float> values, double share);
+/// The same of several shares, which ascend.
+std::vector<double> quantiles(std::vector<float> values, const std::vector<double>& shares);
 /// The finite entries of a CV_32F image.
 std::vector<float> finite_values(const cv::Mat& values);
 

@@ -6,7 +6,8 @@ namespace vexo::app {
 
 Json quantiles(const std::vector<float>& values)
 {
-    return { { "q01", quantile(values, 0.01) }, { "q50", quantile(values, 0.5) }, { "q99", quantile(values, 0.99) } };
+    const std::vector<double> q = quantiles(values, { 0.01, 0.5, 0.99 });
+    return { { "q01", q[0] }, { "q50", q[1] }, { "q99", q[2] } };
 }
 
 namespace {

@@ -1,5 +1,6 @@
 // The same bits on any number of threads, inside the host's own parallel region, under a thread limit, with memory
-// that was filled before it was handed out, and for generators that share a camera on two threads.
+// that was filled before it was handed out, for generators that share a camera on two threads, and in a
+// child that was forked before the first use or that became another program.
 
 #include "support/board_image.h"
 #include "support/child.h"
@@ -113,10 +114,21 @@ uint64_t digest_of_all(bool inside)
     return all.hash;
 }
 
-/// Runs this program anew under an environment. @return its digest
-std::string run(const std::string& environment, const std::string& program, bool inside)
+/// What this process alone prints. @param how  "plain"; "nested": inside the host's parallel region; "forked": in a
+/// child that was forked before the first use; "exec": in a program that a child forked after use becomes
+int print_digest(const std::string& how, const char* program)
 {
-    const std::string command = environment + " '" + program + "' --digest " + (inside ? "1" : "0") + " 2>/dev/null";
+    if (how == "forked") return in_child([&] { return print_digest("plain", program); });
+    const uint64_t digest = digest_of_all(how == "nested");
+    if (how == "exec") return in_child([&] { return execl(program, program, "--digest", "plain", nullptr); });
+    std::printf("%016llx\n", static_cast<unsigned long long>(digest));
+    return std::fflush(stdout);
+}
+
+/// Runs this program anew under an environment. @return its digest
+std::string run(const std::string& environment, const std::string& program, const std::string& how)
+{
+    const std::string command = environment + " timeout 60 '" + program + "' --digest " + how + " 2>/dev/null";
     std::FILE* pipe = popen(command.c_str(), "r");
     char text[64] = "";
     if (pipe == nullptr || std::fgets(text, sizeof text, pipe) == nullptr) text[0] = '\0';
@@ -127,26 +139,23 @@ std::string run(const std::string& environment, const std::string& program, bool
 
 int main(int argc, char** argv)
 {
-    if (argc == 3 && std::string(argv[1]) == "--digest") {
-        std::printf("%016llx\n", static_cast<unsigned long long>(digest_of_all(argv[2][0] == '1')));
-        return 0;
-    }
+    if (argc == 3 && std::string(argv[1]) == "--digest") return print_digest(argv[2], argv[0]);
     const Clock clock;
     const char* const environments[]
         = { "OMP_NUM_THREADS=1", "OMP_NUM_THREADS=2", "OMP_NUM_THREADS=4", "OMP_NUM_THREADS=7", "OMP_THREAD_LIMIT=1",
               "OMP_DYNAMIC=true", "OMP_MAX_ACTIVE_LEVELS=3", "GLIBC_TUNABLES=glibc.malloc.perturb=85",
               "GLIBC_TUNABLES=glibc.malloc.perturb=128", "GLIBC_TUNABLES=glibc.malloc.perturb=170",
               "GLIBC_TUNABLES=glibc.malloc.perturb=254", "GLIBC_TUNABLES=glibc.malloc.perturb=255" };
-    const std::string expected = run("", argv[0], false);
+    const std::string expected = run("", argv[0], "plain");
     long tried = 0, found = expected == "failed" ? 1 : 0;
     for (const char* environment : environments)
-        for (const bool inside : { false, true }) {
+        for (const char* how : { "plain", "nested", "forked", "exec" }) {
             ++tried;
-            const std::string got = run(environment, argv[0], inside);
+            const std::string got = run(environment, argv[0], how);
             if (got == expected) continue;
             ++found;
-            std::printf("  FOUND other bits    repeat: %s %s --digest %d\n", environment, argv[0], inside ? 1 : 0);
+            std::printf("  FOUND other bits    repeat: %s %s --digest %s\n", environment, argv[0], how);
         }
-    report("threads: 1 2 4 7, nested, limited, filled memory: same bits", tried, found, clock);
+    report("threads: 1 2 4 7, nested, limited, memory, fork: same bits", tried, found, clock);
     return found == 0 ? 0 : 1;
 }
