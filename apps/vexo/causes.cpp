@@ -1,5 +1,7 @@
 #include "causes.h"
 
+#include "common.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -204,13 +206,14 @@ template <class At> CauseMap map_of(const Cloud& cloud, const At& cause_at)
 {
     CauseMap map;
     map.causes = cv::Mat(cloud.size, CV_8U);
-    for (int y = 0; y < cloud.size.height; ++y) {
-        for (int x = 0; x < cloud.size.width; ++x) {
-            const Cause cause = cloud.measured(y, x) ? Cause::none : cause_at(y, x);
-            map.causes.at<uchar>(y, x) = static_cast<uchar>(cause);
-            ++map.counts[index_of(cause)];
-        }
-    }
+    in_parallel(static_cast<std::size_t>(cloud.size.height), [&](std::size_t row) {
+        const int y = static_cast<int>(row);
+        for (int x = 0; x < cloud.size.width; ++x)
+            map.causes.at<uchar>(y, x) = static_cast<uchar>(cloud.measured(y, x) ? Cause::none : cause_at(y, x));
+    });
+    for (int y = 0; y < cloud.size.height; ++y)
+        for (int x = 0; x < cloud.size.width; ++x)
+            ++map.counts[map.causes.at<uchar>(y, x)];
     return map;
 }
 

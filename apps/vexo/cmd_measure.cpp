@@ -249,14 +249,15 @@ void make_maps(Measurement& m)
     const auto nothing = static_cast<double>(std::nanf(""));
     m.depth = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(nothing));
     m.disparity = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(nothing));
-    for (int y = 0; y < m.depth.rows; ++y) {
+    in_parallel(static_cast<std::size_t>(m.depth.rows), [&m](std::size_t row) {
+        const int y = static_cast<int>(row);
         for (int x = 0; x < m.depth.cols; ++x) {
             if (!m.cloud.measured(y, x)) continue;
             const float z = m.cloud.point(y, x).z;
             m.depth.at<float>(y, x) = z;
             m.disparity.at<float>(y, x) = static_cast<float>(m.geometry.disparity(static_cast<double>(z)));
         }
-    }
+    });
 }
 
 void measure(const GlobalOptions& global, MeasureOptions o, const MethodOptions& options)

@@ -40,8 +40,13 @@ std::pair<int, int> possible_range(const Geometry& geometry, double scale, int w
 std::optional<std::pair<double, double>> occupied_range(const std::vector<float>& disparities, double least_share)
 {
     std::map<long, double> counts;
-    for (const float d : disparities)
-        ++counts[std::lround(std::floor(static_cast<double>(d) / bin_px))];
+    long bin = 0;
+    double* count = nullptr; // of `bin`: neighbours mostly share it, and looking it up takes long
+    for (const float d : disparities) {
+        const long own = std::lround(std::floor(static_cast<double>(d) / bin_px));
+        if (count == nullptr || own != bin) count = &counts[bin = own];
+        ++*count;
+    }
     if (counts.empty()) return std::nullopt;
 
     const double enough = std::max(least_count, least_share * static_cast<double>(disparities.size()));

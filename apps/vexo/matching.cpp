@@ -3,6 +3,7 @@
 #include "common.h"
 #include "quiet_stderr.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 
@@ -90,6 +91,7 @@ Cloud match(
 std::vector<float> disparities_of(const Cloud& cloud, const Geometry& geometry)
 {
     std::vector<float> disparities;
+    disparities.reserve(static_cast<std::size_t>(std::max(cloud.count, 0)));
     for (const cv::Point3f& point : cloud.points)
         if (!std::isnan(point.z))
             disparities.push_back(static_cast<float>(geometry.disparity(static_cast<double>(point.z))));
