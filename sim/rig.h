@@ -49,7 +49,7 @@ struct Sensor {
     {
         const double sigma = std::sqrt(read * read + shot * light);
         const double noise = sigma > 0 ? sigma * normal_of(key, pixel) : 0;
-        return static_cast<uchar>(std::clamp(black + light + noise, 0.0, 255.0) + 0.5);
+        return static_cast<uchar>(std::floor(std::clamp(black + light + noise, 0.0, 255.0) + 0.5));
     }
 };
 

@@ -112,7 +112,7 @@ double Implicit::_lower_bound(const cv::Vec3d& p) const noexcept
     double way2 = 0;
     for (int i = 2; i >= 0; --i) { // z, y, x: the order of the grid
         const double steps = (p[i] - _low[i]) * (1 / grid_step);
-        const int node = std::clamp(static_cast<int>(steps + 0.5), 0, _nodes[i] - 1);
+        const int node = std::clamp(static_cast<int>(std::floor(steps + 0.5)), 0, _nodes[i] - 1);
         way2 += (steps - node) * (steps - node);
         at = at * static_cast<std::size_t>(_nodes[i]) + static_cast<std::size_t>(node);
     }

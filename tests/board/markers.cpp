@@ -47,7 +47,7 @@ TEST(PreProcessor, GammaFollowsItsFormulaAtBothEndsAndBetween)
         cv::Mat in = ramp(), out(in.size(), CV_8U);
         pre.gamma_correction(in, out);
         for (int i = 0; i < 256; ++i)
-            ASSERT_EQ(out.at<uchar>(4, i), static_cast<int>(std::pow(i / 255.0, gamma) * 255 + 0.5)) << gamma;
+            ASSERT_EQ(out.at<uchar>(4, i), std::floor(std::pow(i / 255.0, gamma) * 255 + 0.5)) << gamma;
     }
     for (const double hostile : { -3.0, 1e300, std::numeric_limits<double>::quiet_NaN() }) {
         PreProcParam p;
@@ -69,7 +69,7 @@ TEST(PreProcessor, StepsComeInTheirOrderAndTheInputStays)
     cv::medianBlur(step, step, 3);
     for (int i = 0; i < static_cast<int>(step.total()); ++i) {
         uchar& level = step.at<uchar>(i / 50, i % 50);
-        level = static_cast<uchar>(std::pow(level / 255.0, 0.6) * 255 + 0.5);
+        level = static_cast<uchar>(std::lround(std::pow(level / 255.0, 0.6) * 255));
     }
     cv::equalizeHist(step, step);
     cv::threshold(step, expected, 130, 255, cv::THRESH_BINARY);

@@ -69,14 +69,7 @@ struct Korva : KORVACalibBoardRecognizer {
 const Renderer& camera_of(cv::Size size)
 {
     static const Renderer full { Camera() };
-    static const Renderer half = [] {
-        Camera c;
-        c.size = { 640, 512 };
-        c.fx = c.fy = 701;
-        c.cx = 322;
-        c.cy = 254;
-        return Renderer(c);
-    }();
+    static const Renderer half { Camera { { 640, 512 }, 701, 701, 322, 254 } };
     return size.width == 1280 ? full : half;
 }
 

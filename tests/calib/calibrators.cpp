@@ -221,7 +221,8 @@ TEST(StereoCalibrator, BoardFrameGivesTheBoardsOwnCoordinatesAndDoesNotPileUp)
     cv::undistortPoints(views[1][0], r1, cams[1].K, cams[1].D, in_board.cam1_R2, raw->cam1.K);
     for (const int k : { 0, 14, 112, 270, 284 }) {
         const auto i = static_cast<size_t>(k);
-        const cv::Vec3d expected((10 - k / 15) * 12.0, (7 - k % 15) * 12.0, 0);
+        const int column = k / 15;
+        const cv::Vec3d expected((10 - column) * 12.0, (7 - k % 15) * 12.0, 0);
         const cv::Vec3d found = in_board.get3dposition_Q(r0[i].x, r0[i].y, r0[i].x - r1[i].x);
         EXPECT_LT(cv::norm(found - expected), 0.15) << found; // mm; 0.03 px of disparity are 0.08 mm of depth
         const cv::Vec3d in_rect0 = raw->get3dposition_Q(r0[i].x, r0[i].y, r0[i].x - r1[i].x);

@@ -151,7 +151,8 @@ TEST(PinHole, PoseIsFoundFromGoodPointsAndRefusedFromBadOnes)
     std::vector<cv::Point3f> object;
     std::vector<cv::Point2f> image;
     for (int i = 0; i < 30; ++i) {
-        object.emplace_back(20.F * static_cast<float>(i % 6), 20.F * static_cast<float>(i / 6), 0.F);
+        const int column = i % 6, row = i / 6;
+        object.emplace_back(20.F * static_cast<float>(column), 20.F * static_cast<float>(row), 0.F);
         image.emplace_back(cam.project_forw(cv::Point3d(object.back())));
     }
     cv::Mat rvec;

@@ -137,7 +137,8 @@ TEST_F(StereoFiles, StereoFileCutAtAnyLineOrWithoutAnyKeyIsRefusedAndTheCameraKe
     for (int i = 0; i < 1500; ++i) { // whatever still loads is whole
         std::string mutated = text;
         for (int n = 0; n < 3; ++n)
-            mutated[rng() % mutated.size()] = static_cast<char>(i % 2 == 0 ? rng() % 256 : "0-.:[]{}\n e"[rng() % 11]);
+            mutated[rng() % mutated.size()]
+                = static_cast<char>(i % 2 == 0 ? rng() % 256 : static_cast<uchar>("0-.:[]{}\n e"[rng() % 11]));
         StereoCamera kept = before;
         cv::FileStorage fs;
         const bool loaded = open_text(mutated, fs) && kept.load(&fs);

@@ -139,7 +139,7 @@ TEST(MultiPhase, DecodedFramesEqualThePlainFormForAnyNumberOfThreads)
             for (const double noise : { 2.0, 100.0 }) {
                 auto frames = captures::multi_phase_capture(size, periods, [](int x, int y) { return 2.5 * x + y; });
                 captures::add_noise(frames, noise, rng);
-                frames.resize(static_cast<size_t>(2 + 3 * steps));
+                frames.resize(2 + 3 * static_cast<size_t>(steps));
                 MultiPhaseMatchingParam params = params_of(periods, steps);
                 if (size.width > 200) { // dark columns on both sides and in between
                     params.min_white = 60;

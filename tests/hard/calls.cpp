@@ -68,11 +68,14 @@ public:
         : rng(choices)
         , folder(files)
     {
+        for (g = 0; g < 3; ++g)
+            make_generator();
+        recognizer();
     }
     ~Host()
     {
-        for (auto& g : generators)
-            g.reset(); // before their cameras
+        for (auto& generator : generators)
+            generator.reset(); // before their cameras
     }
 
     /// One call of some operation. @return the fault seen, or null
@@ -84,6 +87,7 @@ public:
             &Host::measure, &Host::genPC, &Host::get_pointcloud, &Host::convert, &Host::remap, &Host::positions,
             &Host::recognizer, &Host::recognize, &Host::board_lists, &Host::board_pictures, &Host::put_image,
             &Host::put_pair, &Host::calibrate, &Host::save };
+        g = below(rng, 3);
         return (this->*calls[below(rng, sizeof calls / sizeof calls[0])])();
     }
 
@@ -118,7 +122,6 @@ private:
         const int n = number();
         std::memcpy(reinterpret_cast<char*>(&record) + at, wide ? static_cast<const void*>(&r) : &n, size);
     }
-    std::size_t any_generator() { return calm ? focus : below(rng, 3); }
     iStereoCamera* any_camera() { return cameras.empty() ? nullptr : cameras[below(rng, cameras.size())].get(); }
 
     const char* make_camera()
@@ -151,8 +154,8 @@ private:
             return nullptr;
         }
         auto& replaced = cameras[below(rng, cameras.size())];
-        for (auto& g : generators)
-            if (g) g->init(nullptr);
+        for (auto& generator : generators)
+            generator->init(nullptr);
         std::fill(std::begin(bound), std::end(bound), nullptr);
         replaced.swap(made);
         return nullptr;
@@ -160,7 +163,6 @@ private:
 
     const char* make_generator()
     {
-        const std::size_t g = any_generator();
         generators[g].reset(CreatePointCloudGenerator(static_cast<int>(g)));
         bound[g] = nullptr;
         float_from[g] = none;
@@ -169,14 +171,12 @@ private:
 
     const char* init()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         bound[g] = chance(10) ? nullptr : any_camera();
         generators[g]->init(bound[g]);
         return nullptr;
     }
 
-    template <class Record> bool hand_over(std::size_t g, const Record& record, std::size_t bytes)
+    template <class Record> bool hand_over(const Record& record, std::size_t bytes)
     {
         GuardedBuffer& copy = buffer(bytes);
         std::memcpy(copy.data(), &record, bytes);
@@ -185,14 +185,12 @@ private:
 
     const char* setparams()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         if (chance(20)) return generators[g]->setparams(nullptr) ? "a null record was taken" : nullptr;
         const int changes = chance(2) ? static_cast<int>(1 + below(rng, 3)) : 0;
         const auto taken = [&](auto record, std::size_t bytes) {
             for (int i = 0; i < changes; ++i)
                 disturb(record, bytes);
-            const bool good = hand_over(g, record, bytes);
+            const bool good = hand_over(record, bytes);
             if (good && why_invalid(record) != nullptr) fault = "an invalid record was taken";
             return good;
         };
@@ -217,7 +215,7 @@ private:
         return handed.datatype;
     }
 
-    bool give(std::size_t g, int cam, int frame, unsigned long step, const cv::Mat& picture = {})
+    bool give(int cam, int frame, unsigned long step, const cv::Mat& picture = {})
     {
         int w = 0, h = 0;
         if (bound[g] != nullptr) bound[g]->get_inpimage_size(&w, &h);
@@ -236,31 +234,25 @@ private:
 
     const char* setpict()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         if (chance(20)) return generators[g]->setpict(nullptr, 0, 0, 0) ? "a null frame was taken" : nullptr;
         const int cam = chance(5) ? number() : static_cast<int>(below(rng, 3));
         const int frame = chance(5) ? number() : static_cast<int>(below(rng, 15));
-        give(g, cam, frame, chance(3) ? 0 : step_of(frame >= float_from[g] ? 400 : 100));
+        give(cam, frame, chance(3) ? 0 : step_of(frame >= float_from[g] ? 400 : 100));
         return fault;
     }
 
     const char* all_frames()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         static const std::vector<cv::Mat> captures[2][2] = { { rig::gray_phase_frames(0), rig::gray_phase_frames(1) },
             { rig::multi_phase_frames(0), rig::multi_phase_frames(1) } };
         for (int frame = 0; frame < generators[g]->requiredframes(); ++frame)
             for (int cam = 0; cam < 2; ++cam)
-                give(g, cam, frame, 0, g == 0 ? cv::Mat() : captures[g - 1][cam][static_cast<std::size_t>(frame)]);
+                give(cam, frame, 0, g == 0 ? cv::Mat() : captures[g - 1][cam][static_cast<std::size_t>(frame)]);
         return fault;
     }
 
     const char* loadpict()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         const auto* name = one_of<const char*>(rng, { "picture.png", "picture.pgm", "rt.yaml", "none", "" });
         generators[g]->loadpict(folder / name, chance(4) ? number() : 0, chance(4) ? number() : 1);
         return nullptr;
@@ -268,8 +260,6 @@ private:
 
     const char* getpict()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         unsigned char* data = nullptr;
         int w = -7, h = -7;
         unsigned long step = 7;
@@ -286,8 +276,6 @@ private:
 
     const char* exec()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         try {
             const auto what = static_cast<Reached>(executed0 + static_cast<int>(g));
             if (note(what, generators[g]->exec()) && bound[g] == nullptr) return "exec succeeded without a camera";
@@ -299,8 +287,6 @@ private:
 
     const char* genPC()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         method[g] = chance(6) ? number() : 0;
         generators[g]->genPC(static_cast<iPointCloudGenerator::Method3D>(method[g]), chance(2));
         return nullptr;
@@ -308,8 +294,6 @@ private:
 
     const char* get_pointcloud()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         Receiver seen;
         const int count = generators[g]->get_pointcloud(&seen);
         if (seen.calls != 1 || generators[g]->get_pointcloud(nullptr) != count) return "not called once";
@@ -325,7 +309,6 @@ private:
     /// A measurement as it should be, amid all else.
     const char* measure()
     {
-        focus = below(rng, 3);
         calm = true;
         using Call = const char* (Host::*)();
         for (const Call step : std::initializer_list<Call> { &Host::make_generator, &Host::init, &Host::setparams,
@@ -337,8 +320,6 @@ private:
 
     const char* convert()
     {
-        const std::size_t g = any_generator();
-        if (!generators[g]) return nullptr;
         if (chance(3)) {
             generators[g]->convert_coordinate(folder / one_of<const char*>(rng, { "rt.yaml", "cams.yaml", "none" }));
             return nullptr;
@@ -392,16 +373,7 @@ private:
 
     static const cv::Mat& board_picture()
     {
-        static const cv::Mat picture = [] {
-            board_image::Camera camera;
-            camera.size = { 400, 320 };
-            camera.fx = camera.fy = 440;
-            camera.cx = 200;
-            camera.cy = 160;
-            const board_image::Board board = board_image::coarse_board();
-            const board_image::Pose pose = board_image::view(board, 0.3, 1.0, 0.1, { 0, 0, 320 });
-            return board_image::Renderer(camera).render(board, pose, {}, 1);
-        }();
+        static const cv::Mat picture = board_image::small_picture();
         return picture;
     }
 
@@ -461,7 +433,6 @@ private:
 
     const char* recognize()
     {
-        if (!board) return nullptr;
         cv::Mat image = picture(chance(3));
         std::vector<cv::Point2f> found;
         const int code = stated_exception([&] { return board->recognize(image, found); });
@@ -474,7 +445,6 @@ private:
 
     const char* board_lists()
     {
-        if (!board) return nullptr;
         std::vector<cv::Point2f> a, b, in = list;
         std::vector<cv::Point3f> on_board;
         if (chance(3)) in.resize(below(rng, 200));
@@ -489,7 +459,6 @@ private:
 
     const char* board_pictures()
     {
-        if (!board) return nullptr;
         cv::Mat copy;
         board->copy_result_image(copy, number());
         board->show_result_image(number());
@@ -499,7 +468,6 @@ private:
 
     const char* put_image()
     {
-        if (!camera_calibrator) return nullptr;
         cv::Mat image = picture(chance(3));
         int w = image.cols, h = image.rows;
         unsigned long step = image.empty() ? 0 : image.step[0];
@@ -516,7 +484,6 @@ private:
 
     const char* put_pair()
     {
-        if (!stereo_calibrator) return nullptr;
         cv::Mat image = picture(true);
         for (int cam = 0; cam < 2; ++cam)
             stated_exception([&] { return stereo_calibrator->put_image(cam, image.data, 400, 320, 400, false, ""); });
@@ -527,7 +494,7 @@ private:
 
     const char* calibrate()
     {
-        if (!chance(16) || !camera_calibrator) return nullptr;
+        if (!chance(16)) return nullptr;
         CameraCalibParam param;
         if (chance(4)) disturb(param);
         std::vector<double> errors;
@@ -551,7 +518,6 @@ private:
 
     const char* save()
     {
-        if (!stereo_calibrator) return nullptr;
         const std::string a = folder / one_of<const char*>(rng, { "a.yaml", "no/a.yaml", "" }), b = folder / "b.bin";
         camera_calibrator->save_calibfile(a, one_of<const char*>(rng, { "", "cam7", "7", "a: b", "\n" }));
         stereo_calibrator->save_calibfile(a, chance(2) ? a : "");
@@ -565,6 +531,7 @@ private:
     Rng& rng;
     const Folder& folder;
     std::vector<Owned<iStereoCamera>> cameras;
+    std::size_t g = 0; ///< the generator of this call
     Owned<iPointCloudGenerator> generators[3];
     iStereoCamera* bound[3] = {};
     long float_from[3] = { none, none, none }; ///< frames from here on are floats
@@ -575,8 +542,7 @@ private:
     std::vector<cv::Point2f> list;
     std::vector<std::unique_ptr<GuardedBuffer>> buffers; ///< all but the last revoked
     const char* fault = nullptr;
-    bool calm = false;     ///< no surprises
-    std::size_t focus = 0; ///< the generator in use while calm
+    bool calm = false; ///< no surprises
 };
 
 } // namespace

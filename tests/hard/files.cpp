@@ -74,7 +74,7 @@ std::vector<std::string> hostile_yaml(const std::string& good)
         stairs += std::string(depth, ' ') + "a:\n";
     std::vector<std::string> all { bomb, stairs, head + "cam0_K: " + repeated("[", 200000),
         head + "cam0_K: " + repeated("{ a: ", 200000), head + repeated("- ", 200000), head + "a: !!binary |\n",
-        head + "cam0_K: !!binary |\n  AAAA", head + "a: " + std::string(10000000, 'x') + "\n",
+        head + "cam0_K: !!binary |\n  AAAA", head + "a: " + repeated("x", 10000000) + "\n",
         head + "a: \"" + std::string(900000, 'x') + "\"\n", head + repeated("a: 1\n", 100000),
         head + "a: [ " + repeated("1, ", 300000) + "1 ]\n", "%YAML", "%YAML:1.0", "%YAML:1.0\n---", head + "?\n",
         head + ":\n", head + "cam0_K: *nowhere\n", head + "cam0_K: !!\n", head + "\"cam0_K: 1\n", "{\"cam0_K\": [[[",

@@ -62,7 +62,7 @@ uint64_t measure(iStereoCamera* camera, int g)
     generator->setparams(records[g]);
     for (int cam = 0; cam < 2; ++cam)
         for (int i = 0; i < generator->requiredframes(); ++i) {
-            const cv::Mat& frame = frames[cam][static_cast<std::size_t>(i + (g == 0 ? 3 : 0))];
+            const cv::Mat& frame = frames[cam][static_cast<std::size_t>(i) + (g == 0 ? 3 : 0)];
             generator->setpict(frame.data, frame.step[0], cam, i);
         }
     Digest digest;
@@ -76,18 +76,11 @@ uint64_t measure(iStereoCamera* camera, int g)
 
 uint64_t recognise()
 {
-    board_image::Camera camera;
-    camera.size = { 400, 320 };
-    camera.fx = camera.fy = 440;
-    camera.cx = 200;
-    camera.cy = 160;
-    const board_image::Board board = board_image::coarse_board();
-    cv::Mat picture
-        = board_image::Renderer(camera).render(board, board_image::view(board, 0.3, 1.0, 0.1, { 0, 0, 320 }), {}, 1);
+    cv::Mat picture = board_image::small_picture();
     const Owned<iCalibBoardRecognizer> recogniser(CreateCalibBoardRecognizer());
     PreProcParam pre;
     CircleMarkerParam circle = board_image::marker_settings();
-    CalibBoardParam param = board.param;
+    CalibBoardParam param = board_image::coarse_board().param;
     std::vector<cv::Point2f> points;
     if (!recogniser->set_parameters(pre, circle, param) || recogniser->recognize(picture, points) != 0) std::abort();
     Digest digest;

@@ -286,4 +286,16 @@ inline vexo::CircleMarkerParam marker_settings()
     return circle;
 }
 
+/// For tests that need a picture of a board rather than accuracy.
+inline Camera small_camera()
+{
+    return { { 400, 320 }, 440, 440, 200, 160 };
+}
+
+inline cv::Mat small_picture()
+{
+    const Board board = coarse_board();
+    return Renderer(small_camera()).render(board, view(board, 0.3, 1.0, 0.1, { 0, 0, 320 }), {}, 1);
+}
+
 } // namespace board_image
