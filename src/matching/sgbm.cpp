@@ -79,8 +79,13 @@ bool SGBMatching::_record_is_usable() const noexcept
     if (count < 16 || count > 4096 || count % 16 != 0) return false;
     if (first - 1 < -2048 || first + count > 2047) return false;
     if (record.blockSize < 1 || record.blockSize > 255) return false;
-    const int64_t matched_columns = output_width + std::min<int64_t>(first, 0) - std::max<int64_t>(first + count, 0);
-    return matched_columns <= 0 || record.blockSize / 2 < matched_columns;
+    return _matched_columns() <= 0 || record.blockSize / 2 < _matched_columns();
+}
+
+int64_t SGBMatching::_matched_columns() const noexcept
+{
+    const int64_t first = record.minDisparity, behind = first + record.numDisparities;
+    return output_width + std::min<int64_t>(first, 0) - std::max<int64_t>(behind, 0);
 }
 
 bool SGBMatching::exec()
@@ -101,9 +106,14 @@ bool SGBMatching::_match()
     const auto matcher = cv::StereoSGBM::create(record.minDisparity, record.numDisparities, record.blockSize, P1, P2,
         record.disp12MaxDiff, record.preFilterCap, record.uniquenessRatio, record.speckleWindowSize,
         record.speckleRange, record.mode);
+    invalid_disparity = record.minDisparity - 1.0; // of the map made here, even from a refused record
+    if (_matched_columns() <= 0) { // nothing to match: three-way mode ends the process, the others say the same
+        disparity.create(targets[0].size(), CV_64F);
+        disparity.setTo(invalid_disparity);
+        return true;
+    }
     matcher->compute(targets[0], targets[1], fixed_point);
     fixed_point.convertTo(disparity, CV_64F, 1.0 / 16.0);
-    invalid_disparity = record.minDisparity - 1.0; // of the map just made, even from a refused record
     return true;
 }
 

@@ -3,6 +3,8 @@
 #include "matching/PointCloudGenerator.h"
 #include "vexo/records.h"
 
+#include <cstdint>
+
 namespace vexo {
 
 /// Point clouds from one image per camera by semi-global block matching (selector 0). Works on the default
@@ -31,6 +33,8 @@ public:
 
 private:
     bool _record_is_usable() const noexcept;
+    /// Columns of camera 0 whose whole range of disparities lies inside camera 1; 0 or less: none.
+    int64_t _matched_columns() const noexcept;
     /// Disparities of the targets.
     bool _match();
 

@@ -129,8 +129,9 @@ TEST(SGBMatching, ExecRefusesWhatWouldEndTheProcessInsideOpenCV)
 {
     const rig::Camera camera = rig::make_camera();
     const auto matcher = make(camera.get());
-    const auto runs = [&](int first, int count, int block) {
+    const auto runs = [&](int first, int count, int block, int mode = 0) {
         SGBMatchingParam record;
+        record.mode = mode;
         record.minDisparity = first;
         record.numDisparities = count;
         record.blockSize = block;
@@ -140,7 +141,14 @@ TEST(SGBMatching, ExecRefusesWhatWouldEndTheProcessInsideOpenCV)
     EXPECT_TRUE(runs(0, 32, 5));
     EXPECT_TRUE(runs(-2047, 16, 5));
     EXPECT_TRUE(runs(2031, 16, 5));
-    EXPECT_TRUE(runs(0, 256, 5)) << "more disparities than columns: nothing is found";
+    for (const int mode : { 0, 1, 2, 3 }) {
+        for (const int count : { 160, 176, 256 }) {
+            EXPECT_TRUE(runs(0, count, 5, mode)) << "as many disparities as columns, or more: nothing is found";
+            matcher->genPC(Method::MethodQ, false);
+            EXPECT_EQ(rig::cloud_of(*matcher).count, 0) << mode << ' ' << count;
+        }
+        EXPECT_TRUE(runs(0, 144, 5, mode)) << mode;
+    }
     for (const int count : { 0, -16, 8, 4112, INT_MIN, 2147483632 })
         EXPECT_FALSE(runs(0, count, 5)) << count;
     for (const int first : { -2048, 2032, INT_MIN, INT_MAX })
