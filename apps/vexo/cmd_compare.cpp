@@ -1,10 +1,11 @@
 #include "common.h"
+#include "frames.h"
 #include "pictures.h"
 #include "ply.h"
-#include "quiet_stderr.h"
 #include "report.h"
 #include "rig.h"
 #include "sphere_fit.h"
+#include "vexo/picture_size.h"
 
 #include <CLI/CLI.hpp>
 #include <opencv2/calib3d.hpp>
@@ -67,7 +68,7 @@ Result read_result(const std::string& folder)
     r.baseline = get("/camera/baseline");
     r.disparity_at_infinity = get("/camera/disparity_at_infinity");
     const double width = get("/camera/output_size/0"), height = get("/camera/output_size/1");
-    if (!(r.f > 0.0) || !(r.baseline > 0.0) || !(width >= 1 && height >= 1 && width <= 32768 && height <= 32768))
+    if (!(r.f > 0.0) || !(r.baseline > 0.0) || !is_picture_size(width, height))
         throw Failure(r.report_path + ": f, baseline or size make no sense; run vexo measure again");
     r.size = { static_cast<int>(width), static_cast<int>(height) };
     r.raw_from_rectified = rotation_in(r.report, r.report_path).t();
@@ -78,17 +79,8 @@ Result read_result(const std::string& folder)
 
 cv::Mat read_map(const std::string& path, int type)
 {
-    const std::string bytes = read_bytes(path, std::size_t { 1 } << 30);
-    cv::Mat map;
-    try {
-        const QuietStderr quiet;
-        map = cv::imdecode(
-            cv::Mat(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data())), cv::IMREAD_UNCHANGED);
-    } catch (const cv::Exception&) {
-        map.release();
-    }
-    if (map.empty() || map.type() != type)
-        throw Failure(path + ": is not a map of a simulated capture; run vexo simulate again");
+    cv::Mat map = read_picture(path, cv::IMREAD_UNCHANGED);
+    if (map.type() != type) throw Failure(path + ": is not a map of a simulated capture; run vexo simulate again");
     return map;
 }
 

@@ -4,6 +4,7 @@
 #include "rig.h"
 
 #include "vexo/file_io.h"
+#include "vexo/picture_size.h"
 
 #include <CLI/CLI.hpp>
 #include <opencv2/calib3d.hpp>
@@ -167,7 +168,7 @@ Json tables_with_sizes(const std::string& bytes)
     for (std::size_t at = 0; at < bytes.size();) {
         const std::int32_t type = int_at(bytes, at), cols = int_at(bytes, at + 4), rows = int_at(bytes, at + 8);
         const std::size_t body = padded(at + 12);
-        if (type < 0 || type > 0xFFF || cols < 1 || rows < 1 || cols > 32768 || rows > 32768) return {};
+        if (type < 0 || type > 0xFFF || !is_picture_size(cols, rows)) return {};
         const std::size_t size = static_cast<std::size_t>(cols) * static_cast<std::size_t>(rows) * CV_ELEM_SIZE(type);
         if (body + size > bytes.size()) return {};
         tables.push_back({ { "columns", cols }, { "rows", rows }, { "opencv_type", type } });

@@ -2,6 +2,7 @@
 
 #include "common.h"
 #include "quiet_stderr.h"
+#include "vexo/picture_size.h"
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -17,8 +18,6 @@ namespace vexo::app {
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr std::size_t max_picture_bytes = std::size_t { 1 } << 29;
 
 bool is_digit(char c)
 {
@@ -94,21 +93,6 @@ void check_count(const std::string& where, const std::vector<std::string>& paths
         + (missing.empty() ? "" : ", " + missing + " is missing") + need);
 }
 
-cv::Mat decode_picture(const std::string& path, int flags)
-{
-    const std::string bytes = read_bytes(path, max_picture_bytes);
-    const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
-    cv::Mat picture;
-    try {
-        const QuietStderr quiet; // the decoders of picture formats print their own complaints
-        picture = cv::imdecode(raw, flags);
-    } catch (const cv::Exception&) {
-        picture.release();
-    }
-    if (picture.empty()) throw Failure(path + ": is not a picture that can be read, or is damaged");
-    return picture;
-}
-
 void check_size(const FrameSet& set, const std::string& path, const cv::Mat& frame)
 {
     if (frame.size() == set.size) return;
@@ -120,7 +104,7 @@ void check_size(const FrameSet& set, const std::string& path, const cv::Mat& fra
 /// A map of one number per pixel, CV_32F.
 cv::Mat read_numbers(const std::string& path)
 {
-    cv::Mat map = decode_picture(path, cv::IMREAD_UNCHANGED);
+    cv::Mat map = read_picture(path, cv::IMREAD_UNCHANGED);
     if (map.channels() != 1) throw Failure(path + ": has several channels; a map holds one number per pixel");
     map.convertTo(map, CV_32F);
     return map;
@@ -188,9 +172,29 @@ std::vector<std::string> find_frames(const std::string& folder_or_pattern)
     return found;
 }
 
+cv::Mat read_picture(const std::string& path, int flags)
+{
+    const std::string bytes = read_bytes(path, picture_file::max_bytes);
+    const cv::Size size = picture_file::announced_size(bytes);
+    if (!size.empty() && !picture_file::may_be_decoded(bytes))
+        throw Failure(path + ": is " + std::to_string(size.width) + " x " + std::to_string(size.height)
+            + " pixels; at most " + std::to_string(max_picture_area) + " pixels are read");
+    const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
+    cv::Mat picture;
+    try {
+        const QuietStderr quiet; // the decoders of picture formats print their own complaints
+        if (picture_file::may_be_decoded(bytes)) picture = cv::imdecode(raw, flags);
+    } catch (const cv::Exception&) {
+        picture.release();
+    }
+    if (picture.empty())
+        throw Failure(path + ": is damaged, or no picture that can be read; PNG, TIFF, BMP, PNM and JPEG are");
+    return picture;
+}
+
 cv::Mat read_grey(const std::string& path)
 {
-    return decode_picture(path, cv::IMREAD_GRAYSCALE);
+    return read_picture(path, cv::IMREAD_GRAYSCALE);
 }
 
 FrameSet read_frames(const std::string& cam0, const std::string& cam1, std::size_t count)

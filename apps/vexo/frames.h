@@ -30,6 +30,10 @@ FrameSet read_frames(const std::string& cam0, const std::string& cam1, std::size
 /// Throws Failure that names the map that is missing or does not fit.
 FrameSet read_decoded(const std::string& cam0, const std::string& cam1, Method method);
 
+/// One picture as OpenCV decodes it, flags as of cv::imread. Throws Failure for what is no picture, damaged, or larger
+/// than picture_file::may_be_decoded() allows.
+cv::Mat read_picture(const std::string& path, int flags);
+
 /// One picture as 8-bit grey. Throws Failure.
 cv::Mat read_grey(const std::string& path);
 

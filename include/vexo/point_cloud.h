@@ -92,8 +92,8 @@ public:
     ///               than a row, or before init() and setparams()
     virtual bool setpict(void* data, unsigned long step, int cam, int frame) = 0;
 
-    /// As setpict, from an image file, converted to grey. False, too, when the file cannot be read or its
-    /// size is not the input size (twice the width for cam 2).
+    /// As setpict, from an image file (PNG, TIFF, BMP, PNM or JPEG), converted to grey. False, too, when the file
+    /// cannot be read or its size is not the input size (twice the width for cam 2).
     virtual bool loadpict(std::string file, int cam, int frame) = 0;
 
     /// A frame as it was given (block matching: the rectified image, `frame` is ignored).

@@ -1,6 +1,7 @@
 #include "board/CalibBoardRecognizer.h"
 
 #include "board/result_picture.h"
+#include "vexo/picture_size.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -12,9 +13,6 @@
 namespace vexo {
 
 namespace {
-
-constexpr int max_side = 32766;           // px; cv::remap, which later takes these images, goes no further
-constexpr long long max_area = 1LL << 26; // px
 
 bool is_missing(const std::vector<cv::Point2f>& points, size_t k)
 {
@@ -144,8 +142,7 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& i
 
 bool CalibBoardRecognizer::_usable(const cv::Mat& image) const
 {
-    return image.dims == 2 && image.type() == CV_8UC1 && image.rows >= 1 && image.cols >= 1 && image.rows <= max_side
-        && image.cols <= max_side && static_cast<long long>(image.rows) * image.cols <= max_area;
+    return image.dims == 2 && image.type() == CV_8UC1 && is_picture_size(image.cols, image.rows);
 }
 
 bool CalibBoardRecognizer::_bad_block() const

@@ -1,6 +1,7 @@
 #include "board/CircleMarkerSearcher.h"
 
 #include "board/result_picture.h"
+#include "vexo/picture_size.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -149,10 +150,9 @@ void CircleMarkerSearcher::debug_show(cv::Mat& image, std::string name, bool sav
 {
     const double scale = searcher_param.debug_scale;
     if (scale == 0) return;
-    constexpr double largest = 32766; // px, side of a picture
     const double columns = std::trunc(image.cols * scale);
     const double rows = std::trunc(image.rows * scale);
-    if (!(columns >= 1 && rows >= 1 && columns <= largest && rows <= largest)) return;
+    if (!is_picture_size(columns, rows)) return;
 
     cv::Mat resized;
     cv::resize(image, resized, cv::Size(static_cast<int>(columns), static_cast<int>(rows)), 0, 0, cv::INTER_LINEAR);

@@ -66,11 +66,11 @@ bool read_ints(const cv::FileNode& node, int count, int* values)
 
 bool read_size(const cv::FileNode& node, cv::Size& size)
 {
-    constexpr int largest = 1 << 15;
     int v[2] = {};
     if (!read_ints(node, 2, v)) return false;
-    if (v[0] < 0 || v[1] < 0 || v[0] > largest || v[1] > largest) return false;
-    size = cv::Size(v[0], v[1]);
+    const cv::Size read(v[0], v[1]);
+    if (read != cv::Size() && !is_picture_size(read)) return false;
+    size = read;
     return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "vexo/file_io.h"
+#include "vexo/picture_size.h"
 
 #include <opencv2/core.hpp>
 
@@ -13,16 +14,10 @@
 namespace vexo {
 namespace camera_file {
 
-/// Limits of a picture that tables are built for: cv::remap refuses longer sides, and four float tables of
-/// this area take 1 GB.
-constexpr int max_side = 32766;
-constexpr int max_area = 1 << 26;
-
 /// Whether pictures of this size can be rectified.
 inline bool is_picture_size(cv::Size size)
 {
-    return size.width >= 1 && size.height >= 1 && size.width <= max_side && size.height <= max_side
-        && size.area() <= max_area;
+    return vexo::is_picture_size(size.width, size.height);
 }
 
 /// Whether a name can begin a key: OpenCV takes letters, digits, '_', '-' and ' ', and no digit or '-' first.
@@ -43,7 +38,7 @@ bool has_projection(const cv::FileStorage& fs, const std::string& name);
 /// Sequence of exactly `count` integers.
 bool read_ints(const cv::FileNode& node, int count, int* values);
 
-/// Image size: two integers in 0..2^15.
+/// Image size: a picture's, or 0 x 0 for a camera without one.
 bool read_size(const cv::FileNode& node, cv::Size& size);
 
 /// Matrix node of one channel with finite numbers, as doubles; at most 16 numbers. A node of zero elements

@@ -4,6 +4,7 @@
 #include "decode/phase_kernels.h"
 #include "decode/stream_copy.h"
 #include "vexo/file_io.h"
+#include "vexo/picture_size.h"
 
 #include <algorithm>
 #include <cstring>
@@ -14,9 +15,7 @@
 namespace vexo {
 namespace {
 
-constexpr int max_side = 32766;                   // px; cv::remap's 16-bit coordinates reach no further
-constexpr std::size_t stream_bytes = 1 << 17;     // a dozen smaller frames stay in the second-level cache
-constexpr int64_t max_area = int64_t { 1 } << 26; // px
+constexpr std::size_t stream_bytes = 1 << 17; // a dozen smaller frames stay in the second-level cache
 
 /// Whether a buffer of the host shares memory with an image: when it hands back what it was shown.
 bool overlap(const uchar* from, std::size_t bytes, const cv::Mat& image) noexcept
@@ -111,8 +110,7 @@ void ProjectorPositions::clear() noexcept
 bool ProjectorPositions::_accepts(int width, int height, unsigned long step, int index) const noexcept
 {
     if (index < 0 || index >= inputs()) return false;
-    if (width < 1 || height < 1 || width > max_side || height > max_side) return false;
-    if (int64_t { width } * height > max_area) return false;
+    if (!is_picture_size(width, height)) return false;
     const auto row_bytes
         = static_cast<std::size_t>(width) * CV_ELEM_SIZE(_inputs[static_cast<std::size_t>(index)].type);
     if (step != 0 && step < row_bytes) return false;

@@ -99,6 +99,17 @@ TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
         EXPECT_GT(cv::imread(at("files/" + std::string(view) + "_view.png")).cols, depth.cols) << view;
 }
 
+TEST_F(Measure, SimulatedFramesReplaceALongerCaptureAndLeaveTheUsersOwnFiles)
+{
+    fs::create_directories(at("again/cam0"));
+    program::write(at("again/cam0/frame13.png"), "left by a longer capture");
+    program::write(at("again/cam0/notes.txt"), "the user's own");
+    ASSERT_EQ(run("simulate spheres --size 64x48 --quiet --out " + at("again")).code, 0);
+    EXPECT_FALSE(fs::exists(at("again/cam0/frame13.png")));
+    EXPECT_TRUE(fs::exists(at("again/cam0/notes.txt")));
+    EXPECT_NE(program::read(at("again/scene.json")).find("centres_cam0_mm"), std::string::npos);
+}
+
 TEST_F(Measure, CloudIsTheSameToTheByteForOneAndForTwoThreads)
 {
     ASSERT_EQ(run("measure --quiet --threads 1 " + at("scan") + " --out " + at("one")).code, 0);
@@ -154,12 +165,14 @@ TEST_F(Measure, PatchWithoutFringesIsLeftOutAndCountedAsItsOwnCause)
 
 TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
 {
-    const std::string lacking = copy_of_scan("lacking"), mixed = copy_of_scan("mixed"), cut = copy_of_scan("cut");
+    const std::string lacking = copy_of_scan("lacking"), mixed = copy_of_scan("mixed"), cut = copy_of_scan("cut"),
+                      giant = copy_of_scan("giant");
     const std::string other = copy_of_scan("other"), alone = copy_of_scan("alone"), dark = copy_of_scan("dark");
     fs::remove(lacking + "/cam1/frame07.png");
     cv::imwrite(mixed + "/cam0/frame07.png", cv::Mat(100, 100, CV_8U, cv::Scalar(7)));
     const std::string png = program::read(cut + "/cam0/frame03.png");
     program::write(cut + "/cam0/frame03.png", png.substr(0, png.size() / 2));
+    program::write(giant + "/cam0/frame03.png", "P5\n30000 30000\n255\n");
     std::string yaml = program::read(other + "/cameras.yaml");
     yaml.replace(yaml.find("320"), 3, "640");
     program::write(other + "/cameras.yaml", yaml);
@@ -175,7 +188,8 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
     } cases[] = {
         { "measure " + lacking + out, "frame07 is missing" },
         { "measure " + mixed + out, "frame07.png: 100 x 100, but" },
-        { "measure " + cut + out, "frame03.png: is not a picture" },
+        { "measure " + cut + out, "frame03.png: is damaged, or no picture" },
+        { "measure " + giant + out, "frame03.png: is 30000 x 30000 pixels; at most" },
         { "measure " + other + out, "cameras.yaml: cam0 is calibrated for 640 x 256, but the frames are 320 x 256" },
         { "measure " + alone + out, "cameras.yaml: there is no such file" },
         { "measure " + dark + out, "too dark or low contrast" },

@@ -1,4 +1,5 @@
 #include "camera/image_file.h"
+#include "vexo/picture_size.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
@@ -37,30 +38,31 @@ TEST(ImageFile, HeadersAnnounceTheSizeAndTheImageIsGrey)
         for (const int type : { CV_8U, CV_8UC3 }) {
             const std::string name = std::string(extension) == ".pgm" && type == CV_8UC3 ? ".ppm" : extension;
             const std::string bytes = encoded(name, { 33, 7 }, type);
-            EXPECT_EQ(announced_image_size(bytes), cv::Size(33, 7)) << name;
+            EXPECT_EQ(picture_file::announced_size(bytes), cv::Size(33, 7)) << name;
             const cv::Mat image = read_grey_image(in_file(bytes));
             ASSERT_EQ(image.size(), cv::Size(33, 7)) << name;
             EXPECT_EQ(image.type(), CV_8UC1);
             EXPECT_EQ(image.at<uchar>(3, 3), 50);
         }
-    EXPECT_EQ(announced_image_size("P5 # a comment with 9 9\n 12\t34 255\n"), cv::Size(12, 34));
+    EXPECT_EQ(picture_file::announced_size("P5 # a comment with 9 9\n 12\t34 255\n"), cv::Size(12, 34));
     // Forms that OpenCV does not write: JPEG with fill bytes and markers without a length, BMP's 16-bit core header and
     // rows from the top, big-endian TIFF with long sides.
     const auto bytes = [](std::initializer_list<int> list) { return std::string(list.begin(), list.end()); };
     const std::string frame = bytes({ 0xFF, 0xC2, 0, 17, 8, 0, 7, 0, 33, 0 });
     for (const auto& before : { bytes({ 0xFF, 0xFF, 0x01 }), bytes({ 0xFF, 0xD7 }), bytes({ 0xFF, 0xC4, 0, 3, 9 }),
              bytes({ 0xFF, 0xC8, 0, 2, 0xFF, 0xCC, 0, 2 }) })
-        EXPECT_EQ(announced_image_size("\xFF\xD8" + before + frame), cv::Size(33, 7));
-    EXPECT_EQ(announced_image_size("\xFF\xD8" + frame.substr(1)), cv::Size());
-    EXPECT_EQ(announced_image_size("BM" + std::string(12, 'x') + bytes({ 12, 0, 0, 0, 33, 0, 7, 0 })), cv::Size(33, 7));
+        EXPECT_EQ(picture_file::announced_size("\xFF\xD8" + before + frame), cv::Size(33, 7));
+    EXPECT_EQ(picture_file::announced_size("\xFF\xD8" + frame.substr(1)), cv::Size());
+    EXPECT_EQ(picture_file::announced_size("BM" + std::string(12, 'x') + bytes({ 12, 0, 0, 0, 33, 0, 7, 0 })),
+        cv::Size(33, 7));
     const std::string top_down = bytes({ 40, 0, 0, 0, 33, 0, 0, 0, 0xF9, 0xFF, 0xFF, 0xFF });
-    EXPECT_EQ(announced_image_size("BM" + std::string(12, 'x') + top_down), cv::Size(33, 7));
+    EXPECT_EQ(picture_file::announced_size("BM" + std::string(12, 'x') + top_down), cv::Size(33, 7));
     const std::string tiff = bytes(
         { 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 2, 1, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0, 33, 1, 1, 0, 4, 0, 0, 0, 1, 0, 0, 0, 7 });
-    EXPECT_EQ(announced_image_size(tiff), cv::Size(33, 7));
-    EXPECT_EQ(announced_image_size("P7\nWIDTH 33\n"), cv::Size());
-    EXPECT_EQ(announced_image_size("no image"), cv::Size());
-    EXPECT_EQ(announced_image_size(""), cv::Size());
+    EXPECT_EQ(picture_file::announced_size(tiff), cv::Size(33, 7));
+    EXPECT_EQ(picture_file::announced_size("P7\nWIDTH 33\n"), cv::Size());
+    EXPECT_EQ(picture_file::announced_size("no image"), cv::Size());
+    EXPECT_EQ(picture_file::announced_size(""), cv::Size());
 }
 
 TEST(ImageFile, APictureOfGigabytesInAFewBytesIsRefused)
@@ -68,7 +70,7 @@ TEST(ImageFile, APictureOfGigabytesInAFewBytesIsRefused)
     const std::string png = with(encoded(".png", { 8, 8 }), 16, std::string("\0\0\x75\x30\0\0\x75\x30", 8));
     const std::string bmp = with(encoded(".bmp", { 8, 8 }), 18, std::string("\x30\x75\0\0\x30\x75\0\0", 8));
     for (const std::string& bytes : { png, bmp, std::string("P5\n30000 30000\n255\n") }) {
-        EXPECT_EQ(announced_image_size(bytes), cv::Size(30000, 30000));
+        EXPECT_EQ(picture_file::announced_size(bytes), cv::Size(30000, 30000));
         EXPECT_TRUE(read_grey_image(in_file(bytes)).empty());
     }
     EXPECT_TRUE(read_grey_image(in_file("P5\n99999999999999999999 1\n255\n")).empty());
@@ -82,6 +84,7 @@ TEST(ImageFile, WhatIsNoImageFileGivesAnEmptyMat)
     EXPECT_TRUE(read_grey_image("/dev/zero").empty());
     EXPECT_TRUE(read_grey_image(in_file("")).empty());
     EXPECT_TRUE(read_grey_image(in_file("text")).empty());
+    EXPECT_TRUE(read_grey_image(in_file(encoded(".webp", { 9, 5 }))).empty()) << "a format whose size is not known";
     const std::string fifo = testing::TempDir() + "vexo_fifo";
     ::mkfifo(fifo.c_str(), 0600);
     EXPECT_TRUE(read_grey_image(fifo).empty());
@@ -89,7 +92,7 @@ TEST(ImageFile, WhatIsNoImageFileGivesAnEmptyMat)
     for (const char* extension : { ".png", ".jpg", ".bmp", ".pgm", ".tiff" }) {
         const std::string whole = encoded(extension, { 9, 5 });
         for (std::size_t n = 0; n < whole.size(); n += 1 + whole.size() / 40) {
-            announced_image_size(whole.substr(0, n)); // the sanitizer watches
+            picture_file::announced_size(whole.substr(0, n)); // the sanitizer watches
             read_grey_image(in_file(whole.substr(0, n)));
         }
     }
