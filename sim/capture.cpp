@@ -161,10 +161,5 @@ Capture make_capture(
     return capture;
 }
 
-void write_capture(const Capture& capture, const std::string& folder)
-{
-    write_files(capture.files, folder, "frame");
-}
-
 } // namespace sim
 } // namespace vexo

@@ -39,10 +39,6 @@ Capture make_capture(const std::string& scene, const RigOptions& options, const 
 Capture make_capture(
     const std::string& scene, const RigOptions& options, const Pattern& pattern, const OnStep& on_step = {});
 
-/// Writes a capture into a folder, which is made when it is missing, and removes frames of an earlier, longer
-/// capture. Throws std::runtime_error naming the file that cannot be written; what was written is removed then.
-void write_capture(const Capture& capture, const std::string& folder);
-
 /// Both cameras as YAML text.
 std::string cameras_yaml(const Rig& rig);
 

@@ -1,13 +1,10 @@
 #include "sim/output.h"
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <stdexcept>
 
 #include <opencv2/imgcodecs.hpp>
-
-#include "vexo/file_io.h"
 
 namespace vexo {
 namespace sim {
@@ -15,8 +12,6 @@ namespace sim {
 namespace fs = std::filesystem;
 
 namespace {
-constexpr int most_pictures = 100; // two digits
-
 std::vector<unsigned char> encode(const std::string& name, const cv::Mat& image)
 {
     std::vector<unsigned char> bytes;
@@ -24,13 +19,6 @@ std::vector<unsigned char> encode(const std::string& name, const cv::Mat& image)
     if (!cv::imencode(fs::path(name).extension().string(), image, bytes, quick))
         throw std::runtime_error(name + ": the image cannot be encoded");
     return bytes;
-}
-
-void remove_files(const std::string& folder, const std::vector<std::string>& names)
-{
-    std::error_code ignored;
-    for (const std::string& name : names)
-        fs::remove(fs::path(folder) / name, ignored);
 }
 
 template <int rows, int columns> Json rows_json(const cv::Matx<double, rows, columns>& m)
@@ -73,26 +61,6 @@ void add_images(const std::vector<std::pair<std::string, cv::Mat>>& images, File
 void add_text(const std::string& name, const std::string& text, Files& files)
 {
     files.emplace_back(name, std::vector<unsigned char>(text.begin(), text.end()));
-}
-
-void write_files(const Files& files, const std::string& folder, const std::string& what)
-{
-    std::vector<std::string> written;
-    for (const auto& [name, bytes] : files) {
-        const fs::path path = fs::path(folder) / name;
-        std::error_code error;
-        fs::create_directories(path.parent_path(), error);
-        if (error || !file_io::write_file(path.string(), bytes)) {
-            remove_files(folder, written);
-            throw std::runtime_error(path.string() + ": cannot be written; is the disk full, or the folder read-only?");
-        }
-        written.push_back(name);
-    }
-    for (int camera = 0; camera < 2; ++camera)
-        for (int k = 0; k < most_pictures; ++k) {
-            const std::string name = picture_name(camera, what, k);
-            if (std::find(written.begin(), written.end(), name) == written.end()) remove_files(folder, { name });
-        }
 }
 
 Json to_json(const cv::Vec3d& v)

@@ -26,10 +26,6 @@ void add_images(const std::vector<std::pair<std::string, cv::Mat>>& images, File
 
 void add_text(const std::string& name, const std::string& text, Files& files);
 
-/// Writes files into a folder, which is made when it is missing, and removes pictures called `what` of an earlier,
-/// longer series. Throws std::runtime_error naming the file that cannot be written; what was written is removed then.
-void write_files(const Files& files, const std::string& folder, const std::string& what);
-
 Json to_json(const cv::Vec3d& v);
 Json to_json(const cv::Size& s);
 /// Rows of the matrix.

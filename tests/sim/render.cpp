@@ -10,12 +10,9 @@
 
 #include <cmath>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 using namespace vexo::sim;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -200,30 +197,6 @@ TEST(SimCapture, ImpossibleRigsAndScenesAreRefusedByName)
     options = {};
     options.distance_mm = std::nan("");
     EXPECT_NE(why_invalid(options), nullptr);
-}
-
-TEST(SimCapture, FolderHoldsTheNewCaptureAloneOrNothingOfIt)
-{
-    RigOptions options;
-    options.image_size = { 64, 48 };
-    const Capture capture = make_capture("spheres", options);
-    const fs::path folder = fs::path(testing::TempDir()) / "sim_capture_folder";
-    fs::remove_all(folder);
-    fs::create_directories(folder / "cam0");
-    std::ofstream(folder / "cam0" / "frame13.png") << "left by a longer capture";
-    std::ofstream(folder / "cam0" / "notes.txt") << "the user's own";
-    write_capture(capture, folder.string());
-    EXPECT_FALSE(fs::exists(folder / "cam0" / "frame13.png"));
-    EXPECT_TRUE(fs::exists(folder / "cam0" / "notes.txt"));
-    EXPECT_EQ(fs::file_size(folder / "truth.tiff"), capture.files[27].second.size());
-    EXPECT_NE(capture.scene_json.find("centres_cam0_mm"), std::string::npos);
-
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    std::ofstream(folder / "cam1") << "a file where a folder has to be";
-    EXPECT_THROW(write_capture(capture, folder.string()), std::runtime_error);
-    EXPECT_FALSE(fs::exists(folder / "cam0" / "frame00.png"));
-    fs::remove_all(folder);
 }
 
 /// Decoded here by a search over all columns: no number theory in common with the decoder.
