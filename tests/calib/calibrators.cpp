@@ -1,5 +1,6 @@
 // From pictures to files: both calibrators and the pose solver on rendered boards.
 
+#include "board/PreProcessor.h"
 #include "calib/CalibBoardPoseSolver.h"
 #include "calib/CameraCalibrator.h"
 #include "calib/rig.h"
@@ -48,9 +49,8 @@ const Series& series()
     return s;
 }
 
-template <class Object> bool set_up(Object& object)
+template <class Object> bool set_up(Object& object, PreProcParam pre = {})
 {
-    PreProcParam pre;
     CircleMarkerParam circle = board_image::marker_settings();
     CalibBoardParam board = series().board.param;
     return object.set_parameters(pre, circle, board);
@@ -390,7 +390,7 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
     const std::string folder = folder_for("pose"), file = folder + "cameras.yaml";
     ASSERT_TRUE(calibrated().pair.save_calibfile(file, file));
     for (int cam = 0; cam < 2; ++cam) {
-        CalibBoardPoseSolver solver;
+        CalibBoardPoseSolver& solver = *new CalibBoardPoseSolver;
         const cv::Mat& p = series().pictures[static_cast<size_t>(cam)][2];
         double pose[16] = { 7 };
         EXPECT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, pose), -1);
@@ -401,6 +401,11 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
         EXPECT_FALSE(solver.init_camera({ file }, cam, 640, 480));
         ASSERT_TRUE(solver.init_camera({ file }, cam, 1280, 1024));
         EXPECT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, pose), -1); // no parameters yet
+        PreProcParam even_block;
+        even_block.binarize_mode = kAdaptiveMean;
+        even_block.threshold = 4;
+        ASSERT_TRUE(set_up(solver, even_block));
+        EXPECT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, pose), 2);
         ASSERT_TRUE(set_up(solver));
         EXPECT_EQ(solver.solve_pose(p.data, 640, 512, p.step, pose), 1);
         EXPECT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, nullptr), -1);
@@ -426,6 +431,7 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
         solver.show_debug_image();
         EXPECT_TRUE(no_display.said("No display for the window \"debug\"", 1));
         EXPECT_GT(cv::norm(cv::imread(folder + "axes.png"), before), 0);
+        solver.destroy();
     }
     std::filesystem::remove_all(folder);
 }

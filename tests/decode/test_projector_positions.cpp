@@ -1,6 +1,7 @@
 #include "captures.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
+#include "decode/MultiPhaseDecoder.h"
 
 #include "vexo/file_io.h"
 
@@ -163,6 +164,16 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
     ASSERT_TRUE(file_io::read_file("phase1.raw", 1000, bytes));
     EXPECT_EQ(bytes, std::string(map.ptr<char>(0, 1), 8) + std::string(map.ptr<char>(1, 1), 8));
     EXPECT_EQ(cv::countNonZero(cv::imread("vmask1.pgm", cv::IMREAD_UNCHANGED)), 1);
+
+    MultiPhaseDecoder periods(0, nullptr, nullptr, 4, 2);
+    periods.phases = { map, map.clone() };
+    periods.phases[1](1, 1) = 7;
+    periods.white = positions.white;
+    periods.valid = { {}, { 0, 2 } };
+    periods._save_decode();
+    ASSERT_TRUE(file_io::read_file("phase_0_1.raw", 1000, bytes));
+    EXPECT_EQ(bytes, std::string(periods.phases[1].ptr<char>(), 24));
+    EXPECT_EQ(cv::countNonZero(cv::imread("vmask0.pgm", cv::IMREAD_UNCHANGED)), 2);
 
     positions.clear();
     positions.save_unwrap();

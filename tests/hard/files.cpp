@@ -77,8 +77,9 @@ std::vector<std::string> hostile_yaml(const std::string& good)
         head + "cam0_K: !!binary |\n  AAAA", head + "a: " + repeated("x", 10000000) + "\n",
         head + "a: \"" + std::string(900000, 'x') + "\"\n", head + repeated("a: 1\n", 100000),
         head + "a: [ " + repeated("1, ", 300000) + "1 ]\n", "%YAML", "%YAML:1.0", "%YAML:1.0\n---", head + "?\n",
-        head + ":\n", head + "cam0_K: *nowhere\n", head + "cam0_K: !!\n", head + "\"cam0_K: 1\n", "{\"cam0_K\": [[[",
-        "{" + repeated("\"a\":{", 100000), "<?xml version=\"1.0\"?>\n<opencv_storage>\n<cam0_K>",
+        head + ":\n", head + "cam0_K: *nowhere\n", head + "cam0_K: !!\n", head + "\"cam0_K: 1\n",
+        head + "a: \"x\\\" [ \"\nb: '\\'\n", "{\"cam0_K\": [[[", "{" + repeated("\"a\":{", 100000),
+        "<?xml version=\"1.0\"?>\n<opencv_storage>\n<cam0_K>",
         "<?xml version=\"1.0\"?><opencv_storage><a type_id=\"opencv-matrix\"><rows>9</rows></a></opencv_storage>",
         "%YAML:1.0\n Y:A\n--\n-", "%YAML:1.0\n  rows--%Y!: A\n----RT: !: A\n   ----c(-", // loop in the parser
         "%YAML:1.   rows: 4\n   cols: 4\n   dt: d     dt: d\ntad-   a: [ 0.,!p1.h, 0.,., 7.l 0. ,  1*0 o\n 517 . ]\n",
