@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds vexo and runs its tests: an optimised build with all tests, then the unit tests again under
-# AddressSanitizer and UndefinedBehaviorSanitizer. Installs Debian's packages where they are missing.
+# Builds vexo and runs its tests: an optimised build with all tests, then the unit tests again under AddressSanitizer
+# and UndefinedBehaviorSanitizer, and under ThreadSanitizer, then each fuzz target for 20 seconds. Installs Debian's
+# packages where they are missing. A quarter of an hour on two cores.
 set -eu
 cd "$(dirname "$0")"
 scripts/install_packages.sh test
@@ -15,10 +16,14 @@ cmake --preset dev > build.log 2>&1 || { cat build.log; exit 1; }
 cmake --build --preset dev
 step "tests"
 ctest --preset dev
-step "build with AddressSanitizer and UndefinedBehaviorSanitizer"
-cmake --preset asan > build.log 2>&1 || { cat build.log; exit 1; }
-cmake --build --preset asan --target unit_tests
-step "unit tests under the sanitizers"
-ctest --preset asan
+for sanitizer in asan tsan; do
+  step "build for the sanitizers: $sanitizer"
+  cmake --preset $sanitizer > build.log 2>&1 || { cat build.log; exit 1; }
+  cmake --build --preset $sanitizer --target unit_tests
+  step "unit tests under the sanitizers: $sanitizer"
+  ctest --preset $sanitizer
+done
+step "fuzz targets"
+fuzz/run.sh 20
 rm -f build.log
 step "all tests passed"

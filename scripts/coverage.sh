@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Which lines and branches of src/ and include/ the tests reach: coverage.sh [-l] [BUILD_DIR]   -l: a table of lines
 # Needs gcovr (Debian's package). Left out are the branches that the compiler makes for exceptions, one behind nearly
-# every call, and those in lines without code. The virtual rig's tests use nothing of src/ and are not run.
+# every call, and those in lines without code. The virtual rig's tests use nothing of src/, those of the commands
+# nothing that others do not: they are not run.
 set -eu
 cd "$(dirname "$0")/.."
 table=--branches
@@ -13,6 +14,6 @@ build=${1:-build/coverage}
 cmake --preset coverage -B "$build" > /dev/null
 cmake --build "$build" --target unit_tests hard_tests
 find "$build" -name '*.gcda' -delete
-ctest --test-dir "$build" -L 'unit|hard' -E '^sim$' -j2 --output-on-failure
+ctest --test-dir "$build" -L 'unit|hard' -E '^sim$|commands' -j2 --output-on-failure
 gcovr -r . --filter src/ --filter include/vexo/ --exclude-throw-branches --exclude-unreachable-branches \
   $table --print-summary "$build/src" "$build/tests"
