@@ -18,12 +18,12 @@ namespace {
 constexpr double fit_tolerance_px = 1.5;
 
 /// Colour of each verdict, BGR.
-const std::array<cv::Scalar, 5> verdict_colours = {
-    cv::Scalar(128, 255, 128), // accepted: green
-    cv::Scalar(255, 215, 128), // length: pale blue
-    cv::Scalar(128, 128, 255), // fit: red
-    cv::Scalar(128, 215, 255), // size: orange
-    cv::Scalar(255, 128, 255), // axis ratio: magenta
+const std::array<cv::Vec3b, 5> verdict_colours = {
+    cv::Vec3b(128, 255, 128), // accepted: green
+    cv::Vec3b(255, 215, 128), // length: pale blue
+    cv::Vec3b(128, 128, 255), // fit: red
+    cv::Vec3b(128, 215, 255), // size: orange
+    cv::Vec3b(255, 128, 255), // axis ratio: magenta
 };
 
 /// Points of a circle's contour, round(2 pi radius); radii beyond every image are clamped.
@@ -138,10 +138,9 @@ void CircleMarkerSearcher::_keep_accepted(const std::vector<RotatedEllipse>& fit
 void CircleMarkerSearcher::_draw_circles(cv::Mat& drawing) const
 {
     if (!_found) return;
-    for (size_t i = 0; i < _traced.size(); ++i) {
-        const cv::Scalar& colour = verdict_colours[static_cast<size_t>(_verdict[i])];
-        cv::drawContours(drawing, _traced, static_cast<int>(i), colour, 1, cv::LINE_8);
-    }
+    for (size_t i = 0; i < _traced.size(); ++i) // not cv::drawContours, which looks at all contours to draw one
+        for (const cv::Point& p : _traced[i])
+            drawing.at<cv::Vec3b>(p) = verdict_colours[static_cast<size_t>(_verdict[i])];
     for (const RotatedEllipse& e : ellipses)
         draw_ellipse(drawing, e, verdict_colours[0], 2);
 }

@@ -338,6 +338,23 @@ TEST(Recognizer, WhateverIsNoGreyPictureOfABoardIsACodeAndWritesNothing)
     EXPECT_EQ(points, mark);
 }
 
+TEST(Recognizer, DrawingAQuarterOfAMillionContoursEnds) // after hours, when each contour looks at all
+{
+    Board plain = board_image::coarse_board();
+    plain.rings.clear();
+    cv::Mat picture = picture_of(plain), drawn;
+    cv::copyMakeBorder(picture, picture, 0, 1500, 0, 1500, cv::BORDER_CONSTANT, cv::Scalar(255));
+    for (int y = picture.rows - 1500; y < picture.rows; y += 3)
+        for (int x = picture.cols - 1500; x < picture.cols; x += 3)
+            picture.at<uchar>(y, x) = 0;
+    Korva r;
+    ASSERT_TRUE(r.set(plain));
+    std::vector<cv::Point2f> points;
+    ASSERT_EQ(r.recognize(picture, points), kBaseMarkerNotFound);
+    r.copy_result_image(drawn, 3);
+    EXPECT_EQ(drawn.at<cv::Vec3b>(picture.rows - 750, picture.cols - 749), cv::Vec3b(255, 215, 128));
+}
+
 TEST(Recognizer, PicturesBelongToHowTheLastRecognitionEnded)
 {
     const Board board = board_image::coarse_board();
