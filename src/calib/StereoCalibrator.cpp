@@ -86,7 +86,14 @@ int StereoCalibrator::put_image(std::string file, bool show, std::string save)
     if (!_recognizer) return -1;
     cv::Mat image0, image1;
     if (!split(read_grey_image(file), image0, image1)) return kFewContours;
-    const int code0 = _put(0, image0);
+    if (!room_for_one_more(_views[0]) || !room_for_one_more(_views[1])) return kFewContours; // both or neither
+    int code0 = 0;
+    try {
+        code0 = _put(0, image0);
+    } catch (...) { // a bad adaptive block, after which the next pictures must still be partners
+        _views[1].emplace_back();
+        throw;
+    }
     const cv::Mat result0 = show || !save.empty() ? result_picture(*_recognizer, image0) : cv::Mat();
     const int code1 = _put(1, image1);
     if (!result0.empty())

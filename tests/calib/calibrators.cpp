@@ -331,6 +331,11 @@ TEST(StereoCalibrator, FailedPicturesKeepTheirPlaceAndSideBySideIsTheSameAsTwo)
     }
     ASSERT_TRUE(cv::imwrite(folder + "odd.png", blank.colRange(0, 1279)));
     EXPECT_EQ(one.put_image(folder + "odd.png", false, ""), 2); // appends nothing
+    PreProcParam bad_block;
+    bad_block.binarize_mode = 2;
+    ASSERT_TRUE(set_up(one, bad_block));
+    EXPECT_THROW(one.put_image(folder + "both.png", false, ""), cv::Exception); // appends an empty view to both
+    ASSERT_TRUE(set_up(one));
     CameraCalibParam param;
     std::vector<std::vector<double>> errors;
     double rms_two = -1, rms_one = -1;
@@ -338,8 +343,8 @@ TEST(StereoCalibrator, FailedPicturesKeepTheirPlaceAndSideBySideIsTheSameAsTwo)
     ASSERT_TRUE(one.do_calibrate(param, &errors, &rms_one));
     EXPECT_EQ(rms_one, rms_two);
     EXPECT_LT(rms_one, 0.2); // shifted pairs would give many pixels
-    ASSERT_EQ(errors[0].size(), 5U);
-    ASSERT_EQ(errors[1].size(), 5U);
+    ASSERT_EQ(errors[0].size(), 6U);
+    ASSERT_EQ(errors[1].size(), 6U);
     EXPECT_TRUE(std::isnan(errors[0][1]));
     EXPECT_FALSE(std::isnan(errors[1][1]));
     RectifyParam rectify;
