@@ -57,7 +57,8 @@ public:
 
     /// Pairs the markers found in one image with their board points (z = 0, unit of the pitch).
     /// @param image_points  list as recognize() fills it; entries that are lacking count as not found
-    /// @return              number of pairs written to both outputs, which are cleared first
+    /// @return              number of pairs written to both outputs, which are cleared first; -1, and the outputs
+    ///                      kept, for lack of memory
     virtual int corresponding_points(const std::vector<cv::Point2f>& image_points, std::vector<cv::Point2f>& image_out,
         std::vector<cv::Point3f>& board_out)
         = 0;

@@ -34,6 +34,16 @@ cv::Scalar palette_colour(size_t k)
     return palette[k % palette.size()];
 }
 
+/// Runs `steps`, which return a count.
+template <class Steps> int minus_one_without_memory(Steps steps) noexcept
+{
+    try {
+        return steps();
+    } catch (...) {
+        return -1;
+    }
+}
+
 cv::Mat colour_copy(const cv::Mat& grey)
 {
     cv::Mat colour;
@@ -108,34 +118,38 @@ int CalibBoardRecognizer::get_marker_index(cv::Point position) const
 int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& image_points,
     std::vector<cv::Point2f>& image_out, std::vector<cv::Point3f>& board_out)
 {
-    std::vector<cv::Point2f> in_image;
-    std::vector<cv::Point3f> on_board;
-    for (size_t k = 0; k < board_points.size(); ++k) {
-        if (is_missing(image_points, k)) continue;
-        in_image.push_back(image_points[k]);
-        on_board.push_back(board_points[k]);
-    }
-    image_out.swap(in_image);
-    board_out.swap(on_board);
-    return static_cast<int>(image_out.size());
+    return minus_one_without_memory([&] {
+        std::vector<cv::Point2f> in_image;
+        std::vector<cv::Point3f> on_board;
+        for (size_t k = 0; k < board_points.size(); ++k) {
+            if (is_missing(image_points, k)) continue;
+            in_image.push_back(image_points[k]);
+            on_board.push_back(board_points[k]);
+        }
+        image_out.swap(in_image);
+        board_out.swap(on_board);
+        return static_cast<int>(image_out.size());
+    });
 }
 
 int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& image_points0,
     const std::vector<cv::Point2f>& image_points1, std::vector<cv::Point2f>& image_out0,
     std::vector<cv::Point2f>& image_out1, std::vector<cv::Point3f>& board_out)
 {
-    std::vector<cv::Point2f> in_image0, in_image1;
-    std::vector<cv::Point3f> on_board;
-    for (size_t k = 0; k < board_points.size(); ++k) {
-        if (is_missing(image_points0, k) || is_missing(image_points1, k)) continue;
-        in_image0.push_back(image_points0[k]);
-        in_image1.push_back(image_points1[k]);
-        on_board.push_back(board_points[k]);
-    }
-    image_out0.swap(in_image0);
-    image_out1.swap(in_image1);
-    board_out.swap(on_board);
-    return static_cast<int>(board_out.size());
+    return minus_one_without_memory([&] {
+        std::vector<cv::Point2f> in_image0, in_image1;
+        std::vector<cv::Point3f> on_board;
+        for (size_t k = 0; k < board_points.size(); ++k) {
+            if (is_missing(image_points0, k) || is_missing(image_points1, k)) continue;
+            in_image0.push_back(image_points0[k]);
+            in_image1.push_back(image_points1[k]);
+            on_board.push_back(board_points[k]);
+        }
+        image_out0.swap(in_image0);
+        image_out1.swap(in_image1);
+        board_out.swap(on_board);
+        return static_cast<int>(board_out.size());
+    });
 }
 
 // --- recognition ---------------------------------------------------------------------------------------

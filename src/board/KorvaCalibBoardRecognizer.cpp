@@ -20,7 +20,11 @@ void KORVACalibBoardRecognizer::destroy()
 
 std::string KORVACalibBoardRecognizer::get_error_name(int code)
 {
-    return errors[code];
+    try {
+        return errors[code];
+    } catch (...) { // no memory: as an unknown code
+        return {};
+    }
 }
 
 int KORVACalibBoardRecognizer::recognize(cv::Mat& image, std::vector<cv::Point2f>& points)

@@ -19,7 +19,11 @@ void ZEPHCalibBoardRecognizer::destroy()
 
 std::string ZEPHCalibBoardRecognizer::get_error_name(int code)
 {
-    return errors[code];
+    try {
+        return errors[code];
+    } catch (...) { // no memory: as an unknown code
+        return {};
+    }
 }
 
 int ZEPHCalibBoardRecognizer::recognize(cv::Mat& image, std::vector<cv::Point2f>& points)

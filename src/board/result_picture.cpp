@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 namespace vexo {
 
@@ -31,7 +32,7 @@ void show_picture(const std::string& window, const cv::Mat& picture, int wait_ms
     try {
         cv::imshow(window, picture);
         if (wait_ms >= 0) cv::waitKey(wait_ms);
-    } catch (const cv::Exception&) {
+    } catch (const std::exception&) {
         std::fprintf(stderr, "The window \"%s\" could not be shown.\n", window.c_str());
     }
 }

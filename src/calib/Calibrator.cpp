@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <cmath>
 #include <limits>
+#include <new>
 
 namespace vexo {
 
@@ -21,6 +22,13 @@ int prepare_guess(const CameraCalibParam& param, cv::Size size, cv::Mat_<double>
     K(0, 2) = size.width * 0.5;
     K(1, 2) = size.height * 0.5;
     return param.flags;
+}
+
+/// Whether a view has enough markers to be used. One whose markers found no memory must not be left out unnoticed.
+bool is_enough(int markers)
+{
+    if (markers < 0) throw std::bad_alloc();
+    return markers >= min_view_markers;
 }
 
 /// One entry a view: the next error for one that was used, NaN for one that was skipped.
@@ -51,8 +59,7 @@ bool calib_intrinsic(DistortCamera& camera, CameraCalibParam& param, iCalibBoard
     for (size_t k = 0; recognizer != nullptr && k < views.size(); ++k) {
         View in_image;
         std::vector<cv::Point3f> on_board;
-        if (views[k].empty() || recognizer->corresponding_points(views[k], in_image, on_board) < min_view_markers)
-            continue;
+        if (views[k].empty() || !is_enough(recognizer->corresponding_points(views[k], in_image, on_board))) continue;
         image_points.push_back(in_image);
         board_points.push_back(on_board);
         used[k] = true;
@@ -88,8 +95,7 @@ bool calib_extrinsic(std::array<DistortCamera, 2>& cameras, iCalibBoardRecognize
         View in_image0, in_image1;
         std::vector<cv::Point3f> on_board;
         if (views[0][k].empty() || views[1][k].empty()) continue;
-        if (recognizer->corresponding_points(views[0][k], views[1][k], in_image0, in_image1, on_board)
-            < min_view_markers)
+        if (!is_enough(recognizer->corresponding_points(views[0][k], views[1][k], in_image0, in_image1, on_board)))
             continue;
         image_points0.push_back(in_image0);
         image_points1.push_back(in_image1);

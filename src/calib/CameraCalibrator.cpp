@@ -5,6 +5,8 @@
 #include "camera/no_memory.h"
 #include "vexo/file_io.h"
 
+#include <utility>
+
 namespace vexo {
 
 CameraCalibrator::CameraCalibrator()
@@ -26,14 +28,14 @@ int CameraCalibrator::put_image(
     unsigned char* data, int width, int height, unsigned long step, bool show, std::string save)
 {
     cv::Mat image = wrap_picture(data, width, height, step);
-    return put_image(image, show, save);
+    return put_image(image, show, std::move(save));
 }
 
 int CameraCalibrator::put_image(std::string file, bool show, std::string save)
 {
     if (!_recognizer) return -1;
     cv::Mat image = read_grey_image(file);
-    return put_image(image, show, save);
+    return put_image(image, show, std::move(save));
 }
 
 int CameraCalibrator::put_image(cv::Mat& image, bool show, std::string save)

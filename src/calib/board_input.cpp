@@ -52,12 +52,16 @@ bool room_for_one_more(std::vector<View>& views) noexcept
     }
 }
 
-void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save)
+void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save) noexcept
 {
-    if (!save.empty()) recognizer.save_result_image(save, -1);
-    if (!show) return;
-    recognizer.show_result_image(-1);
-    if (display_available()) cv::waitKey(moment_ms); // lets the window draw itself
+    try {
+        if (!save.empty()) recognizer.save_result_image(save, -1);
+        if (!show) return;
+        recognizer.show_result_image(-1);
+        if (display_available()) cv::waitKey(moment_ms); // lets the window draw itself
+    } catch (...) { // no memory for the name or the window: the view is kept all the same
+        return;
+    }
 }
 
 bool same_file(const std::string& a, const std::string& b)

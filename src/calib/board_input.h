@@ -37,7 +37,7 @@ bool room_for_one_more(std::vector<View>& views) noexcept;
 
 /// Writes the picture of how the last recognition ended when `save` names a file, and shows it for a moment when
 /// asked to.
-void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save);
+void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save) noexcept;
 
 /// Whether two names mean one file, however they are spelled.
 bool same_file(const std::string& a, const std::string& b);

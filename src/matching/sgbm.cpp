@@ -88,6 +88,17 @@ int64_t SGBMatching::_matched_columns() const noexcept
     return output_width + std::min<int64_t>(first, 0) - std::max<int64_t>(behind, 0);
 }
 
+/// OpenCV 4.6 ends the process when it cannot get its buffers, so memory of their size is asked for here, where that
+/// is only an exception. 16-bit costs of each column and disparity: of all rows, twice, when paths come from every side
+/// (modes 1 and 3), and of some 20 rows and a block's height in each of up to four stripes.
+void SGBMatching::_ask_for_buffers() const
+{
+    const bool whole = record.mode == cv::StereoSGBM::MODE_HH || record.mode == cv::StereoSGBM::MODE_HH4;
+    const int rows = (whole ? 2 * output_height : 0) + 4 * (record.blockSize + 20);
+    const int row_bytes = static_cast<int>(_matched_columns()) * record.numDisparities * 2;
+    const cv::Mat refused_or_given_back(rows, row_bytes, CV_8U);
+}
+
 bool SGBMatching::exec()
 {
     executed = false;
@@ -112,6 +123,7 @@ bool SGBMatching::_match()
         disparity.setTo(invalid_disparity);
         return true;
     }
+    _ask_for_buffers();
     matcher->compute(targets[0], targets[1], fixed_point);
     fixed_point.convertTo(disparity, CV_64F, 1.0 / 16.0);
     return true;

@@ -35,6 +35,8 @@ private:
     bool _record_is_usable() const noexcept;
     /// Columns of camera 0 whose whole range of disparities lies inside camera 1; 0 or less: none.
     int64_t _matched_columns() const noexcept;
+    /// Throws when there is no memory for what cv::StereoSGBM needs.
+    void _ask_for_buffers() const;
     /// Disparities of the targets.
     bool _match();
 

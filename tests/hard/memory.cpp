@@ -1,6 +1,7 @@
 // The n-th allocation of an operation fails, for every n: the answer is null or false, nothing escapes, nothing is
 // lost, and the same operation works afterwards. Operator new and posix_memalign are replaced; they are all that the
-// library and OpenCV's core allocate with. malloc of C libraries (picture formats, the OpenMP runtime) is not.
+// library and OpenCV's core allocate with, once OpenCV is told not to use malloc. malloc of C libraries (picture
+// formats, the OpenMP runtime) is not.
 
 #include "support/board_image.h"
 #include "support/child.h"
@@ -16,8 +17,9 @@ using namespace hard;
 
 namespace {
 
-std::atomic<long> countdown { 0 }; ///< 1: the next allocation fails; below: none does
-std::atomic<long> living { 0 };    ///< blocks from operator new
+std::atomic<long> countdown { 0 };             ///< 1: the next allocation fails; below: none does
+std::atomic<long> living { 0 };                ///< blocks from operator new
+std::atomic<std::size_t> largest { SIZE_MAX }; ///< bytes; a larger block of OpenCV's is never there
 
 bool fails_now() noexcept
 {
@@ -78,7 +80,7 @@ void operator delete[](void* block, std::size_t) noexcept
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t bytes); // NOLINT(bugprone-reserved-identifier)
 extern "C" int posix_memalign(void** block, std::size_t alignment, std::size_t bytes)
 {
-    *block = fails_now() ? nullptr : __libc_memalign(alignment, bytes);
+    *block = bytes > largest || fails_now() ? nullptr : __libc_memalign(alignment, bytes);
     return *block == nullptr ? ENOMEM : 0;
 }
 
@@ -141,10 +143,19 @@ struct Bench {
                     if (!generator->setpict(frame.data, frame.step[0], cam, index++)) return false;
             }
         }
-        if (g == 0) return true; // inside cv::StereoSGBM a failed allocation ends the process: BufferArea's destructor
+        if (g == 0) return refused_for_its_size(*generator);
         if (!generator->exec()) return false;
         generator->genPC(iPointCloudGenerator::MethodQ, true);
         return generator->get_pointcloud(nullptr) > 0;
+    }
+
+    /// Inside cv::StereoSGBM a failed allocation ends the process, in BufferArea's destructor: it must not get there.
+    static bool refused_for_its_size(iPointCloudGenerator& block_matching)
+    {
+        largest = 100000;
+        const bool refused = !block_matching.exec();
+        largest = SIZE_MAX;
+        return refused;
     }
 
     static cv::Mat sample() { return cv::Mat(rig::height, rig::width, CV_8U, cv::Scalar(99)); }
@@ -184,6 +195,14 @@ bool recognise(Bench& b)
     return b.board->recognize(b.picture, points) == 0;
 }
 
+bool pair_up(Bench& b)
+{
+    std::vector<cv::Point2f> image;
+    std::vector<cv::Point3f> on_board;
+    const std::vector<cv::Point2f> points(99); // as many as the board has
+    return b.board->corresponding_points(points, image, on_board) == 99 && !b.board->get_error_name(5).empty();
+}
+
 bool put_in_new(Bench& b)
 {
     const Owned<iStereoCalibrator> calibrator(CreateStereoCalibrator());
@@ -203,12 +222,13 @@ const Operation operations[] = {
     { "CreateCalibBoardRecognizer", [](Bench&) { return made(CreateCalibBoardRecognizer()); } },
     { "CreateCameraCalibrator", [](Bench&) { return made(CreateCameraCalibrator()); } },
     { "CreateStereoCalibrator", [](Bench&) { return made(CreateStereoCalibrator()); } },
-    { "block matching, up to exec", [](Bench& b) { return b.measure_with(0, true); } },
+    { "block matching without room for it", [](Bench& b) { return b.measure_with(0, true); } },
     { "gray code + phase, new", [](Bench& b) { return b.measure_with(1, true); } },
     { "multi-period, new", [](Bench& b) { return b.measure_with(2, true); } },
     { "gray code + phase, again", [](Bench& b) { return b.generators[1] && b.measure_with(1, false); } },
     { "multi-period, again", [](Bench& b) { return b.generators[2] && b.measure_with(2, false); } },
     { "recognize", recognise },
+    { "corresponding_points", pair_up },
     { "put_image of a new calibrator", put_in_new },
     { "set_parameters", [](Bench& b) { return b.board->set_parameters(b.pre, b.circle, b.param); } },
     { "do_calibrate, one camera",
@@ -268,6 +288,17 @@ long growth(Bench& bench, const Operation& operation, long n, int times)
     return living - before;
 }
 
+int picture_fails_without_memory()
+{
+    largest = 0;
+    try {
+        const cv::Mat refused(9, 9, CV_8U);
+        return 1;
+    } catch (const cv::Exception&) {
+        return 0;
+    }
+}
+
 /// Every `stride`-th allocation of one operation.
 const char* attack(const Operation& operation, long stride, long first, long& tried)
 {
@@ -293,6 +324,14 @@ const char* attack(const Operation& operation, long stride, long first, long& tr
 
 int main(int argc, char** argv)
 {
+    if (std::getenv("OPENCV_ENABLE_MEMALIGN") == nullptr) { // OpenCV asks for it before main() begins
+        setenv("OPENCV_ENABLE_MEMALIGN", "1", 1);
+        execv("/proc/self/exe", argv);
+    }
+    if (in_child(picture_fails_without_memory) != 0) {
+        std::puts("memory: OpenCV allocates past this program, so nothing of its would be tried");
+        return 1;
+    }
     const Options options(argc, argv);
     const Folder folder;
     if (in_child([&] { return write_samples(folder) ? 0 : 1; }) != 0) return 1;
