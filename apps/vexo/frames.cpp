@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <filesystem>
 
 #include <glob.h>
@@ -176,7 +177,7 @@ cv::Mat read_picture(const std::string& path, int flags)
 {
     const std::string bytes = read_bytes(path, picture_file::max_bytes);
     const cv::Size size = picture_file::announced_size(bytes);
-    if (!size.empty() && !picture_file::may_be_decoded(bytes))
+    if (std::int64_t { size.width } * size.height > max_picture_area)
         throw Failure(path + ": is " + std::to_string(size.width) + " x " + std::to_string(size.height)
             + " pixels; at most " + std::to_string(max_picture_area) + " pixels are read");
     const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));

@@ -96,6 +96,24 @@ inline cv::Size jpeg_size(const Header& file) noexcept
     return {};
 }
 
+/// Whether a JPEG shows its picture in at most 100 scans. A progressive one has about 10; each costs a pass over all
+/// pixels, even an empty one of 10 bytes, so that a file of 1 MB can keep a decoder busy for ten minutes.
+inline bool jpeg_has_few_scans(const std::string& bytes) noexcept
+{
+    constexpr int most = 100;
+    constexpr std::uint32_t end = 0xD9, scan = 0xDA;
+    const Header file(bytes);
+    int scans = 0;
+    for (std::size_t at = bytes.find('\xFF', 2); at < bytes.size() && scans <= most; at = bytes.find('\xFF', at)) {
+        const std::uint32_t marker = file.at(at + 1);
+        if (marker == end) break;
+        if (marker == scan) ++scans;
+        const bool alone = marker <= 0x01 || (marker >= 0xD0 && marker <= 0xD8); // 0: a byte FF of the scan's data
+        at += marker == 0xFF ? 1 : alone ? 2 : 2 + std::size_t { file.big(at + 2, 2) };
+    }
+    return scans <= most;
+}
+
 /// BMP: the old core header has 16-bit sides; a negative height means top-down rows.
 inline cv::Size bmp_size(const Header& file) noexcept
 {
@@ -153,13 +171,14 @@ inline cv::Size announced_size(const std::string& bytes) noexcept
     return {};
 }
 
-/// Whether a file may be given to a decoder of pictures: a few hundred bytes can announce a picture of gigabytes,
-/// and formats whose size is not known beforehand are handed to libraries far larger than need be. A file that holds
-/// the pictures of two cameras side by side may be wider than max_picture_side.
+/// Whether a file may be given to a decoder of pictures: a few hundred bytes can announce a picture of gigabytes, or
+/// a small one that takes hours, and formats whose size is not known beforehand are handed to libraries far larger than
+/// need be. A file that holds the pictures of two cameras side by side may be wider than max_picture_side.
 inline bool may_be_decoded(const std::string& bytes) noexcept
 {
     const cv::Size size = announced_size(bytes);
-    return !size.empty() && std::int64_t { size.width } * size.height <= max_picture_area;
+    if (size.empty() || std::int64_t { size.width } * size.height > max_picture_area) return false;
+    return !Header(bytes).starts_with("\xFF\xD8", 2) || jpeg_has_few_scans(bytes);
 }
 
 } // namespace picture_file

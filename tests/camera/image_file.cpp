@@ -74,6 +74,14 @@ TEST(ImageFile, APictureOfGigabytesInAFewBytesIsRefused)
         EXPECT_TRUE(read_grey_image(in_file(bytes)).empty());
     }
     EXPECT_TRUE(read_grey_image(in_file("P5\n99999999999999999999 1\n255\n")).empty());
+    // One that takes hours: a progressive JPEG of many scans without data.
+    const std::string jpeg = encoded(".jpg", { 8, 8 }), scan("\xFF\xDA\0\x08\1\1\0\0\x3F\0", 10);
+    for (const int scans : { 99, 100 }) {
+        std::string bytes = jpeg;
+        for (int i = 0; i < scans; ++i)
+            bytes.insert(jpeg.find("\xFF\xDA"), scan);
+        EXPECT_EQ(picture_file::may_be_decoded(bytes), scans == 99);
+    }
 }
 
 TEST(ImageFile, WhatIsNoImageFileGivesAnEmptyMat)

@@ -199,7 +199,7 @@ bool pair_up(Bench& b)
 {
     std::vector<cv::Point2f> image;
     std::vector<cv::Point3f> on_board;
-    const std::vector<cv::Point2f> points(99); // as many as the board has
+    static const std::vector<cv::Point2f> points(99); // as many as the board has
     return b.board->corresponding_points(points, image, on_board) == 99 && !b.board->get_error_name(5).empty();
 }
 
