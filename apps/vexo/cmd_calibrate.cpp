@@ -326,7 +326,7 @@ void calibrate(CalibrateOptions o, const GlobalOptions& options)
     const std::vector<Check> checks = check_calibration(c);
     const Json json = calibration_json(c, checks);
     out.add("board.yaml", board_yaml(c.board));
-    out.add("report.json", json.dump(2) + "\n");
+    out.add("report.json", json_text(json));
     out.add("report.html", calibration_html(c, checks));
     add_drawings(out, c.views);
     out.commit();

@@ -281,7 +281,7 @@ void write_results(OutputFolder& out, const Checked& checked, const Json& json)
         out.add("modulation_histogram.png", encode(".png", histogram_picture(checked.figures)));
     const double gamma = common_gamma(checked.figures);
     if (std::isfinite(gamma)) out.add("gamma_table.json", gamma_json(undo_gamma(gamma)));
-    out.add("check.json", json.dump(2) + "\n");
+    out.add("check.json", json_text(json));
     out.commit();
 }
 
@@ -303,8 +303,10 @@ void check(CheckOptions o, const GlobalOptions& options)
     OutputFolder out(o.out);
     const std::array<std::string, 2> where { o.cam0, o.cam1 };
     const std::array<std::vector<std::string>, 2> paths { find_frames(o.cam0), find_frames(o.cam1) };
-    for (std::size_t c = 0; c < 2; ++c)
+    for (std::size_t c = 0; c < 2; ++c) {
         if (paths[c].empty()) throw Failure(where[c] + ": no pictures found");
+        out.stay_out_of(paths[c]);
+    }
 
     Checked checked;
     checked.method = find_method(o, std::max(paths[0].size(), paths[1].size()));

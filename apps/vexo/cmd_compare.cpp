@@ -432,7 +432,7 @@ void compare(const GlobalOptions& global, const std::string& result_folder, cons
     if (t.scene.contains("balls")) c["balls"] = compare_balls(e, t, (fs::path(scan_folder) / "scene.json").string());
     progress.step("making the picture");
     out.add("compare_view.png", encode(".png", error_view(e, c)));
-    out.add("compare.json", c.dump(2) + "\n");
+    out.add("compare.json", json_text(c));
     out.commit();
     progress.finish();
     print_table(global, c);

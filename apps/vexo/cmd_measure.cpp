@@ -269,6 +269,8 @@ void measure(const GlobalOptions& global, MeasureOptions o, const MethodOptions&
     reject_foreign(options, m.method());
     m.record = record_of(o, m.method());
     OutputFolder out(o.out);
+    for (const std::string& pictures : { o.cam0, o.cam1 })
+        out.stay_out_of(find_frames(pictures));
     progress.step("reading the frames");
     read_input(o, m);
     if (m.method() == Method::sgbm)

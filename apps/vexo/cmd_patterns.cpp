@@ -93,7 +93,7 @@ void write_patterns(const PatternOptions& o, const GlobalOptions& options)
     for (std::size_t i = 0; i < frames.size(); ++i)
         folder.add(frame_name(i), encode(".png", cv::repeat(frames[i].row, size.height, 1)));
     const Json json = describe(o, size, frames, gamma);
-    folder.add("patterns.json", json.dump(2) + "\n");
+    folder.add("patterns.json", json_text(json));
     folder.add("contact_sheet.png", encode(".png", contact_sheet(frames, size.height)));
     folder.commit();
 

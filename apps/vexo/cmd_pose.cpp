@@ -142,7 +142,7 @@ void find_poses(const PoseOptions& o, const GlobalOptions& options)
         say(options, picture.path + ": " + (found ? describe(pose) : reason));
     }
     if (out) {
-        out->add("poses.json", json.dump(2) + "\n");
+        out->add("poses.json", json_text(json));
         out->commit();
     }
     put_json(options, json);

@@ -33,13 +33,22 @@ void use_threads(int threads)
 {
     if (threads <= 0) return;
     omp_set_num_threads(threads);
-    cv::setNumThreads(threads);
+    cv::setNumThreads(std::min(threads, cv::getNumberOfCPUs())); // its pool complains about more
+}
+
+/// The checks of numbers are comparisons, and "nan" passes them all.
+std::string why_not_finite(const std::string& text)
+{
+    double value = 0.0;
+    return CLI::detail::lexical_cast(text, value) && !std::isfinite(value) ? text + " is no finite number" : "";
 }
 
 } // namespace
 
 void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run)
 {
+    for (CLI::Option* option : command.get_options())
+        if (option->get_type_name().compare(0, 5, "FLOAT") == 0) option->check(why_not_finite);
     command.add_flag("--json", options.json, "print the result as JSON, and nothing else");
     command.add_flag("--quiet", options.quiet, "print nothing but errors");
     command.add_option("--threads", options.threads, "number of threads (default: all cores)")
@@ -58,10 +67,15 @@ void say(const GlobalOptions& options, const std::string& line)
     if (!std::cout) throw Failure("the standard output was closed");
 }
 
+std::string json_text(const nlohmann::ordered_json& json)
+{
+    return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
 void put_json(const GlobalOptions& options, const nlohmann::ordered_json& result)
 {
     if (!options.json) return;
-    std::cout << result.dump(2) << std::endl;
+    std::cout << json_text(result) << std::flush;
     if (!std::cout) throw Failure("the standard output was closed");
 }
 
@@ -193,6 +207,15 @@ OutputFolder::OutputFolder(std::string folder)
     : _folder(std::move(folder))
 {
     check_output_folder(_folder);
+}
+
+void OutputFolder::stay_out_of(const std::vector<std::string>& pictures) const
+{
+    for (const std::string& picture : pictures) {
+        std::error_code ignored;
+        if (!fs::equivalent(fs::absolute(picture, ignored).parent_path(), _folder, ignored)) continue;
+        throw Failure(_folder + ": holds the frames, and would hold the results as more of them; name another folder");
+    }
 }
 
 void OutputFolder::add(const std::string& name, std::vector<unsigned char> bytes)

@@ -39,6 +39,9 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
 /// One line for people on the standard output; nothing with --json or --quiet.
 void say(const GlobalOptions& options, const std::string& line);
 
+/// Indented, ended by a new line. File names need not be UTF-8, JSON must: a byte that is not becomes U+FFFD.
+std::string json_text(const nlohmann::ordered_json& json);
+
 /// The result for programs, on the standard output, with --json; else nothing.
 void put_json(const GlobalOptions& options, const nlohmann::ordered_json& result);
 
@@ -94,6 +97,8 @@ public:
     /// Checks the folder at once, so that a mistyped path does not cost the whole computation.
     explicit OutputFolder(std::string folder);
 
+    /// Throws Failure when one of these pictures stands in the folder: the next run would take results for frames.
+    void stay_out_of(const std::vector<std::string>& pictures) const;
     void add(const std::string& name, std::vector<unsigned char> bytes);
     void add(const std::string& name, const std::string& text);
     /// commit() removes the file of that name, if there is one and it was not added: the rest of an earlier series.

@@ -7,6 +7,7 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 
 #include <fcntl.h>
@@ -97,6 +98,8 @@ int main(int argc, char** argv)
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
         return report("not enough memory");
+    } catch (const std::filesystem::filesystem_error& error) {
+        return report(error.path1().string() + ": " + error.code().message());
     } catch (const std::exception& error) {
         return report(error.what());
     }

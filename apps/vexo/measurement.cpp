@@ -262,7 +262,7 @@ void add_files(OutputFolder& out, const Measurement& m, Json& report)
     in_parallel(files.size(), [&](std::size_t i) { bytes[i] = files[i].second(); });
     for (std::size_t i = 0; i < files.size(); ++i)
         out.add(files[i].first, std::move(bytes[i]));
-    out.add("report.json", report.dump(2) + "\n");
+    out.add("report.json", json_text(report));
 }
 
 void print_summary(const GlobalOptions& global, const MeasureOptions& o, const Measurement& m, const Json& report)

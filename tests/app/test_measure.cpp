@@ -181,6 +181,7 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
         fs::copy_file(
             dark + camera + "/frame00.png", dark + camera + "/frame01.png", fs::copy_options::overwrite_existing);
     program::write(at("file"), "no folder");
+    fs::create_symlink("loop", at("loop"));
 
     const std::string out = " --out " + at("left");
     const struct {
@@ -201,6 +202,9 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
         { "measure " + at("scan") + " --depth 700:500" + out, "the first number must be the smaller" },
         { "measure " + at("scan") + " --depth -5:500" + out, "depths must be positive" },
         { "measure " + at("scan") + " --fit-points 4" + out, "--fit-points" },
+        { "measure " + at("scan") + " --max-phase-diff nan" + out, "nan is no finite number" },
+        { "measure " + at("scan") + " --out " + at("scan/cam1/"), "holds the frames" },
+        { "measure " + at("scan") + " --out " + at("loop/result"), "loop/result: Too many levels of symbolic links" },
         { "measure " + at("scan"), "--out is required" },
         { "compare " + at("scan") + " " + at("scan"), "report.json: there is no such file" },
         { "nonsense", "see vexo --help" },
@@ -223,6 +227,14 @@ TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)
     EXPECT_EQ(cut.code, 1);
     EXPECT_NE(cut.err.find("cut short"), std::string::npos) << cut.err;
     EXPECT_FALSE(fs::exists(at("kept/compare.json")));
+}
+
+TEST_F(Measure, NamesThatAreNoUtf8AreNames)
+{
+    fs::copy(at("scan"), at("sc\xFF"), fs::copy_options::recursive);
+    const Outcome measured = run("measure --json --threads 1000 " + at("sc\xFF") + " --out " + at("out\xFF"));
+    EXPECT_EQ(measured.code, 0) << measured.err;
+    EXPECT_EQ(measured.err, "");
 }
 
 TEST_F(Measure, ClosedOutputIsAnErrorAndNotAKill)
