@@ -44,7 +44,7 @@ public:
     /// @param per_view  out, may be null: reprojection error of each view in px, NaN for one not used
     /// @param rms       out, may be null: root mean square reprojection error, px
     /// @return          false when no view can be used
-    /// Throws cv::Exception for degenerate views, as cv::calibrateCamera does.
+    /// Throws cv::Exception for degenerate views and for flags that do not go together, as cv::calibrateCamera does.
     virtual bool do_calibrate(CameraCalibParam& param, std::vector<double>* per_view, double* rms) = 0;
 
     /// Writes the camera's YAML file under keys "<name>_size", "<name>_K", ...; empty: "cam".
@@ -91,7 +91,8 @@ public:
     /// @param per_view  out, may be null: grown to two lists, one entry per picture put, px, NaN if not used
     /// @param rms       out, may be null: root mean square reprojection error of the pair, px
     /// @return          false when a camera has no usable view or there is no usable pair
-    /// Throws cv::Exception for degenerate views.
+    /// Throws cv::Exception for degenerate views and for flags that do not go together or ask for a first guess of the
+    /// pose (CALIB_USE_EXTRINSIC_GUESS).
     virtual bool do_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms) = 0;
 
     /// Writes the cameras' YAML files, names "cam0" and "cam1". Equal names, or an empty file1: both into

@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cmath>
+#include <map>
 #include <numeric>
 
 using namespace vexo;
@@ -391,6 +392,7 @@ private:
         }
         circle.debug_scale = 0; // no windows here
         const bool taken = object.set_parameters(pre, circle, board);
+        if (taken) bad_block[&object] = pre.binarize_mode == 2 && (pre.threshold < 3 || pre.threshold % 2 == 0);
         if (taken && (!(board.pitch > 0) || board.columns < 1 || board.rows < 1)) fault = "a bad board was taken";
     }
 
@@ -427,20 +429,27 @@ private:
         try {
             return work();
         } catch (const cv::Exception&) {
-            return INT_MIN; // an adaptive block that is even or too small
+            return INT_MIN;
         }
+    }
+    /// Of taking a picture: for an adaptive block that is even or too small alone.
+    template <class Object, class Work> int block_exception(const Object& object, Work work)
+    {
+        const int code = stated_exception(work);
+        if (code == INT_MIN && !bad_block[object.get()]) fault = "an exception that is not stated";
+        return code;
     }
 
     const char* recognize()
     {
         cv::Mat image = picture(chance(3));
         std::vector<cv::Point2f> found;
-        const int code = stated_exception([&] { return board->recognize(image, found); });
+        const int code = block_exception(board, [&] { return board->recognize(image, found); });
         const cv::Rect range = board->get_marker_range();
         if (code == 0 && found.size() != static_cast<std::size_t>(range.width) * static_cast<std::size_t>(range.height))
             return "a list of another length";
         if (note(recognised, code == 0)) list = found;
-        return code == INT_MIN || (code >= 0 && code <= 5) ? nullptr : "an unknown code";
+        return code == INT_MIN || (code >= 0 && code <= 5) ? fault : "an unknown code";
     }
 
     const char* board_lists()
@@ -475,21 +484,25 @@ private:
         if (chance(6)) step = one_of<unsigned long>(rng, { 1, ULONG_MAX, ULONG_MAX / 2 + 1 });
         if (chance(20)) image.data = nullptr, w = 400, h = 320;
         const std::string save = chance(8) ? folder / "result.png" : "";
-        stated_exception([&] { return camera_calibrator->put_image(image.data, w, h, step, false, save); });
-        const int code = stated_exception([&] {
+        block_exception(
+            camera_calibrator, [&] { return camera_calibrator->put_image(image.data, w, h, step, false, save); });
+        const int code = block_exception(stereo_calibrator, [&] {
             return stereo_calibrator->put_image(chance(5) ? number() : 0, image.data, w, h, step, false, save);
         });
-        return code == INT_MIN || (code >= -1 && code <= 5) ? nullptr : "an unknown code";
+        return code == INT_MIN || (code >= -1 && code <= 5) ? fault : "an unknown code";
     }
 
     const char* put_pair()
     {
         cv::Mat image = picture(true);
         for (int cam = 0; cam < 2; ++cam)
-            stated_exception([&] { return stereo_calibrator->put_image(cam, image.data, 400, 320, 400, false, ""); });
-        stated_exception([&] { return stereo_calibrator->put_image(folder / "picture.png", false, ""); });
-        stated_exception([&] { return camera_calibrator->put_image(folder / "picture.jpg", false, ""); });
-        return nullptr;
+            block_exception(stereo_calibrator,
+                [&] { return stereo_calibrator->put_image(cam, image.data, 400, 320, 400, false, ""); });
+        block_exception(
+            stereo_calibrator, [&] { return stereo_calibrator->put_image(folder / "picture.png", false, ""); });
+        block_exception(
+            camera_calibrator, [&] { return camera_calibrator->put_image(folder / "picture.jpg", false, ""); });
+        return fault;
     }
 
     const char* calibrate()
@@ -539,6 +552,7 @@ private:
     Owned<iCalibBoardRecognizer> board;
     Owned<iCameraCalibrator> camera_calibrator;
     Owned<iStereoCalibrator> stereo_calibrator;
+    std::map<const void*, bool> bad_block; ///< of the parameters that each object took last
     std::vector<cv::Point2f> list;
     std::vector<std::unique_ptr<GuardedBuffer>> buffers; ///< all but the last revoked
     const char* fault = nullptr;
