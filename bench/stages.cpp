@@ -4,9 +4,9 @@
 #include "decode/GrayPhaseDecoder.h"
 #include "matching/row_kernels.h"
 #include "reference/plain_gray_phase.h"
-#include "reference/plain_line_matcher.h"
 #include "reference/plain_remap.h"
 #include "reference/plain_reprojection.h"
+#include "reference/readable_matcher.h"
 
 #include <benchmark/benchmark.h>
 #include <opencv2/imgproc.hpp>
@@ -233,9 +233,8 @@ void rectify(benchmark::State& state)
 
 std::vector<double> plain_matches(const Stages& s, int row)
 {
-    std::vector<double> found
-        = plain::match_valid(s.plain_row(0, row), s.plain_row(1, row), { 0.15, 10000, -10000, 5 });
-    return found;
+    static const plain::ReadableMatcher matcher(plain::limits_of(0.15, -10000, 10000, 5));
+    return matcher.match(s.plain_row(0, row), s.plain_row(1, row), false);
 }
 
 void match_plain_twin(benchmark::State& state)

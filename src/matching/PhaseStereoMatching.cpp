@@ -255,29 +255,28 @@ void PhaseStereoMatching::_match_row(int row, bool interpolate, RowMemory& memor
     if (memory.matcher.match({ left.vmask[row], left.unwrapped[row] }, { right.vmask[row], right.unwrapped[row] },
             output_width, match_limits, interpolate, out))
         return;
-    if (limits.fit_points == 3)
-        _match_plainly<LeastSquares3<float>>(row, interpolate, memory, out);
-    else
-        _match_plainly<LeastSquares5<float>>(row, interpolate, memory, out);
-}
-
-template <class Fit>
-void PhaseStereoMatching::_match_plainly(int row, bool interpolate, RowMemory& memory, double* out) const noexcept
-{
-    const ProjectorPositions &left = *decoders[0], &right = *decoders[1];
     const auto list_columns = [&](const uchar* mask, std::vector<int>& list) {
         list.resize(static_cast<std::size_t>(output_width)); // reserved
         list.resize(static_cast<std::size_t>(list_valid_columns(mask, output_width, list.data())));
     };
     list_columns(left.vmask[row], memory.left_list);
     list_columns(right.vmask[row], memory.right_list);
-    Fit leftfit, rightfit;
-    if (interpolate)
-        _get_linedisparity_interpo(
-            out, leftfit, rightfit, memory.left_list, left.unwrapped[row], memory.right_list, right.unwrapped[row]);
+    _match_plainly(out, interpolate, memory.left_list, left.unwrapped[row], memory.right_list, right.unwrapped[row]);
+}
+
+void PhaseStereoMatching::_match_plainly(double* row, bool interpolate, const std::vector<int>& leftlist,
+    const float* leftphase, const std::vector<int>& rightlist, const float* rightphase) const noexcept
+{
+    const auto match_with = [&](auto leftfit, auto rightfit) {
+        if (interpolate)
+            _get_linedisparity_interpo(row, leftfit, rightfit, leftlist, leftphase, rightlist, rightphase);
+        else
+            _get_linedisparity(row, rightfit, leftlist, leftphase, rightlist, rightphase);
+    };
+    if (limits.fit_points == 3)
+        match_with(LeastSquares3<float>(), LeastSquares3<float>());
     else
-        _get_linedisparity(
-            out, rightfit, memory.left_list, left.unwrapped[row], memory.right_list, right.unwrapped[row]);
+        match_with(LeastSquares5<float>(), LeastSquares5<float>());
 }
 
 template <class Fit>

@@ -53,6 +53,10 @@ protected:
     /// RowMatcher leaves (with a NaN in them).
     void _make_disparity_data(bool interpolate);
 
+    /// One row as _get_linedisparity(_interpo) says, with the line fit that the record asks for.
+    void _match_plainly(double* row, bool interpolate, const std::vector<int>& leftlist, const float* leftphase,
+        const std::vector<int>& rightlist, const float* rightphase) const noexcept;
+
     /// One row, a disparity for each valid column of camera 0.
     ///
     /// @param row        out, one value per column, all set
@@ -109,7 +113,6 @@ private:
     /// The Q method without a disparity map in between: each row goes on to its points while it is in the cache.
     void _make_points_by_rows(bool interpolate);
     void _match_row(int row, bool interpolate, RowMemory& memory, double* out) const noexcept;
-    template <class Fit> void _match_plainly(int row, bool interpolate, RowMemory& memory, double* out) const noexcept;
 
     std::array<Rectified, 2> _rectified; ///< of the next capture; become the decoders', whose they were before
     std::array<bool, 2> _by_rows {};     ///< whether the camera has the row form of its remap

@@ -1,8 +1,8 @@
-// The row kernels, in the form for every processor and in the one for AVX2, against their plain twins.
+// The row kernels, in the form for every processor and in the one for AVX2, against their readable twins.
 #include "matching/row_kernels.h"
 #include "camera/cpu.h"
-#include "reference/plain_line_matcher.h"
 #include "reference/plain_reprojection.h"
+#include "reference/readable_matcher.h"
 
 #include <gtest/gtest.h>
 
@@ -61,16 +61,15 @@ std::vector<uchar> mask_of(const plain::Row& row)
 bool expect_twin(RowMatcher& matcher, const plain::Row& left, const plain::Row& right, int samples, bool interpolate,
     const char* what)
 {
-    const plain::Limits limits { 0.4, 200.0, -100.0, samples };
+    const vexo::PhaseMatchingParam limits = plain::limits_of(0.4, -100.0, 200.0, samples);
     std::vector<double> got(left.phase.size(), -101.0);
     const std::vector<uchar> left_mask = mask_of(left), right_mask = mask_of(right);
     const bool taken = matcher.match({ left_mask.data(), left.phase.data() }, { right_mask.data(), right.phase.data() },
         static_cast<int>(left.phase.size()),
         { limits.max_phase_diff, limits.min_disparity, limits.max_disparity, -101.0, samples }, interpolate,
         got.data());
-    const auto expected = !taken ? std::vector<double>(left.phase.size(), -101.0)
-        : interpolate            ? plain::match_interpolated(left, right, limits)
-                                 : plain::match_valid(left, right, limits);
+    const auto expected = taken ? plain::ReadableMatcher(limits).match(left, right, interpolate)
+                                : std::vector<double>(left.phase.size(), -101.0);
     EXPECT_TRUE(same_bits(got, expected))
         << what << ", width " << left.phase.size() << ", " << samples << " samples, interpolated " << interpolate;
     return taken;
@@ -78,7 +77,7 @@ bool expect_twin(RowMatcher& matcher, const plain::Row& left, const plain::Row& 
 
 } // namespace
 
-TEST_P(RowKernels, MatchingEqualsItsPlainTwinOnRowsOfEveryKind)
+TEST_P(RowKernels, MatchingEqualsItsReadableTwinOnRowsOfEveryKind)
 {
     struct Kind {
         const char* name;
@@ -132,23 +131,6 @@ TEST_P(RowKernels, MatchingLeavesRowsThatAreNoNumbersAloneOrEqualsTheTwin)
             expect_twin(matcher, rows[0], rows[1], 3, false, "wild");
             expect_twin(matcher, rows[0], rows[1], 5, true, "wild");
         }
-    }
-}
-
-TEST_P(RowKernels, EmptyAndShortListsMatchNothing)
-{
-    RowMatcher matcher;
-    matcher.reserve(64);
-    const plain::Row full = row_of(
-        64, 1.0, [](int x) { return x * 0.1; }, rng);
-    for (const std::size_t size : { 0U, 1U, 2U, 4U }) {
-        plain::Row some = full;
-        some.list.resize(size);
-        for (const int samples : { 3, 5 })
-            for (const bool interpolate : { false, true }) {
-                expect_twin(matcher, some, full, samples, interpolate, "short left");
-                expect_twin(matcher, full, some, samples, interpolate, "short right");
-            }
     }
 }
 
