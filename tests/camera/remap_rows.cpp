@@ -1,18 +1,18 @@
 // The row kernel behind UndistortCamera::remap: the same bits as cv::remap and as its plain twin.
 #include "camera/camera_undistort.h"
 #include "camera/cpu.h"
+#include "camera/rig.h"
 #include "reference/plain_remap.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 #include <opencv2/imgproc.hpp>
 
 #include <cfloat>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <vector>
 
+using rig::same_bits;
 using vexo::Cpu;
 using vexo::UndistortCamera;
 
@@ -82,14 +82,6 @@ void fill_randomly(cv::Mat_<float>& image, std::mt19937& rng)
     for (int r = 0; r < image.rows; ++r)
         for (int c = 0; c < image.cols; ++c)
             image(r, c) = rng() % 4 == 0 ? 0.0F : value(rng);
-}
-
-bool same_bits(const cv::Mat& a, const cv::Mat& b)
-{
-    if (a.size() != b.size() || a.type() != b.type()) return false;
-    for (int r = 0; r < a.rows; ++r)
-        if (std::memcmp(a.ptr(r), b.ptr(r), static_cast<std::size_t>(a.cols) * a.elemSize()) != 0) return false;
-    return true;
 }
 
 cv::Mat opencv_remap(const cv::Mat& src, const Tables& t, double fill)
@@ -177,20 +169,6 @@ TEST_P(RemapRows, AMaskStays255OnlyWhereAtMostTwo1024thsAreInvalid)
     for (int r = 0; r < 32; ++r)
         for (int c = 0; c < 32; ++c)
             EXPECT_EQ(got.at<uchar>(r, c) == 255, c * r <= 2) << c << ' ' << r;
-}
-
-TEST_P(RemapRows, AreTheSameForAnyNumberOfThreads)
-{
-    std::mt19937 rng(7);
-    const Tables t = many_tables({ 90, 150 }, { 100, 140 })[1];
-    cv::Mat_<uchar> raw(140, 100);
-    fill_randomly(raw, rng);
-    const int before = omp_get_max_threads();
-    for (const int threads : { 1, 2, 3, 7 }) {
-        omp_set_num_threads(threads);
-        expect_equal<uchar>(raw, t, 3);
-    }
-    omp_set_num_threads(before);
 }
 
 TEST(RemapRowsFallBack, OtherTablesTypesAndMethodsGoThroughCvRemap)

@@ -314,28 +314,3 @@ TEST(Stereo, ConversionByNoFrameChangesNothing)
     EXPECT_FALSE(stereo->convert_coordinate_system({}));
     EXPECT_TRUE(same_bits(before, *stereo));
 }
-
-TEST(Stereo, InterfaceOperationsAreReachedThroughTheirSlots)
-{
-    const Stereo stereo = rectify(rig::pair());
-    vexo::iStereoCamera* object = stereo.get();
-    void** table = *reinterpret_cast<void***>(object);
-    auto size = reinterpret_cast<void (*)(vexo::iStereoCamera*, int*, int*)>(table[3]);
-    auto length = reinterpret_cast<double (*)(vexo::iStereoCamera*)>(table[1]);
-    auto by_Q = reinterpret_cast<bool (*)(vexo::iStereoCamera*, double*, int, int, double)>(table[5]);
-    auto by_P = reinterpret_cast<bool (*)(vexo::iStereoCamera*, double*, const double*, const double*)>(table[6]);
-    auto by_V
-        = reinterpret_cast<bool (*)(vexo::iStereoCamera*, double*, double, const double*, const double*)>(table[7]);
-    int w = 0;
-    int h = 0;
-    size(object, &w, &h);
-    EXPECT_EQ(cv::Size(w, h), stereo->output_size);
-    EXPECT_EQ(length(object), stereo->get_baseline_length());
-    const double p0[2] = { 150, 120 };
-    const double p1[2] = { 40, 120 };
-    double Q[3];
-    double P[3];
-    double V[3];
-    ASSERT_TRUE(by_Q(object, Q, 150, 120, 110) && by_P(object, P, p0, p1) && by_V(object, V, 1e9, p0, p1));
-    EXPECT_LT(cv::norm(cv::Vec3d(Q) - cv::Vec3d(P)) + cv::norm(cv::Vec3d(Q) - cv::Vec3d(V)), 1e-6);
-}
