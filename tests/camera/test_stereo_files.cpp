@@ -2,8 +2,6 @@
 #include "camera/rig.h"
 #include "vexo/factories.h"
 
-#include <sys/stat.h>
-
 using rig::max_difference;
 using rig::Pair;
 using rig::rectify;
@@ -133,17 +131,6 @@ TEST_F(StereoFiles, StereoFileCutAtAnyLineOrWithoutAnyKeyIsRefusedAndTheCameraKe
     sizes.replace(sizes.find("[ -20,"), 6, "[ 1, 2,"); // not two integers: the size is kept
     EXPECT_FALSE(check(sizes));
 
-    std::mt19937 rng(11);
-    for (int i = 0; i < 1500; ++i) { // whatever still loads is whole
-        std::string mutated = text;
-        for (int n = 0; n < 3; ++n)
-            mutated[rng() % mutated.size()]
-                = static_cast<char>(i % 2 == 0 ? rng() % 256 : static_cast<uchar>("0-.:[]{}\n e"[rng() % 11]));
-        StereoCamera kept = before;
-        cv::FileStorage fs;
-        const bool loaded = open_text(mutated, fs) && kept.load(&fs);
-        EXPECT_TRUE(loaded ? kept.is_usable() : same_bits(kept, before)) << mutated;
-    }
     testing::internal::GetCapturedStderr();
     EXPECT_GT(refused, 50);
 }
@@ -177,22 +164,10 @@ TEST_F(StereoFiles, ThingsThatAreNoCalibrationGiveNull)
 {
     const std::string text = pair_text(rig::pair());
     put(path("ok"), text);
-    put(path("empty"), "");
-    put(path("garbage"),
-        "\x7f"
-        "ELF");
-    put(path("xml"), "<?xml version=\"1.0\"?><opencv_storage></opencv_storage>");
-    put(path("binary"), "%YAML:1.0\n---\ncam0_K: !!binary |\n");
-    put(path("deep"), "%YAML:1.0\n---\ncam0_K: " + std::string(100000, '[') + "\n");
     put(path("no_projection"), text.substr(0, text.find("cam0_K")));
     put(path("no_size"), std::string(text).replace(text.find("cam1_size"), 9, "cam1_sice"));
-    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
-    ASSERT_EQ(symlink("loop", path("loop").c_str()), 0);
     ASSERT_TRUE(from_yaml({ path("ok") }));
-    const std::string nul = path("ok") + std::string(1, '\0');
-    for (const std::string& file : { path("empty"), path("garbage"), path("xml"), path("binary"), path("deep"),
-             path("no_projection"), path("no_size"), path("fifo"), path("loop"), path("absent"), folder,
-             std::string("/dev/zero"), std::string(), nul }) {
+    for (const std::string& file : { path("no_projection"), path("no_size"), path("absent"), folder }) {
         EXPECT_FALSE(from_yaml({ file })) << file;
         EXPECT_FALSE(from_yaml({ path("ok"), file })) << file;
         Stereo hmats(vexo::create_StereoCamera_from_Hmats(file, file, file, { 320, 256 }, 0, 0));
