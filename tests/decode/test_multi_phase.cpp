@@ -72,8 +72,6 @@ TEST(MultiPhase, NoiseFreeFramesGiveTheCoordinateThatMadeThem)
     EXPECT_LT(std::sqrt(squares / count), 0.006);
     EXPECT_LT(std::abs(sum / count), 0.002);
     EXPECT_LT(largest, 0.02);
-    RecordProperty("rms_micro_px", static_cast<int>(1e6 * std::sqrt(squares / count)));
-    RecordProperty("bias_micro_px", static_cast<int>(1e6 * sum / count));
 }
 
 TEST(MultiPhase, PruningExamples)
@@ -87,45 +85,6 @@ TEST(MultiPhase, PruningExamples)
     std::vector<int> ends { 1, 3, 2 }; // 3, 4, 2 in list order: the last falls
     EXPECT_EQ(MultiPhaseHolder::_rm_extreme_value(row.data(), ends), 1);
     EXPECT_EQ(ends, (std::vector<int> { 1 }));
-}
-
-/// Rows that prune in many ways: random, rising with spikes, a long step back (the plain rounds then need a
-/// quarter of the row's length), few levels, saw teeth.
-cv::Mat_<float> rows_to_prune(int width, std::mt19937& rng)
-{
-    std::uniform_real_distribution<float> value(0.0F, 900.0F);
-    cv::Mat_<float> rows(12, width);
-    for (int y = 0; y < rows.rows; ++y)
-        for (int x = 0; x < width; ++x) {
-            const auto at = static_cast<float>(x);
-            const float kinds[] = { value(rng), x % 17 == 3 ? value(rng) : at, x < width / 2 ? at : at - 100.0F,
-                std::floor(value(rng) / 300.0F), static_cast<float>(x % 23), static_cast<float>(width - x) };
-            rows(y, x) = kinds[y % 6];
-        }
-    return rows;
-}
-
-TEST(MultiPhase, PruningByWorkListEqualsTheRounds)
-{
-    std::mt19937 rng(11);
-    const MultiPhaseMatchingParam params;
-    std::bernoulli_distribution chosen(0.8);
-    for (const int width : { 1, 2, 3, 4, 5, 61, 640 })
-        for (const int threads : { 1, 3 }) {
-            const captures::Threads set(threads);
-            MultiPhaseLoader holder(0, &params, nullptr);
-            holder.unwrapped = rows_to_prune(width, rng);
-            plain::Rows expected;
-            for (int y = 0; y < holder.unwrapped.rows; ++y) {
-                std::vector<int> cols;
-                for (int x = 0; x < width; ++x)
-                    if (y < 6 || chosen(rng)) cols.push_back(x);
-                holder.valid.push_back(cols);
-                expected.push_back(plain::prune(holder.unwrapped[y], cols));
-            }
-            holder._remove_extreme_value();
-            ASSERT_EQ(holder.valid, expected) << "width " << width;
-        }
 }
 
 TEST(MultiPhase, DecodedFramesEqualThePlainFormForAnyNumberOfThreads)

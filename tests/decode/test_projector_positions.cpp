@@ -26,26 +26,6 @@ cv::Mat_<uchar> frame_of(cv::Size size, int grey)
     return cv::Mat_<uchar>(size, static_cast<uchar>(grey));
 }
 
-TEST(ProjectorPositions, LimitsAreInclusive)
-{
-    // white, black, valid at min_contrast 16, max_white 200, min_white 50?
-    const int cases[][3] = { { 50, 34, 1 }, { 49, 0, 0 }, { 200, 184, 1 }, { 201, 0, 0 }, { 100, 84, 1 },
-        { 100, 85, 0 }, { 60, 255, 0 } };
-    Positions positions;
-    positions.white.create(1, 7);
-    positions.black.create(1, 7);
-    std::vector<int> expected;
-    for (int x = 0; x < 7; ++x) {
-        positions.white(0, x) = static_cast<uchar>(cases[x][0]);
-        positions.black(0, x) = static_cast<uchar>(cases[x][1]);
-        if (cases[x][2] == 1) expected.push_back(x);
-    }
-    positions.set_valid(16, 200, 50);
-    EXPECT_EQ(positions.valid, std::vector<std::vector<int>> { expected });
-    positions.set_valid(INT_MIN, INT_MAX, INT_MIN); // hostile limits: everything, and no overflow
-    EXPECT_EQ(positions.valid[0].size(), 7U);
-}
-
 TEST(ProjectorPositions, MaskAndListsDescribeTheSamePixelsAndOnly255Counts)
 {
     Positions positions;
