@@ -199,38 +199,6 @@ TEST(SimCapture, ImpossibleRigsAndScenesAreRefusedByName)
     EXPECT_NE(why_invalid(options), nullptr);
 }
 
-/// Decoded here by a search over all columns: no number theory in common with the decoder.
-TEST(SimPattern, MultiPeriodFramesNumberTheirColumnsAndLeaveTheRestDark)
-{
-    const Pattern pattern = multi_phase_pattern(1024, { 9, 10, 11 });
-    ASSERT_EQ(pattern.frames.size(), 14U);
-    EXPECT_EQ(pattern.lit_columns(), multi_phase_columns);
-    for (const std::vector<double>& frame : pattern.frames)
-        EXPECT_EQ(*std::max_element(frame.begin() + multi_phase_columns, frame.end()), 0);
-    for (int x = 0; x < multi_phase_columns; ++x) {
-        const auto at = static_cast<std::size_t>(x);
-        double phase[3];
-        for (std::size_t p = 0; p < 3; ++p) {
-            const auto grey = [&](std::size_t s) { return pattern.frames[2 + 4 * p + s][at]; };
-            // -cos and its quarter shifts: phase of the column's left edge plus half a column
-            phase[p] = std::atan2(grey(1) - grey(3), grey(2) - grey(0)) / (2 * CV_PI);
-        }
-        int best = -1;
-        double least = 1e9;
-        for (int c = 0; c < multi_phase_columns; ++c) {
-            double off = 0;
-            for (std::size_t p = 0; p < 3; ++p)
-                off += std::abs(std::remainder((c + 0.5) / pattern.periods[p] - phase[p], 1.0));
-            if (off < least) {
-                least = off;
-                best = c;
-            }
-        }
-        ASSERT_EQ(best, x);
-        ASSERT_LT(least, 3 * 0.001); // periods; rounding to 8 bits at an amplitude of 120
-    }
-}
-
 TEST(SimCapture, SurfaceBehindTheLastLitColumnIsNotCalledVisible)
 {
     RigOptions options = noise_free(160, 128);
@@ -281,31 +249,4 @@ TEST(SimCapture, SwappedFramesAndAMovedSceneDifferFromTheGoodCaptureThereAlone)
     options.move_mm = 0;
     options.swapped = { 3, 13 };
     EXPECT_THROW(make_capture("sphere", options), std::invalid_argument) << "frames 0 to 12";
-}
-
-TEST(SimCapture, PaintedSceneLooksTheSameFromBothCameras)
-{
-    RigOptions options = noise_free(320, 256);
-    options.method = "sgbm";
-    const Rig rig = make_rig(options);
-    const Capture capture = make_capture("sphere", options);
-    ASSERT_EQ(capture.files.size(), 2U + 5U);
-    const cv::Mat_<uchar> left = cv::imdecode(capture.files[0].second, cv::IMREAD_UNCHANGED);
-    cv::Mat_<uchar> right = cv::imdecode(capture.files[1].second, cv::IMREAD_UNCHANGED);
-    cv::Mat_<float> x_right(left.size(), -1.F), y_right(left.size(), -1.F);
-    for (int y = 0; y < left.rows; ++y)
-        for (int x = 0; x < left.cols; ++x) {
-            if (capture.truth.visible(y, x) == 0) continue;
-            const cv::Vec3d ray = rig.cameras[0].ray(cv::Vec2d(x, y)).direction;
-            const cv::Vec2d at = rig.cameras[1].project(
-                rig.cameras[0].centre() + static_cast<double>(capture.truth.depth(y, x)) * ray);
-            x_right(y, x) = static_cast<float>(at[0]);
-            y_right(y, x) = static_cast<float>(at[1]);
-        }
-    cv::remap(right, right, x_right, y_right, cv::INTER_CUBIC);
-    cv::Mat left_mean, left_sigma, difference;
-    cv::absdiff(left, right, difference);
-    cv::meanStdDev(left, left_mean, left_sigma, capture.truth.visible);
-    EXPECT_GT(left_sigma.at<double>(0), 20) << "grey levels of texture";
-    EXPECT_LT(cv::mean(difference, capture.truth.visible)[0], 0.15 * left_sigma.at<double>(0)) << "interpolation";
 }
