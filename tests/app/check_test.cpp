@@ -1,14 +1,8 @@
 #include "program.h"
 
-#include "sim/render.h"
-#include "sim/scenes.h"
-
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
-
-#include <algorithm>
-#include <memory>
 
 namespace {
 
@@ -17,32 +11,19 @@ using Json = nlohmann::json;
 using program::Outcome;
 
 /// Small captures of the bust: fringes of 32 projector px are about 11 camera px long, as of a full-size rig.
-class Check : public testing::Test {
+class Check : public program::Suite {
 protected:
-    static void SetUpTestSuite() { work = std::make_unique<program::Folder>(); }
-    static void TearDownTestSuite() { work.reset(); }
-
-    static std::string at(const std::string& name) { return *work / name; }
-
     /// Simulates once for each name.
     static void simulate(const std::string& name, const std::string& options)
     {
         if (fs::exists(at(name))) return;
-        const Outcome made
-            = program::run(*work, "simulate --size 480x384 --period 16 --quiet " + options + " --out " + at(name));
+        const Outcome made = run("simulate --size 480x384 --period 16 --quiet " + options + " --out " + at(name));
         ASSERT_EQ(made.code, 0) << made.err;
     }
 
     static std::string frame(const std::string& name, int camera, int k)
     {
-        const std::string number = (k < 10 ? "0" : "") + std::to_string(k);
-        return at(name) + "/cam" + std::to_string(camera) + "/frame" + number + ".png";
-    }
-
-    static void copy(const std::string& from, const std::string& to)
-    {
-        fs::remove_all(at(to));
-        fs::copy(at(from), at(to), fs::copy_options::recursive);
+        return program::frame_of(at(name), camera, k);
     }
 
     static void exchange(const std::string& name, int camera, int i, int k)
@@ -55,7 +36,7 @@ protected:
     /// What check says of a folder; its code must be 1 exactly when the capture is not usable.
     static Json check(const std::string& folder, const std::string& options = "")
     {
-        const Outcome o = program::run(*work, "check --json " + folder + " --out " + at("checked") + options);
+        const Outcome o = run("check --json " + folder + " --out " + at("checked") + options);
         const Json json = Json::parse(o.out, nullptr, false);
         EXPECT_FALSE(json.is_discarded()) << o.err;
         const bool usable = json["verdict"].get<std::string>().rfind("not usable", 0) != 0;
@@ -71,10 +52,7 @@ protected:
             if (finding["name"] == name && finding["camera"] == camera) return finding["text"];
         return "";
     }
-
-    static std::unique_ptr<program::Folder> work;
 };
-std::unique_ptr<program::Folder> Check::work;
 
 TEST_F(Check, CallsAnOrdinaryCaptureGoodAndTellsTheNoiseThatWasSimulated)
 {
@@ -104,10 +82,7 @@ TEST_F(Check, MeasuresTheGammaThatWasSimulatedAndItsTableMakesTheNextCaptureLine
     const Json table = Json::parse(program::read(at("checked/gamma_table.json")));
     for (int i = 0; i < 256; i += 15)
         EXPECT_NEAR(255 * std::pow(table["table"][static_cast<std::size_t>(i)].get<double>() / 255, 2.2), i, 5) << i;
-    EXPECT_EQ(
-        program::run(*work, "patterns --quiet --out " + at("p") + " --gamma-table " + at("checked/gamma_table.json"))
-            .code,
-        0);
+    EXPECT_EQ(run("patterns --quiet --out " + at("p") + " --gamma-table " + at("checked/gamma_table.json")).code, 0);
 }
 
 TEST_F(Check, NamesExchangedFrames)
@@ -165,29 +140,10 @@ TEST_F(Check, NamesASceneThatMoved)
     }
 }
 
-/// The 14 frames of multi-period phase, by the virtual rig's own parts.
-void render_multi_phase(const std::string& folder, const std::vector<int>& periods)
-{
-    vexo::sim::RigOptions options;
-    options.image_size = { 480, 384 };
-    const vexo::sim::Rig rig = vexo::sim::make_rig(options);
-    const vexo::sim::Scene scene = vexo::sim::make_scene("plane", options);
-    const auto rows
-        = vexo::sim::project(vexo::sim::multi_phase_pattern(options.projector_size.width, periods), options);
-    for (int camera = 0; camera < 2; ++camera) {
-        const std::string place = folder + "/cam" + std::to_string(camera);
-        fs::create_directories(place);
-        const vexo::sim::View view(scene, rig, camera);
-        for (std::size_t k = 0; k < rows.size(); ++k)
-            cv::imwrite(place + (k < 10 ? "/frame0" : "/frame") + std::to_string(k) + ".png",
-                view.picture(rows[k], static_cast<int>(k)));
-    }
-}
-
 // At a third of the full resolution periods of 27 to 31 px are 11 to 13 camera px long.
 TEST_F(Check, KnowsMultiPeriodCapturesAndNamesTheirExchangedFrames)
 {
-    render_multi_phase(at("multi"), { 27, 29, 31 });
+    simulate("multi", "plane --method multi-phase --periods 27,29,31");
     const Json good = check(at("multi"), " --periods 27,29,31");
     EXPECT_EQ(good["method"], "multi-phase");
     EXPECT_GT(good["cameras"][0]["fringes_that_fit"].get<double>(), 0.9) << good["cameras"][0].dump(1);

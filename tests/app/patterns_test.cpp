@@ -113,11 +113,8 @@ TEST(Patterns, GammaTableMakesAProjectorLinear)
         }
     for (const char* bad : { "", "{}", "[1]", "{\"gamma\": 2, \"table\": [1, 2]}", "not json" }) {
         program::write(work / "bad.json", bad);
-        const Outcome refused
-            = program::run(work, "patterns --out " + work / "q" + " --gamma-table " + work / "bad.json");
-        EXPECT_EQ(refused.code, 1) << bad;
-        EXPECT_TRUE(refused.one_line_of_error()) << refused.err;
-        EXPECT_FALSE(std::filesystem::exists(work / "q"));
+        program::expect_refused(
+            work, "patterns --out " + work / "q" + " --gamma-table " + work / "bad.json", "bad.json", work / "q");
     }
 }
 
@@ -131,13 +128,8 @@ TEST(Patterns, WhatCannotBeDecodedIsRefusedWithItsReason)
         { "--method multi-phase --periods 9,10", "three" }, { "--method multi-phase --periods 9,10,2", "period" },
         { "--projector 1024", "--projector" }, { "--projector 1024x0", "--projector" },
         { "--projector 99999999x10", "--projector" }, { "--projector axb", "--projector" } };
-    for (const auto& c : cases) {
-        const Outcome refused = program::run(work, std::string("patterns ") + c.options + " --out " + work / "p");
-        EXPECT_EQ(refused.code, 1) << c.options;
-        EXPECT_TRUE(refused.one_line_of_error()) << refused.err;
-        EXPECT_NE(refused.err.find(c.why), std::string::npos) << c.options << ": " << refused.err;
-        EXPECT_FALSE(std::filesystem::exists(work / "p")) << c.options;
-    }
+    for (const auto& c : cases)
+        program::expect_refused(work, std::string("patterns ") + c.options + " --out " + work / "p", c.why, work / "p");
 }
 
 } // namespace

@@ -4,8 +4,6 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
-#include <memory>
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -13,53 +11,31 @@ using Json = nlohmann::json;
 using program::Outcome;
 
 /// One small plane, simulated once: fringes of 32 projector pixels are about 11 camera pixels long.
-class Measure : public testing::Test {
+class Measure : public program::Suite {
 protected:
     static void SetUpTestSuite()
     {
-        work = std::make_unique<program::Folder>();
-        simulated = program::run(*work, "simulate plane --size 320x256 --period 32 --quiet --out " + *work / "scan");
+        Suite::SetUpTestSuite();
+        simulated = run("simulate plane --size 320x256 --period 32 --quiet --out " + at("scan"));
     }
-    static void TearDownTestSuite() { work.reset(); }
     void SetUp() override { ASSERT_EQ(simulated.code, 0) << simulated.err; }
 
-    static Outcome run(const std::string& arguments) { return program::run(*work, arguments); }
-    static std::string at(const std::string& name) { return *work / name; }
-
-    /// A copy of the capture that a test may spoil.
-    static std::string copy_of_scan(const std::string& name)
-    {
-        fs::remove_all(at(name));
-        fs::copy(at("scan"), at(name), fs::copy_options::recursive);
-        return at(name);
-    }
-
-    static std::unique_ptr<program::Folder> work;
-    static Outcome simulated;
+    inline static Outcome simulated;
 };
-std::unique_ptr<program::Folder> Measure::work;
-Outcome Measure::simulated;
-
-long long not_measured(const Json& report)
-{
-    long long sum = 0;
-    for (const auto& cause : report["pixels"]["not_measured"])
-        sum += cause.get<long long>();
-    return sum;
-}
 
 TEST_F(Measure, PlaneIsMeasuredWholeAndAsExactlyAsItsNoiseAllows)
 {
     const Outcome measured = run("measure --json " + at("scan") + " --out " + at("plane"));
     ASSERT_EQ(measured.code, 0) << measured.err;
     const Json report = Json::parse(measured.out);
-    EXPECT_EQ(report["pixels"]["measured"].get<long long>() + not_measured(report), 320 * 256);
+    long long pixels = report["pixels"]["measured"];
+    for (const auto& cause : report["pixels"]["not_measured"])
+        pixels += cause.get<long long>();
+    EXPECT_EQ(pixels, 320 * 256);
     EXPECT_EQ(report, Json::parse(program::read(at("plane/report.json"))));
     EXPECT_TRUE(measured.err.empty()) << measured.err;
 
-    const Outcome compared = run("compare --json " + at("plane") + " " + at("scan"));
-    ASSERT_EQ(compared.code, 0) << compared.err;
-    const Json c = Json::parse(compared.out);
+    const Json c = told("compare", at("plane") + " " + at("scan"));
     EXPECT_GE(c["coverage"]["inner_coverage"].get<double>(), 0.995);
     EXPECT_LE(c["error"]["outliers"].get<double>(), 0.0005);
     // The prediction knows the noise alone; rectification rounds positions to 1/32 px, a tenth of it here.
@@ -120,12 +96,8 @@ TEST_F(Measure, CloudIsTheSameToTheByteForOneAndForTwoThreads)
 
 TEST_F(Measure, DisparitiesOutsideTheLimitsAreNamedWithTheirRange)
 {
-    const Outcome nothing = run("measure " + at("scan") + " --disparity 5000:6000 --out " + at("nothing"));
-    EXPECT_EQ(nothing.code, 1);
-    EXPECT_TRUE(nothing.one_line_of_error()) << nothing.err;
-    EXPECT_NE(nothing.err.find("every disparity lies outside [5000, 6000]: measured range"), std::string::npos);
-    EXPECT_NE(nothing.err.find("--depth"), std::string::npos);
-    EXPECT_FALSE(fs::exists(at("nothing")));
+    program::expect_refused(*work, "measure " + at("scan") + " --disparity 5000:6000 --out " + at("nothing"),
+        "every disparity lies outside [5000, 6000]: measured range", at("nothing"));
 }
 
 TEST_F(Measure, DepthRangeKeepsTheSurfaceInItAndNothingElse)
@@ -146,16 +118,14 @@ TEST_F(Measure, DepthRangeKeepsTheSurfaceInItAndNothingElse)
 
 TEST_F(Measure, PatchWithoutFringesIsLeftOutAndCountedAsItsOwnCause)
 {
-    const std::string scan = copy_of_scan("patch");
+    const std::string scan = copy("scan", "patch");
     for (int k = 9; k < 13; ++k) {
-        const std::string path = scan + "/cam0/frame" + (k < 10 ? "0" : "") + std::to_string(k) + ".png";
+        const std::string path = program::frame_of(scan, 0, k);
         cv::Mat frame = cv::imread(path, cv::IMREAD_GRAYSCALE);
         frame(cv::Rect(100, 100, 40, 30)).setTo(255); // saturated in every phase frame
         cv::imwrite(path, frame);
     }
-    const Outcome measured = run("measure --json " + scan + " --out " + at("patched"));
-    ASSERT_EQ(measured.code, 0) << measured.err;
-    const Json causes = Json::parse(measured.out)["pixels"]["not_measured"];
+    const Json causes = told("measure", scan + " --out " + at("patched"))["pixels"]["not_measured"];
     // 1200 raw pixels; rectification gives them a rim of at most one pixel
     EXPECT_GE(causes["low_modulation"].get<int>(), 1200);
     EXPECT_LE(causes["low_modulation"].get<int>(), 43 * 33);
@@ -165,9 +135,9 @@ TEST_F(Measure, PatchWithoutFringesIsLeftOutAndCountedAsItsOwnCause)
 
 TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
 {
-    const std::string lacking = copy_of_scan("lacking"), mixed = copy_of_scan("mixed"), cut = copy_of_scan("cut"),
-                      giant = copy_of_scan("giant");
-    const std::string other = copy_of_scan("other"), alone = copy_of_scan("alone"), dark = copy_of_scan("dark");
+    const std::string lacking = copy("scan", "lacking"), mixed = copy("scan", "mixed"), cut = copy("scan", "cut"),
+                      giant = copy("scan", "giant");
+    const std::string other = copy("scan", "other"), alone = copy("scan", "alone"), dark = copy("scan", "dark");
     fs::remove(lacking + "/cam1/frame07.png");
     cv::imwrite(mixed + "/cam0/frame07.png", cv::Mat(100, 100, CV_8U, cv::Scalar(7)));
     const std::string png = program::read(cut + "/cam0/frame03.png");
@@ -209,13 +179,8 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
         { "compare " + at("scan") + " " + at("scan"), "report.json: there is no such file" },
         { "nonsense", "see vexo --help" },
     };
-    for (const auto& c : cases) {
-        const Outcome failed = run(c.arguments);
-        EXPECT_TRUE(failed.code == 1 || failed.code == 2) << c.arguments << ": " << failed.code;
-        EXPECT_TRUE(failed.one_line_of_error()) << c.arguments << ": " << failed.err;
-        EXPECT_NE(failed.err.find(c.expected), std::string::npos) << c.arguments << ": " << failed.err;
-        EXPECT_FALSE(fs::exists(at("left"))) << c.arguments;
-    }
+    for (const auto& c : cases)
+        program::expect_refused(*work, c.arguments, c.expected, at("left"));
 }
 
 TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)
@@ -223,10 +188,7 @@ TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)
     ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + at("kept")).code, 0);
     const std::string cloud = program::read(at("kept/cloud.ply"));
     program::write(at("kept/cloud.ply"), cloud.substr(0, cloud.size() / 2));
-    const Outcome cut = run("compare " + at("kept") + " " + at("scan"));
-    EXPECT_EQ(cut.code, 1);
-    EXPECT_NE(cut.err.find("cut short"), std::string::npos) << cut.err;
-    EXPECT_FALSE(fs::exists(at("kept/compare.json")));
+    program::expect_refused(*work, "compare " + at("kept") + " " + at("scan"), "cut short", at("kept/compare.json"));
 }
 
 TEST_F(Measure, NamesThatAreNoUtf8AreNames)
@@ -256,10 +218,7 @@ TEST_F(Measure, RealCapturesMatchASharePerPictureAndTheDepthsThatAPlainDecoderGe
     } sets[] = { { "render_stereo_bust", "", 0.29, 0.01, 507, 554, 644 },
         { "gyps_stereo_dental", " --disparity -400:400", 0.58, 0.03, 322, 354, 516 } };
     for (const auto& set : sets) {
-        const Outcome measured
-            = run("measure --json " + real + "/" + set.name + set.options + " --out " + at(set.name));
-        ASSERT_EQ(measured.code, 0) << measured.err;
-        const Json report = Json::parse(measured.out);
+        const Json report = told("measure", real + "/" + set.name + set.options + " --out " + at(set.name));
         EXPECT_GE(report["pixels"]["share"].get<double>(), set.share) << set.name;
         EXPECT_NEAR(report["depth"]["q01"].get<double>(), set.q01, set.tolerance * set.q01) << set.name;
         EXPECT_NEAR(report["depth"]["q50"].get<double>(), set.q50, set.tolerance * set.q50) << set.name;
