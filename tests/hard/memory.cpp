@@ -76,6 +76,10 @@ void operator delete[](void* block, std::size_t) noexcept
 {
     release(block);
 }
+void operator delete(void* block, const std::nothrow_t&) noexcept // when a constructor throws
+{
+    release(block);
+}
 
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t bytes); // NOLINT(bugprone-reserved-identifier)
 extern "C" int posix_memalign(void** block, std::size_t alignment, std::size_t bytes)
