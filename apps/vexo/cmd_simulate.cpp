@@ -212,7 +212,12 @@ void add_rig_options(CLI::App& command, SimulateOptions& o)
     command.add_option("--exposure", o.rig.exposure, "factor on all light")->capture_default_str();
     command.add_option("--noise", o.rig.noise, "standard deviation at grey 128, grey levels; 0: none")
         ->capture_default_str();
-    command.add_option("--seed", o.rig.seed, "of the noise")->check(CLI::NonNegativeNumber)->capture_default_str();
+    command.add_option("--seed", o.rig.seed, "of the noise")
+        ->check([](const std::string& text) {
+            const bool number = text.find_first_not_of("0123456789") == std::string::npos && text.size() <= 18;
+            return number ? std::string() : text + " is no whole number of at most 18 digits";
+        })
+        ->capture_default_str();
 }
 
 void add_scene_options(CLI::App& command, SimulateOptions& o)

@@ -31,9 +31,14 @@ constexpr double seconds_before_progress = 1.0;
 
 void use_threads(int threads)
 {
-    if (threads <= 0) return;
-    omp_set_num_threads(threads);
-    cv::setNumThreads(std::min(threads, cv::getNumberOfCPUs())); // its pool complains about more
+    if (threads > 0) {
+        omp_set_num_threads(threads);
+        cv::setNumThreads(std::min(threads, cv::getNumberOfCPUs())); // its pool complains about more
+    }
+    // Started now, while the standard error stream is open: where there is no room for a thread the runtime ends the
+    // process with a line of its own.
+#pragma omp parallel
+    omp_get_thread_num();
 }
 
 /// The checks of numbers are comparisons, and "nan" passes them all.
