@@ -4,6 +4,7 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -96,6 +97,12 @@ StereoCamera& StereoCamera::operator=(const StereoCamera& other)
 {
     *this = StereoCamera(other);
     return *this;
+}
+
+std::uint64_t StereoCamera::_next_serial() noexcept
+{
+    static std::atomic<std::uint64_t> last { 0 };
+    return ++last;
 }
 
 void StereoCamera::destroy()

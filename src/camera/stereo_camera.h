@@ -6,6 +6,7 @@
 
 #include <opencv2/core.hpp>
 
+#include <cstdint>
 #include <string>
 
 namespace vexo {
@@ -126,12 +127,19 @@ public:
     double convert_distance_to_disparity(double distance) const;
     /// @}
 
+    /// Another number for every pair that is made, copied, loaded or moved into another frame: tells it from one that
+    /// had the same address before it was destroyed.
+    std::uint64_t serial() const noexcept { return _serial; }
+
 private:
     cv::Mat_<double> _baseline_in_cam0() const;
     void _name_cameras();
     void _swap(StereoCamera& other) noexcept;
     bool _write(cv::FileStorage& fs);
     bool _read(cv::FileStorage& fs);
+    static std::uint64_t _next_serial() noexcept;
+
+    std::uint64_t _serial = _next_serial();
 };
 
 } // namespace vexo

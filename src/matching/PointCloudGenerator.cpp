@@ -54,8 +54,9 @@ bool PointCloudGenerator::_bind(iStereoCamera* new_camera) noexcept
     }
     const bool usable = in_width > 0 && in_height > 0 && out_width > 0 && out_height > 0;
     if (!usable) stereo = nullptr;
-    const bool same = stereo == camera && in_width == input_width && in_height == input_height
-        && out_width == output_width && out_height == output_height;
+    const std::uint64_t serial = usable ? stereo->serial() : 0;
+    const bool same = stereo == camera && serial == _camera_serial && in_width == input_width
+        && in_height == input_height && out_width == output_width && out_height == output_height;
 
     executed = false;
     if (!same) {
@@ -64,6 +65,7 @@ bool PointCloudGenerator::_bind(iStereoCamera* new_camera) noexcept
         valid_count = 0;
     }
     camera = stereo;
+    _camera_serial = serial;
     input_width = usable ? in_width : 0;
     input_height = usable ? in_height : 0;
     output_width = usable ? out_width : 0;

@@ -4,6 +4,7 @@
 
 #include <opencv2/core.hpp>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,8 @@ protected:
 
 private:
     bool _set_transform(const cv::Mat& rt);
+
+    std::uint64_t _camera_serial = 0; ///< a later camera may have the address of a destroyed one
 };
 
 } // namespace vexo

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <optional>
 
 using namespace vexo;
 
@@ -188,6 +189,12 @@ TEST(PhaseMatching, AnotherCameraDropsEverythingAndNothingStaleIsHandedOut)
     }
     cv::Mat frame(60, 80, CV_8U, cv::Scalar(9));
     EXPECT_TRUE(matcher->setpict(frame.data, frame.step[0], 0, 0));
+
+    std::optional<StereoCamera> place(*camera);
+    const auto kept = loaded_gyps(&*place);
+    place.emplace(*camera);
+    kept->init(&*place);
+    EXPECT_FALSE(kept->exec()) << "another one at the address of the first";
 }
 
 TEST(PhaseMatching, ARefusedRecordIsInForceButKeepsDecodersAndFrames)
