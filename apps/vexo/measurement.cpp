@@ -44,9 +44,11 @@ std::string limits_text(const Measurement& m)
 /// Smallest round step with which the largest depth fits into 16 bits.
 double depth_step(double largest)
 {
-    for (double power = 1e-5; power < 1e9; power *= 10.0)
-        for (const double lead : { 1.0, 2.0, 5.0 })
-            if (largest <= 65535.0 * lead * power) return lead * power;
+    for (int digits = -5; digits < 9; ++digits)
+        for (const double lead : { 1.0, 2.0, 5.0 }) {
+            const double step = lead * std::pow(10.0, digits);
+            if (largest <= 65535.0 * step) return step;
+        }
     return 1e9;
 }
 

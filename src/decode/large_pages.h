@@ -16,10 +16,9 @@ namespace vexo {
 inline void ask_for_large_pages(void* block, std::size_t bytes) noexcept
 {
 #if defined(__linux__)
-    constexpr std::uintptr_t page = 4096, large = 2 << 20;
-    const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(block) + page - 1) / page * page;
-    const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(block) + bytes) / page * page;
-    if (bytes >= large && begin < end) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    constexpr std::size_t page = 4096, large = 2 << 20;
+    const std::size_t to_page = (page - reinterpret_cast<std::uintptr_t>(block) % page) % page;
+    if (bytes >= large) ::madvise(static_cast<char*>(block) + to_page, (bytes - to_page) / page * page, MADV_HUGEPAGE);
 #else
     static_cast<void>(block), static_cast<void>(bytes);
 #endif
