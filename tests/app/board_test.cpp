@@ -61,8 +61,8 @@ TEST_P(Sheets, AreReadByTheRecogniserWithEveryMarkerAtItsPlace)
     const auto origin = static_cast<std::size_t>(board.origin_x * board.rows + board.origin_y);
     for (std::size_t k = 0; k < seen.size(); ++k) {
         ASSERT_NE(seen[k].x, FLT_MAX) << "marker " << k;
-        const double x = (board.origin_x - static_cast<int>(k) / board.rows) * board.pitch;
-        const double y = (board.origin_y - static_cast<int>(k) % board.rows) * board.pitch;
+        const int column = static_cast<int>(k) / board.rows, row = static_cast<int>(k) % board.rows;
+        const double x = (board.origin_x - column) * board.pitch, y = (board.origin_y - row) * board.pitch;
         // Centres come from contours of whole pixels: without blur and noise they are off by up to a quarter px each.
         EXPECT_NEAR(seen[k].x - seen[origin].x, x * px_per_mm, 0.5) << "marker " << k;
         EXPECT_NEAR(seen[k].y - seen[origin].y, -y * px_per_mm, 0.5) << "marker " << k;
