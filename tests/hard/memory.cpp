@@ -147,13 +147,14 @@ struct Bench {
                     if (!generator->setpict(frame.data, frame.step[0], cam, index++)) return false;
             }
         }
-        if (g == 0) return refused_for_its_size(*generator);
+        // Inside cv::StereoSGBM a failed allocation ends the process, in BufferArea's destructor: it must not get
+        // there.
+        if (g == 0) return refused_for_its_size(*generator) && (countdown > 0 || generator->exec());
         if (!generator->exec()) return false;
         generator->genPC(iPointCloudGenerator::MethodQ, true);
         return generator->get_pointcloud(nullptr) > 0;
     }
 
-    /// Inside cv::StereoSGBM a failed allocation ends the process, in BufferArea's destructor: it must not get there.
     static bool refused_for_its_size(iPointCloudGenerator& block_matching)
     {
         largest = 100000;
