@@ -1,12 +1,12 @@
 #include "capture.h"
 
+#include "base/whole_file.h"
 #include "camera/stereo_construction.h"
 #include "matching/gyps.h"
 #include "matching/mlps.h"
 #include "matching/sgbm.h"
 #include "sim/render.h"
 #include "sim/scenes.h"
-#include "vexo/file_io.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -67,7 +67,7 @@ bool read_cache(const std::string& file, std::size_t count, Capture& capture)
 {
     const auto pixels = static_cast<std::size_t>(capture.size.area());
     std::string bytes;
-    if (!file_io::read_file(file, 2 * count * pixels, bytes) || bytes.size() != 2 * count * pixels) return false;
+    if (!read_file(file, 2 * count * pixels, bytes) || bytes.size() != 2 * count * pixels) return false;
     for (std::size_t i = 0; i < 2 * count; ++i)
         capture.frames[i / count].push_back(
             cv::Mat(capture.size, CV_8U, const_cast<char*>(bytes.data()) + i * pixels).clone());
@@ -80,7 +80,7 @@ void write_cache(const std::string& file, const Capture& capture)
     for (const auto& frames : capture.frames)
         for (const cv::Mat& frame : frames)
             bytes.append(frame.ptr<char>(), frame.total());
-    file_io::write_file(file, bytes);
+    write_file(file, bytes);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "camera/stereo_camera.h"
+#include "vexo/owned.h"
 #include "vexo/point_cloud.h"
 
 /// Frames of the virtual rig, and the library's objects around them, for the benchmarks.
@@ -14,11 +15,8 @@ namespace bench {
 
 enum class Method { gray_phase, multi_phase, sgbm };
 
-struct Destroy {
-    template <class T> void operator()(T* object) const { object->destroy(); }
-};
-using Camera = std::unique_ptr<vexo::StereoCamera, Destroy>;
-template <class T> using Owned = std::unique_ptr<T, Destroy>;
+using Camera = vexo::Owned<vexo::StereoCamera>;
+using vexo::Owned;
 
 /// What both cameras recorded of a ball before a wall.
 struct Capture {

@@ -41,7 +41,7 @@ private:
 std::string good_input()
 {
     std::string bytes;
-    must(file_io::read_file(samples() / VEXO_FUZZ_FILE, 1U << 24, bytes), "the sample can be read");
+    must(read_file(samples() / VEXO_FUZZ_FILE, 1U << 24, bytes), "the sample can be read");
     return bytes;
 }
 

@@ -4,8 +4,8 @@
 #include <array>
 #include <stdexcept>
 
+#include "base/plain_yaml.h"
 #include "sim/scenes.h"
-#include "vexo/file_io.h"
 
 namespace vexo {
 namespace sim {
@@ -68,7 +68,7 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
 
 std::string cameras_yaml(const Rig& rig)
 {
-    cv::FileStorage storage = file_io::memory_yaml();
+    cv::FileStorage storage = memory_yaml();
     for (int i = 0; i < 2; ++i) {
         const Camera& camera = rig.cameras[static_cast<std::size_t>(i)];
         const cv::Matx34d pose = pose_in_camera0(rig, i);

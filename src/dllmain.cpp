@@ -1,5 +1,6 @@
 #include "vexo/factories.h"
 
+#include "base/boundary.h"
 #include "board/KorvaCalibBoardRecognizer.h"
 #include "calib/CameraCalibrator.h"
 #include "calib/StereoCalibrator.h"
@@ -12,17 +13,6 @@
 
 namespace vexo {
 namespace {
-
-/// Runs `make`; whatever it throws becomes null. Members allocate in constructors, too, so even a
-/// non-throwing new may throw.
-template <class Make> auto null_if_it_throws(Make make) noexcept -> decltype(make())
-{
-    try {
-        return make();
-    } catch (...) {
-        return nullptr;
-    }
-}
 
 template <class Concrete, class Interface> Interface* make_new() noexcept
 {

@@ -1,7 +1,9 @@
 #include "board_file.h"
 
 #include "common.h"
-#include "vexo/file_io.h"
+
+#include "base/plain_yaml.h"
+#include "base/whole_file.h"
 
 #include <opencv2/core.hpp>
 
@@ -156,9 +158,9 @@ std::string why_unreadable(const BoardFile& board)
 
 BoardFile load_board(const std::string& path)
 {
-    read_bytes(path, file_io::max_yaml_bytes); // its messages name what is wrong with the file itself
+    read_bytes(path, max_yaml_bytes); // its messages name what is wrong with the file itself
     cv::FileStorage file;
-    if (!file_io::open_yaml(path, file) || !file.root().isMap())
+    if (!open_yaml(path, file) || !file.root().isMap())
         throw Failure(path + ": is not a board file; vexo board writes one");
 
     BoardFile board;

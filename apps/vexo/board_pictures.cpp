@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using RecogniserPtr = std::unique_ptr<iCalibBoardRecognizer, Destroy>;
+using RecogniserPtr = Owned<iCalibBoardRecognizer>;
 using Numbered = std::map<int, std::string>;
 
 /// Files by the number in their names. Throws Failure for names without a number and for equal numbers.

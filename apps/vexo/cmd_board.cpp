@@ -1,6 +1,5 @@
 #include "board_sheet.h"
 #include "common.h"
-#include "vexo/file_io.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>

@@ -1,5 +1,7 @@
 #include "calibration_report.h"
 #include "common.h"
+
+#include "base/whole_file.h"
 #include "frames.h"
 #include "pictures.h"
 #include "stop.h"
@@ -31,8 +33,8 @@ struct CalibrateOptions {
 /// Views that are held out together must leave this many for a calibration of their own.
 constexpr std::size_t least_half = 4;
 
-using StereoCalibratorPtr = std::unique_ptr<iStereoCalibrator, Destroy>;
-using CameraCalibratorPtr = std::unique_ptr<iCameraCalibrator, Destroy>;
+using StereoCalibratorPtr = Owned<iStereoCalibrator>;
+using CameraCalibratorPtr = Owned<iCameraCalibrator>;
 
 /// What a calibrator of the library found.
 struct Found {

@@ -5,7 +5,7 @@
 #include "report.h"
 #include "rig.h"
 #include "sphere_fit.h"
-#include "vexo/picture_size.h"
+#include "vexo/limits.h"
 
 #include <CLI/CLI.hpp>
 #include <opencv2/calib3d.hpp>

@@ -1,10 +1,12 @@
 #include "common.h"
+
+#include "base/whole_file.h"
 #include "ply.h"
 #include "report.h"
 #include "rig.h"
 
-#include "vexo/file_io.h"
-#include "vexo/picture_size.h"
+#include "base/plain_yaml.h"
+#include "vexo/limits.h"
 
 #include <CLI/CLI.hpp>
 #include <opencv2/calib3d.hpp>
@@ -126,7 +128,7 @@ Json describe_camera_yaml(const cv::FileStorage& yaml, const InfoOptions& o)
 Json describe_yaml(const InfoOptions& o)
 {
     cv::FileStorage yaml;
-    if (!file_io::open_yaml(o.file, yaml)) throw Failure(o.file + ": is not a YAML file that this program reads");
+    if (!open_yaml(o.file, yaml)) throw Failure(o.file + ": is not a YAML file that this program reads");
     try {
         if (!yaml.root().isMap()) throw Failure(o.file + ": is YAML, but holds no keys");
         return yaml["StereoName"].empty() ? describe_camera_yaml(yaml, o) : describe_stereo_yaml(yaml, o);

@@ -2,7 +2,7 @@
 
 #include "stop.h"
 
-#include "vexo/file_io.h"
+#include "base/whole_file.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -165,19 +165,6 @@ std::pair<double, double> parse_range(const std::string& text, const std::string
     return { bounds[0], bounds[1] };
 }
 
-std::string read_bytes(const std::string& path, std::size_t limit)
-{
-    std::string bytes;
-    if (file_io::read_file(path, limit, bytes)) return bytes;
-    std::error_code ignored;
-    if (!fs::exists(path, ignored)) throw Failure(path + ": there is no such file");
-    if (!fs::is_regular_file(path, ignored)) throw Failure(path + ": is not a file");
-    const auto size = fs::file_size(path, ignored);
-    if (!ignored && size == 0) throw Failure(path + ": the file is empty");
-    if (!ignored && size > limit) throw Failure(path + ": the file is larger than " + std::to_string(limit) + " bytes");
-    throw Failure(path + ": the file cannot be read; check its permissions");
-}
-
 void in_parallel(std::size_t count, const std::function<void(std::size_t)>& work)
 {
     std::vector<std::exception_ptr> faults(count);
@@ -246,7 +233,7 @@ std::string OutputFolder::_place(const std::string& name) const
 void OutputFolder::_write(const TemporaryFolder& unfinished) const
 {
     in_parallel(_files.size(), [&](std::size_t i) {
-        if (!file_io::write_file(unfinished / std::to_string(i), _files[i].second))
+        if (!write_file(unfinished / std::to_string(i), _files[i].second))
             throw Failure(_place(_files[i].first) + ": cannot be written; is the disk full, or the folder read-only?");
     });
 }

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "base/failure.h"
+
 #include <nlohmann/json_fwd.hpp>
 
 #include <chrono>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,13 +16,6 @@ class App;
 
 /// The host program `vexo`: one file per command. Uses the public interface of the library, and sim/.
 namespace vexo::app {
-
-/// What the user did or has is not usable. The text is one line: which file, what is wrong, what to do.
-/// main() prints it after "vexo: " and returns 1.
-class Failure : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 class TemporaryFolder;
 
@@ -79,9 +73,6 @@ std::string percent(double part, double whole);
 std::string grouped(long long value);
 /// "NEAR:FAR" as two finite numbers; throws Failure naming `option` otherwise.
 std::pair<double, double> parse_range(const std::string& text, const std::string& option);
-
-/// The bytes of a regular file; throws Failure when it is absent, empty or larger than `limit`.
-std::string read_bytes(const std::string& path, std::size_t limit);
 
 /// Throws Failure when `folder` is not a folder that can be written, and could not be made.
 void check_output_folder(const std::string& folder);

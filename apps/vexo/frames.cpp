@@ -1,8 +1,10 @@
 #include "frames.h"
 
 #include "common.h"
+
+#include "base/picture_header.h"
+#include "base/whole_file.h"
 #include "quiet_stderr.h"
-#include "vexo/picture_size.h"
 
 #include <opencv2/imgcodecs.hpp>
 

@@ -2,6 +2,8 @@
 
 #include "common.h"
 
+#include "base/whole_file.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>

@@ -2,6 +2,8 @@
 
 #include "common.h"
 
+#include "base/whole_file.h"
+
 namespace vexo::app {
 
 Json quantiles(const std::vector<float>& values)

@@ -2,7 +2,9 @@
 
 #include "common.h"
 
-#include "vexo/file_io.h"
+#include "base/whole_file.h"
+
+#include "base/plain_yaml.h"
 
 #include <opencv2/calib3d.hpp>
 
@@ -54,9 +56,9 @@ cv::Vec3d point_at(iStereoCamera& camera, int x, int y, double disparity)
 
 CalibratedCamera read_camera(const std::string& path, const std::string& name)
 {
-    read_bytes(path, file_io::max_yaml_bytes); // says what is wrong with the file itself
+    read_bytes(path, max_yaml_bytes); // says what is wrong with the file itself
     cv::FileStorage file;
-    if (!file_io::open_yaml(path, file)) throw Failure(path + ": is not a calibration file (YAML)");
+    if (!open_yaml(path, file)) throw Failure(path + ": is not a calibration file (YAML)");
     CalibratedCamera camera;
     try {
         const cv::FileNode size = file[name + "_size"];

@@ -11,12 +11,8 @@
 
 namespace vexo::app {
 
-/// Ends an object of the library.
-struct Destroy {
-    template <class T> void operator()(T* object) const { object->destroy(); }
-};
-using StereoCameraPtr = std::unique_ptr<iStereoCamera, Destroy>;
-using GeneratorPtr = std::unique_ptr<iPointCloudGenerator, Destroy>;
+using StereoCameraPtr = Owned<iStereoCamera>;
+using GeneratorPtr = Owned<iPointCloudGenerator>;
 
 /// A calibrated camera as its YAML file has it: x_camera = R x_world + T.
 struct CalibratedCamera {

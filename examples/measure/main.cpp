@@ -9,11 +9,6 @@
 #include <iostream>
 #include <memory>
 
-/// Objects of the library are released by destroy(), never by delete.
-struct Destroy {
-    template <class Object> void operator()(Object* object) const { object->destroy(); }
-};
-
 /// Receives the cloud and writes the measured points, x right, y down, z forward from rectified camera 0.
 struct PlyWriter : vexo::PointCloudCallback {
     std::ofstream file;
@@ -43,10 +38,10 @@ int main(int argc, char** argv)
     rectify.inp_width = 1280;
     rectify.inp_height = 1024;
     const std::vector<std::string> files { scan + "/cameras.yaml" };
-    const std::unique_ptr<vexo::iStereoCamera, Destroy> camera(vexo::CreateStereoCamera(2, &files, &rectify));
+    const vexo::Owned<vexo::iStereoCamera> camera(vexo::CreateStereoCamera(2, &files, &rectify));
     if (!camera) return std::cerr << files[0] << ": not a camera pair for 1280 x 1024\n", 1;
 
-    const std::unique_ptr<vexo::iPointCloudGenerator, Destroy> generator(vexo::CreatePointCloudGenerator(1));
+    const vexo::Owned<vexo::iPointCloudGenerator> generator(vexo::CreatePointCloudGenerator(1));
     vexo::GrayPhaseMatchingParam param;
     param.max_phase_diff = 0.15; // fringe periods
     param.fit_points = 5;

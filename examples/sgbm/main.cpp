@@ -18,12 +18,8 @@ constexpr double f = 3740.0;       // px
 constexpr double baseline = 160.0; // mm
 constexpr float none = -1.0F;
 
-/// Objects of the library are released by destroy(), never by delete.
-struct Destroy {
-    template <class Object> void operator()(Object* object) const { object->destroy(); }
-};
-using Camera = std::unique_ptr<vexo::iStereoCamera, Destroy>;
-using Generator = std::unique_ptr<vexo::iPointCloudGenerator, Destroy>;
+using Camera = vexo::Owned<vexo::iStereoCamera>;
+using Generator = vexo::Owned<vexo::iPointCloudGenerator>;
 
 /// A pair whose rectification changes nothing: two equal cameras without distortion, side by side, with the
 /// principal point in the middle of the picture and kept the same in both (flag 1024). Then every rectified pixel

@@ -12,6 +12,8 @@
 #include "vexo/board.h"
 #include "vexo/calibration.h"
 #include "vexo/factories.h"
+#include "vexo/limits.h"
+#include "vexo/owned.h"
 #include "vexo/point_cloud.h"
 #include "vexo/pose.h"
 #include "vexo/records.h"

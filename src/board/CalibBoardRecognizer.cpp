@@ -1,7 +1,7 @@
 #include "board/CalibBoardRecognizer.h"
 
 #include "board/result_picture.h"
-#include "vexo/picture_size.h"
+#include "vexo/limits.h"
 
 #include <opencv2/imgproc.hpp>
 

@@ -1,7 +1,7 @@
 #include "board/result_picture.h"
 
+#include "base/whole_file.h"
 #include "board/RotatedEllipse.h"
-#include "vexo/file_io.h"
 
 #include <opencv2/highgui.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -43,7 +43,7 @@ bool write_picture(const std::string& path, const cv::Mat& picture) noexcept
         const size_t dot = path.rfind('.');
         if (picture.empty() || dot == std::string::npos) return false;
         std::vector<unsigned char> bytes;
-        return cv::imencode(path.substr(dot), picture, bytes) && file_io::write_file(path, bytes);
+        return cv::imencode(path.substr(dot), picture, bytes) && write_file(path, bytes);
     } catch (...) {
         return false; // no encoder for this extension, or no memory
     }

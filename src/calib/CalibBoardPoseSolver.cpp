@@ -1,11 +1,11 @@
 #include "calib/CalibBoardPoseSolver.h"
 
+#include "base/plain_yaml.h"
 #include "board/CalibBoardRecognizer.h"
 #include "board/result_picture.h"
 #include "calib/board_pose.h"
 #include "camera/camera_file.h"
 #include "camera/image_file.h"
-#include "vexo/file_io.h"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
@@ -44,7 +44,7 @@ bool CalibBoardPoseSolver::init_camera(const std::vector<std::string>& files, in
     if (selector < 0 || files.empty() || (own_file && static_cast<size_t>(selector) >= files.size())) return false;
     try {
         cv::FileStorage storage;
-        if (!file_io::open_yaml(files[own_file ? static_cast<size_t>(selector) : 0], storage)) return false;
+        if (!open_yaml(files[own_file ? static_cast<size_t>(selector) : 0], storage)) return false;
         DistortCamera fresh(cv::Size(0, 0), camera_name(storage, selector, own_file));
         if (fresh.name.empty() || !fresh.load(&storage)) return false;
         const bool any_size = width == 0 && height == 0;

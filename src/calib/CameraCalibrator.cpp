@@ -1,9 +1,9 @@
 #include "calib/CameraCalibrator.h"
 
+#include "base/boundary.h"
+#include "base/plain_yaml.h"
 #include "board/CalibBoardRecognizer.h"
 #include "camera/image_file.h"
-#include "camera/no_memory.h"
-#include "vexo/file_io.h"
 
 #include <utility>
 
@@ -61,8 +61,8 @@ bool CameraCalibrator::save_calibfile(std::string file, std::string name)
     try {
         DistortCamera named(_camera);
         if (!name.empty()) named.name = name;
-        cv::FileStorage storage = file_io::memory_yaml();
-        if (!named.save(&storage) || !file_io::close_yaml(storage, file)) return false;
+        cv::FileStorage storage = memory_yaml();
+        if (!named.save(&storage) || !close_yaml(storage, file)) return false;
         _camera.name = named.name;
         return true;
     } catch (...) {

@@ -1,12 +1,12 @@
 #include "calib/StereoCalibrator.h"
 
+#include "base/boundary.h"
+#include "base/plain_yaml.h"
 #include "board/CalibBoardRecognizer.h"
 #include "board/result_picture.h"
 #include "calib/board_pose.h"
 #include "camera/image_file.h"
-#include "camera/no_memory.h"
 #include "camera/stereo_construction.h"
-#include "vexo/file_io.h"
 
 #include <algorithm>
 #include <cmath>
@@ -222,13 +222,11 @@ bool StereoCalibrator::save_calibfile(std::string file0, std::string file1)
     return false_if_it_throws([&] {
         _cameras[0].name = "cam0";
         _cameras[1].name = "cam1";
-        cv::FileStorage storage0 = file_io::memory_yaml();
+        cv::FileStorage storage0 = memory_yaml();
         if (!_cameras[0].save(&storage0)) return false;
-        if (file1.empty() || same_file(file0, file1))
-            return _cameras[1].save(&storage0) && file_io::close_yaml(storage0, file0);
-        cv::FileStorage storage1 = file_io::memory_yaml();
-        return _cameras[1].save(&storage1) && file_io::close_yaml(storage0, file0)
-            && file_io::close_yaml(storage1, file1);
+        if (file1.empty() || same_file(file0, file1)) return _cameras[1].save(&storage0) && close_yaml(storage0, file0);
+        cv::FileStorage storage1 = memory_yaml();
+        return _cameras[1].save(&storage1) && close_yaml(storage0, file0) && close_yaml(storage1, file1);
     });
 }
 
@@ -251,8 +249,8 @@ bool StereoCalibrator::save_stereofile(std::string file, std::string map_file0, 
             camera->cam0.map_file = map_file0;
             camera->cam1.map_file = map_file1;
         }
-        cv::FileStorage storage = file_io::memory_yaml();
-        return camera->save(&storage) && file_io::close_yaml(storage, file);
+        cv::FileStorage storage = memory_yaml();
+        return camera->save(&storage) && close_yaml(storage, file);
     });
 }
 
@@ -269,9 +267,9 @@ bool StereoCalibrator::save_boardRT(std::string file)
     return false_if_it_throws([&] {
         cv::Mat_<double> rect0_from_board = _rect0_from_board;
         if (rect0_from_board.empty() && !_first_pair_pose(rect0_from_board)) return false;
-        cv::FileStorage storage = file_io::memory_yaml();
+        cv::FileStorage storage = memory_yaml();
         cv::write(storage, "RT", rect0_from_board);
-        return file_io::close_yaml(storage, file);
+        return close_yaml(storage, file);
     });
 }
 

@@ -1,20 +1,22 @@
 #include "calib/board_input.h"
 
+#include "base/boundary.h"
+#include "board/KorvaCalibBoardRecognizer.h"
 #include "board/result_picture.h"
-#include "vexo/factories.h"
 
 #include <opencv2/highgui.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include <cstdint>
 #include <filesystem>
+#include <new>
 
 namespace vexo {
 
 bool set_board_parameters(
     RecognizerPtr& recognizer, PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board)
 {
-    if (!recognizer) recognizer.reset(CreateCalibBoardRecognizer());
+    if (!recognizer) recognizer.reset(null_if_it_throws([] { return new (std::nothrow) KORVACalibBoardRecognizer; }));
     return recognizer && recognizer->set_parameters(pre, circle, board);
 }
 

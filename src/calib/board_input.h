@@ -2,10 +2,10 @@
 
 #include "calib/Calibrator.h"
 #include "vexo/board.h"
+#include "vexo/owned.h"
 
 #include <opencv2/core.hpp>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,10 +16,7 @@ namespace vexo {
 /// How long a result picture is shown before the next picture is taken, ms.
 constexpr int moment_ms = 10;
 
-struct DestroyRecognizer {
-    void operator()(iCalibBoardRecognizer* recognizer) const { recognizer->destroy(); }
-};
-using RecognizerPtr = std::unique_ptr<iCalibBoardRecognizer, DestroyRecognizer>;
+using RecognizerPtr = Owned<iCalibBoardRecognizer>;
 
 /// Forwards the parameters; makes the recogniser when there is none. False when that fails or they are refused.
 bool set_board_parameters(

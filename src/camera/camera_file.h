@@ -1,7 +1,7 @@
 #pragma once
 
-#include "vexo/file_io.h"
-#include "vexo/picture_size.h"
+#include "base/plain_yaml.h"
+#include "vexo/limits.h"
 
 #include <opencv2/core.hpp>
 
@@ -64,8 +64,8 @@ template <class Write> bool save_yaml(cv::FileStorage* given, const std::string&
     try {
         if (given != nullptr) return given->isOpened() && write(*given);
         const std::string file = default_file(name);
-        cv::FileStorage own = file_io::memory_yaml();
-        return own.isOpened() && write(own) && file_io::close_yaml(own, file);
+        cv::FileStorage own = memory_yaml();
+        return own.isOpened() && write(own) && close_yaml(own, file);
     } catch (...) {
         return false;
     }
@@ -78,7 +78,7 @@ template <class Read> bool load_yaml(cv::FileStorage* given, const std::string& 
     try {
         if (given != nullptr) return given->isOpened() && read(*given);
         cv::FileStorage own;
-        return file_io::open_yaml(default_file(name), own) && read(own);
+        return open_yaml(default_file(name), own) && read(own);
     } catch (...) {
         return false;
     }

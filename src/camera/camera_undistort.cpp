@@ -1,4 +1,5 @@
 #include "camera/camera_undistort.h"
+#include "base/whole_file.h"
 
 #include "camera/camera_file.h"
 
@@ -92,7 +93,7 @@ bool read_table_file(const std::string& file, cv::Size size, cv::Mat& map1, cv::
     if (!camera_file::is_picture_size(size)) return false;
     const std::size_t largest = static_cast<std::size_t>(size.area()) * 16 + 64;
     std::string bytes;
-    if (!file_io::read_file(file, largest, bytes)) return false;
+    if (!read_file(file, largest, bytes)) return false;
     std::istringstream is(bytes);
     return load_map(is, map1) && load_map(is, map2) && are_table_pair(map1, map2, size);
 }
@@ -100,7 +101,7 @@ bool read_table_file(const std::string& file, cv::Size size, cv::Mat& map1, cv::
 bool write_table_file(const std::string& file, const cv::Mat& map1, const cv::Mat& map2)
 {
     std::ostringstream os;
-    return save_map(os, map1) && save_map(os, map2) && file_io::write_file(file, os.str());
+    return save_map(os, map1) && save_map(os, map2) && write_file(file, os.str());
 }
 
 // Whether a file can be opened; a file that can but is none (a directory, a FIFO) counts as damaged later.

@@ -1,7 +1,7 @@
 #include "camera/image_file.h"
 
-#include "vexo/file_io.h"
-#include "vexo/picture_size.h"
+#include "base/picture_header.h"
+#include "base/whole_file.h"
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -11,8 +11,7 @@ cv::Mat read_grey_image(const std::string& path) noexcept
 {
     try {
         std::string bytes;
-        if (!file_io::read_file(path, picture_file::max_bytes, bytes) || !picture_file::may_be_decoded(bytes))
-            return {};
+        if (!read_file(path, picture_file::max_bytes, bytes) || !picture_file::may_be_decoded(bytes)) return {};
         const cv::Mat file(1, static_cast<int>(bytes.size()), CV_8U, &bytes[0]);
         cv::Mat image = cv::imdecode(file, cv::IMREAD_GRAYSCALE);
         const bool good = image.type() == CV_8UC1 && image.total() <= std::size_t { max_picture_area };

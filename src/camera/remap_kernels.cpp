@@ -1,6 +1,6 @@
 #include "camera/remap_kernels.h"
 
-#include "camera/cpu.h"
+#include "base/cpu.h"
 
 #include <algorithm>
 #include <cstring>

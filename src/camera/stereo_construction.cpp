@@ -1,4 +1,6 @@
 #include "camera/stereo_construction.h"
+#include "base/plain_yaml.h"
+#include "base/whole_file.h"
 
 #include "camera/camera_file.h"
 
@@ -44,7 +46,7 @@ bool is_real_camera(const DistortCamera& cam)
 bool load_camera(const std::string& file, const std::string& name, DistortCamera& cam)
 {
     cv::FileStorage fs;
-    if (!file_io::open_yaml(file, fs)) return false;
+    if (!open_yaml(file, fs)) return false;
     if (!camera_file::has_projection(fs, name)) return false;
     cam.name = name;
     return cam.load(&fs);
@@ -52,7 +54,7 @@ bool load_camera(const std::string& file, const std::string& name, DistortCamera
 
 bool read_exactly(const std::string& file, std::size_t size, std::string& bytes)
 {
-    return file_io::read_file(file, size, bytes) && bytes.size() == size;
+    return read_file(file, size, bytes) && bytes.size() == size;
 }
 
 bool load_projection(const std::string& file, PinHoleCamera& cam)
@@ -174,8 +176,8 @@ bool store_StereoCamera_to_Hmats(
         std::ostringstream projection1;
         return SaveRectifyTables(&camera->cam0, tables) && SaveRectifyTables(&camera->cam1, tables)
             && camera->cam0.save_hmat(projection0) && camera->cam1.save_hmat(projection1)
-            && file_io::write_file(file2, tables.str()) && file_io::write_file(file0, projection0.str())
-            && file_io::write_file(file1, projection1.str());
+            && write_file(file2, tables.str()) && write_file(file0, projection0.str())
+            && write_file(file1, projection1.str());
     });
 }
 

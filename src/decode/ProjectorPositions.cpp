@@ -1,10 +1,10 @@
 #include "decode/ProjectorPositions.h"
 
-#include "decode/large_pages.h"
+#include "base/large_pages.h"
+#include "base/whole_file.h"
 #include "decode/phase_kernels.h"
 #include "decode/stream_copy.h"
-#include "vexo/file_io.h"
-#include "vexo/picture_size.h"
+#include "vexo/limits.h"
 
 #include <algorithm>
 #include <cstring>
@@ -211,13 +211,13 @@ void ProjectorPositions::vmask2valid()
 void ProjectorPositions::_save_raw(const cv::Mat_<float>& image, const std::string& name)
 {
     const cv::Mat rows = image.isContinuous() ? cv::Mat(image) : image.clone();
-    file_io::write_file(name, rows.data, rows.total() * sizeof(float));
+    write_file(name, rows.data, rows.total() * sizeof(float));
 }
 
 void ProjectorPositions::_save_mask(const std::string& name) const
 {
     std::vector<uchar> bytes;
-    if (!vmask.empty() && cv::imencode(".pgm", vmask, bytes)) file_io::write_file(name, bytes);
+    if (!vmask.empty() && cv::imencode(".pgm", vmask, bytes)) write_file(name, bytes);
 }
 
 void ProjectorPositions::save_unwrap() const

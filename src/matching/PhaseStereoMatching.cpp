@@ -1,8 +1,8 @@
 #include "matching/PhaseStereoMatching.h"
 
+#include "base/large_pages.h"
 #include "camera/image_file.h"
 #include "camera/stereo_camera.h"
-#include "decode/large_pages.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,9 +1,9 @@
 #include "matching/PointCloudGenerator.h"
 
+#include "base/large_pages.h"
+#include "base/plain_yaml.h"
 #include "camera/stereo_camera.h"
-#include "decode/large_pages.h"
 #include "matching/row_kernels.h"
-#include "vexo/file_io.h"
 
 #include <Eigen/Core>
 
@@ -88,7 +88,7 @@ bool PointCloudGenerator::convert_coordinate(std::string file)
 {
     try {
         cv::FileStorage storage;
-        if (!file_io::open_yaml(file, storage)) return false;
+        if (!open_yaml(file, storage)) return false;
         const cv::FileNode node = storage["RT"];
         if (!node.isMap() || !node["rows"].isInt() || !node["cols"].isInt()) return false;
         if (static_cast<int>(node["rows"]) != 4 || static_cast<int>(node["cols"]) != 4) return false;

@@ -1,6 +1,6 @@
 #include "matching/row_kernels.h"
 
-#include "camera/cpu.h"
+#include "base/cpu.h"
 
 #include <algorithm>
 #include <cmath>

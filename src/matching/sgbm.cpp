@@ -1,7 +1,7 @@
 #include "matching/sgbm.h"
 
+#include "base/boundary.h"
 #include "camera/image_file.h"
-#include "camera/no_memory.h"
 #include "camera/stereo_camera.h"
 
 #include <opencv2/calib3d.hpp>

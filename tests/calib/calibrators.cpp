@@ -1,5 +1,7 @@
 // From pictures to files: both calibrators and the pose solver on rendered boards.
 
+#include "base/plain_yaml.h"
+#include "base/whole_file.h"
 #include "board/PreProcessor.h"
 #include "calib/CalibBoardPoseSolver.h"
 #include "calib/CameraCalibrator.h"
@@ -7,7 +9,6 @@
 #include "calib/StereoCalibrator.h"
 #include "camera/stereo_construction.h"
 #include "support/no_display.h"
-#include "vexo/file_io.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
@@ -100,7 +101,7 @@ DistortCamera load(const std::string& file, const std::string& name)
 {
     cv::FileStorage storage;
     DistortCamera camera({ 0, 0 }, name);
-    EXPECT_TRUE(file_io::open_yaml(file, storage) && camera.load(&storage)) << file << " " << name;
+    EXPECT_TRUE(open_yaml(file, storage) && camera.load(&storage)) << file << " " << name;
     return camera;
 }
 
@@ -180,7 +181,7 @@ TEST(StereoCalibrator, LaterCalibrationLeavesTheBoardFrameOfAnEarlierStereoCamer
         }
         ASSERT_TRUE(pair.create_stereo_brdcrd(p0.data, p0.step, p1.data, p1.step));
         ASSERT_TRUE(pair.save_boardRT(folder + "rt.yaml"));
-        ASSERT_TRUE(file_io::read_file(folder + "rt.yaml", 1 << 20, files[half]));
+        ASSERT_TRUE(read_file(folder + "rt.yaml", 1 << 20, files[half]));
     }
     EXPECT_EQ(files[0], files[1]);
     std::filesystem::remove_all(folder);
@@ -196,17 +197,17 @@ TEST(StereoCalibrator, BoardFrameGivesTheBoardsOwnCoordinatesAndDoesNotPileUp)
         ASSERT_TRUE(c.pair.save_stereofile(folder + name, "", ""));
     }
     std::string once, again;
-    ASSERT_TRUE(file_io::read_file(folder + "once.yaml", 1 << 20, once));
-    ASSERT_TRUE(file_io::read_file(folder + "again.yaml", 1 << 20, again));
+    ASSERT_TRUE(read_file(folder + "once.yaml", 1 << 20, once));
+    ASSERT_TRUE(read_file(folder + "again.yaml", 1 << 20, again));
     EXPECT_EQ(once, again);
 
     cv::FileStorage storage;
     StereoCamera in_board({ 1280, 1024 });
-    ASSERT_TRUE(file_io::open_yaml(folder + "once.yaml", storage) && in_board.load(&storage));
+    ASSERT_TRUE(open_yaml(folder + "once.yaml", storage) && in_board.load(&storage));
     ASSERT_TRUE(c.pair.save_boardRT(folder + "rt.yaml"));
     cv::FileStorage rt;
     cv::Mat_<double> rect0_from_board;
-    ASSERT_TRUE(file_io::open_yaml(folder + "rt.yaml", rt));
+    ASSERT_TRUE(open_yaml(folder + "rt.yaml", rt));
     rt["RT"] >> rect0_from_board;
     ASSERT_EQ(rect0_from_board.size(), cv::Size(4, 4));
 
@@ -256,7 +257,7 @@ TEST(StereoCalibrator, EveryFileComesBackAndWhatCannotBeWrittenIsFalse)
     loaded.cam0.map_file = folder + "map0";
     loaded.cam1.map_file = folder + "map1";
     cv::FileStorage storage;
-    ASSERT_TRUE(file_io::open_yaml(folder + "stereo.yaml", storage) && loaded.load(&storage));
+    ASSERT_TRUE(open_yaml(folder + "stereo.yaml", storage) && loaded.load(&storage));
     ASSERT_TRUE(from_files != nullptr && from_hmat != nullptr);
     for (StereoCamera* stereo : { from_files, from_hmat, &loaded })
         EXPECT_NEAR(stereo->get_baseline_length(), c.baseline, 1e-6);

@@ -1,5 +1,5 @@
 #include "camera/image_file.h"
-#include "vexo/picture_size.h"
+#include "base/picture_header.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>

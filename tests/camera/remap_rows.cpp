@@ -1,6 +1,6 @@
 // The row kernel behind UndistortCamera::remap: the same bits as cv::remap and as its plain twin.
+#include "base/cpu.h"
 #include "camera/camera_undistort.h"
-#include "camera/cpu.h"
 #include "camera/rig.h"
 #include "reference/plain_remap.h"
 

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "base/plain_yaml.h"
 #include "camera/camera_distort.h"
 #include "camera/stereo_construction.h"
-#include "vexo/file_io.h"
+#include "vexo/owned.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
@@ -21,10 +22,7 @@
 /// A calibrated pair with distortion, and helpers shared by the camera tests.
 namespace rig {
 
-struct Destroy {
-    void operator()(vexo::iStereoCamera* camera) const { camera->destroy(); }
-};
-using Stereo = std::unique_ptr<vexo::StereoCamera, Destroy>;
+using Stereo = vexo::Owned<vexo::StereoCamera>;
 using Pair = std::array<vexo::DistortCamera, 2>;
 
 inline cv::Mat_<double> rotation(double x, double y, double z)
@@ -167,7 +165,7 @@ private:
 /// YAML text of whatever saves itself into a storage.
 template <class Camera> std::string yaml(Camera& camera)
 {
-    cv::FileStorage fs = vexo::file_io::memory_yaml();
+    cv::FileStorage fs = vexo::memory_yaml();
     EXPECT_TRUE(camera.save(&fs));
     return fs.releaseAndGetString();
 }

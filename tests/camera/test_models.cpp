@@ -1,6 +1,8 @@
 // PinHoleCamera and DistortCamera.
 #include "camera/rig.h"
 
+#include "base/plain_yaml.h"
+
 #include <cfloat>
 #include <cstring>
 #include <sys/stat.h>
@@ -272,7 +274,7 @@ TEST_F(CameraFiles, NamesThatAreNoKeysSaveNothing)
         PinHoleCamera pinhole({ 640, 480 }, name);
         DistortCamera distorted = rig::camera(name, { 640, 480 }, 800, {});
         vexo::UndistortCamera rectified({ 640, 480 }, name);
-        cv::FileStorage fs = vexo::file_io::memory_yaml();
+        cv::FileStorage fs = vexo::memory_yaml();
         EXPECT_FALSE(pinhole.save(nullptr) || distorted.save(nullptr) || rectified.save(nullptr)) << name;
         EXPECT_FALSE(pinhole.save(&fs) || distorted.save(&fs) || rectified.save(&fs)) << name;
         EXPECT_EQ(fs.releaseAndGetString().find("size"), std::string::npos);

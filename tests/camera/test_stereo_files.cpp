@@ -1,4 +1,5 @@
 // Stereo files, hmat sets and the creation functions.
+#include "base/plain_yaml.h"
 #include "camera/rig.h"
 #include "vexo/factories.h"
 
@@ -11,11 +12,11 @@ using vexo::StereoCamera;
 
 namespace {
 
-/// file_io::open_yaml() without the file.
+/// open_yaml() without the file.
 bool open_text(const std::string& text, cv::FileStorage& fs)
 {
     try {
-        return vexo::file_io::yaml_is_plain(text) && fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
+        return vexo::yaml_is_plain(text) && fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
     } catch (const cv::Exception&) {
         return false;
     }
@@ -39,7 +40,7 @@ protected:
     /// Both calibrated cameras in one text, camera 0 first.
     static std::string pair_text(Pair cams)
     {
-        cv::FileStorage fs = vexo::file_io::memory_yaml();
+        cv::FileStorage fs = vexo::memory_yaml();
         EXPECT_TRUE(cams[0].save(&fs) && cams[1].save(&fs));
         return fs.releaseAndGetString();
     }
@@ -75,7 +76,7 @@ TEST_F(StereoFiles, SavedPairIsReadBackUnderAnyName)
     }
     StereoCamera loaded({ 1, 1 });
     cv::FileStorage fs;
-    ASSERT_TRUE(vexo::file_io::open_yaml("cell 7_param.yaml", fs));
+    ASSERT_TRUE(vexo::open_yaml("cell 7_param.yaml", fs));
     ASSERT_TRUE(loaded.load(&fs)); // "stereo" takes the name in the file
     EXPECT_EQ(loaded.name + loaded.cam0.name, "cell 7cell 7L");
     EXPECT_TRUE(fs.isOpened());
@@ -87,7 +88,7 @@ TEST_F(StereoFiles, NamesThatAreNoKeysAndTwoCamerasOfOneNameAreNotSaved)
 {
     ASSERT_EQ(chdir(folder.c_str()), 0);
     const Stereo stereo = rectify(rig::pair());
-    cv::FileStorage fs = vexo::file_io::memory_yaml();
+    cv::FileStorage fs = vexo::memory_yaml();
     for (const std::string name : { "", "7", "a/b", "a:b" }) {
         stereo->name = name;
         EXPECT_FALSE(stereo->save(nullptr) || stereo->save(&fs)) << name;
@@ -151,7 +152,7 @@ TEST_F(StereoFiles, OneFileForBothCamerasIsAsGoodAsTwo)
     for (const int width : { 319, 320 }) { // the factory is told what the host's frames measure
         param.inp_width = width;
         param.inp_height = 256;
-        using Owner = std::unique_ptr<vexo::iStereoCamera, rig::Destroy>;
+        using Owner = std::unique_ptr<vexo::iStereoCamera, vexo::Destroy>;
         EXPECT_EQ(Owner(vexo::CreateStereoCamera(2, &files, &param)) != nullptr, width == 320);
     }
     EXPECT_FALSE(from_yaml({}));

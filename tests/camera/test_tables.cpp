@@ -1,4 +1,5 @@
 // UndistortCamera and its two binary formats.
+#include "base/plain_yaml.h"
 #include "camera/camera_undistort.h"
 #include "camera/rig.h"
 
@@ -257,7 +258,7 @@ TEST_F(TableFiles, TablesThatCannotBeWrittenMakeSaveFalseAndLeaveTheOldFile)
     UndistortCamera cam({ 64, 48 }, "u");
     cam.map_file = path("tables.bin");
     put(cam.map_file, "old");
-    cv::FileStorage fs = vexo::file_io::memory_yaml();
+    cv::FileStorage fs = vexo::memory_yaml();
     EXPECT_FALSE(cam.save(&fs));
     EXPECT_EQ(content(cam.map_file), "old");
     cam = rectified();

@@ -3,7 +3,7 @@
 #include "decode/GrayPhaseLoader.h"
 #include "decode/MultiPhaseDecoder.h"
 
-#include "vexo/file_io.h"
+#include "base/whole_file.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
@@ -133,7 +133,7 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
     positions.vmask = mask;
     positions.save_unwrap();
     std::string bytes;
-    ASSERT_TRUE(file_io::read_file("unwrap1.raw", 1000, bytes));
+    ASSERT_TRUE(read_file("unwrap1.raw", 1000, bytes));
     EXPECT_EQ(bytes, std::string(map.ptr<char>(), 24));
     EXPECT_TRUE(captures::same_bits(cv::imread("vumask1.pgm", cv::IMREAD_UNCHANGED), mask));
 
@@ -141,7 +141,7 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
     positions.white = cv::Mat_<uchar>(2, 3, uchar { 0 });
     positions.valid = { { 1 }, {} };
     positions._save_decode();
-    ASSERT_TRUE(file_io::read_file("phase1.raw", 1000, bytes));
+    ASSERT_TRUE(read_file("phase1.raw", 1000, bytes));
     EXPECT_EQ(bytes, std::string(map.ptr<char>(0, 1), 8) + std::string(map.ptr<char>(1, 1), 8));
     EXPECT_EQ(cv::countNonZero(cv::imread("vmask1.pgm", cv::IMREAD_UNCHANGED)), 1);
 
@@ -151,7 +151,7 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
     periods.white = positions.white;
     periods.valid = { {}, { 0, 2 } };
     periods._save_decode();
-    ASSERT_TRUE(file_io::read_file("phase_0_1.raw", 1000, bytes));
+    ASSERT_TRUE(read_file("phase_0_1.raw", 1000, bytes));
     EXPECT_EQ(bytes, std::string(periods.phases[1].ptr<char>(), 24));
     EXPECT_EQ(cv::countNonZero(cv::imread("vmask0.pgm", cv::IMREAD_UNCHANGED)), 2);
 

@@ -1,5 +1,6 @@
 // Every loader against damaged files, things that are no regular file, and YAML made to hurt.
 
+#include "base/whole_file.h"
 #include "support/child.h"
 #include "support/loaders.h"
 #include "support/mutate.h"
@@ -29,7 +30,7 @@ constexpr long yaml_loaders = 3; ///< the first ones
 std::string content(const std::string& path)
 {
     std::string bytes;
-    if (!file_io::read_file(path, 1U << 26, bytes)) std::abort();
+    if (!read_file(path, 1U << 26, bytes)) std::abort();
     return bytes;
 }
 

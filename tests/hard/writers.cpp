@@ -1,5 +1,7 @@
 // Files that are written while the process is killed, the disk is full, or the folder forbids it.
 
+#include "base/plain_yaml.h"
+#include "base/whole_file.h"
 #include "support/child.h"
 #include "support/mutate.h"
 #include "support/samples.h"
@@ -25,8 +27,8 @@ bool write_yaml(const std::string& path, int version)
 {
     DistortCamera camera({ width, height }, "cam0");
     camera.T(0) = version;
-    cv::FileStorage yaml = file_io::memory_yaml();
-    return camera.save(&yaml) && file_io::close_yaml(yaml, path);
+    cv::FileStorage yaml = memory_yaml();
+    return camera.save(&yaml) && close_yaml(yaml, path);
 }
 
 bool write_tables(const std::string& path, int version)
@@ -35,7 +37,7 @@ bool write_tables(const std::string& path, int version)
     camera.map1 = cv::Mat(150, 200, CV_32F, cv::Scalar(version));
     camera.map2 = camera.map1.clone();
     camera.map_file = path;
-    cv::FileStorage yaml = file_io::memory_yaml();
+    cv::FileStorage yaml = memory_yaml();
     return camera.save(&yaml);
 }
 
@@ -49,7 +51,7 @@ constexpr Writer writers[] = { { "a.yaml", write_yaml }, { "a.bin", write_tables
 std::string content(const std::string& path)
 {
     std::string bytes;
-    file_io::read_file(path, 1U << 26, bytes);
+    read_file(path, 1U << 26, bytes);
     return bytes;
 }
 

@@ -2,6 +2,7 @@
 
 #include "camera/stereo_camera.h"
 #include "camera/stereo_construction.h"
+#include "vexo/owned.h"
 #include "vexo/point_cloud.h"
 
 #include <opencv2/core.hpp>
@@ -22,11 +23,8 @@ constexpr double focal_px = 200.0;
 constexpr double baseline_mm = 50.0;
 constexpr double period_px = 8.0; ///< of the gray code + phase pattern, in projector px
 
-struct Destroy {
-    template <class T> void operator()(T* object) const { object->destroy(); }
-};
-using Camera = std::unique_ptr<vexo::StereoCamera, Destroy>;
-template <class Matcher> using Owned = std::unique_ptr<Matcher, Destroy>;
+using Camera = vexo::Owned<vexo::StereoCamera>;
+using vexo::Owned;
 
 /// @param fill      grey of rectified pixels without a source
 /// @param toe_in    rad, rotation of camera 1 about y: with it parts of the rectified images have no source

@@ -1,6 +1,6 @@
 // The row kernels, in the form for every processor and in the one for AVX2, against their readable twins.
 #include "matching/row_kernels.h"
-#include "camera/cpu.h"
+#include "base/cpu.h"
 #include "reference/plain_reprojection.h"
 #include "reference/readable_matcher.h"
 

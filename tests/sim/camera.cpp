@@ -1,6 +1,6 @@
 #include "sim/camera.h"
+#include "base/plain_yaml.h"
 #include "sim/capture.h"
-#include "vexo/file_io.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
@@ -67,7 +67,7 @@ TEST(SimCamera, FilesArePlainYamlWithCameraZeroAsTheWorld)
 {
     const Rig rig = make_rig({});
     const std::string text = cameras_yaml(rig);
-    ASSERT_TRUE(vexo::file_io::yaml_is_plain(text));
+    ASSERT_TRUE(vexo::yaml_is_plain(text));
     const cv::FileStorage storage(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
     cv::Mat_<double> R0, T0, K1, R1, T1, P1, D1;
     storage["cam0_R"] >> R0;

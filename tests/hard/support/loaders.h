@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/plain_yaml.h"
 #include "guarded_buffer.h"
 #include "samples.h"
 
@@ -91,7 +92,7 @@ inline std::string state_of(StereoCamera& camera)
     StereoCamera copy(camera);
     copy.cam0.map_file.clear();
     copy.cam1.map_file.clear();
-    cv::FileStorage yaml = file_io::memory_yaml();
+    cv::FileStorage yaml = memory_yaml();
     copy.save(&yaml);
     std::string state = yaml.releaseAndGetString();
     for (const cv::Mat* map : { &camera.cam0.map1, &camera.cam0.map2, &camera.cam1.map1, &camera.cam1.map2 })
@@ -106,7 +107,7 @@ inline Outcome load_stereo(const Paths& path)
     camera->cam1.map_file = path("map1.bin");
     const std::string before = state_of(*camera);
     cv::FileStorage yaml;
-    const bool loaded = file_io::open_yaml(path("stereo.yaml"), yaml) && camera->load(&yaml);
+    const bool loaded = open_yaml(path("stereo.yaml"), yaml) && camera->load(&yaml);
     if (!loaded) return { false, state_of(*camera) == before ? nullptr : "a refused stereo file changed the camera" };
     return { true, drive(camera.get()) };
 }

@@ -3,15 +3,14 @@
 #include "matching/rig.h"
 #include "run.h"
 
-#include "vexo/file_io.h"
+#include "base/plain_yaml.h"
 #include "vexo/vexo.h"
 
 #include <opencv2/imgcodecs.hpp>
 
 namespace hard {
 
-using rig::Destroy;
-template <class Interface> using Owned = std::unique_ptr<Interface, Destroy>;
+using vexo::Owned;
 
 constexpr int width = 48, height = 36; ///< of the pictures in the sample files
 
@@ -45,8 +44,8 @@ inline bool write_samples(const Folder& folder)
     if (!stereo) return false;
     stereo->cam0.map_file = folder / "map0.bin";
     stereo->cam1.map_file = folder / "map1.bin";
-    cv::FileStorage pair = vexo::file_io::memory_yaml(), yaml = vexo::file_io::memory_yaml();
-    cv::FileStorage transform = vexo::file_io::memory_yaml();
+    cv::FileStorage pair = vexo::memory_yaml(), yaml = vexo::memory_yaml();
+    cv::FileStorage transform = vexo::memory_yaml();
     vexo::DistortCamera cams[2] = { { { width, height }, "cam0" }, { { width, height }, "cam1" } };
     for (vexo::DistortCamera& cam : cams) {
         cam.K = (cv::Mat_<double>(3, 3) << 60, 0, 24, 0, 60, 18, 0, 0, 1);
@@ -56,9 +55,8 @@ inline bool write_samples(const Folder& folder)
         if (!cam.save(&pair)) return false;
     }
     cv::write(transform, "RT", (cv::Mat_<double>(4, 4) << 0, -1, 0, 5, 1, 0, 0, 6, 0, 0, 1, 7, 0, 0, 0, 1));
-    bool good = stereo->save(&yaml) && vexo::file_io::close_yaml(yaml, folder / "stereo.yaml")
-        && vexo::file_io::close_yaml(pair, folder / "cams.yaml")
-        && vexo::file_io::close_yaml(transform, folder / "rt.yaml")
+    bool good = stereo->save(&yaml) && vexo::close_yaml(yaml, folder / "stereo.yaml")
+        && vexo::close_yaml(pair, folder / "cams.yaml") && vexo::close_yaml(transform, folder / "rt.yaml")
         && vexo::store_StereoCamera_to_Hmats(
             stereo.get(), folder / "p0.hmat", folder / "p1.hmat", folder / "tables.bin");
     for (const char* name : { "picture.png", "picture.bmp", "picture.jpg", "picture.pgm", "picture.tif" })

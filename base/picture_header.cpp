@@ -1,34 +1,13 @@
-#pragma once
-
-#include <opencv2/core.hpp>
+#include "base/picture_header.h"
 
 #include <algorithm>
 #include <cctype>
-#include <cstddef>
 #include <cstdint>
-#include <string>
 
-/// The pictures that are taken anywhere: of a camera, of frames, of photos of a board, and of picture files.
-/// Shared by the library and the host programs, header-only.
 namespace vexo {
-
-/// Longest side, px. cv::remap counts positions in 16 bits and refuses longer ones.
-constexpr int max_picture_side = 32766;
-
-/// Largest area, px. The four float tables that rectify such a pair take 1 GB.
-constexpr int max_picture_area = 1 << 26;
-
-/// Whether a width and a height, px, lie within these limits; both sides are at least 1.
-constexpr bool is_picture_size(double width, double height)
-{
-    return width >= 1 && height >= 1 && width <= max_picture_side && height <= max_picture_side
-        && width * height <= max_picture_area;
-}
-
 namespace picture_file {
 
-/// Largest picture file that is read, in bytes.
-constexpr std::size_t max_bytes = std::size_t { 256 } << 20;
+namespace {
 
 /// Bytes of a file, read as numbers; past the end there are zeros.
 class Header {
@@ -71,7 +50,7 @@ private:
 };
 
 /// A side that no int holds is as good as any other too large one.
-inline cv::Size size_of(std::uint32_t width, std::uint32_t height) noexcept
+cv::Size size_of(std::uint32_t width, std::uint32_t height) noexcept
 {
     constexpr std::uint32_t largest = INT32_MAX;
     return { static_cast<int>(std::min(width, largest)), static_cast<int>(std::min(height, largest)) };
@@ -79,7 +58,7 @@ inline cv::Size size_of(std::uint32_t width, std::uint32_t height) noexcept
 
 /// JPEG is a chain of segments FF marker length...; the size stands in the frame header, C0 to CF but for
 /// the tables C4, C8 and CC.
-inline cv::Size jpeg_size(const Header& file) noexcept
+cv::Size jpeg_size(const Header& file) noexcept
 {
     std::size_t at = 2;
     while (at + 9 <= file.size()) {
@@ -98,7 +77,7 @@ inline cv::Size jpeg_size(const Header& file) noexcept
 
 /// Whether a JPEG shows its picture in at most 100 scans. A progressive one has about 10; each costs a pass over all
 /// pixels, even an empty one of 10 bytes, so that a file of 1 MB can keep a decoder busy for ten minutes.
-inline bool jpeg_has_few_scans(const std::string& bytes) noexcept
+bool jpeg_has_few_scans(const std::string& bytes) noexcept
 {
     constexpr int most = 100;
     constexpr std::uint32_t end = 0xD9, scan = 0xDA;
@@ -115,7 +94,7 @@ inline bool jpeg_has_few_scans(const std::string& bytes) noexcept
 }
 
 /// BMP: the old core header has 16-bit sides; a negative height means top-down rows.
-inline cv::Size bmp_size(const Header& file) noexcept
+cv::Size bmp_size(const Header& file) noexcept
 {
     if (file.little(14, 4) == 12) return size_of(file.little(18, 2), file.little(20, 2));
     const std::uint32_t height = file.little(22, 4);
@@ -123,7 +102,7 @@ inline cv::Size bmp_size(const Header& file) noexcept
 }
 
 /// PNM: "P5", then width and height as text between white space and comments.
-inline cv::Size pnm_size(const std::string& bytes) noexcept
+cv::Size pnm_size(const std::string& bytes) noexcept
 {
     std::uint32_t sides[2] = { 0, 0 };
     std::size_t at = 2;
@@ -139,7 +118,7 @@ inline cv::Size pnm_size(const std::string& bytes) noexcept
 }
 
 /// Classic TIFF: tags 256 and 257 of the first directory, 16 or 32 bits wide.
-inline cv::Size tiff_size(const Header& file) noexcept
+cv::Size tiff_size(const Header& file) noexcept
 {
     const bool little = file.at(0) == 'I';
     const auto number
@@ -157,10 +136,9 @@ inline cv::Size tiff_size(const Header& file) noexcept
     return size_of(sides[0], sides[1]);
 }
 
-/// Picture size that the first bytes of a picture file announce, without decoding it.
-/// @return  width x height for PNG, JPEG, BMP, PNM and classic TIFF; 0 x 0 when the format is another one or the
-///          header cannot be read
-inline cv::Size announced_size(const std::string& bytes) noexcept
+} // namespace
+
+cv::Size announced_size(const std::string& bytes) noexcept
 {
     const Header file(bytes);
     if (file.starts_with("\x89PNG", 4)) return size_of(file.big(16, 4), file.big(20, 4));
@@ -171,10 +149,7 @@ inline cv::Size announced_size(const std::string& bytes) noexcept
     return {};
 }
 
-/// Whether a file may be given to a decoder of pictures: a few hundred bytes can announce a picture of gigabytes, or
-/// a small one that takes hours, and formats whose size is not known beforehand are handed to libraries far larger than
-/// need be. A file that holds the pictures of two cameras side by side may be wider than max_picture_side.
-inline bool may_be_decoded(const std::string& bytes) noexcept
+bool may_be_decoded(const std::string& bytes) noexcept
 {
     const cv::Size size = announced_size(bytes);
     if (size.empty() || std::int64_t { size.width } * size.height > max_picture_area) return false;

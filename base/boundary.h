@@ -4,7 +4,19 @@
 
 #include <new>
 
+/// Where an exception becomes a return value.
 namespace vexo {
+
+/// Runs `make`; whatever it throws becomes null. Members allocate in constructors, too, so even a
+/// non-throwing new may throw.
+template <class Make> auto null_if_it_throws(Make make) noexcept -> decltype(make())
+{
+    try {
+        return make();
+    } catch (...) {
+        return nullptr;
+    }
+}
 
 /// Runs `steps`, which return a bool. Lack of memory becomes false, whether the standard library or OpenCV reports
 /// it; any other exception goes on to the caller, for operations that state one.
