@@ -14,6 +14,6 @@ build=${1:-build/coverage}
 cmake --preset coverage -B "$build" > /dev/null
 cmake --build "$build" --target unit_tests hard_tests
 find "$build" -name '*.gcda' -delete
-ctest --test-dir "$build" -L 'unit|hard' -E '^sim$|commands' -j2 --output-on-failure
+ctest --test-dir "$build" -L 'unit|hard' -E '^sim\.|commands' -j2 --output-on-failure
 gcovr -r . --filter src/ --filter include/vexo/ --exclude-throw-branches --exclude-unreachable-branches \
   $table --print-summary "$build/src" "$build/tests"
