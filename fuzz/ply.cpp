@@ -26,13 +26,13 @@ bool fuzz_one(const std::string& bytes)
         std::ofstream(path, std::ios::binary) << bytes;
         try {
             must(vexo::app::read_ply(path).size() == header.vertices, "as many points as promised");
-        } catch (const vexo::app::Failure&) {
+        } catch (const vexo::Failure&) {
             std::remove(path.c_str());
             return false;
         }
         std::remove(path.c_str());
         return true;
-    } catch (const vexo::app::Failure&) {
+    } catch (const vexo::Failure&) {
         return false;
     }
 }
