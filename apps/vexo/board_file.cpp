@@ -88,7 +88,7 @@ std::vector<Entry> entries(BoardFile& b)
         whole("C", false, b.pre.C) };
 }
 
-std::string fault_of_sizes(const sim::BoardLayout& b)
+std::string fault_of_sizes(const BoardLayout& b)
 {
     const double lengths[] = { b.pitch_mm, b.diameter_mm, b.hole_mm, b.margin_mm };
     for (const double length : lengths)
@@ -107,7 +107,7 @@ std::string fault_of_sizes(const sim::BoardLayout& b)
 }
 
 /// The rings and the marker between O and X need neighbours on all four sides, as every marker between has.
-std::string fault_of_origin(const sim::BoardLayout& b)
+std::string fault_of_origin(const BoardLayout& b)
 {
     const int right = b.origin_x, left = b.columns - 1 - b.origin_x; // columns beside O
     const int above = b.origin_y, below = b.rows - 1 - b.origin_y;
@@ -145,7 +145,7 @@ CalibBoardParam BoardFile::geometry() const
 
 std::string why_unreadable(const BoardFile& board)
 {
-    const sim::BoardLayout& b = board.layout;
+    const BoardLayout& b = board.layout;
     for (const std::string& fault : { fault_of_sizes(b), fault_of_origin(b), fault_of_settings(board) })
         if (!fault.empty()) return fault;
     const double spacing = b.pitch_mm / b.diameter_mm, farthest = board.neighbour_limit + link_slack;
@@ -197,7 +197,7 @@ std::string board_yaml(const BoardFile& board)
 
 std::string describe(const BoardFile& board)
 {
-    const sim::BoardLayout& b = board.layout;
+    const BoardLayout& b = board.layout;
     return std::to_string(b.columns) + " x " + std::to_string(b.rows) + " markers, pitch " + short_number(b.pitch_mm)
         + " mm, discs " + short_number(b.diameter_mm) + " mm, holes " + short_number(b.hole_mm) + " mm";
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "sim/board_layout.h"
+#include "patterns/board.h"
 #include "vexo/records.h"
 
 #include <string>
@@ -9,7 +9,7 @@ namespace vexo::app {
 
 /// A calibration board: what is printed, and how recognition is set to find it. The file `board.yaml`.
 struct BoardFile {
-    sim::BoardLayout layout;
+    BoardLayout layout;
     PreProcParam pre;         ///< Otsu
     CircleMarkerParam circle; ///< min radius 4 px, not the record's 8: the hole of a ring far away is smaller
     double neighbour_limit = 1.2;

@@ -58,7 +58,7 @@ void add_ruler(Sheet& sheet, cv::Point2d start, bool vertical)
 
 void add_words(Sheet& sheet, const BoardFile& board, cv::Point2d at)
 {
-    const sim::BoardLayout& b = board.layout;
+    const BoardLayout& b = board.layout;
     const std::string lines[]
         = { "vexo calibration board", std::to_string(b.columns) + " x " + std::to_string(b.rows) + " markers",
               "pitch " + short_number(b.pitch_mm) + " mm", "discs " + short_number(b.diameter_mm) + " mm",
@@ -217,7 +217,7 @@ void state_resolution(std::vector<unsigned char>& png, double px_per_mm)
 
 cv::Point2d on_page(const BoardFile& board, cv::Size2d page_mm, cv::Point2d point)
 {
-    const cv::Rect2d paper = sim::board_paper(board.layout);
+    const cv::Rect2d paper = board_paper(board.layout);
     const cv::Point2d corner = place(paper, board.layout.margin_mm, page_mm);
     return { corner.x + point.x - paper.x, corner.y + paper.y + paper.height - point.y };
 }
@@ -225,11 +225,11 @@ cv::Point2d on_page(const BoardFile& board, cv::Size2d page_mm, cv::Point2d poin
 Sheet make_sheet(const BoardFile& board, cv::Size2d page_mm)
 {
     Sheet sheet { page_mm, {}, {}, {} };
-    for (const sim::BoardMarker& marker : sim::board_markers(board.layout))
+    for (const BoardMarker& marker : board_markers(board.layout))
         sheet.discs.push_back({ on_page(board, page_mm, marker.centre_mm), board.layout.diameter_mm,
             marker.ring ? board.layout.hole_mm : 0.0 });
 
-    const cv::Rect2d paper = sim::board_paper(board.layout);
+    const cv::Rect2d paper = board_paper(board.layout);
     const cv::Point2d corner = place(paper, board.layout.margin_mm, page_mm);
     const cv::Point2d below(std::max(corner.x, unprintable) + 1.0, corner.y + paper.height + 0.5);
     add_ruler(sheet, below, false);

@@ -211,7 +211,7 @@ std::string diverging(double value)
 /// Height of the board's markers off their plane, as the pair sees it.
 std::string shape_drawing(const Calibration& c)
 {
-    const sim::BoardLayout& b = c.board.layout;
+    const BoardLayout& b = c.board.layout;
     const double step = drawing_width / (b.columns + 1), height = step * (b.rows + 1);
     double most = 1e-6;
     for (const cv::Vec3d& s : c.pair.shape)

@@ -172,7 +172,7 @@ Check check_scale(const Calibration& c)
 
 Check check_shape(const Calibration& c)
 {
-    const sim::BoardLayout& b = c.board.layout;
+    const BoardLayout& b = c.board.layout;
     const double size = b.pitch_mm * std::max(b.columns, b.rows);
     const double squeeze = std::abs(c.pair.scale_x - c.pair.scale_y);
     const Check::Level l = level(std::max(c.pair.bend / size, squeeze), good_bend, poor_bend);

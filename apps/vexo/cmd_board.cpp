@@ -88,7 +88,7 @@ cv::Size2d chosen_page(const BoardOptions& o, const Preset& preset)
 BoardFile chosen_board(const BoardOptions& o, const Preset& preset)
 {
     BoardFile board;
-    sim::BoardLayout& b = board.layout;
+    BoardLayout& b = board.layout;
     b.pitch_mm = o.pitch.value_or(preset.pitch_mm);
     b.diameter_mm = o.diameter.value_or(b.pitch_mm / 1.25);
     b.hole_mm = o.hole.value_or(0.6 * b.diameter_mm);
@@ -139,7 +139,7 @@ void print_board(const BoardOptions& o, const GlobalOptions& options)
             + short_number(page.height) + " mm");
     say(options, yaml + ": its parameters, for --board of the other commands");
     say(options, "Print it at 100 %, then measure both rulers: 0 to 100 must be 100 mm apart.");
-    const sim::BoardLayout& b = board.layout;
+    const BoardLayout& b = board.layout;
     put_json(options,
         { { "sheet", o.out }, { "board", yaml }, { "page_mm", { page.width, page.height } }, { "columns", b.columns },
             { "rows", b.rows }, { "pitch_mm", b.pitch_mm }, { "diameter_mm", b.diameter_mm }, { "hole_mm", b.hole_mm },
