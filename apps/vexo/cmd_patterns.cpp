@@ -2,7 +2,6 @@
 #include "pattern_files.h"
 #include "pictures.h"
 #include "report.h"
-#include "sim/pattern.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -65,7 +64,7 @@ Json describe(const PatternOptions& o, cv::Size size, const std::vector<PatternF
     else
         json["period"] = o.period;
     json["steps"] = o.steps;
-    json["lit_columns"] = multi ? std::min(size.width, sim::multi_phase_columns) : size.width;
+    json["lit_columns"] = multi ? std::min(size.width, multi_phase_columns) : size.width;
     json["gamma_corrected"] = gamma.gamma;
     for (std::size_t i = 0; i < frames.size(); ++i)
         json["frames"].push_back(describe(frames[i], i));
@@ -84,6 +83,10 @@ void write_patterns(const PatternOptions& o, const GlobalOptions& options)
     check_steps(o.steps);
     const cv::Size size = projector_size(o.projector);
     const bool multi = o.method == "multi-phase";
+    if (multi)
+        check_periods(o.periods);
+    else
+        check_period(size.width, o.period);
     std::vector<PatternFrame> frames
         = multi ? multi_phase_frames(size.width, o.periods) : gray_phase_frames(size.width, o.period);
     const GammaTable gamma = o.gamma_table.empty() ? undo_gamma(1.0) : load_gamma_table(o.gamma_table);
@@ -101,10 +104,10 @@ void write_patterns(const PatternOptions& o, const GlobalOptions& options)
         o.out + ": " + std::to_string(frames.size()) + " frames, " + frame_name(0) + " to "
             + frame_name(frames.size() - 1) + ", to be projected and captured in this order");
     say(options, "  patterns.json says what each is; contact_sheet.png shows them");
-    if (multi && size.width > sim::multi_phase_columns)
+    if (multi && size.width > multi_phase_columns)
         say(options,
-            "  columns from " + std::to_string(sim::multi_phase_columns) + " on stay dark: the decoder uses "
-                + std::to_string(sim::multi_phase_columns) + " of the " + std::to_string(size.width) + " columns");
+            "  columns from " + std::to_string(multi_phase_columns) + " on stay dark: the decoder uses "
+                + std::to_string(multi_phase_columns) + " of the " + std::to_string(size.width) + " columns");
     if (gamma.gamma != 1.0) say(options, "  corrected for a gamma of " + number(gamma.gamma, 2));
     put_json(options, json);
 }

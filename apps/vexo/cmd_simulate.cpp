@@ -26,6 +26,7 @@ struct SimulateOptions {
     std::string out;
     std::vector<int> size = { 1280, 1024 };
     std::vector<int> projector = { 1024, 768 };
+    std::string method = name_of(sim::RigOptions().method);
     sim::RigOptions rig;
     std::string patterns, swap;
     std::string board;
@@ -37,6 +38,7 @@ struct SimulateOptions {
 sim::RigOptions rig_of(const SimulateOptions& o)
 {
     sim::RigOptions rig = o.rig;
+    rig.method = method_named(o.method).value();
     rig.image_size = { o.size[0], o.size[1] };
     rig.projector_size = { o.projector[0], o.projector[1] };
     if (!o.swap.empty()) {
@@ -86,15 +88,16 @@ sim::Pattern load_patterns(const std::string& folder, sim::RigOptions& rig)
     const std::string path = (fs::path(folder) / "patterns.json").string();
     const Json json = read_json(path);
     sim::Pattern pattern;
-    if (json.contains("method") && json["method"].is_string()) pattern.method = json["method"].get<std::string>();
-    const bool multi = pattern.method == "multi-phase";
-    if (!multi && pattern.method != "gray-phase")
+    const bool named = json.contains("method") && json["method"].is_string();
+    const auto method = method_named(named ? json["method"].get<std::string>() : "");
+    if (!method || *method == vexo::Method::sgbm)
         throw Failure(path + ": names no method whose patterns can be projected; vexo patterns writes such a file");
-    const std::size_t frames = multi ? 14 : 13;
+    pattern.method = *method;
+    const bool multi = *method == vexo::Method::multi_phase;
     for (int i = 0; i < (multi ? 3 : 1); ++i)
         pattern.periods.push_back(static_cast<int>(
             std::clamp(number_in(json, multi ? "/periods/" + std::to_string(i) : "/period", path), 0.0, 1e4)));
-    for (std::size_t i = 0; i < frames; ++i)
+    for (std::size_t i = 0; i < frame_count(*method); ++i)
         pattern.frames.push_back(projected_row((fs::path(folder) / frame_name(i)).string()));
     rig.method = pattern.method;
     if (multi)
@@ -106,10 +109,10 @@ sim::Pattern load_patterns(const std::string& folder, sim::RigOptions& rig)
     return pattern;
 }
 
-/// Refuses what cannot be decoded, in words of this program's options.
+/// Refuses what cannot be decoded or simulated.
 void check_method(const sim::RigOptions& rig)
 {
-    if (rig.method == "multi-phase") multi_phase_frames(rig.projector_size.width, rig.periods);
+    if (rig.method == vexo::Method::multi_phase) check_periods(rig.periods);
     if (const char* fault = sim::why_invalid(rig)) throw Failure(std::string("simulate: ") + fault);
 }
 
@@ -227,7 +230,7 @@ void add_scene_options(CLI::App& command, SimulateOptions& o)
         o.only_scenes.push_back(option);
         return option;
     };
-    add("--method", o.rig.method, "gray-phase (13 frames), multi-phase (14), or sgbm (1, painted, under flat light)")
+    add("--method", o.method, "gray-phase (13 frames), multi-phase (14), or sgbm (1, painted, under flat light)")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }))
         ->capture_default_str();
     add("--projector", o.projector, "WIDTHxHEIGHT, px")->delimiter('x')->expected(2)->capture_default_str();
