@@ -19,11 +19,6 @@ using namespace vexo;
 
 constexpr double max_disparity = 10000; // px: the rig's cameras are turned inwards, so it has no usual range
 
-const char* name_of(Method method)
-{
-    return method == Method::gray_phase ? "gray" : method == Method::multi_phase ? "multi" : "sgbm";
-}
-
 sim::RigOptions options_of(cv::Size size)
 {
     sim::RigOptions options;
@@ -31,10 +26,10 @@ sim::RigOptions options_of(cv::Size size)
     return options;
 }
 
-sim::Pattern pattern_of(Method method, const sim::RigOptions& options)
+sim::Pattern pattern_of(Method method, sim::RigOptions options)
 {
-    if (method == Method::multi_phase) return sim::multi_phase_pattern(options.projector_size.width, { 9, 10, 11 });
-    sim::Pattern pattern = sim::gray_phase_pattern(options.projector_size.width, options.fringe_period);
+    if (method == Method::multi_phase) options.method = method;
+    sim::Pattern pattern = sim::pattern_of(options);
     if (method == Method::sgbm) pattern.frames = { pattern.frames[8] }; // the finest stripes: texture enough
     return pattern;
 }

@@ -7,15 +7,15 @@
 #include <vector>
 
 #include "camera/stereo_camera.h"
+#include "patterns/method.h"
 #include "vexo/owned.h"
 #include "vexo/point_cloud.h"
 
 /// Frames of the virtual rig, and the library's objects around them, for the benchmarks.
 namespace bench {
 
-enum class Method { gray_phase, multi_phase, sgbm };
-
 using Camera = vexo::Owned<vexo::StereoCamera>;
+using vexo::Method;
 using vexo::Owned;
 
 /// What both cameras recorded of a ball before a wall.

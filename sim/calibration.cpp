@@ -13,7 +13,7 @@ namespace vexo {
 namespace sim {
 
 namespace {
-constexpr double pi = 3.14159265358979323846, rad_per_deg = pi / 180;
+constexpr double pi = CV_PI, rad_per_deg = pi / 180;
 
 bool within(double value, double low, double high) noexcept
 {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/board_layout.h"
+#include "patterns/board.h"
 #include "sim/output.h"
 #include "sim/rig.h"
 

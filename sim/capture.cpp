@@ -45,7 +45,7 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
 {
     Json json;
     json["scene"] = scene;
-    json["method"] = pattern.method;
+    json["method"] = name_of(pattern.method);
     json["frames"] = pattern.frames.size();
     json["projector_size"] = to_json(rig.options.projector_size);
     if (pattern.periods.size() == 1) json["fringe_period"] = pattern.periods[0];

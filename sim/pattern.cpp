@@ -2,40 +2,27 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
+
+#include "patterns/fringes.h"
 
 namespace vexo {
 namespace sim {
 
 namespace {
-constexpr double pi = 3.14159265358979323846;
-constexpr int gray_bits = 7;
-constexpr double fringe_mean = 127.5, fringe_amplitude = 120; // clear of 0 and 255, where projectors clip
-
-std::vector<double> gray_plane(int columns, int period, int bit)
+std::vector<PatternFrame> frames_of(const RigOptions& o)
 {
-    std::vector<double> row(static_cast<std::size_t>(columns));
-    for (int x = 0; x < columns; ++x) {
-        const int number = x / period;
-        row[static_cast<std::size_t>(x)] = ((number ^ (number >> 1)) >> bit & 1) != 0 ? 255 : 0;
-    }
-    return row;
-}
-
-/// A + B cos(2 pi (x + 0.5) / period + offset) at integer x, rounded to 8 bits.
-std::vector<double> fringes(int columns, int period, double offset)
-{
-    std::vector<double> row(static_cast<std::size_t>(columns));
-    for (int x = 0; x < columns; ++x)
-        row[static_cast<std::size_t>(x)]
-            = std::round(fringe_mean + fringe_amplitude * std::cos(2 * pi * (x + 0.5) / period + offset));
-    return row;
+    const int columns = o.projector_size.width;
+    if (o.method == Method::multi_phase) return multi_phase_frames(columns, o.periods);
+    if (o.method == Method::sgbm) return flat_frames(columns);
+    return gray_phase_frames(columns, o.fringe_period);
 }
 
 /// Integral from -infinity to z of the normal distribution function: a unit edge at 0, blurred, then summed.
 double blurred_ramp(double z, double sigma)
 {
     const double s = z / sigma;
-    const double density = std::exp(-0.5 * s * s) / std::sqrt(2 * pi);
+    const double density = std::exp(-0.5 * s * s) / std::sqrt(2 * CV_PI);
     return z * 0.5 * std::erfc(-s / std::sqrt(2.0)) + sigma * density;
 }
 } // namespace
@@ -49,40 +36,12 @@ int Pattern::lit_columns() const noexcept
 
 Pattern pattern_of(const RigOptions& options)
 {
-    const int columns = options.projector_size.width;
-    if (options.method == "multi-phase") return multi_phase_pattern(columns, options.periods);
-    if (options.method == "sgbm") return flat_pattern(columns);
-    return gray_phase_pattern(columns, options.fringe_period);
-}
-
-Pattern flat_pattern(int columns)
-{
-    return { "sgbm", { std::vector<double>(static_cast<std::size_t>(columns), 255.0) }, {} };
-}
-
-Pattern gray_phase_pattern(int columns, int period)
-{
-    Pattern pattern { "gray-phase", {}, { period } };
-    pattern.frames.emplace_back(static_cast<std::size_t>(columns), 0.0);
-    pattern.frames.emplace_back(static_cast<std::size_t>(columns), 255.0);
-    for (int bit = gray_bits - 1; bit >= 0; --bit)
-        pattern.frames.push_back(gray_plane(columns, period, bit));
-    for (int k = 0; k < 4; ++k)
-        pattern.frames.push_back(fringes(columns, period, -k * pi / 2));
-    return pattern;
-}
-
-Pattern multi_phase_pattern(int columns, const std::vector<int>& periods)
-{
-    Pattern pattern { "multi-phase", {}, periods };
-    pattern.frames.emplace_back(static_cast<std::size_t>(columns), 0.0);
-    pattern.frames.emplace_back(static_cast<std::size_t>(columns), 255.0);
-    for (const int period : periods)
-        for (int s = 0; s < 4; ++s)
-            pattern.frames.push_back(fringes(columns, period, pi + s * pi / 2)); // -cos(a) = cos(a + pi)
-    for (std::vector<double>& row : pattern.frames)
-        for (std::size_t x = multi_phase_columns; x < row.size(); ++x)
-            row[x] = 0;
+    if (const char* fault = why_invalid(options)) throw std::invalid_argument(fault);
+    Pattern pattern { options.method, {}, {} };
+    if (options.method == Method::gray_phase) pattern.periods = { options.fringe_period };
+    if (options.method == Method::multi_phase) pattern.periods = options.periods;
+    for (const PatternFrame& frame : frames_of(options))
+        pattern.frames.emplace_back(frame.row.begin<uchar>(), frame.row.end<uchar>());
     return pattern;
 }
 

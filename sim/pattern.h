@@ -1,6 +1,5 @@
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "sim/rig.h"
@@ -10,39 +9,17 @@ namespace sim {
 
 /// What the projector shows, frame by frame: one grey level (0 to 255) a projector column, the same in all rows.
 struct Pattern {
-    std::string method;                      ///< "gray-phase", "multi-phase" or "sgbm"
+    Method method = Method::gray_phase;
     std::vector<std::vector<double>> frames; ///< frames[k][column]
     std::vector<int> periods;                ///< of the fringes, projector px
 
-    /// Columns up to the last one that the lit frame lights; what lies behind cannot be measured.
+    /// Columns up to the last one that the lit frame lights; what lies beyond cannot be measured.
     int lit_columns() const noexcept;
 };
 
-/// The pattern that belongs to the options' method.
+/// The pattern that belongs to the options' method. Throws std::invalid_argument for options that why_invalid()
+/// refuses.
 Pattern pattern_of(const RigOptions& options);
-
-/// Gray code + phase shift, in capture order: 0 dark, 1 lit, 2-8 the bits of the Gray code of floor(x / period)
-/// (most significant first), 9-12 the fringes
-///
-///     P_k = A + B cos(2 pi (x + 0.5) / period - k pi / 2)        k = 0..3, rounded to 8 bits
-///
-/// at integer projector column x. The seven bits number 128 periods: columns <= 128 * period.
-Pattern gray_phase_pattern(int columns, int period);
-
-/// Columns that multi-period frames light. The decoder takes no coordinate above 912, and behind the periods' common
-/// multiple the pattern repeats: columns from here on stay dark, in the lit frame, too. Were only the fringes dark
-/// there, unusable pixels at that edge would take good neighbours with them.
-constexpr int multi_phase_columns = 912;
-
-/// Several fringe periods, four shifts each, in capture order: 0 dark, 1 lit, then period by period
-///
-///     I_s = A - B cos(2 pi (x + 0.5) / period + s pi / 2)        s = 0..3, rounded to 8 bits
-///
-/// at integer projector column x; dark from multi_phase_columns on.
-Pattern multi_phase_pattern(int columns, const std::vector<int>& periods);
-
-/// One evenly lit frame, for block matching.
-Pattern flat_pattern(int columns);
 
 /// The light of one projected row across the projector's image: every column a box of one pixel, blurred by the
 /// projector's defocus. Its integral is tabulated, so the mean over any interval costs two look-ups.

@@ -6,7 +6,7 @@ namespace vexo {
 namespace sim {
 
 namespace {
-constexpr double rad_per_deg = 3.14159265358979323846 / 180;
+constexpr double rad_per_deg = CV_PI / 180;
 
 /// Plausible machine-vision lenses on a 1280-wide sensor; no two numbers of a pair are equal on purpose.
 struct Make {
@@ -62,18 +62,16 @@ bool within(double value, double low, double high) noexcept
 const char* why_invalid_method(const RigOptions& o) noexcept
 {
     const int columns = o.projector_size.width;
-    if (o.method == "gray-phase") {
+    if (o.method == Method::gray_phase) {
         if (o.fringe_period < 2) return "the fringe period must be 2 projector pixels or more";
         if (o.fringe_period < (columns + 127) / 128)
             return "the fringe period is too short: the code numbers 128 periods, which must cover all projector "
                    "columns";
         if (o.fringe_period > columns) return "the fringe period must not exceed the projector's width";
-    } else if (o.method == "multi-phase") {
+    } else if (o.method == Method::multi_phase) {
         if (o.periods.size() != 3) return "three fringe periods are needed";
         for (const int period : o.periods)
             if (!within(period, 2, columns)) return "a fringe period must be 2 px to the projector's width";
-    } else if (o.method != "sgbm") {
-        return "the method must be gray-phase, multi-phase or sgbm";
     }
     return nullptr;
 }
@@ -109,7 +107,7 @@ Rig make_rig(const RigOptions& options)
     rig.sensor.black = 4;
     rig.sensor.read = read_share * options.noise;
     rig.sensor.shot = (1 - read_share * read_share) * options.noise * options.noise / mid_grey;
-    rig.flat_light = options.method == "sgbm";
+    rig.flat_light = options.method == Method::sgbm;
     rig.lit_white = 180 * options.exposure;
     return rig;
 }

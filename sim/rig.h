@@ -4,9 +4,9 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <string>
 #include <vector>
 
+#include "patterns/method.h"
 #include "sim/camera.h"
 #include "sim/noise.h"
 
@@ -15,23 +15,25 @@ namespace sim {
 
 /// Everything that can be chosen about a simulated capture.
 struct RigOptions {
-    cv::Size image_size = { 1280, 1024 };     ///< px; the field of view across stays the same
-    cv::Size projector_size = { 1024, 768 };  ///< px
-    std::string method = "gray-phase";        ///< what is projected; see pattern_of()
-    int fringe_period = 8;                    ///< gray-phase: projector px, 2 or more; 128 must cover the projector
-    std::vector<int> periods = { 9, 10, 11 }; ///< multi-phase: projector px, three
-    double distance_mm = 600;                 ///< from the cameras' baseline to the middle of the scene
-    double baseline_mm = 160;                 ///< between the optical centres
-    double toe_in_deg = -1;                   ///< each camera turned inwards; negative: both look at the middle
-    double exposure = 1;                      ///< factor on all light; at 1 a white wall reads about 190
-    double ambient = 8;                       ///< grey levels that a white surface has with the projector dark
-    double noise = 1.6;                       ///< grey levels; standard deviation at grey 128, read and shot noise
-    double gamma = 1;                         ///< of the projector: light = grey^gamma
-    double defocus = 0.5;                     ///< projector px; standard deviation of its blur
-    double tilt_deg = 8;                      ///< of the plane and the balls' table
-    std::uint64_t seed = 1;                   ///< of the noise
-    std::array<int, 2> swapped = { 0, 0 };    ///< two frames that are projected in each other's place
-    double move_mm = 0;                       ///< the scene moves by so much before the last two frames
+    cv::Size image_size = { 1280, 1024 };    ///< px; the field of view across stays the same
+    cv::Size projector_size = { 1024, 768 }; ///< px
+    Method method = Method::gray_phase;      ///< what is projected; see pattern_of()
+    /// Gray-phase: projector px, 2 or more; 128 must cover the projector.
+    int fringe_period = default_periods(Method::gray_phase)[0];
+    /// Multi-phase: projector px, three.
+    std::vector<int> periods = default_periods(Method::multi_phase);
+    double distance_mm = 600;              ///< from the cameras' baseline to the middle of the scene
+    double baseline_mm = 160;              ///< between the optical centres
+    double toe_in_deg = -1;                ///< each camera turned inwards; negative: both look at the middle
+    double exposure = 1;                   ///< factor on all light; at 1 a white wall reads about 190
+    double ambient = 8;                    ///< grey levels that a white surface has with the projector dark
+    double noise = 1.6;                    ///< grey levels; standard deviation at grey 128, read and shot noise
+    double gamma = 1;                      ///< of the projector: light = grey^gamma
+    double defocus = 0.5;                  ///< projector px; standard deviation of its blur
+    double tilt_deg = 8;                   ///< of the plane and the balls' table
+    std::uint64_t seed = 1;                ///< of the noise
+    std::array<int, 2> swapped = { 0, 0 }; ///< two frames that are projected in each other's place
+    double move_mm = 0;                    ///< the scene moves by so much before the last two frames
 };
 
 /// Null when the options describe a rig that can be built, else their first fault.

@@ -99,7 +99,7 @@ Scene make_scene(const std::string& name, const RigOptions& options)
         add_wall(scene, { 0, 0, z }, options.tilt_deg);
         add_balls(scene, options);
     }
-    if (options.method == "sgbm") {
+    if (options.method == Method::sgbm) {
         const double finest = 4 * make_rig(options).pixel_mm(); // smaller blotches would be lost in the pixels
         scene.paint([finest](const cv::Vec3d& point) { return blotchy_albedo(point, finest); });
     }

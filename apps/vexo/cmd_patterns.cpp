@@ -1,13 +1,13 @@
-#include "common.h"
-#include "pattern_files.h"
-#include "pictures.h"
-#include "report.h"
-#include "sim/pattern.h"
+#include "base/failure.h"
+#include "base/pictures.h"
+#include "base/text.h"
+#include "commands.h"
+#include "host/captures/pattern_files.h"
+#include "host/files/output_folder.h"
+#include "options.h"
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <memory>
 
 namespace vexo::app {
@@ -16,9 +16,8 @@ namespace {
 
 struct PatternOptions {
     std::string method = "gray-phase", projector = "1024x768", out, gamma_table;
-    int period = 8;
     int steps = 4;
-    std::vector<int> periods = { 9, 10, 11 };
+    PatternRequest request;
 };
 
 cv::Size projector_size(const std::string& text)
@@ -44,55 +43,20 @@ void check_steps(int steps)
     if (steps != 4) throw Failure("--steps " + std::to_string(steps) + ": four shifts a period are decoded, --steps 4");
 }
 
-Json describe(const PatternFrame& frame, std::size_t index)
-{
-    Json json { { "index", index }, { "file", frame_name(index) }, { "what", frame.what } };
-    if (frame.bit >= 0) json["bit"] = frame.bit;
-    if (frame.period > 0) {
-        json["period"] = frame.period;
-        json["shift"] = frame.shift;
-        json["shift_deg"] = 90 * frame.shift;
-    }
-    return json;
-}
-
-Json describe(const PatternOptions& o, cv::Size size, const std::vector<PatternFrame>& frames, const GammaTable& gamma)
-{
-    const bool multi = o.method == "multi-phase";
-    Json json { { "method", o.method }, { "projector", { size.width, size.height } } };
-    if (multi)
-        json["periods"] = o.periods;
-    else
-        json["period"] = o.period;
-    json["steps"] = o.steps;
-    json["lit_columns"] = multi ? std::min(size.width, sim::multi_phase_columns) : size.width;
-    json["gamma_corrected"] = gamma.gamma;
-    for (std::size_t i = 0; i < frames.size(); ++i)
-        json["frames"].push_back(describe(frames[i], i));
-    return json;
-}
-
-void correct_gamma(std::vector<PatternFrame>& frames, const GammaTable& table)
-{
-    const cv::Mat look_up(1, 256, CV_8U, const_cast<unsigned char*>(table.grey.data()));
-    for (PatternFrame& frame : frames)
-        cv::LUT(frame.row, look_up, frame.row);
-}
-
-void write_patterns(const PatternOptions& o, const GlobalOptions& options)
+void run(PatternOptions o, const GlobalOptions& options)
 {
     check_steps(o.steps);
-    const cv::Size size = projector_size(o.projector);
-    const bool multi = o.method == "multi-phase";
-    std::vector<PatternFrame> frames
-        = multi ? multi_phase_frames(size.width, o.periods) : gray_phase_frames(size.width, o.period);
-    const GammaTable gamma = o.gamma_table.empty() ? undo_gamma(1.0) : load_gamma_table(o.gamma_table);
-    correct_gamma(frames, gamma);
+    PatternRequest& request = o.request;
+    request.method = *method_named(o.method);
+    request.projector = projector_size(o.projector);
+    if (!o.gamma_table.empty()) request.gamma = load_gamma_table(o.gamma_table);
+    const std::vector<PatternFrame> frames = make_patterns(request);
+    const cv::Size size = request.projector;
 
     OutputFolder folder(o.out);
     for (std::size_t i = 0; i < frames.size(); ++i)
         folder.add(frame_name(i), encode(".png", cv::repeat(frames[i].row, size.height, 1)));
-    const Json json = describe(o, size, frames, gamma);
+    const Json json = patterns_json(request, frames);
     folder.add("patterns.json", json_text(json));
     folder.add("contact_sheet.png", encode(".png", contact_sheet(frames, size.height)));
     folder.commit();
@@ -101,11 +65,11 @@ void write_patterns(const PatternOptions& o, const GlobalOptions& options)
         o.out + ": " + std::to_string(frames.size()) + " frames, " + frame_name(0) + " to "
             + frame_name(frames.size() - 1) + ", to be projected and captured in this order");
     say(options, "  patterns.json says what each is; contact_sheet.png shows them");
-    if (multi && size.width > sim::multi_phase_columns)
+    if (request.method == Method::multi_phase && size.width > multi_phase_columns)
         say(options,
-            "  columns from " + std::to_string(sim::multi_phase_columns) + " on stay dark: the decoder uses "
-                + std::to_string(sim::multi_phase_columns) + " of the " + std::to_string(size.width) + " columns");
-    if (gamma.gamma != 1.0) say(options, "  corrected for a gamma of " + number(gamma.gamma, 2));
+            "  columns from " + std::to_string(multi_phase_columns) + " on stay dark: the decoder uses "
+                + std::to_string(multi_phase_columns) + " of the " + std::to_string(size.width) + " columns");
+    if (request.gamma.gamma != 1.0) say(options, "  corrected for a gamma of " + number(request.gamma.gamma, 2));
     put_json(options, json);
 }
 
@@ -120,8 +84,8 @@ void add_patterns(CLI::App& app, GlobalOptions& options)
         ->capture_default_str();
     command->add_option("--projector", o->projector, "COLUMNSxROWS of the projector")->capture_default_str();
     command->add_option("--out", o->out, "folder for the frames")->required();
-    command->add_option("--period", o->period, "gray-phase: projector px a fringe")->capture_default_str();
-    command->add_option("--periods", o->periods, "multi-phase: three periods, projector px")
+    command->add_option("--period", o->request.period, "gray-phase: projector px a fringe")->capture_default_str();
+    command->add_option("--periods", o->request.periods, "multi-phase: three periods, projector px")
         ->delimiter(',')
         ->capture_default_str();
     command->add_option("--steps", o->steps, "shifts a period: 4")->capture_default_str();
@@ -129,7 +93,7 @@ void add_patterns(CLI::App& app, GlobalOptions& options)
     finish_command(*command, options,
         "vexo patterns --method gray-phase --projector 1024x768 --out patterns\n  writes frame00.png (dark), "
         "frame01.png (lit), seven gray code frames and four fringe frames",
-        [o, &options] { write_patterns(*o, options); });
+        [o, &options] { run(*o, options); });
 }
 
 } // namespace vexo::app

@@ -1,58 +1,20 @@
-#include "board_file.h"
-#include "common.h"
-#include "frames.h"
-#include "pattern_files.h"
-#include "report.h"
-
-#include "sim/calibration.h"
+#include "base/failure.h"
+#include "base/text.h"
+#include "commands.h"
+#include "host/calibration/board_file.h"
+#include "host/captures/pattern_files.h"
+#include "host/files/output_folder.h"
+#include "patterns/fringes.h"
 #include "sim/capture.h"
-#include "sim/scenes.h"
+#include "simulate_options.h"
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <filesystem>
 #include <memory>
 
 namespace vexo::app {
 
-namespace fs = std::filesystem;
-
 namespace {
-
-struct SimulateOptions {
-    std::string scene;
-    std::string out;
-    std::vector<int> size = { 1280, 1024 };
-    std::vector<int> projector = { 1024, 768 };
-    sim::RigOptions rig;
-    std::string patterns, swap;
-    std::string board;
-    sim::CalibrationOptions photos;
-    std::vector<CLI::Option*> only_scenes, only_photos; ///< what has no meaning for the other kind of series
-};
-
-/// The rig, from options given in other words.
-sim::RigOptions rig_of(const SimulateOptions& o)
-{
-    sim::RigOptions rig = o.rig;
-    rig.image_size = { o.size[0], o.size[1] };
-    rig.projector_size = { o.projector[0], o.projector[1] };
-    if (!o.swap.empty()) {
-        const auto [a, b] = parse_range(o.swap, "--swap");
-        rig.swapped = { static_cast<int>(std::clamp(a, -1.0, 1e6)), static_cast<int>(std::clamp(b, -1.0, 1e6)) };
-        if (rig.swapped[0] != a || rig.swapped[1] != b || a < 0 || b < 0 || a == b)
-            throw Failure("--swap " + o.swap + ": give the numbers of two frames, as in 10:11");
-    }
-    return rig;
-}
-
-void reject(const std::vector<CLI::Option*>& options, const std::string& why)
-{
-    for (const CLI::Option* option : options)
-        if (option->count() > 0) throw Failure(option->get_name() + ": " + why);
-}
 
 /// Also removes pictures called `what` of an earlier, longer series.
 void write(sim::Files& files, const std::string& folder, const std::string& what)
@@ -67,49 +29,26 @@ void write(sim::Files& files, const std::string& folder, const std::string& what
     out.commit();
 }
 
-// --- scenes ----------------------------------------------------------------------------------------
-
-/// Grey levels of a pattern's picture, whose rows must all be the same: the rig's light varies along columns only.
-std::vector<double> projected_row(const std::string& path)
-{
-    const cv::Mat picture = read_grey(path);
-    for (int y = 1; y < picture.rows; ++y)
-        if (cv::norm(picture.row(y), picture.row(0), cv::NORM_INF) > 0)
-            throw Failure(path + ": its rows differ; only upright stripes can be projected");
-    const cv::Mat_<uchar> row = picture.row(0);
-    return { row.begin(), row.end() };
-}
-
 /// Projects the pictures that `vexo patterns` wrote, and sets the rig to what they were made for.
-sim::Pattern load_patterns(const std::string& folder, sim::RigOptions& rig)
+sim::Pattern pattern_of(const std::string& folder, sim::RigOptions& rig)
 {
-    const std::string path = (fs::path(folder) / "patterns.json").string();
-    const Json json = read_json(path);
+    PatternRequest request;
     sim::Pattern pattern;
-    if (json.contains("method") && json["method"].is_string()) pattern.method = json["method"].get<std::string>();
-    const bool multi = pattern.method == "multi-phase";
-    if (!multi && pattern.method != "gray-phase")
-        throw Failure(path + ": names no method whose patterns can be projected; vexo patterns writes such a file");
-    const std::size_t frames = multi ? 14 : 13;
-    for (int i = 0; i < (multi ? 3 : 1); ++i)
-        pattern.periods.push_back(static_cast<int>(
-            std::clamp(number_in(json, multi ? "/periods/" + std::to_string(i) : "/period", path), 0.0, 1e4)));
-    for (std::size_t i = 0; i < frames; ++i)
-        pattern.frames.push_back(projected_row((fs::path(folder) / frame_name(i)).string()));
-    rig.method = pattern.method;
-    if (multi)
-        rig.periods = pattern.periods;
+    for (const PatternFrame& frame : read_patterns(folder, request))
+        pattern.frames.emplace_back(frame.row.begin<uchar>(), frame.row.end<uchar>());
+    rig.method = pattern.method = request.method;
+    rig.projector_size = request.projector;
+    if (request.method == Method::multi_phase)
+        rig.periods = pattern.periods = request.periods;
     else
-        rig.fringe_period = pattern.periods[0];
-    rig.projector_size.width = static_cast<int>(pattern.frames[0].size());
-    rig.projector_size.height = static_cast<int>(std::clamp(number_in(json, "/projector/1", path), 0.0, 1e5));
+        pattern.periods = { rig.fringe_period = request.period };
     return pattern;
 }
 
-/// Refuses what cannot be decoded, in words of this program's options.
+/// Refuses what cannot be decoded or simulated.
 void check_method(const sim::RigOptions& rig)
 {
-    if (rig.method == "multi-phase") multi_phase_frames(rig.projector_size.width, rig.periods);
+    if (rig.method == Method::multi_phase) check_periods(rig.periods);
     if (const char* fault = sim::why_invalid(rig)) throw Failure(std::string("simulate: ") + fault);
 }
 
@@ -136,7 +75,7 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     reject(o.only_photos, "is for calibration photos, vexo simulate calibration");
     sim::RigOptions rig = rig_of(o);
     const sim::Pattern pattern = [&] {
-        if (!o.patterns.empty()) return load_patterns(o.patterns, rig);
+        if (!o.patterns.empty()) return pattern_of(o.patterns, rig);
         check_method(rig);
         return sim::pattern_of(rig);
     }();
@@ -147,8 +86,8 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     check_output_folder(o.out);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
-    sim::Capture capture
-        = sim::make_capture(o.scene, rig, pattern, [&progress](const std::string& what) { progress.step(what); });
+    const auto told = [&progress](const std::string& what) { progress.step(what); };
+    sim::Capture capture = sim::make_capture(o.scene, rig, pattern, told);
     progress.step("writing");
     write(capture.files, o.out, "frame");
     progress.finish();
@@ -158,8 +97,6 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     result["out"] = o.out;
     put_json(global, result);
 }
-
-// --- photos of a calibration board -----------------------------------------------------------------
 
 void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
 {
@@ -172,7 +109,8 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
     check_output_folder(o.out);
 
     Progress progress(global, photos.views + 1);
-    sim::Files files = sim::make_calibration(photos, [&progress](const std::string& what) { progress.step(what); });
+    const auto told = [&progress](const std::string& what) { progress.step(what); };
+    sim::Files files = sim::make_calibration(photos, told);
     sim::add_text("board.yaml", board_yaml(board), files);
     progress.step("writing");
     write(files, o.out, "view");
@@ -186,78 +124,12 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
         global, { { "out", o.out }, { "views", photos.views }, { "board", "board.yaml" }, { "truth", "truth.json" } });
 }
 
-void simulate(const SimulateOptions& o, const GlobalOptions& global)
+void run(const SimulateOptions& o, const GlobalOptions& options)
 {
     if (o.scene == "calibration")
-        simulate_photos(o, global);
+        simulate_photos(o, options);
     else
-        simulate_scene(o, global);
-}
-
-// --- options ---------------------------------------------------------------------------------------
-
-void add_rig_options(CLI::App& command, SimulateOptions& o)
-{
-    command.add_option("--size", o.size, "camera image, WIDTHxHEIGHT, px")
-        ->delimiter('x')
-        ->expected(2)
-        ->capture_default_str();
-    command.add_option("--distance", o.rig.distance_mm, "from the baseline to the middle of the scene, mm")
-        ->capture_default_str();
-    command.add_option("--baseline", o.rig.baseline_mm, "between the optical centres, mm")->capture_default_str();
-    command
-        .add_option("--toe-in", o.rig.toe_in_deg,
-            "each camera turned inwards, degrees (default: both look at the middle of the scene)")
-        ->check(CLI::Range(0.0, 45.0));
-    command.add_option("--exposure", o.rig.exposure, "factor on all light")->capture_default_str();
-    command.add_option("--noise", o.rig.noise, "standard deviation at grey 128, grey levels; 0: none")
-        ->capture_default_str();
-    command.add_option("--seed", o.rig.seed, "of the noise")
-        ->check([](const std::string& text) {
-            const bool number = text.find_first_not_of("0123456789") == std::string::npos && text.size() <= 18;
-            return number ? std::string() : text + " is no whole number of at most 18 digits";
-        })
-        ->capture_default_str();
-}
-
-void add_scene_options(CLI::App& command, SimulateOptions& o)
-{
-    const auto add = [&](const std::string& name, auto& value, const std::string& what) {
-        CLI::Option* option = command.add_option(name, value, what)->group("Scenes");
-        o.only_scenes.push_back(option);
-        return option;
-    };
-    add("--method", o.rig.method, "gray-phase (13 frames), multi-phase (14), or sgbm (1, painted, under flat light)")
-        ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }))
-        ->capture_default_str();
-    add("--projector", o.projector, "WIDTHxHEIGHT, px")->delimiter('x')->expected(2)->capture_default_str();
-    add("--period", o.rig.fringe_period, "gray-phase: fringe period, projector px")->capture_default_str();
-    add("--periods", o.rig.periods, "multi-phase: three fringe periods, projector px")
-        ->delimiter(',')
-        ->capture_default_str();
-    CLI::Option* patterns = add("--patterns", o.patterns, "project the pictures of this folder of vexo patterns");
-    for (const char* other : { "--method", "--projector", "--period", "--periods" })
-        patterns->excludes(command.get_option(other));
-    add("--tilt", o.rig.tilt_deg, "of the plane in plane and spheres, degrees")->capture_default_str();
-    add("--ambient", o.rig.ambient, "other light than the projector's, grey levels on white")->capture_default_str();
-    add("--gamma", o.rig.gamma, "of the projector: light = grey^gamma")->capture_default_str();
-    add("--defocus", o.rig.defocus, "standard deviation of the projector's blur, projector px")->capture_default_str();
-    add("--swap", o.swap, "A:B, two frames in each other's place: a faulty capture to try vexo check on");
-    add("--move", o.rig.move_mm, "the scene moves by so many mm before the last two frames: a faulty capture");
-}
-
-void add_photo_options(CLI::App& command, SimulateOptions& o)
-{
-    const auto add = [&](const std::string& name, auto& value, const std::string& what) {
-        CLI::Option* option = command.add_option(name, value, what)->group("Calibration photos");
-        o.only_photos.push_back(option);
-        return option;
-    };
-    add("--board", o.board, "board.yaml of vexo board (default: the board of 19 x 15 markers)");
-    add("--views", o.photos.views, "poses of the board")->capture_default_str();
-    add("--max-tilt", o.photos.max_tilt_deg, "of the board, degrees")->capture_default_str();
-    add("--blur", o.photos.blur, "standard deviation of the cameras' blur, px")->capture_default_str();
-    add("--gradient", o.photos.gradient, "brightest over darkest light across the picture")->capture_default_str();
+        simulate_scene(o, options);
 }
 
 } // namespace
@@ -267,20 +139,14 @@ void add_simulate(CLI::App& app, GlobalOptions& options)
     auto o = std::make_shared<SimulateOptions>();
     CLI::App* command = app.add_subcommand(
         "simulate", "a virtual rig records a scene or photos of a calibration board, and the truth");
-    std::vector<std::string> scenes = sim::scene_names();
-    scenes.push_back("calibration");
-    command->add_option("scene", o->scene, "what stands before the rig")->required()->check(CLI::IsMember(scenes));
-    command->add_option("--out", o->out, "folder for the pictures; made when missing")->required();
-    add_rig_options(*command, *o);
-    add_scene_options(*command, *o);
-    add_photo_options(*command, *o);
+    declare(*command, *o);
     finish_command(*command, options,
         "vexo simulate bust --out scan\n"
-        "  renders 13 frames of each camera into scan/cam0 and scan/cam1, beside the cameras' calibration and the true "
-        "depth\n"
+        "  renders 13 frames of each camera into scan/cam0 and scan/cam1, beside the cameras' calibration and "
+        "the true depth\n"
         "  vexo simulate calibration --out cal --views 16\n"
         "  renders 16 photos of the calibration board by each camera, for vexo calibrate",
-        [o, &options] { simulate(*o, options); });
+        [o, &options] { run(*o, options); });
 }
 
 } // namespace vexo::app

@@ -1,6 +1,6 @@
-#include "common.h"
-#include "stop.h"
-
+#include "commands.h"
+#include "signals.h"
+#include "terminal.h"
 #include "vexo/version.h"
 
 #include <CLI/CLI.hpp>
@@ -24,7 +24,7 @@ int report(std::string what)
         if (c == '\n' || c == '\r') c = ' ';
     while (!what.empty() && what.back() == ' ')
         what.pop_back();
-    std::cerr << "vexo: " << what << std::endl;
+    vexo::app::complain("vexo: " + what);
     return 1;
 }
 

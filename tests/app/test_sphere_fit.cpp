@@ -1,4 +1,4 @@
-#include "sphere_fit.h"
+#include "host/clouds/sphere_fit.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 
 namespace {
 
-using vexo::app::fit_sphere;
-using vexo::app::SphereFit;
+using vexo::fit_sphere;
+using vexo::SphereFit;
 
 /// Points of a cap of 60 degrees around -z, seen from the origin.
 std::vector<cv::Vec3d> cap(const cv::Vec3d& centre, double radius, std::size_t count, std::mt19937& random)

@@ -77,7 +77,7 @@ TEST(SimCalibration, MarkersLieWhereTheCameraProjectsThem)
         const Camera& camera = rig.cameras[static_cast<std::size_t>(c)];
         const cv::Mat_<uchar> photo = BoardPhotographer(rig, c, options).photo(poses[2], 2);
         double worst = 0;
-        for (const BoardMarker& marker : board_markers(options.board)) {
+        for (const vexo::BoardMarker& marker : board_markers(options.board)) {
             if (marker.ring) continue;
             const cv::Vec2d expected
                 = projected_area_centre(camera, poses[2], marker.centre_mm, 0.5 * options.board.diameter_mm);
@@ -104,7 +104,7 @@ TEST(SimCalibration, EveryPoseShowsTheWholeBoardToBothCamerasAtManyDistancesAndT
             EXPECT_LT(pose.R(2, 2), -0.70); // its front, within 45 degrees
             nearest = std::min(nearest, pose.T[2]);
             farthest = std::max(farthest, pose.T[2]);
-            for (const BoardMarker& marker : board_markers(options.board))
+            for (const vexo::BoardMarker& marker : board_markers(options.board))
                 for (const Camera& camera : rig.cameras)
                     ASSERT_TRUE(camera.sees(pose * cv::Vec3d(marker.centre_mm.x, marker.centre_mm.y, 0)));
         }

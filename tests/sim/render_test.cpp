@@ -1,4 +1,5 @@
 #include "sim/render.h"
+#include "patterns/fringes.h"
 #include "sim/capture.h"
 #include "sim/noise.h"
 #include "sim/scenes.h"
@@ -13,6 +14,7 @@
 #include <random>
 
 using namespace vexo::sim;
+using vexo::multi_phase_columns;
 
 namespace {
 
@@ -26,9 +28,8 @@ RigOptions noise_free(int width, int height)
 
 std::vector<cv::Mat_<uchar>> pictures(const View& view, const RigOptions& options)
 {
-    const Pattern pattern = gray_phase_pattern(options.projector_size.width, options.fringe_period);
     std::vector<cv::Mat_<uchar>> frames;
-    for (const ProjectedRow& row : project(pattern, options))
+    for (const ProjectedRow& row : project(pattern_of(options), options))
         frames.push_back(view.picture(row, static_cast<int>(frames.size())));
     return frames;
 }
@@ -194,6 +195,8 @@ TEST(SimCapture, ImpossibleRigsAndScenesAreRefusedByName)
     options.fringe_period = 7; // 128 periods cover 896 of 1024 columns
     EXPECT_NE(why_invalid(options), nullptr);
     EXPECT_THROW(make_capture("plane", options), std::invalid_argument);
+    options.fringe_period = 0;
+    EXPECT_THROW(make_capture("plane", options), std::invalid_argument);
     options = {};
     options.distance_mm = std::nan("");
     EXPECT_NE(why_invalid(options), nullptr);
@@ -202,7 +205,7 @@ TEST(SimCapture, ImpossibleRigsAndScenesAreRefusedByName)
 TEST(SimCapture, SurfaceBehindTheLastLitColumnIsNotCalledVisible)
 {
     RigOptions options = noise_free(160, 128);
-    options.method = "multi-phase";
+    options.method = vexo::Method::multi_phase;
     const Capture capture = make_capture("plane", options);
     ASSERT_EQ(capture.files.size(), 28U + 5U);
     const Rig rig = make_rig(options);

@@ -1,0 +1,135 @@
+#include "measure_options.h"
+
+#include "base/failure.h"
+
+#include <CLI/CLI.hpp>
+
+#include <filesystem>
+
+namespace vexo::app {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void add_range_options(CLI::App& cmd, MeasureOptions& o)
+{
+    cmd.add_option("--disparity", o.disparity, "accepted disparities MIN:MAX in px (default: found in the data)");
+    cmd.add_option("--depth", o.depth, "accepted depths NEAR:FAR, instead of --disparity");
+    o.sgbm = {
+        cmd.add_option("--block", o.request.block, "sgbm: side of the compared blocks, px, odd")
+            ->capture_default_str()
+            ->check(CLI::Range(1, 255)),
+        cmd.add_option("--num-disparities", o.request.num_disparities,
+               "sgbm: disparities from the smallest on, a multiple of 16 (default: the range)")
+            ->check(CLI::Range(16, 4064)),
+    };
+}
+
+void add_light_options(CLI::App& cmd, MeasureOptions& o)
+{
+    const auto grey = [&](const char* name, int& value, const char* what, int limit) {
+        return cmd.add_option(name, value, what)->capture_default_str()->check(CLI::Range(1, limit));
+    };
+    o.phases.push_back(cmd.add_option("--min-contrast", o.request.min_contrast,
+                              "smallest lit - dark, grey levels (default: 16, multi-phase 60)")
+                           ->check(CLI::Range(1, 255)));
+    o.phases.push_back(grey("--min-white", o.request.min_white, "smallest lit grey level", 255));
+    o.phases.push_back(grey("--max-white", o.request.max_white, "largest lit grey level; 256 accepts all", 256));
+    o.phases.push_back(
+        cmd.add_option("--min-modulation", o.request.min_modulation, "smallest fringe amplitude, grey levels")
+            ->capture_default_str()
+            ->check(CLI::Range(0.0, 255.0)));
+}
+
+void add_phase_options(CLI::App& cmd, MeasureOptions& o)
+{
+    o.phases.push_back(cmd.add_option("--max-phase-diff", o.request.max_phase_diff,
+                              "largest phase difference of a match: gray-phase fringe periods (default 0.15), "
+                              "multi-phase projector px (default 1.5 px of camera 1)")
+                           ->check(CLI::PositiveNumber));
+    o.phases.push_back(cmd.add_option("--fit-points", o.request.fit_points, "samples of the sub-pixel fit, 3 or 5")
+                           ->capture_default_str()
+                           ->check(CLI::IsMember({ 3, 5 })));
+    o.phases.push_back(
+        cmd.add_flag("--interpolate", o.request.interpolate, "also fill columns between measured ones, by line fits"));
+    o.phases.push_back(cmd.add_flag("--decoded", o.files.decoded,
+        "cam0 and cam1 hold maps of another decoder instead of pictures: black.png, white.png and, gray-phase, "
+        "period.png or period.tiff (0 to 255) and phase.tiff, or, multi-phase, phase0.tiff to phase2.tiff; "
+        "phases are float TIFF, fractions of a period"));
+    o.gray = {
+        cmd.add_option(
+               "--anchor", o.request.anchor, "gray-phase: anchor length of the unwrapping, px (default: chosen)")
+            ->check(CLI::Range(0, 100000)),
+        cmd.add_option(
+               "--reject", o.request.reject, "gray-phase: reject length of the unwrapping, px (default: chosen)")
+            ->check(CLI::Range(0, 100000)),
+        cmd.add_option("--code-spread", o.request.code_spread, "gray-phase: most different gray codes in a trusted run")
+            ->capture_default_str()
+            ->check(CLI::Range(1, 256)),
+    };
+    o.multi = {
+        cmd.add_option("--periods", o.request.periods,
+               "multi-phase: three fringe periods, projector px (default: as scene.json or patterns.json "
+               "tells, else 9,10,11)")
+            ->delimiter(','),
+        cmd.add_option("--steps", o.steps, "multi-phase: shifts a period: 4")->capture_default_str(),
+    };
+}
+
+} // namespace
+
+void declare(CLI::App& command, MeasureOptions& o)
+{
+    command.add_option("folder", o.files.folder, "folder with cam0/ and cam1/ and cameras.yaml");
+    command.add_option("--out", o.out, "folder for the results")->required();
+    command
+        .add_option("--method", o.files.method,
+            "gray-phase (13 pictures of each camera), multi-phase (14) or sgbm (1); default: as scene.json or "
+            "patterns.json tells, else by the number of pictures")
+        ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }));
+    command
+        .add_option("--calib", o.calib,
+            "calibration: one YAML file of both cameras, two of one each, or the three files of an hmat set")
+        ->expected(1, 3);
+    command.add_option("--cam0", o.files.cam0, "pictures of camera 0: a folder, or a pattern such as 'left_*.png'");
+    command.add_option("--cam1", o.files.cam1, "pictures of camera 1");
+    command.add_option("--alpha", o.camera.alpha, "rectification: 0 only valid pixels, 1 all, -1 OpenCV's default")
+        ->capture_default_str()
+        ->check(CLI::Range(-1.0, 1.0));
+    command.add_option("--flags", o.camera.flags, "rectification flags; 1024: same principal point in both pictures")
+        ->capture_default_str();
+    add_range_options(command, o);
+    add_phase_options(command, o);
+    add_light_options(command, o);
+}
+
+void complete(MeasureOptions& o)
+{
+    if (!o.disparity.empty() && !o.depth.empty()) throw Failure("--disparity and --depth: give one of them, not both");
+    if (!o.disparity.empty()) o.request.disparity = parse_range(o.disparity, "--disparity");
+    if (!o.depth.empty()) o.request.depth = parse_depths(o.depth, "--depth");
+    if (o.steps == 3)
+        throw Failure("--steps 3: the library's three-step formula is wrong for ordinary three-step patterns, by up to "
+                      "0.8 rad of phase; project four steps");
+    if (o.steps != 4) throw Failure("--steps " + std::to_string(o.steps) + ": fringes are measured in four steps");
+    if (o.files.folder.empty() && (o.calib.empty() || o.files.cam0.empty() || o.files.cam1.empty()))
+        throw Failure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
+    complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
+    if (o.calib.empty()) o.calib = { (fs::path(o.files.folder) / "cameras.yaml").string() };
+    std::error_code ignored;
+    for (const std::string& file : o.calib)
+        if (!fs::exists(file, ignored))
+            throw Failure(file + ": there is no such file; give the calibration with --calib");
+}
+
+void reject_foreign(const MeasureOptions& o, Method method)
+{
+    const std::string why = std::string("has no meaning for the method ") + name_of(method);
+    if (method == Method::sgbm) reject(o.phases, why);
+    if (method != Method::gray_phase) reject(o.gray, why);
+    if (method != Method::multi_phase) reject(o.multi, why);
+    if (method != Method::sgbm) reject(o.sgbm, why);
+}
+
+} // namespace vexo::app

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "host/captures/choose_method.h"
+#include "host/measurement/parameters.h"
+#include "options.h"
+#include "vexo/records.h"
+
+#include <string>
+#include <vector>
+
+/// What can be said on the command line of vexo measure.
+namespace vexo::app {
+
+struct MeasureOptions {
+    CaptureFiles files;
+    std::string out, disparity, depth; ///< the ranges as typed
+    std::vector<std::string> calib;
+    StereoCameraParam camera;
+    int steps = 4;
+    MeasureRequest request;
+    /// Options that other methods have are mistakes, not wishes to be passed over.
+    std::vector<CLI::Option*> phases, gray, multi, sgbm;
+};
+
+/// Declares them. `o` must live as long as the command.
+void declare(CLI::App& command, MeasureOptions& o);
+
+/// Makes a request of what was typed, and finds where frames and calibration are. Throws Failure.
+void complete(MeasureOptions& o);
+
+/// Throws Failure for the first option that the method does not have.
+void reject_foreign(const MeasureOptions& o, Method method);
+
+} // namespace vexo::app

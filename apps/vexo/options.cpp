@@ -1,0 +1,107 @@
+#include "options.h"
+
+#include "base/failure.h"
+
+#include <CLI/CLI.hpp>
+#include <opencv2/core.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <locale>
+#include <sstream>
+
+#include <omp.h>
+
+namespace vexo::app {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void use_threads(int threads)
+{
+    if (threads > 0) {
+        omp_set_num_threads(threads);
+        cv::setNumThreads(std::min(threads, cv::getNumberOfCPUs())); // its pool complains about more
+    }
+    // Started now, while the standard error stream is open: where there is no room for a thread the runtime ends the
+    // process with a line of its own.
+#pragma omp parallel
+    omp_get_thread_num();
+}
+
+/// The checks of numbers are comparisons, and "nan" passes them all.
+std::string why_not_finite(const std::string& text)
+{
+    double value = 0.0;
+    return CLI::detail::lexical_cast(text, value) && !std::isfinite(value) ? text + " is no finite number" : "";
+}
+
+/// The whole text as a finite number, whatever the locale.
+bool read_number(const std::string& text, double& value)
+{
+    std::istringstream stream(text);
+    stream.imbue(std::locale::classic());
+    return (stream >> value) && stream.peek() == std::istringstream::traits_type::eof() && std::isfinite(value);
+}
+
+} // namespace
+
+void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run)
+{
+    for (CLI::Option* option : command.get_options())
+        if (option->get_type_name().compare(0, 5, "FLOAT") == 0) option->check(why_not_finite);
+    command.add_flag("--json", options.json, "print the result as JSON, and nothing else");
+    command.add_flag("--quiet", options.quiet, "print nothing but errors");
+    command.add_option("--threads", options.threads, "number of threads (default: all cores)")
+        ->check(CLI::Range(1, 1024));
+    command.footer("Example:\n  " + example);
+    command.callback([&options, run = std::move(run)] {
+        use_threads(options.threads);
+        mute_libraries();
+        run();
+    });
+}
+
+std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option)
+{
+    const std::size_t at = text.find(between);
+    double a = 0.0, b = 0.0;
+    if (at != std::string::npos && read_number(text.substr(0, at), a) && read_number(text.substr(at + 1), b))
+        return { a, b };
+    throw Failure(option + " " + text + ": write two numbers with " + std::string(1, between) + " between them, "
+        + option + " A" + between + "B");
+}
+
+std::pair<double, double> parse_range(const std::string& text, const std::string& option)
+{
+    const auto range = parse_pair(text, ':', option);
+    if (range.first >= range.second) throw Failure(option + " " + text + ": the first number must be the smaller one");
+    return range;
+}
+
+std::pair<double, double> parse_depths(const std::string& text, const std::string& option)
+{
+    const auto range = parse_range(text, option);
+    if (range.first <= 0.0) throw Failure(option + " " + text + ": depths must be positive");
+    return range;
+}
+
+void reject(const std::vector<CLI::Option*>& options, const std::string& why)
+{
+    for (const CLI::Option* option : options)
+        if (option->count() > 0) throw Failure(option->get_name() + ": " + why);
+}
+
+void complete_cameras(const std::string& folder, std::string& cam0, std::string& cam1)
+{
+    std::error_code ignored;
+    if (folder.empty() && (cam0.empty() || cam1.empty()))
+        throw Failure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1");
+    if (!folder.empty() && !fs::is_directory(folder, ignored)) throw Failure(folder + ": there is no such folder");
+    if (cam0.empty()) cam0 = (fs::path(folder) / "cam0").string();
+    if (cam1.empty()) cam1 = (fs::path(folder) / "cam1").string();
+}
+
+} // namespace vexo::app

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "terminal.h"
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
+
+/// Options of commands, and their texts made into numbers.
+namespace vexo::app {
+
+/// Gives `command` the options --json, --quiet and --threads, and `run` as its work.
+/// @param example  command line to paste, and what it does; ends the command's --help
+void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run);
+
+/// "A:B" as two finite numbers that ascend; throws Failure naming `option` otherwise.
+std::pair<double, double> parse_range(const std::string& text, const std::string& option);
+
+/// The same of depths, which are positive.
+std::pair<double, double> parse_depths(const std::string& text, const std::string& option);
+
+/// Two finite numbers with a letter or comma between them, as "297x210"; throws Failure naming `option` otherwise.
+std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option);
+
+/// Throws Failure with `why` for the first of the options that was given.
+void reject(const std::vector<CLI::Option*>& options, const std::string& why);
+
+/// Folder, and what is in it unless options name another place: completes cam0 and cam1. Throws Failure when
+/// nothing says where they are.
+void complete_cameras(const std::string& folder, std::string& cam0, std::string& cam1);
+
+} // namespace vexo::app

@@ -1,0 +1,106 @@
+#include "simulate_options.h"
+
+#include "base/failure.h"
+#include "sim/scenes.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+namespace vexo::app {
+
+namespace {
+
+void add_rig_options(CLI::App& command, SimulateOptions& o)
+{
+    command.add_option("--size", o.size, "camera image, WIDTHxHEIGHT, px")
+        ->delimiter('x')
+        ->expected(2)
+        ->capture_default_str();
+    command.add_option("--distance", o.rig.distance_mm, "from the baseline to the middle of the scene, mm")
+        ->capture_default_str();
+    command.add_option("--baseline", o.rig.baseline_mm, "between the optical centres, mm")->capture_default_str();
+    command
+        .add_option("--toe-in", o.rig.toe_in_deg,
+            "each camera turned inwards, degrees (default: both look at the middle of the scene)")
+        ->check(CLI::Range(0.0, 45.0));
+    command.add_option("--exposure", o.rig.exposure, "factor on all light")->capture_default_str();
+    command.add_option("--noise", o.rig.noise, "standard deviation at grey 128, grey levels; 0: none")
+        ->capture_default_str();
+    command.add_option("--seed", o.rig.seed, "of the noise")
+        ->check([](const std::string& text) {
+            const bool number = text.find_first_not_of("0123456789") == std::string::npos && text.size() <= 18;
+            return number ? std::string() : text + " is no whole number of at most 18 digits";
+        })
+        ->capture_default_str();
+}
+
+void add_scene_options(CLI::App& command, SimulateOptions& o)
+{
+    const auto add = [&](const std::string& name, auto& value, const std::string& what) {
+        CLI::Option* option = command.add_option(name, value, what)->group("Scenes");
+        o.only_scenes.push_back(option);
+        return option;
+    };
+    add("--method", o.method, "gray-phase (13 frames), multi-phase (14), or sgbm (1, painted, under flat light)")
+        ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }))
+        ->capture_default_str();
+    add("--projector", o.projector, "WIDTHxHEIGHT, px")->delimiter('x')->expected(2)->capture_default_str();
+    add("--period", o.rig.fringe_period, "gray-phase: fringe period, projector px")->capture_default_str();
+    add("--periods", o.rig.periods, "multi-phase: three fringe periods, projector px")
+        ->delimiter(',')
+        ->capture_default_str();
+    CLI::Option* patterns = add("--patterns", o.patterns, "project the pictures of this folder of vexo patterns");
+    for (const char* other : { "--method", "--projector", "--period", "--periods" })
+        patterns->excludes(command.get_option(other));
+    add("--tilt", o.rig.tilt_deg, "of the plane in plane and spheres, degrees")->capture_default_str();
+    add("--ambient", o.rig.ambient, "other light than the projector's, grey levels on white")->capture_default_str();
+    add("--gamma", o.rig.gamma, "of the projector: light = grey^gamma")->capture_default_str();
+    add("--defocus", o.rig.defocus, "standard deviation of the projector's blur, projector px")->capture_default_str();
+    add("--swap", o.swap, "A:B, two frames in each other's place: a faulty capture to try vexo check on");
+    add("--move", o.rig.move_mm, "the scene moves by so many mm before the last two frames: a faulty capture");
+}
+
+void add_photo_options(CLI::App& command, SimulateOptions& o)
+{
+    const auto add = [&](const std::string& name, auto& value, const std::string& what) {
+        CLI::Option* option = command.add_option(name, value, what)->group("Calibration photos");
+        o.only_photos.push_back(option);
+        return option;
+    };
+    add("--board", o.board, "board.yaml of vexo board (default: the board of 19 x 15 markers)");
+    add("--views", o.photos.views, "poses of the board")->capture_default_str();
+    add("--max-tilt", o.photos.max_tilt_deg, "of the board, degrees")->capture_default_str();
+    add("--blur", o.photos.blur, "standard deviation of the cameras' blur, px")->capture_default_str();
+    add("--gradient", o.photos.gradient, "brightest over darkest light across the picture")->capture_default_str();
+}
+
+} // namespace
+
+void declare(CLI::App& command, SimulateOptions& o)
+{
+    std::vector<std::string> scenes = sim::scene_names();
+    scenes.push_back("calibration");
+    command.add_option("scene", o.scene, "what stands before the rig")->required()->check(CLI::IsMember(scenes));
+    command.add_option("--out", o.out, "folder for the pictures; made when missing")->required();
+    add_rig_options(command, o);
+    add_scene_options(command, o);
+    add_photo_options(command, o);
+}
+
+sim::RigOptions rig_of(const SimulateOptions& o)
+{
+    sim::RigOptions rig = o.rig;
+    rig.method = method_named(o.method).value();
+    rig.image_size = { o.size[0], o.size[1] };
+    rig.projector_size = { o.projector[0], o.projector[1] };
+    if (!o.swap.empty()) {
+        const auto [a, b] = parse_range(o.swap, "--swap");
+        rig.swapped = { static_cast<int>(std::clamp(a, -1.0, 1e6)), static_cast<int>(std::clamp(b, -1.0, 1e6)) };
+        if (rig.swapped[0] != a || rig.swapped[1] != b || a < 0 || b < 0 || a == b)
+            throw Failure("--swap " + o.swap + ": give the numbers of two frames, as in 10:11");
+    }
+    return rig;
+}
+
+} // namespace vexo::app

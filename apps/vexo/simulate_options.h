@@ -1,0 +1,30 @@
+#pragma once
+
+#include "options.h"
+#include "sim/calibration.h"
+#include "sim/rig.h"
+
+#include <string>
+#include <vector>
+
+/// What can be said on the command line of vexo simulate.
+namespace vexo::app {
+
+struct SimulateOptions {
+    std::string scene, out;
+    std::vector<int> size = { 1280, 1024 };     ///< of the cameras, px
+    std::vector<int> projector = { 1024, 768 }; ///< px
+    std::string method = name_of(sim::RigOptions().method);
+    sim::RigOptions rig;
+    std::string patterns, swap, board;
+    sim::CalibrationOptions photos;
+    std::vector<CLI::Option*> only_scenes, only_photos; ///< what has no meaning for the other kind of series
+};
+
+/// Declares them. `o` must live as long as the command.
+void declare(CLI::App& command, SimulateOptions& o);
+
+/// The rig, from options given in other words. Throws Failure.
+sim::RigOptions rig_of(const SimulateOptions& o);
+
+} // namespace vexo::app

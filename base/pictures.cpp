@@ -1,0 +1,45 @@
+#include "base/pictures.h"
+
+#include "base/failure.h"
+#include "base/picture_header.h"
+#include "base/text.h"
+#include "base/whole_file.h"
+
+#include <opencv2/imgcodecs.hpp>
+
+#include <cstdint>
+
+namespace vexo {
+
+cv::Mat read_picture(const std::string& path, int flags)
+{
+    const std::string bytes = read_bytes(path, picture_file::max_bytes);
+    const cv::Size size = picture_file::announced_size(bytes);
+    if (std::int64_t { size.width } * size.height > max_picture_area)
+        throw Failure(path + ": is " + size_text(size.width, size.height) + " pixels; at most "
+            + std::to_string(max_picture_area) + " pixels are read");
+    const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
+    cv::Mat picture;
+    try {
+        if (picture_file::may_be_decoded(bytes)) picture = cv::imdecode(raw, flags);
+    } catch (const cv::Exception&) {
+        picture.release();
+    }
+    if (picture.empty())
+        throw Failure(path + ": is damaged, or no picture that can be read; PNG, TIFF, BMP, PNM and JPEG are");
+    return picture;
+}
+
+cv::Mat read_grey(const std::string& path)
+{
+    return read_picture(path, cv::IMREAD_GRAYSCALE);
+}
+
+std::vector<unsigned char> encode(const std::string& extension, const cv::Mat& picture)
+{
+    std::vector<unsigned char> bytes;
+    if (!cv::imencode(extension, picture, bytes)) throw Failure("the picture cannot be encoded as " + extension);
+    return bytes;
+}
+
+} // namespace vexo

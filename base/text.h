@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+/// Figures as people read them, whatever the locale.
+namespace vexo {
+
+/// A number with `decimals` digits after a point, whatever the locale; "nan" and "inf" in words.
+std::string number(double value, int decimals);
+
+/// A share as per cent with two decimals: "99.51 %"; "-" of nothing.
+std::string percent(double part, double whole);
+
+/// An integer with thin groups: "1 310 720".
+std::string grouped(long long value);
+
+/// "1280 x 1024".
+std::string size_text(int width, int height);
+
+} // namespace vexo

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "host/accuracy/truth.h"
+#include "host/files/json_file.h"
+#include "host/results/read_result.h"
+
+#include <opencv2/core.hpp>
+
+#include <vector>
+
+namespace vexo {
+
+/// Beyond this a point is wrong: an outlier, mm.
+constexpr double outlier_mm = 1.0;
+
+/// How far inside its edges the inner surface begins, px.
+constexpr int inner_margin_px = 10;
+
+struct Errors {
+    std::vector<cv::Point3d> points; ///< cloud in raw camera-0 axes
+    std::vector<float> errors;       ///< measured - true depth of each point, NaN: nothing is there
+    cv::Mat picture;                 ///< CV_32F, the errors at their rectified pixels
+    cv::Mat measured;                ///< CV_8U, 255: rectified pixels with a point
+};
+
+Errors find_errors(const Result& result, const Truth& truth);
+
+/// Shares of the surface that both cameras see that were measured.
+Json coverage(const Errors& errors, const Result& result, const Truth& truth);
+
+/// Figures of the errors.
+Json statistics(const Errors& errors);
+
+} // namespace vexo

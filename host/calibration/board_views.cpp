@@ -1,0 +1,172 @@
+#include "host/calibration/board_views.h"
+
+#include "base/failure.h"
+#include "base/pictures.h"
+#include "host/captures/frames.h"
+#include "host/captures/names.h"
+#include "vexo/board.h"
+#include "vexo/factories.h"
+#include "vexo/owned.h"
+
+#include <opencv2/imgcodecs.hpp>
+
+#include <algorithm>
+#include <cfloat>
+#include <filesystem>
+#include <map>
+
+namespace vexo {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using RecogniserPtr = Owned<iCalibBoardRecognizer>;
+
+using Numbered = std::map<int, std::string>;
+
+/// Files by the number in their names. Throws Failure for names without a number and for equal numbers.
+Numbered numbered(const std::string& where)
+{
+    Numbered files;
+    for (const std::string& path : find_frames(where)) {
+        const auto n = number_in_name(path);
+        if (!n) throw Failure(path + ": the name has no number that tells which view it is; name it like view07.png");
+        const auto [other, added] = files.insert({ *n, path });
+        if (!added)
+            throw Failure(path + " and " + other->second + " both have the number " + std::to_string(*n)
+                + "; give each view a number of its own");
+    }
+    if (files.empty()) throw Failure(where + ": no pictures found");
+    return files;
+}
+
+/// Names in `files` whose numbers `others` lacks.
+std::string without_partner(const Numbered& files, const Numbered& others)
+{
+    std::string names;
+    for (const auto& [n, path] : files)
+        if (others.count(n) == 0) names += (names.empty() ? "" : ", ") + fs::path(path).filename().string();
+    return names;
+}
+
+void check_pairing(const std::string& cam0, const Numbered& left, const std::string& cam1, const Numbered& right)
+{
+    const std::string only0 = without_partner(left, right), only1 = without_partner(right, left);
+    if (only0.empty() && only1.empty()) return;
+    throw Failure(cam0 + " has " + std::to_string(left.size()) + " pictures, " + cam1 + " has "
+        + std::to_string(right.size()) + "; pictures pair by the number in their names; without a partner: "
+        + (only0.empty() ? "" : "of camera 0 " + only0) + (only0.empty() || only1.empty() ? "" : "; ")
+        + (only1.empty() ? "" : "of camera 1 " + only1));
+}
+
+std::vector<BoardPicture> list(const Numbered& files, int camera, const std::vector<int>& dropped)
+{
+    std::vector<BoardPicture> pictures;
+    for (const auto& [n, path] : files) {
+        if (std::find(dropped.begin(), dropped.end(), n) != dropped.end()) continue;
+        BoardPicture picture;
+        picture.path = path;
+        picture.name = fs::path(path).filename().string();
+        picture.number = n;
+        picture.camera = camera;
+        pictures.push_back(picture);
+    }
+    return pictures;
+}
+
+std::string meaning(int code)
+{
+    switch (code) {
+    case 1:
+        return "another size than this camera's first picture";
+    case 2:
+        return "too few circles; is the board sharp, well lit and in the picture?";
+    case 3:
+        return "no ring marker seen; is the middle of the board hidden or blurred?";
+    case 4:
+        return "not exactly three ring markers seen";
+    case 5:
+        return "the three rings do not stand as on this board; is it seen from behind, or partly hidden?";
+    default:
+        return "not recognised";
+    }
+}
+
+RecogniserPtr make_recogniser(const BoardFile& board)
+{
+    RecogniserPtr recogniser(CreateCalibBoardRecognizer());
+    BoardFile copy = board;
+    CalibBoardParam geometry = board.geometry();
+    if (!recogniser || !recogniser->set_parameters(copy.pre, copy.circle, geometry))
+        throw Failure("the library refuses this board's parameters");
+    return recogniser;
+}
+
+void recognise_one(iCalibBoardRecognizer& recogniser, BoardPicture& picture)
+{
+    cv::Mat grey = read_grey(picture.path);
+    picture.size = grey.size();
+    picture.code = recogniser.recognize(grey, picture.markers);
+    if (!picture.recognised()) picture.markers.clear();
+    if (!picture.recognised()) picture.reason = recogniser.get_error_name(picture.code) + ": " + meaning(picture.code);
+    picture.found = static_cast<int>(std::count_if(
+        picture.markers.begin(), picture.markers.end(), [](const cv::Point2f& p) { return p.x != FLT_MAX; }));
+    cv::Mat drawing;
+    recogniser.copy_result_image(drawing, -1);
+    picture.drawing = encode(".jpg", drawing.empty() ? grey : drawing);
+}
+
+} // namespace
+
+bool BoardViews::good(std::size_t view) const
+{
+    return std::all_of(cameras.begin(), cameras.end(), [view](const auto& list) { return list[view].recognised(); });
+}
+
+bool BoardViews::any_good() const
+{
+    for (std::size_t v = 0; v < count(); ++v)
+        if (good(v)) return true;
+    return false;
+}
+
+BoardViews find_views(const std::string& cam0, const std::string& cam1, const std::vector<int>& dropped)
+{
+    const Numbered left = numbered(cam0);
+    for (const int n : dropped)
+        if (left.count(n) == 0) throw Failure("--drop-view " + std::to_string(n) + ": no view has that number");
+    BoardViews views;
+    views.cameras.push_back(list(left, 0, dropped));
+    if (!cam1.empty()) {
+        const Numbered right = numbered(cam1);
+        check_pairing(cam0, left, cam1, right);
+        views.cameras.push_back(list(right, 1, dropped));
+    }
+    if (views.count() == 0) throw Failure("--drop-view: no view is left");
+    return views;
+}
+
+void recognise(BoardViews& views, const BoardFile& board, const OnStep& on_step)
+{
+    for (std::vector<BoardPicture>& pictures : views.cameras) {
+        const RecogniserPtr recogniser = make_recogniser(board);
+        for (BoardPicture& picture : pictures) {
+            next_step(on_step, picture.path);
+            recognise_one(*recogniser, picture);
+        }
+    }
+}
+
+std::string outcome(const BoardPicture& picture, const BoardFile& board)
+{
+    if (!picture.recognised()) return picture.reason;
+    return "found " + std::to_string(picture.found) + " of " + std::to_string(board.markers()) + " markers";
+}
+
+cv::Mat decoded_drawing(const BoardPicture& picture)
+{
+    return cv::imdecode(picture.drawing, cv::IMREAD_COLOR);
+}
+
+} // namespace vexo

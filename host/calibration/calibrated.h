@@ -1,0 +1,48 @@
+#pragma once
+
+#include "host/calibration/camera_fit.h"
+#include "host/calibration/pair_fit.h"
+
+#include <opencv2/core.hpp>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vexo {
+
+/// A hold-out check: each view against the cameras that the other half of the views gave.
+struct HoldOut {
+    bool done = false;
+    std::vector<CameraFit> fits; ///< by camera
+    PairFit pair;
+    double focal_spread = 0; ///< px, largest difference of a focal length between the halves
+};
+
+/// Everything that a calibration was made from and what came out.
+struct Calibrated {
+    BoardFile board;                 ///< with the pitch as corrected by the rulers
+    double printed_pitch = 0;        ///< mm, of the board file
+    double ruler_x = 0, ruler_y = 0; ///< mm, 0: not given
+    BoardViews views;
+    std::vector<bool> used;   ///< by view
+    std::vector<int> dropped; ///< numbers of views left out on request
+    cv::Size size;            ///< px
+    std::vector<CalibratedCamera> cameras;
+    double rms = 0;                            ///< px, as the calibration itself reports
+    double baseline = 0;                       ///< mm; a pair only
+    std::vector<std::vector<double>> view_rms; ///< [camera][view] px, as the calibration itself reports
+    std::vector<CameraFit> fits;               ///< by camera
+    PairFit pair;
+    /// px by view, see pair_agreement(); only asked for when the pair fits far worse than its cameras, else empty
+    std::vector<double> agreement;
+    HoldOut hold_out;
+
+    /// cameras.yaml, and of a pair the rectified camera's files and boardRT.yaml: name, and bytes
+    std::vector<std::pair<std::string, std::string>> files;
+
+    bool is_pair() const { return cameras.size() == 2; }
+    std::size_t used_count() const;
+};
+
+} // namespace vexo

@@ -1,0 +1,103 @@
+#include "host/calibration/camera_fit.h"
+
+#include "base/statistics.h"
+
+#include <opencv2/calib3d.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cfloat>
+#include <cmath>
+#include <limits>
+
+namespace vexo {
+
+namespace {
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+constexpr double degrees = 180.0 / CV_PI;
+
+/// One view against one camera; nothing where the markers determine no pose.
+void fit_view(
+    const CalibratedCamera& camera, const BoardPicture& view, const BoardFile& board, std::size_t v, CameraFit& fit)
+{
+    const SeenMarkers seen = seen_markers(view, board);
+    const auto pose = solve_board_pose(seen, camera);
+    if (!pose) return;
+    Squares own;
+    for (std::size_t i = 0; i < seen.image_px.size(); ++i) {
+        const cv::Point2f projected = pose->projected_px[i];
+        const cv::Vec2d error(seen.image_px[i].x - projected.x, seen.image_px[i].y - projected.y);
+        fit.residuals.push_back({ seen.image_px[i], error });
+        own.add(error.dot(error));
+    }
+    fit.view_rms[v] = own.rms();
+    fit.view_tilt[v] = tilt_deg(pose->rvec, pose->tvec, board);
+}
+
+} // namespace
+
+SeenMarkers seen_markers(const BoardPicture& view, const BoardFile& board)
+{
+    SeenMarkers seen;
+    for (std::size_t k = 0; k < view.markers.size(); ++k) {
+        if (view.markers[k].x == FLT_MAX) continue;
+        seen.board_mm.push_back(board_point(board, k));
+        seen.image_px.push_back(view.markers[k]);
+    }
+    return seen;
+}
+
+CameraFit fit_camera(
+    const std::vector<Fold>& folds, std::size_t camera, const BoardViews& views, const BoardFile& board)
+{
+    CameraFit fit;
+    fit.view_rms.assign(views.count(), nan);
+    fit.view_tilt.assign(views.count(), nan);
+    for (const Fold& fold : folds)
+        for (std::size_t v = 0; v < views.count(); ++v)
+            if (fold.views[v]) fit_view(fold.cameras[camera], views.cameras[camera][v], board, v, fit);
+    Squares all;
+    for (const Residual& residual : fit.residuals)
+        all.add(residual.error_px.dot(residual.error_px));
+    fit.rms = all.rms();
+    return fit;
+}
+
+double tilt_deg(const cv::Vec3d& rvec, const cv::Vec3d& tvec, const BoardFile& board)
+{
+    cv::Matx33d rotation;
+    cv::Rodrigues(rvec, rotation);
+    const cv::Point3f sum = board_point(board, 0) + board_point(board, static_cast<std::size_t>(board.markers()) - 1);
+    const cv::Vec3d middle = rotation * cv::Vec3d(0.5 * sum.x, 0.5 * sum.y, 0) + tvec;
+    const cv::Vec3d normal(rotation(0, 2), rotation(1, 2), rotation(2, 2));
+    return std::acos(std::min(std::abs(normal.dot(middle)) / cv::norm(middle), 1.0)) * degrees;
+}
+
+double coverage(const std::vector<BoardPicture>& views, const std::vector<bool>& use, cv::Size size)
+{
+    constexpr int across = 8, down = 6;
+    std::array<bool, across * down> cells {};
+    for (std::size_t v = 0; v < views.size(); ++v) {
+        for (const cv::Point2f& p : views[v].markers) {
+            if (!use[v] || p.x == FLT_MAX) continue;
+            const int cx = std::clamp(static_cast<int>(p.x * across / static_cast<float>(size.width)), 0, across - 1);
+            const int cy = std::clamp(static_cast<int>(p.y * down / static_cast<float>(size.height)), 0, down - 1);
+            cells[static_cast<std::size_t>(cy * across + cx)] = true;
+        }
+    }
+    return static_cast<double>(std::count(cells.begin(), cells.end(), true)) / (across * down);
+}
+
+std::vector<std::size_t> outliers(const std::vector<double>& view_rms)
+{
+    constexpr double times = 2.0, above_px = 0.05;
+    const double usual = median(view_rms);
+    std::vector<std::size_t> found;
+    for (std::size_t v = 0; v < view_rms.size(); ++v)
+        if (view_rms[v] > std::max(times * usual, usual + above_px)) found.push_back(v);
+    return found;
+}
+
+} // namespace vexo

@@ -1,0 +1,68 @@
+#include "host/cameras/camera_file.h"
+
+#include "base/failure.h"
+#include "base/plain_yaml.h"
+#include "base/whole_file.h"
+
+#include <opencv2/calib3d.hpp>
+
+#include <cmath>
+
+namespace vexo {
+
+namespace {
+
+/// Reads a matrix of rows x cols; false when it is absent or something else.
+bool read_matrix(const cv::FileStorage& file, const std::string& key, int rows, int cols, cv::Mat& out)
+{
+    cv::Mat read;
+    file[key] >> read;
+    const bool fits = read.rows == rows && read.cols == cols && read.channels() == 1 && cv::checkRange(read);
+    if (fits) read.convertTo(out, CV_64F);
+    return fits;
+}
+
+/// K, R, T from the keys of that name, or from P = K (R | T).
+bool read_projection(const cv::FileStorage& file, const std::string& name, CalibratedCamera& camera)
+{
+    cv::Mat K, R, T, P;
+    if (!read_matrix(file, name + "_K", 3, 3, K) || !read_matrix(file, name + "_R", 3, 3, R)
+        || !read_matrix(file, name + "_T", 3, 1, T)) {
+        if (!read_matrix(file, name + "_P", 3, 4, P)) return false;
+        cv::RQDecomp3x3(P.colRange(0, 3), K, R);
+        T = K.inv() * P.col(3);
+    }
+    camera.K = cv::Matx33d(K.ptr<double>());
+    camera.R = cv::Matx33d(R.ptr<double>());
+    camera.T = cv::Vec3d(T.ptr<double>());
+    return std::abs(cv::determinant(camera.K)) > 0.0;
+}
+
+} // namespace
+
+CalibratedCamera read_camera(const std::string& path, const std::string& name)
+{
+    read_bytes(path, max_yaml_bytes); // says what is wrong with the file itself
+    cv::FileStorage file;
+    if (!open_yaml(path, file)) throw Failure(path + ": is not a calibration file (YAML)");
+    CalibratedCamera camera;
+    try {
+        const cv::FileNode size = file[name + "_size"];
+        if (size.isSeq() && size.size() == 2 && size[0].isInt() && size[1].isInt())
+            camera.size = cv::Size(static_cast<int>(size[0]), static_cast<int>(size[1]));
+        file[name + "_D"] >> camera.D;
+        if (!camera.D.empty()) camera.D.convertTo(camera.D, CV_64F);
+        if (read_projection(file, name, camera)) return camera;
+    } catch (const cv::Exception&) {
+        throw Failure(path + ": the keys of " + name + " do not hold the matrices of a camera");
+    }
+    throw Failure(path + ": has no camera \"" + name + "\" (keys " + name + "_K, " + name + "_R, " + name
+        + "_T); calibrate with vexo's own format");
+}
+
+std::array<CalibratedCamera, 2> read_cameras(const std::vector<std::string>& files)
+{
+    return { read_camera(files.front(), "cam0"), read_camera(files.size() > 1 ? files[1] : files.front(), "cam1") };
+}
+
+} // namespace vexo

@@ -1,0 +1,161 @@
+#include "host/captures/check.h"
+
+#include "base/failure.h"
+#include "base/pictures.h"
+#include "host/captures/frames.h"
+#include "host/captures/judge.h"
+#include "host/captures/names.h"
+#include "host/captures/order.h"
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <map>
+
+namespace vexo {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// One camera's frames, and what is wrong with them.
+struct LoadedCamera {
+    std::string where;
+    std::vector<std::string> names;
+    std::vector<cv::Mat> frames; ///< empty when files are missing or their sizes differ
+    std::vector<Finding> faults;
+};
+
+FringeMethod find_method(const CheckRequest& request)
+{
+    const Choice choice = choose_method(request.files, true);
+    FringeMethod found { choice.method, {} };
+    if (found.method == Method::sgbm)
+        throw Failure(request.files.folder + ": was recorded for sgbm, which has no fringes to check");
+    if (!found.multi()) return found;
+    found.periods = request.periods.empty() ? periods_said_in(request.files.folder) : request.periods;
+    if (found.periods.empty()) found.periods = default_periods(found.method);
+    constexpr int longest = 4096;
+    const auto possible = [](int period) { return period >= 2 && period <= longest; };
+    if (found.periods.size() != 3 || !std::all_of(found.periods.begin(), found.periods.end(), possible))
+        throw Failure("--periods: give three, each 2 to 4096 projector px");
+    return found;
+}
+
+std::string name_of_camera(std::size_t camera)
+{
+    return "camera " + std::to_string(camera);
+}
+
+std::string listed(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (std::size_t i = 0; i < names.size() && i < 6; ++i)
+        text += (i == 0 ? "" : ", ") + names[i];
+    return names.size() > 6 ? text + ", ..." : text;
+}
+
+/// Numbers that a set of names lacks, as such names.
+std::vector<std::string> missing_numbers(const std::vector<std::string>& names, std::size_t count)
+{
+    std::map<int, std::string> present;
+    for (const std::string& name : names)
+        if (const auto n = number_in_name(name)) present[*n] = name;
+    std::vector<std::string> missing;
+    if (present.empty()) return missing;
+    const int first = present.count(0) > 0 || present.rbegin()->first < static_cast<int>(count) ? 0 : 1;
+    for (int n = first; n < first + static_cast<int>(count); ++n)
+        if (present.count(n) == 0) missing.push_back("number " + std::to_string(n));
+    return missing;
+}
+
+void find_missing(LoadedCamera& c, std::size_t count, std::size_t camera)
+{
+    if (c.names.size() == count) return;
+    std::string text
+        = c.where + " has " + std::to_string(c.names.size()) + " pictures, the method has " + std::to_string(count);
+    const std::vector<std::string> missing = missing_numbers(c.names, count);
+    if (c.names.size() < count && !missing.empty() && missing.size() + c.names.size() == count)
+        text += "; " + listed(missing) + (missing.size() == 1 ? " is" : " are") + " missing";
+    c.faults.push_back({ "frames-missing", Weight::spoils, name_of_camera(camera), text, {} });
+}
+
+/// Reads the frames; those of another size than most have are named.
+void read_all(LoadedCamera& c, const std::vector<std::string>& paths, std::size_t camera)
+{
+    std::map<std::pair<int, int>, int> sizes;
+    for (const std::string& path : paths) {
+        c.frames.push_back(read_grey(path));
+        ++sizes[{ c.frames.back().cols, c.frames.back().rows }];
+    }
+    if (sizes.size() <= 1) return;
+    const auto most = std::max_element(
+        sizes.begin(), sizes.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
+    std::vector<std::string> odd;
+    for (std::size_t i = 0; i < c.frames.size(); ++i)
+        if (c.frames[i].cols != most->first.first || c.frames[i].rows != most->first.second)
+            odd.push_back(
+                c.names[i] + " is " + std::to_string(c.frames[i].cols) + " x " + std::to_string(c.frames[i].rows));
+    c.faults.push_back({ "mixed-size", Weight::spoils, name_of_camera(camera),
+        listed(odd) + ", the others are " + std::to_string(most->first.first) + " x "
+            + std::to_string(most->first.second),
+        {} });
+    c.frames.clear();
+}
+
+LoadedCamera load_camera(
+    const std::string& where, const std::vector<std::string>& paths, std::size_t count, std::size_t camera)
+{
+    LoadedCamera c;
+    c.where = where;
+    for (const std::string& path : paths)
+        c.names.push_back(fs::path(path).filename().string());
+    find_missing(c, count, camera);
+    if (c.faults.empty()) read_all(c, paths, camera);
+    return c;
+}
+
+CheckedCamera check_camera(LoadedCamera& c, std::size_t camera, Checked& checked)
+{
+    checked.findings.insert(checked.findings.end(), c.faults.begin(), c.faults.end());
+    CheckedCamera result { c.names, {} };
+    if (!c.faults.empty()) return result;
+    const auto exchange = find_exchange(c.frames, checked.method);
+    result.figures = measure_capture(c.frames, checked.method);
+    for (const Finding& finding : judge(*result.figures, checked.method, static_cast<int>(camera), exchange, c.names))
+        checked.findings.push_back(finding);
+    return result;
+}
+
+} // namespace
+
+double Checked::gamma() const
+{
+    double sum = 0, count = 0;
+    for (const CheckedCamera& camera : cameras) {
+        if (!camera.figures) continue;
+        sum += camera.figures->gamma;
+        ++count;
+    }
+    return count > 0 ? sum / count : std::nan("");
+}
+
+Checked check_capture(const CheckRequest& request, const OnStep& on_step)
+{
+    const std::array<std::string, 2> where { request.files.cam0, request.files.cam1 };
+    Checked checked;
+    checked.method = find_method(request);
+    cv::Size size;
+    for (std::size_t c = 0; c < 2; ++c) {
+        next_step(on_step, name_of_camera(c));
+        LoadedCamera loaded = load_camera(where[c], find_frames(where[c]), frame_count(checked.method.method), c);
+        if (!loaded.frames.empty() && size.empty()) size = loaded.frames[0].size();
+        if (!loaded.frames.empty() && loaded.frames[0].size() != size)
+            checked.findings.push_back(
+                { "mixed-size", Weight::spoils, "", "the two cameras' frames have different sizes", {} });
+        checked.cameras[c] = check_camera(loaded, c, checked);
+    }
+    return checked;
+}
+
+} // namespace vexo

@@ -1,0 +1,76 @@
+#include "host/captures/choose_method.h"
+
+#include "base/failure.h"
+#include "host/captures/frames.h"
+#include "host/files/json_file.h"
+
+#include <filesystem>
+#include <optional>
+
+namespace vexo {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* descriptions[] = { "scene.json", "patterns.json" };
+
+/// A description of the capture, if there is a readable one; what it lacks is found out in other ways.
+std::optional<Json> description(const std::string& folder, const char* file)
+{
+    std::error_code ignored;
+    const fs::path path = fs::path(folder) / file;
+    if (folder.empty() || !fs::is_regular_file(path, ignored)) return std::nullopt;
+    try {
+        return read_json(path.string());
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+}
+
+Choice method_by_count(const std::string& cam0, bool nearest)
+{
+    const std::size_t count = find_frames(cam0).size();
+    for (const Method method : all_methods)
+        if (count == frame_count(method))
+            return { method, std::to_string(count) + (count == 1 ? " picture" : " pictures") + " of each camera" };
+    if (count == 0) throw Failure(cam0 + ": no pictures found");
+    if (nearest)
+        return { count > frame_count(Method::multi_phase) ? Method::multi_phase : Method::gray_phase,
+            std::to_string(count) + " pictures" };
+    throw Failure(cam0 + ": " + std::to_string(count)
+        + " pictures fit no method (sgbm 1, gray-phase 13, multi-phase 14); name it with --method");
+}
+
+} // namespace
+
+Choice choose_method(const CaptureFiles& files, bool nearest)
+{
+    if (const auto method = method_named(files.method)) return { *method, "--method" };
+    if (files.decoded) {
+        std::error_code ignored;
+        const bool several = fs::exists(fs::path(files.cam0) / "phase0.tiff", ignored);
+        return { several ? Method::multi_phase : Method::gray_phase, several ? "phase0.tiff" : "decoded maps" };
+    }
+    for (const char* file : descriptions) {
+        const auto json = description(files.folder, file);
+        if (!json || !json->contains("method") || !json->at("method").is_string()) continue;
+        if (const auto method = method_named(json->at("method").get<std::string>())) return { *method, file };
+    }
+    return method_by_count(files.cam0, nearest);
+}
+
+std::vector<int> periods_said_in(const std::string& folder)
+{
+    for (const char* file : descriptions) {
+        const auto json = description(folder, file);
+        if (!json || !json->contains("periods") || !json->at("periods").is_array()) continue;
+        std::vector<int> periods;
+        for (const Json& period : json->at("periods"))
+            if (period.is_number_integer() && period >= 2 && period <= 100000) periods.push_back(period.get<int>());
+        if (periods.size() == json->at("periods").size()) return periods;
+    }
+    return {};
+}
+
+} // namespace vexo

@@ -1,0 +1,266 @@
+#include "host/captures/quality.h"
+
+#include "base/statistics.h"
+#include "host/captures/fringe_steps.h"
+#include "host/captures/order.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace vexo {
+
+namespace {
+
+constexpr double pi = 3.14159265358979323846;
+
+constexpr int least_contrast = 16; ///< grey levels, lit - dark: as the library's default
+
+constexpr double least_modulation = 6.0; ///< grey levels: as `vexo measure` has it
+
+constexpr int clipped = 255;
+
+constexpr int nearly_clipped = 250; ///< grey: above, noise and sharpening clip single frames
+
+/// The fringe patterns of this program: mean and amplitude, of 255.
+constexpr double fringe_mean = 127.5, fringe_amplitude = 120.0;
+
+/// Which pixels a statistic may use.
+enum Kind : unsigned char { unlit, weak, good, clipped_lit, clipped_fringe };
+
+/// Kind of a pixel from lit, dark and all fringe frames.
+Kind kind_at(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, int y, int x)
+{
+    const int dark = frames[0].at<uchar>(y, x), lit = frames[1].at<uchar>(y, x);
+    if (lit - dark < least_contrast) return unlit;
+    double modulation = 1e9;
+    bool clips = false;
+    for (const std::size_t first : groups) {
+        const FringeSteps steps(frames, first, y, x);
+        modulation = std::min(modulation, steps.modulation());
+        clips = clips || !steps.all_below(clipped);
+    }
+    if (clips) return clipped_fringe; // also without modulation: glare that hides the fringes
+    if (modulation < least_modulation) return weak;
+    return lit >= clipped ? clipped_lit : good;
+}
+
+/// Standard deviation of a grey value in a frame without structure, from second differences along rows:
+/// I(x - 1) - 2 I(x) + I(x + 1) has 6 times the variance. Quartiles, so that edges do not count; 8-bit rounding of
+/// its own, 1/12, is left in.
+double noise_of(const cv::Mat& frame)
+{
+    std::vector<float> differences;
+    for (int y = 0; y < frame.rows; y += 2)
+        for (int x = 1; x + 1 < frame.cols; x += 3) {
+            const int second = frame.at<uchar>(y, x - 1) - 2 * frame.at<uchar>(y, x) + frame.at<uchar>(y, x + 1);
+            differences.push_back(static_cast<float>(second));
+        }
+    double squares = 0, count = 0;
+    const double limit = 5 * std::max(1.0, (quantile(differences, 0.84) - quantile(differences, 0.16)) / 2);
+    for (const float d : differences) {
+        if (std::abs(d) > static_cast<float>(limit)) continue;
+        squares += static_cast<double>(d) * static_cast<double>(d);
+        ++count;
+    }
+    return std::sqrt(squares / std::max(count, 1.0) / 6.0);
+}
+
+/// Mean light of the fringe pattern through light = grey^gamma, as a share of full light.
+double mean_light(double gamma)
+{
+    constexpr int n = 64;
+    double sum = 0;
+    for (int i = 0; i < n; ++i)
+        sum += std::pow((fringe_mean + fringe_amplitude * std::cos(2 * pi * i / n)) / 255.0, gamma);
+    return sum / n;
+}
+
+/// Gamma from the mean of the fringes between dark and lit: 0.5 when linear. Blur leaves that mean alone, unlike the
+/// second harmonic, which it damps. NaN outside 0.2 to 5.
+double gamma_from_mean(double share)
+{
+    double low = 0.2, high = 5.0;
+    if (!(share < mean_light(low)) || !(share > mean_light(high))) return std::numeric_limits<double>::quiet_NaN();
+    for (int i = 0; i < 60; ++i) {
+        const double middle = 0.5 * (low + high);
+        (mean_light(middle) > share ? low : high) = middle;
+    }
+    return 0.5 * (low + high);
+}
+
+/// Sums over the pixels that show unclipped fringes.
+struct FringeSums {
+    double rmc = 0, mmcc = 0, rr = 0, count = 0;
+    std::vector<float> means;            ///< place of the fringes' mean between dark (0) and lit (1)
+    std::vector<float> residuals, lifts; ///< r, and modulation * cos(2t): r = a2/a1 * lift
+
+    void add(const FringeSteps& steps, int dark, int lit)
+    {
+        const double r = steps.residual(), lift = steps.modulation() * steps.second_cosine();
+        rmc += r * lift;
+        mmcc += lift * lift;
+        rr += r * r;
+        ++count;
+        residuals.push_back(static_cast<float>(r));
+        lifts.push_back(static_cast<float>(lift));
+        if (lit < nearly_clipped) means.push_back(static_cast<float>((steps.mean() - dark) / (lit - dark)));
+    }
+};
+
+void measure_response(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
+{
+    FringeSums sums;
+    for (int y = 0; y < f.kinds.rows; ++y) {
+        for (int x = 0; x < f.kinds.cols; ++x) {
+            const int kind = f.kinds.at<uchar>(y, x);
+            if (kind != good && kind != clipped_lit) continue;
+            for (const std::size_t first : groups) {
+                const FringeSteps steps(frames, first, y, x);
+                if (steps.all_below(nearly_clipped))
+                    sums.add(steps, frames[0].at<uchar>(y, x), frames[1].at<uchar>(y, x));
+            }
+        }
+    }
+    if (sums.count == 0) return;
+    f.second_harmonic = sums.mmcc > 0 ? sums.rmc / sums.mmcc : 0;
+    f.residual_rms = std::sqrt(sums.rr / sums.count);
+    f.gamma = gamma_from_mean(quantile(sums.means, 0.5));
+    std::vector<float> rest(sums.residuals.size());
+    for (std::size_t i = 0; i < rest.size(); ++i)
+        rest[i] = std::abs(sums.residuals[i] - static_cast<float>(f.second_harmonic) * sums.lifts[i]);
+    // A grey noise s gives r the standard deviation s / 2; 0.6745 of it is the median of |r|.
+    f.fringe_noise = 2 * quantile(rest, 0.5) / 0.6745;
+}
+
+void measure_pixels(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
+{
+    constexpr float nothing = std::numeric_limits<float>::quiet_NaN();
+    f.kinds.create(f.size, CV_8U);
+    f.modulation_map = cv::Mat(f.size, CV_32F, cv::Scalar(nothing));
+    f.residual_map = f.modulation_map.clone();
+    double any_clipped = 0;
+    for (int y = 0; y < f.size.height; ++y) {
+        for (int x = 0; x < f.size.width; ++x) {
+            const Kind kind = kind_at(frames, groups, y, x);
+            f.kinds.at<uchar>(y, x) = kind;
+            bool clips = false;
+            for (const cv::Mat& frame : frames)
+                clips = clips || frame.at<uchar>(y, x) == clipped;
+            any_clipped += clips ? 1 : 0;
+            if (kind == unlit || kind == weak) continue;
+            const FringeSteps steps(frames, groups.front(), y, x);
+            f.modulation_map.at<float>(y, x) = static_cast<float>(steps.modulation());
+            f.residual_map.at<float>(y, x) = static_cast<float>(steps.residual());
+        }
+    }
+    f.saturated = any_clipped / static_cast<double>(f.size.area());
+}
+
+void summarize_pixels(const std::vector<cv::Mat>& frames, CameraFigures& f)
+{
+    std::vector<float> lit, modulation;
+    double clips = 0;
+    for (int y = 0; y < f.size.height; ++y) {
+        for (int x = 0; x < f.size.width; ++x) {
+            const int kind = f.kinds.at<uchar>(y, x);
+            if (kind == unlit || kind == weak) continue;
+            clips += kind == clipped_fringe ? 1 : 0;
+            lit.push_back(frames[1].at<uchar>(y, x));
+            const float m = f.modulation_map.at<float>(y, x);
+            modulation.push_back(m);
+            const auto bin = std::min(static_cast<std::size_t>(m / 4), f.modulation_histogram.size() - 1);
+            f.modulation_histogram[bin] += 1;
+        }
+    }
+    if (lit.empty()) return;
+    const auto count = static_cast<double>(lit.size());
+    for (double& share : f.modulation_histogram)
+        share /= count;
+    f.pixels = count / static_cast<double>(f.size.area());
+    f.saturated_fringes = clips / count;
+    f.lit_median = quantile(lit, 0.5);
+    f.lit_bright = quantile(lit, 0.99);
+    f.modulation = quantile(modulation, 0.5);
+}
+
+/// Frames in which pixels light up that the lit frame leaves dark: no pattern does that, motion does. Pixels that are
+/// lit tell less: glare makes single frames brighter than the lit one.
+void measure_lighting_up(const std::vector<cv::Mat>& frames, CameraFigures& f)
+{
+    const double margin = std::max(10.0, 8.0 * f.dark_noise);
+    const double seen = f.pixels * static_cast<double>(f.size.area());
+    for (std::size_t k = 2; k < frames.size(); ++k) {
+        double count = 0;
+        for (int y = 0; y < f.size.height; ++y)
+            for (int x = 0; x < f.size.width; ++x)
+                count += f.kinds.at<uchar>(y, x) == unlit
+                        && frames[k].at<uchar>(y, x) > frames[1].at<uchar>(y, x) + margin
+                    ? 1
+                    : 0;
+        if (count / std::max(seen, 1.0) <= f.lighting_up) continue;
+        f.lighting_up = count / std::max(seen, 1.0);
+        f.lighting_up_frame = k;
+    }
+}
+
+/// A plane of the gray code that the projector has no use for may be recorded as an empty picture.
+void find_blank(const std::vector<cv::Mat>& frames, CameraFigures& f)
+{
+    for (std::size_t k = 2; k < frames.size(); ++k) {
+        double low = 0, high = 0;
+        cv::minMaxLoc(frames[k], &low, &high);
+        if (low == high) f.blank.push_back(k);
+    }
+}
+
+/// Fringe frames of one group are equally bright on the whole, whatever the scene.
+void measure_brightness(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
+{
+    const cv::Mat seen = f.kinds == good;
+    if (cv::countNonZero(seen) == 0) return;
+    const double dark = cv::mean(frames[0], seen)[0];
+    for (const std::size_t first : groups) {
+        std::array<double, 4> level {};
+        for (std::size_t k = 0; k < 4; ++k)
+            level[k] = cv::mean(frames[first + k], seen)[0] - dark;
+        std::array<double, 4> sorted = level;
+        std::sort(sorted.begin(), sorted.end());
+        const double middle = std::max(0.5 * (sorted[1] + sorted[2]), 1.0);
+        for (std::size_t k = 0; k < 4; ++k) {
+            const double change = std::abs(level[k] - middle) / middle;
+            if (change <= f.brightness_change) continue;
+            f.brightness_change = change;
+            f.brightness_frame = first + k;
+        }
+    }
+}
+
+} // namespace
+
+const std::vector<std::string>& pixel_kinds()
+{
+    static const std::vector<std::string> names
+        = { "not lit", "fringes too weak", "good", "lit frame at 255", "fringe frame at 255" };
+    return names;
+}
+
+CameraFigures measure_capture(const std::vector<cv::Mat>& frames, const FringeMethod& method)
+{
+    const std::vector<std::size_t> groups = phase_sets(method.method);
+    CameraFigures f;
+    f.size = frames[0].size();
+    f.gamma = std::numeric_limits<double>::quiet_NaN();
+    f.dark_noise = noise_of(frames[0]);
+    measure_pixels(frames, groups, f);
+    summarize_pixels(frames, f);
+    measure_response(frames, groups, f);
+    find_blank(frames, f);
+    measure_lighting_up(frames, f);
+    measure_brightness(frames, groups, f);
+    f.fitting = fitting_share(frames, method);
+    if (!method.multi()) f.slip = code_slip(frames);
+    return f;
+}
+
+} // namespace vexo

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vexo {
+
+/// What a PLY file's header says of its points.
+struct PlyHeader {
+    struct Property {
+        std::string name;
+        std::string type;
+        std::size_t offset; ///< bytes from the start of a vertex
+        std::size_t bytes;
+    };
+    std::string format; ///< "binary_little_endian", "binary_big_endian" or "ascii"
+    std::vector<std::string> comments;
+    std::size_t vertices = 0;
+    std::size_t stride = 0; ///< bytes of one vertex
+    std::size_t body = 0;   ///< where the vertices begin
+    std::vector<Property> properties;
+};
+
+/// Reads a header; throws Failure that names `path`.
+PlyHeader parse_ply_header(const std::string& bytes, const std::string& path);
+
+/// x y z of a binary little-endian PLY with float coordinates; throws Failure.
+std::vector<cv::Point3f> read_ply(const std::string& path);
+
+/// Binary little-endian PLY of the points that are not NaN: x y z as float, the grey as red green blue.
+/// @param texture  8-bit grey, as many pixels as points
+std::vector<unsigned char> make_ply(
+    const std::vector<cv::Point3f>& points, const cv::Mat& texture, const std::string& comment);
+
+} // namespace vexo

@@ -1,0 +1,175 @@
+#include "host/measurement/measure.h"
+
+#include "base/failure.h"
+#include "base/parallel.h"
+#include "base/stopwatch.h"
+#include "host/cameras/rectification.h"
+#include "host/measurement/disparity_range.h"
+
+#include <cmath>
+#include <utility>
+
+namespace vexo {
+
+namespace {
+
+/// One measurement on its way: what is given, what is found.
+struct Work {
+    const Capture& capture;
+    const Stereo& stereo;
+    const MeasureRequest& request;
+    const OnStep& on_step;
+    PairFrames frames; ///< as recorded; lit frames masked after mask_pixels()
+    Measured m;
+
+    iStereoCamera& camera() const { return *stereo.camera; }
+    bool decoded() const { return capture.files.decoded; }
+};
+
+std::vector<FringeFigures> figures_of(const Work& w, std::size_t camera)
+{
+    const std::vector<cv::Mat>& frames = w.frames[camera];
+    const cv::Mat& mask = w.m.masks[camera].modulation;
+    std::vector<FringeFigures> figures;
+    const std::size_t first_map = w.m.method() == Method::gray_phase ? 3 : 2;
+    for (std::size_t map = first_map; w.decoded() && map < frames.size(); ++map)
+        figures.push_back(measure_phase(frames[map], mask));
+    if (w.decoded()) return figures;
+    for (const std::size_t first : phase_sets(w.m.method()))
+        figures.push_back(measure_fringes(frames, first, mask));
+    return figures;
+}
+
+void choose_parameters(Work& w)
+{
+    if (auto* multi = std::get_if<MultiPhaseMatchingParam>(&w.m.record))
+        multi->max_phase_diff
+            = w.request.max_phase_diff.value_or(largest_phase_difference(w.m.fringes[1], w.m.periods()));
+    auto* gray = std::get_if<GrayPhaseMatchingParam>(&w.m.record);
+    if (!gray) return;
+    w.m.runs = choose_run_lengths(w.m.fringes[0][0], w.m.fringes[1][0]);
+    w.m.runs.anchor_given = w.request.anchor.has_value();
+    w.m.runs.reject_given = w.request.reject.has_value();
+    gray->anchor_length = w.request.anchor.value_or(w.m.runs.anchor);
+    gray->reject_length = w.request.reject.value_or(w.m.runs.reject);
+}
+
+/// A pixel without fringes decodes to a phase all the same: gray code sees a patch of such pixels as one long run
+/// that can outvote its neighbours, several periods may agree on a coordinate by chance. So they are handed over as
+/// unlit, which the decoder leaves out.
+void mask_pixels(Work& w)
+{
+    const auto sets = w.decoded() ? std::vector<std::size_t>() : phase_sets(w.m.method());
+    const LightLimits limits = light_limits(w.m.record);
+    in_parallel(2, [&](std::size_t camera) {
+        std::vector<cv::Mat>& frames = w.frames[camera];
+        const cv::Mat& seen
+            = (w.m.masks[camera] = make_masks(frames, limits, sets, w.request.min_modulation)).modulation;
+        w.m.fringes[camera] = figures_of(w, camera);
+        if (camera == 0 && w.m.method() == Method::multi_phase && !w.decoded())
+            w.m.weak = find_weak_pixels(frames, seen, w.m.fringes[0], limits.min_contrast);
+        frames[1] = frames[1].clone(); // the capture stays as it was recorded
+        frames[1].setTo(0, seen == 0);
+    });
+}
+
+void set_range(Measured& m, const MeasureRequest::Range& range, const std::string& origin)
+{
+    set_disparity_limits(m.record, range.first, range.second);
+    m.range_origin = origin;
+}
+
+constexpr const char* as_given = "as given";
+constexpr const char* from_the_data = "found in the data";
+
+void measure_phases(Work& w)
+{
+    Measured& m = w.m;
+    const auto given = given_range(w.request, m.geometry);
+    next_step(w.on_step, "looking at the fringes");
+    mask_pixels(w);
+    choose_parameters(w);
+    next_step(w.on_step, "matching without limits");
+    Stopwatch clock;
+    const Cloud first_pass = match(w.camera(), w.frames, lift_disparity(m.record), w.request.interpolate);
+    m.any_disparity = disparities_of(first_pass, m.geometry);
+    if (given)
+        set_range(m, *given, as_given);
+    else if (const auto found = occupied_range(m.any_disparity))
+        set_range(m, *found, from_the_data);
+    m.first_pass_seconds = clock.lap();
+    next_step(w.on_step, "decoding and matching");
+    m.cloud = match(w.camera(), w.frames, m.record, w.request.interpolate, &m.times);
+    next_step(w.on_step, "finding out why pixels were not measured");
+    clock.lap();
+    m.causes
+        = find_phase_causes(w.camera(), w.frames, m.masks[0], m.record, w.request.interpolate, m.cloud, first_pass);
+    m.causes_seconds = clock.lap();
+}
+
+void measure_blocks(Work& w)
+{
+    Measured& m = w.m;
+    auto range = given_range(w.request, m.geometry);
+    next_step(w.on_step, "looking for the disparity range");
+    Stopwatch clock;
+    const char* const origin = range ? as_given : from_the_data;
+    if (!range) range = matching_range(m.texture, rectified(w.camera(), w.frames[1][0], 1), m.geometry);
+    if (!range) throw Failure("the two pictures fit each other nowhere; pass --depth or --disparity if they should");
+    const auto& count = w.request.num_disparities;
+    if (count) range->second = range->first + *count - 1;
+    set_range(m, *range, origin);
+    if (count) std::get<SGBMatchingParam>(m.record).numDisparities = *count;
+    m.first_pass_seconds = clock.lap();
+    next_step(w.on_step, "matching");
+    m.cloud = match(w.camera(), w.frames, m.record, w.request.interpolate, &m.times);
+    next_step(w.on_step, "finding out why pixels were not measured");
+    clock.lap();
+    m.causes = find_block_causes(w.camera(), w.frames, std::get<SGBMatchingParam>(m.record), m.cloud);
+    m.causes_seconds = clock.lap();
+}
+
+void make_maps(Measured& m)
+{
+    const auto nothing = static_cast<double>(std::nanf(""));
+    m.depth = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(nothing));
+    m.disparity = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(nothing));
+    in_parallel(static_cast<std::size_t>(m.depth.rows), [&m](std::size_t row) {
+        const int y = static_cast<int>(row);
+        for (int x = 0; x < m.depth.cols; ++x) {
+            if (!m.cloud.measured(y, x)) continue;
+            const float z = m.cloud.point(y, x).z;
+            m.depth.at<float>(y, x) = z;
+            m.disparity.at<float>(y, x) = static_cast<float>(m.geometry.disparity(static_cast<double>(z)));
+        }
+    });
+}
+
+} // namespace
+
+std::vector<int> Measured::periods() const
+{
+    const auto* multi = std::get_if<MultiPhaseMatchingParam>(&record);
+    return multi ? std::vector<int>(multi->periods, multi->periods + multi->nperiods) : std::vector<int>();
+}
+
+Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const OnStep& on_step)
+{
+    Work work { capture, stereo, request, on_step, capture.frames.frames, {} };
+    Measured& m = work.m;
+    m.choice = capture.choice;
+    m.record = record_of(request, capture.method(), capture.files.decoded, capture.periods);
+    m.geometry = stereo.geometry;
+    m.baseline = stereo.camera->get_baseline_length();
+    Stopwatch clock;
+    m.texture = rectified(*stereo.camera, work.frames[0][m.method() == Method::sgbm ? 0 : 1], 0);
+    m.rectify_seconds = clock.lap();
+    if (m.method() == Method::sgbm)
+        measure_blocks(work);
+    else
+        measure_phases(work);
+    make_maps(m);
+    return std::move(work.m);
+}
+
+} // namespace vexo

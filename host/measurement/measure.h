@@ -1,0 +1,53 @@
+#pragma once
+
+#include "base/on_step.h"
+#include "host/cameras/stereo.h"
+#include "host/captures/capture.h"
+#include "host/captures/fringes.h"
+#include "host/clouds/cloud.h"
+#include "host/measurement/causes.h"
+#include "host/measurement/match.h"
+#include "host/measurement/parameters.h"
+
+#include <opencv2/core.hpp>
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace vexo {
+
+/// What was measured, and how.
+struct Measured {
+    Choice choice;
+    MatchingRecord record;
+    Geometry geometry;     ///< of rectified camera 0
+    double baseline = 0.0; ///< in the unit of the calibration
+    std::array<PixelMasks, 2> masks;
+    std::array<std::vector<FringeFigures>, 2> fringes; ///< of each camera, one for each period
+    RunLengths runs;
+    WeakPixels weak;                  ///< of camera 0, multi-period
+    cv::Mat texture;                  ///< rectified lit frame of camera 0
+    std::string range_origin;         ///< where the disparity limits come from
+    std::vector<float> any_disparity; ///< what phases match without limits
+    Cloud cloud;                      ///< rectified camera 0; may hold no point
+    CauseMap causes;
+    cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
+    StageTimes times;
+    double rectify_seconds = 0.0, first_pass_seconds = 0.0, causes_seconds = 0.0;
+
+    Method method() const { return choice.method; }
+    /// Fringe periods in projector px; empty for other methods.
+    std::vector<int> periods() const;
+};
+
+/// Steps that measure() tells of, at most.
+constexpr int measure_steps = 4;
+
+/// Measures a capture with a stereo camera of its frames' size. Changes neither; several threads may measure at once,
+/// each with a stereo camera of its own. That nothing was measured is no failure: the cloud is empty then, and the
+/// causes say why. Throws Failure for what cannot be done, and Stopped.
+Measured measure(
+    const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const OnStep& on_step = {});
+
+} // namespace vexo

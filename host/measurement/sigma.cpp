@@ -1,0 +1,41 @@
+#include "host/measurement/sigma.h"
+
+#include <cmath>
+
+namespace vexo {
+
+CoordinateNoise gray_noise(const PeriodNoise& noise)
+{
+    return { noise.phase_noise[0], noise.phase_noise[1], noise.length_px };
+}
+
+CoordinateNoise multi_noise(const std::vector<PeriodNoise>& noise)
+{
+    const auto periods = static_cast<double>(noise.size());
+    CoordinateNoise sum;
+    std::array<double, 2> variances {};
+    for (const PeriodNoise& one : noise) {
+        for (std::size_t camera = 0; camera < 2; ++camera)
+            variances[camera] += std::pow(one.period * one.phase_noise[camera], 2.0);
+        sum.unit_px += one.length_px / one.period / periods;
+    }
+    sum.sigma0 = std::sqrt(variances[0]) / periods;
+    sum.sigma1 = std::sqrt(variances[1]) / periods;
+    return sum;
+}
+
+double predicted_noise(
+    const CoordinateNoise& noise, double fit_points, double f_baseline, const std::vector<cv::Point3f>& cloud)
+{
+    const double n = fit_points;
+    const double k = 2.0 / 3.0 * ((n - 1.0 + 2.0 / 3.0) / (n * n) + 1.0 / (n * (n * n - 1.0)));
+    constexpr double q_squared = 1.0 / (32.0 * 32.0 * 12.0);
+    const double s0 = noise.sigma0 * noise.unit_px, s1 = noise.sigma1 * noise.unit_px;
+    const double sigma_d = std::sqrt(4.0 / 9.0 * s0 * s0 + k * s1 * s1 + 2.0 * q_squared);
+    double fourth_powers = 0.0;
+    for (const cv::Point3f& p : cloud)
+        fourth_powers += std::pow(static_cast<double>(p.z), 4.0);
+    return std::sqrt(fourth_powers / static_cast<double>(cloud.size())) / f_baseline * sigma_d;
+}
+
+} // namespace vexo

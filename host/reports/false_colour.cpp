@@ -1,0 +1,139 @@
+#include "host/reports/false_colour.h"
+
+#include "base/text.h"
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace vexo {
+
+namespace {
+
+const cv::Vec3b nothing(48, 48, 48);
+
+const cv::Scalar paper(255, 255, 255), ink(0, 0, 0);
+
+/// Sizes of letters and margins, in proportion to the picture.
+struct Layout {
+    explicit Layout(int height)
+        : scale(std::clamp(height / 700.0, 0.5, 3.0))
+    {
+    }
+    int px(double units) const { return static_cast<int>(std::lround(units * scale)); }
+    double font() const { return 0.55 * scale; }
+    int stroke() const { return std::max(1, px(1.0)); }
+    double scale;
+};
+
+void write(cv::Mat& picture, const std::string& text, cv::Point at, const Layout& layout)
+{
+    cv::putText(picture, text, at, cv::FONT_HERSHEY_SIMPLEX, layout.font(), ink, layout.stroke(), cv::LINE_AA);
+}
+
+int text_width(const std::string& text, const Layout& layout)
+{
+    int baseline = 0;
+    return cv::getTextSize(text, cv::FONT_HERSHEY_SIMPLEX, layout.font(), layout.stroke(), &baseline).width;
+}
+
+/// The picture with a white panel of `panel` px to its right and a title line above.
+cv::Mat framed(const cv::Mat& picture, int panel, const std::string& title, const Layout& layout)
+{
+    const int top = layout.px(30);
+    const int width = std::max(picture.cols + panel, text_width(title, layout) + layout.px(20));
+    cv::Mat out(std::max(picture.rows, layout.px(260)) + top, width, CV_8UC3, paper);
+    picture.copyTo(out(cv::Rect(0, top, picture.cols, picture.rows)));
+    write(out, title, { layout.px(8), layout.px(21) }, layout);
+    return out;
+}
+
+/// Distance of ticks: 1, 2 or 5 times a power of ten, for about six of them.
+double tick_distance(double span)
+{
+    const double raw = span / 6.0;
+    const double power = std::pow(10.0, std::floor(std::log10(raw)));
+    const double lead = raw / power;
+    return power * (lead <= 1.0 ? 1.0 : lead <= 2.0 ? 2.0 : lead <= 5.0 ? 5.0 : 10.0);
+}
+
+cv::Mat colour_table()
+{
+    cv::Mat levels(1, 256, CV_8U), colours;
+    for (int i = 0; i < 256; ++i)
+        levels.at<uchar>(0, i) = static_cast<uchar>(i);
+    cv::applyColorMap(levels, colours, cv::COLORMAP_TURBO);
+    return colours;
+}
+
+void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv::Mat& colours, const Layout& layout)
+{
+    for (int y = 0; y < bar.height; ++y) {
+        const int level = 255 - 255 * y / std::max(1, bar.height - 1);
+        cv::line(picture, { bar.x, bar.y + y }, { bar.x + bar.width - 1, bar.y + y },
+            cv::Scalar(colours.at<cv::Vec3b>(0, level)));
+    }
+    cv::rectangle(picture, bar, ink, layout.stroke());
+    const double distance = tick_distance(high - low);
+    const int decimals = std::max(0, static_cast<int>(-std::floor(std::log10(distance) + 1e-9)));
+    for (double k = std::ceil(low / distance - 1e-9); k * distance <= high + 1e-9 * distance; ++k) {
+        const double value = k * distance + 0.0;
+        const int y = bar.y + static_cast<int>(std::lround((high - value) / (high - low) * (bar.height - 1)));
+        cv::line(picture, { bar.x + bar.width, y }, { bar.x + bar.width + layout.px(6), y }, ink, layout.stroke());
+        write(picture, number(value, decimals), { bar.x + bar.width + layout.px(10), y + layout.px(6) }, layout);
+    }
+}
+
+} // namespace
+
+cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::string& title)
+{
+    if (!(high - low > 1e-9 * std::max(std::abs(low), std::abs(high)))) { // one value, or none at all
+        low = std::isfinite(low) ? low - 0.5 : 0.0;
+        high = low + 1.0;
+    }
+    const cv::Mat colours = colour_table();
+    const cv::Vec3b* const ramp = colours.ptr<cv::Vec3b>();
+    cv::Mat picture(values.size(), CV_8UC3);
+    for (int y = 0; y < values.rows; ++y) {
+        const float* const row = values.ptr<float>(y);
+        cv::Vec3b* const out = picture.ptr<cv::Vec3b>(y);
+        for (int x = 0; x < values.cols; ++x) {
+            const double value = row[x];
+            const double level = std::clamp(255.0 * (value - low) / (high - low), 0.0, 255.0);
+            out[x] = std::isnan(value) ? nothing : ramp[static_cast<int>(level + 0.5)];
+        }
+    }
+    const Layout layout(values.rows);
+    cv::Mat out = framed(picture, layout.px(120), title, layout);
+    const cv::Rect bar(picture.cols + layout.px(14), layout.px(46), layout.px(22), out.rows - layout.px(64));
+    draw_ramp(out, bar, low, high, colours, layout);
+    return out;
+}
+
+cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const std::string& title)
+{
+    cv::Mat picture(labels.size(), CV_8UC3);
+    for (int y = 0; y < labels.rows; ++y)
+        for (int x = 0; x < labels.cols; ++x)
+            picture.at<cv::Vec3b>(y, x)
+                = labels.at<uchar>(y, x) < legend.size() ? legend[labels.at<uchar>(y, x)].colour : nothing;
+
+    const Layout layout(labels.rows);
+    int widest = 0;
+    for (const Label& label : legend)
+        widest = std::max(widest, text_width(label.text, layout));
+    cv::Mat out = framed(picture, widest + layout.px(60), title, layout);
+    double line = 0.0;
+    for (const Label& label : legend) {
+        if (label.text.empty()) continue;
+        const cv::Rect box(picture.cols + layout.px(12), layout.px(44.0 + 28.0 * line++), layout.px(18), layout.px(18));
+        cv::rectangle(out, box, cv::Scalar(label.colour), cv::FILLED);
+        cv::rectangle(out, box, ink, layout.stroke());
+        write(out, label.text, { box.x + layout.px(26), box.y + layout.px(14) }, layout);
+    }
+    return out;
+}
+
+} // namespace vexo

@@ -1,0 +1,106 @@
+#include "host/reports/measurement_pictures.h"
+
+#include "base/parallel.h"
+#include "base/pictures.h"
+#include "base/statistics.h"
+#include "base/text.h"
+#include "host/files/ply.h"
+#include "host/reports/cause_words.h"
+#include "host/reports/false_colour.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+namespace vexo {
+
+namespace {
+
+/// Smallest round step with which the largest depth fits into 16 bits.
+double depth_step(double largest)
+{
+    for (int digits = -5; digits < 9; ++digits)
+        for (const double lead : { 1.0, 2.0, 5.0 }) {
+            const double step = lead * std::pow(10.0, digits);
+            if (largest <= 65535.0 * step) return step;
+        }
+    return 1e9;
+}
+
+cv::Mat depth_image(const cv::Mat& depth, double step)
+{
+    cv::Mat image = cv::Mat::zeros(depth.size(), CV_16U);
+    for (int y = 0; y < depth.rows; ++y)
+        for (int x = 0; x < depth.cols; ++x)
+            if (depth.at<float>(y, x) > 0.0F)
+                image.at<ushort>(y, x)
+                    = cv::saturate_cast<ushort>(std::lround(static_cast<double>(depth.at<float>(y, x)) / step));
+    return image;
+}
+
+cv::Mat view_of(const cv::Mat& values, const std::string& title)
+{
+    const std::vector<double> ends = quantiles(finite_values(values), { 0.005, 0.995 });
+    const double low = ends[0], high = ends[1];
+    return false_colour(values, low - 0.02 * (high - low), high + 0.02 * (high - low), title);
+}
+
+std::vector<Label> counted_legend(const CauseMap& causes, Method method)
+{
+    std::vector<Label> legend = cause_legend();
+    const std::vector<Cause> own = causes_of(method);
+    for (std::size_t i = 0; i < legend.size(); ++i) {
+        const auto cause = static_cast<Cause>(i);
+        if (std::find(own.begin(), own.end(), cause) == own.end())
+            legend[i].text.clear(); // not in the picture
+        else
+            legend[i].text
+                += ": " + percent(static_cast<double>(causes[cause]), static_cast<double>(causes.causes.total()));
+    }
+    return legend;
+}
+
+} // namespace
+
+void add_files(OutputFolder& out, const Measured& m, Json& report)
+{
+    double nearest = 0.0, farthest = 0.0;
+    cv::minMaxLoc(m.depth, &nearest, &farthest, nullptr, nullptr, m.depth == m.depth);
+    const double step = depth_step(farthest);
+    report["depth_png"] = { { "unit", step }, { "invalid", 0 } };
+
+    using Bytes = std::vector<unsigned char>;
+    const auto png = [](const cv::Mat& picture) { return encode(".png", picture); };
+    const auto texture_view = [&] {
+        cv::Mat grey;
+        m.texture.convertTo(grey, CV_32F);
+        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]"));
+    };
+    const auto valid_view = [&] {
+        const std::vector<Label> legend = counted_legend(m.causes, m.method());
+        return png(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
+    };
+    // The longest first: they are made on all threads.
+    const std::vector<std::pair<const char*, std::function<Bytes()>>> files {
+        { "cloud.ply",
+            [&] {
+                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit of the calibration");
+            } },
+        { "depth_view.png", [&] { return png(view_of(m.depth, "depth [mm]")); } },
+        { "disparity_view.png", [&] { return png(view_of(m.disparity, "disparity [px]")); } },
+        { "depth.png", [&] { return png(depth_image(m.depth, step)); } },
+        { "texture_view.png", texture_view },
+        { "valid_view.png", valid_view },
+        { "texture.png", [&] { return png(m.texture); } },
+        { "disparity.tiff", [&] { return encode(".tiff", m.disparity); } },
+        { "depth.tiff", [&] { return encode(".tiff", m.depth); } },
+        { "valid.png", [&] { return png(m.depth == m.depth); } },
+    };
+    std::vector<Bytes> bytes(files.size());
+    in_parallel(files.size(), [&](std::size_t i) { bytes[i] = files[i].second(); });
+    for (std::size_t i = 0; i < files.size(); ++i)
+        out.add(files[i].first, std::move(bytes[i]));
+    out.add("report.json", json_text(report));
+}
+
+} // namespace vexo

@@ -1,0 +1,146 @@
+#include "host/reports/measurement_text.h"
+
+#include "base/statistics.h"
+#include "base/text.h"
+#include "host/reports/cause_words.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vexo {
+
+namespace {
+
+/// Range of disparities in words, with the depths that belong to it.
+std::string range_text(const Measured& m, double low, double high)
+{
+    const double a = m.geometry.depth(low), b = m.geometry.depth(high);
+    // beyond infinity the depth is negative
+    const auto text = [](double depth) { return depth > 0.0 && depth < 1e7 ? number(depth, 0) : "infinity"; };
+    const bool rising = a > 0.0 && (b < 0.0 || a < b);
+    return number(low, 0) + " ... " + number(high, 0) + " (depth " + text(rising ? a : b) + " ... "
+        + text(rising ? b : a) + ")";
+}
+
+/// Without limits, from the 1 % to the 99 % quantile.
+std::string measured_range(const Measured& m)
+{
+    const std::vector<double> ends = quantiles(m.any_disparity, { 0.01, 0.99 });
+    return range_text(m, ends[0], ends[1]);
+}
+
+std::string limits_text(const Measured& m)
+{
+    const auto [low, high] = disparity_limits(m.record);
+    return "[" + number(low, 0) + ", " + number(high, 0) + "]";
+}
+
+void add_fringes(std::vector<std::string>& lines, const Measured& m)
+{
+    if (m.method() == Method::gray_phase) {
+        const auto& param = std::get<GrayPhaseMatchingParam>(m.record);
+        lines.push_back("fringes      " + m.runs.reason);
+        lines.push_back("unwrapping   anchor " + std::to_string(param.anchor_length)
+            + (m.runs.anchor_given ? "" : " (chosen)") + ", reject " + std::to_string(param.reject_length)
+            + (m.runs.reject_given ? "" : " (chosen)"));
+    }
+    if (m.method() != Method::multi_phase) return;
+    std::string periods;
+    for (const int period : m.periods())
+        periods += (periods.empty() ? "" : ", ") + std::to_string(period);
+    lines.push_back("fringes      periods of " + periods + " projector px; phases may differ by "
+        + number(std::get<MultiPhaseMatchingParam>(m.record).max_phase_diff, 2) + " px");
+    for (std::size_t camera = 0; camera < 2 && !is_decoded(m.record); ++camera) {
+        const FringeFigures& worst = *std::min_element(m.fringes[camera].begin(), m.fringes[camera].end(),
+            [](const auto& a, const auto& b) { return a.modulation < b.modulation; });
+        const double loss = expected_loss(m.fringes[camera], m.periods());
+        lines.push_back("  camera " + std::to_string(camera) + "   modulation " + number(worst.modulation, 1)
+            + ", noise " + number(worst.grey_noise, 2) + " grey levels: " + percent(loss, 1.0)
+            + " of the fringe numbers lost to noise");
+    }
+}
+
+/// What the noise does to the numbers of multi-period fringes, when it does too much.
+void add_noise(std::vector<std::string>& lines, const Measured& m)
+{
+    constexpr double much = 0.01, wrong_from_rad = 0.1, pi = 3.14159265358979323846;
+    for (std::size_t camera = 0; camera < 2 && m.method() == Method::multi_phase; ++camera) {
+        double noise = 0.0;
+        for (const FringeFigures& figures : m.fringes[camera])
+            noise = std::max(noise, 2.0 * pi * figures.phase_noise);
+        const double loss = expected_loss(m.fringes[camera], m.periods());
+        if (loss <= much && noise <= wrong_from_rad) continue;
+        lines.push_back("warning      camera " + std::to_string(camera) + ": phase noise " + number(noise, 3)
+            + " rad loses up to " + percent(loss, 1.0) + " of the fringe numbers"
+            + (noise > wrong_from_rad ? ", and above 0.1 rad wrong numbers pass for right ones" : "")
+            + "; use more light, or shorter periods such as 9,10,11");
+    }
+}
+
+void add_causes(std::vector<std::string>& lines, const Measured& m, double total)
+{
+    lines.push_back("not measured");
+    for (const Cause cause : causes_of(m.method())) {
+        if (cause == Cause::none) continue;
+        std::string words = words_of(cause), count = grouped(m.causes[cause]);
+        words.resize(std::max<std::size_t>(words.size(), 38), ' ');
+        count.insert(0, 10 - std::min<std::size_t>(10, count.size()), ' ');
+        lines.push_back("  " + words + count + "  " + percent(static_cast<double>(m.causes[cause]), total));
+    }
+}
+
+} // namespace
+
+std::string why_nothing(const Measured& m)
+{
+    if (m.causes[Cause::disparity] > 0)
+        return "every disparity lies outside " + limits_text(m) + ": measured range " + measured_range(m)
+            + "; pass --disparity or --depth";
+    if (m.method() == Method::sgbm)
+        return "no pixel of the two pictures matches at disparities " + limits_text(m)
+            + "; pass --disparity or --depth, and check that cam0 and cam1 are not swapped";
+    const auto first = m.causes.counts.begin() + static_cast<std::ptrdiff_t>(Cause::contrast);
+    const auto worst = static_cast<Cause>(std::max_element(first, m.causes.counts.end()) - m.causes.counts.begin());
+    std::string text = "no point was measured; most pixels: " + std::string(words_of(worst));
+    if (worst == Cause::contrast)
+        text += "; check the exposure and the order of the frames (dark, lit, patterns), or lower --min-contrast";
+    if (worst == Cause::modulation) text += "; check the fringe frames, or lower --min-modulation";
+    if (worst == Cause::unwrapping && m.method() == Method::multi_phase)
+        text += "; check that the fringes have these --periods";
+    else if (worst == Cause::no_partner || worst == Cause::unwrapping || worst == Cause::phase_difference)
+        text += "; check that cam0 and cam1 are not swapped and that the calibration belongs to these cameras";
+    return text;
+}
+
+std::vector<std::string> summary_lines(const Measured& m, const Json& report)
+{
+    std::vector<std::string> lines;
+    const auto total = static_cast<double>(m.depth.total());
+    lines.push_back("method       " + std::string(name_of(m.method())) + " (by " + m.choice.reason + ")");
+    lines.push_back(
+        "rig          baseline " + number(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
+    add_fringes(lines, m);
+    const auto [low, high] = disparity_limits(m.record);
+    lines.push_back("range        disparity " + range_text(m, low, high) + ", " + m.range_origin);
+    lines.push_back("measured     " + grouped(m.cloud.count) + " of " + grouped(static_cast<long long>(total))
+        + " pixels (" + percent(m.cloud.count, total) + ")");
+    add_causes(lines, m, total);
+    for (const char* what : { "disparity", "depth" }) {
+        const Json& q = report[what];
+        lines.push_back(std::string(what) + (std::string(what) == "depth" ? "        " : "    ")
+            + number(q["q01"].get<double>(), 2) + " / " + number(q["q50"].get<double>(), 2) + " / "
+            + number(q["q99"].get<double>(), 2) + " (1 / 50 / 99 %)");
+    }
+    const auto lost = static_cast<double>(m.causes[Cause::disparity]);
+    if (lost > 0.01 * (m.cloud.count + lost))
+        lines.push_back("note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside "
+            + limits_text(m) + "; without limits they span " + measured_range(m) + "; see --disparity and --depth");
+    if (static_cast<double>(m.weak.count) > 0.01 * m.cloud.count)
+        lines.push_back("note         " + grouped(m.weak.count) + " pixels are left out by --min-contrast "
+            + std::to_string(light_limits(m.record).min_contrast) + " alone; the noise allows --min-contrast "
+            + std::to_string(m.weak.contrast));
+    add_noise(lines, m);
+    return lines;
+}
+
+} // namespace vexo

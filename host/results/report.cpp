@@ -1,0 +1,91 @@
+#include "host/results/report.h"
+
+#include "base/parallel.h"
+#include "base/statistics.h"
+#include "vexo/version.h"
+
+#include <array>
+
+namespace vexo {
+
+namespace {
+
+Json to_json(const FringeFigures& f)
+{
+    return { { "length_px", f.length_px }, { "modulation", f.modulation }, { "grey_noise", f.grey_noise },
+        { "phase_noise", f.phase_noise }, { "share_in_longer_runs", f.share_in_longer_runs } };
+}
+
+Json to_json(const Stereo& stereo)
+{
+    const StereoCameraParam& param = stereo.param;
+    const Geometry& geometry = stereo.geometry;
+    int width = 0, height = 0;
+    stereo.camera->get_outimage_size(&width, &height);
+    Json camera { { "input_size", { param.inp_width, param.inp_height } }, { "output_size", { width, height } },
+        { "alpha", param.alpha }, { "flags", param.flags }, { "baseline", stereo.camera->get_baseline_length() },
+        { "f", geometry.f }, { "cx", geometry.cx }, { "cy", geometry.cy },
+        { "disparity_at_infinity", -geometry.offset / geometry.slope } };
+    if (stereo.rectifying_rotation) camera["rectifying_rotation"] = vexo::to_json(*stereo.rectifying_rotation);
+    return camera;
+}
+
+Json describe_fringes(const Measured& m, std::size_t camera)
+{
+    const std::vector<FringeFigures>& figures = m.fringes[camera];
+    if (m.method() == Method::gray_phase) return to_json(figures[0]);
+    Json periods = Json::array();
+    for (std::size_t f = 0; f < figures.size(); ++f) {
+        periods.push_back(to_json(figures[f]));
+        periods.back()["period"] = m.periods()[f];
+    }
+    return { { "periods", periods }, { "expected_loss", expected_loss(figures, m.periods()) } };
+}
+
+/// Quantiles of depth and disparity, and the disparities that were accepted.
+void add_ranges(const Measured& m, Json& report)
+{
+    std::array<Json, 3> spread;
+    in_parallel(spread.size(), [&](std::size_t i) {
+        spread[i] = quantiles_json(i == 2 ? m.any_disparity : finite_values(i == 0 ? m.depth : m.disparity));
+    });
+    report["depth"] = spread[0];
+    report["disparity"] = spread[1];
+    const auto [low, high] = disparity_limits(m.record);
+    report["disparity"]["accepted"] = { { "low", low }, { "high", high }, { "from", m.range_origin } };
+    if (m.method() == Method::sgbm) return;
+    report["disparity"]["q01_without_limits"] = spread[2]["q01"];
+    report["disparity"]["q99_without_limits"] = spread[2]["q99"];
+}
+
+} // namespace
+
+Json make_report(
+    const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const Measured& m, double read_seconds)
+{
+    Json report;
+    report["program"] = "vexo " VEXO_VERSION_STRING;
+    report["method"] = name_of(m.method());
+    report["recognised_by"] = m.choice.reason;
+    report["input"] = { { "calib", stereo.files }, { "cam0", capture.files.cam0 }, { "cam1", capture.files.cam1 },
+        { "decoded", capture.files.decoded } };
+    report["camera"] = to_json(stereo);
+    report["parameters"] = to_json(m.record);
+    report["parameters"]["min_modulation"] = request.min_modulation;
+    report["parameters"]["interpolate"] = request.interpolate;
+    if (!m.fringes[0].empty())
+        report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
+    if (m.method() == Method::gray_phase)
+        report["run_lengths"] = { { "anchor_chosen", !m.runs.anchor_given }, { "reject_chosen", !m.runs.reject_given },
+            { "reason", m.runs.reason } };
+    const auto total = static_cast<double>(m.depth.total());
+    report["pixels"] = { { "total", m.depth.total() }, { "measured", m.cloud.count },
+        { "share", m.cloud.count / total }, { "not_measured", to_json(m.causes, m.method()) } };
+    add_ranges(m, report);
+    report["seconds"] = { { "set_frames", m.times.frames }, { "decode_and_rectify", m.times.decode },
+        { "match_and_triangulate", m.times.triangulate }, { "read", read_seconds + m.rectify_seconds },
+        { "first_pass", m.first_pass_seconds }, { "causes", m.causes_seconds } };
+    return report;
+}
+
+} // namespace vexo
