@@ -3,7 +3,8 @@
 #include "base/large_pages.h"
 #include "base/plain_yaml.h"
 #include "camera/stereo_camera.h"
-#include "matching/row_kernels.h"
+#include "matching/reproject_row.h"
+#include "matching/valid_columns.h"
 
 #include <Eigen/Core>
 
