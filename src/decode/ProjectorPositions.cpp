@@ -2,7 +2,7 @@
 
 #include "base/large_pages.h"
 #include "base/whole_file.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 #include "decode/stream_copy.h"
 #include "vexo/limits.h"
 

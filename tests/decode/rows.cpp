@@ -1,13 +1,13 @@
 #include "captures.h"
 #include "decode/AngleTable.h"
-#include "decode/fast_gray.h"
-#include "decode/fast_multi.h"
-#include "decode/fast_rows.h"
 #include "decode/FringePairTable.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/MultiPhaseDecoder.h"
 #include "decode/MultiPhaseLoader.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
+#include "decode/rows/gray_row.h"
+#include "decode/rows/kernels.h"
+#include "decode/rows/multi_row.h"
 #include "reference/plain_multi_phase.h"
 
 #include <gtest/gtest.h>
@@ -47,15 +47,15 @@ std::vector<Bytes> rows_of(const captures::Frames& frames)
 }
 
 /// Every kernel for every machine, and those for AVX2 where there is any.
-class FastRowsTest : public testing::TestWithParam<const char*> {
+class RowKernelsTest : public testing::TestWithParam<const char*> {
 protected:
     void SetUp() override
     {
         const bool plain = std::string(GetParam()) == "plain";
-        if (!plain && avx2_rows() == nullptr) GTEST_SKIP() << "no AVX2 here";
-        kernels = plain ? &plain_rows() : avx2_rows();
+        if (!plain && avx2_row_kernels() == nullptr) GTEST_SKIP() << "no AVX2 here";
+        kernels = plain ? &plain_row_kernels() : avx2_row_kernels();
     }
-    const FastRows* kernels = nullptr;
+    const RowKernels* kernels = nullptr;
     const float* angles = AngleTable::instance().data();
     std::mt19937 rng { 21 };
 };
@@ -70,16 +70,16 @@ TEST(AngleTable, EveryDifferenceHasTheBitsOfTheDoubleAtan2)
         }
 }
 
-TEST(RowBits, AgreeWithBytesBitByBit)
+TEST(BitRow, AgreeWithBytesBitByBit)
 {
     std::mt19937 rng(20);
     for (const int cols : { 1, 7, 8, 63, 64, 65, 127, 128, 500 })
         for (const double share : { 0.0, 0.02, 0.5, 1.0 }) {
             std::bernoulli_distribution set(share);
-            Bytes flags(static_cast<int>(RowBits::flags_of(cols)));
+            Bytes flags(static_cast<int>(BitRow::flags_of(cols)));
             for (int x = 0; x < cols; ++x)
                 flags[x] = set(rng) ? 255 : 0;
-            RowBits bits;
+            BitRow bits;
             bits.resize(cols);
             bits.pack(flags.data());
             int count = 0, last = -1;
@@ -94,7 +94,7 @@ TEST(RowBits, AgreeWithBytesBitByBit)
                 ++count;
             }
             ASSERT_EQ(bits.count(), count);
-            const RowBits::Range range = bits.range(cols);
+            const BitRow::Range range = bits.range(cols);
             EXPECT_EQ(range.begin<range.end, count> 0);
             EXPECT_TRUE(count == 0 || (bits.before(range.begin) < 0 && last < range.end && range.end <= cols));
             Bytes mask(cols);
@@ -107,7 +107,7 @@ TEST(RowBits, AgreeWithBytesBitByBit)
         }
 }
 
-TEST_P(FastRowsTest, LimitsOfAnyValueAcceptThePixelsOfThePlainForm)
+TEST_P(RowKernelsTest, LimitsOfAnyValueAcceptThePixelsOfThePlainForm)
 {
     const int cols = 256 + 61;
     const captures::Frames frames = captures::random_frames(2, { cols, 1 }, rng);
@@ -137,7 +137,7 @@ PairSlots slots_of(const FringePairTable& table)
         table.scale, MultiPhaseHolder::max_coordinate };
 }
 
-TEST_P(FastRowsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
+TEST_P(RowKernelsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
 {
     for (const std::vector<int>& periods : { std::vector<int> { 9, 10, 11 }, std::vector<int> { 31, 27, 24 },
              std::vector<int> { 7, 11, 13 }, std::vector<int> { 2, 3, 4000 } }) {
@@ -186,7 +186,7 @@ TEST_P(FastRowsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
     }
 }
 
-TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
+TEST_P(RowKernelsTest, PruningByFallsAndByWorkListEqualTheRounds)
 {
     std::uniform_real_distribution<float> value(0.0F, 900.0F);
     for (const int cols : { 1, 2, 3, 4, 5, 63, 64, 65, 129, 640 })
@@ -194,7 +194,7 @@ TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
             for (int kind = 0; kind < 6; ++kind) {
                 std::bernoulli_distribution chosen(share);
                 Floats v(cols);
-                Bytes kept(static_cast<int>(RowBits::flags_of(cols)));
+                Bytes kept(static_cast<int>(BitRow::flags_of(cols)));
                 std::vector<int> list;
                 for (int x = 0; x < cols; ++x) {
                     const auto at = static_cast<float>(x);
@@ -206,7 +206,7 @@ TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
                     kept[x] = 255;
                     list.push_back(x);
                 }
-                FastMultiRow row;
+                MultiRow row;
                 row.resize(cols);
                 const Bytes mask(cols);
                 row.prune(*kernels, v.data(), kept.data(), mask.data());
@@ -222,7 +222,7 @@ TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
             }
 }
 
-TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
+TEST_P(RowKernelsTest, GrayRowsDecodeAsInThePlainForm)
 {
     GrayPhaseMatchingParam params;
     params.anchor_length = 2;
@@ -234,7 +234,7 @@ TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
             captures::add_noise(frames, noise, rng);
             const std::vector<Bytes> r = rows_of(frames);
             const plain::Unwrapped expected = plain::unwrap(plain::decode(frames, params), params);
-            FastGrayRow row;
+            GrayRow row;
             row.resize(cols);
             const Floats out(cols);
             const Bytes mask(cols);
@@ -250,7 +250,7 @@ TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sets, FastRowsTest, testing::Values("plain", "avx2"));
+INSTANTIATE_TEST_SUITE_P(Sets, RowKernelsTest, testing::Values("plain", "avx2"));
 
 TEST(Decode, TheSameSizeAgainAllocatesNothingAndAnotherSizeIsFollowed)
 {
