@@ -106,8 +106,7 @@ void PinHoleCamera::setPPM(const cv::Mat_<double>& m)
 
 cv::Mat_<double> PinHoleCamera::normalised_K() const
 {
-    const double scale = K(2, 2);
-    return scale == 0.0 ? cv::Mat_<double>(K.clone()) : cv::Mat_<double>(K / scale);
+    return normalised(K);
 }
 
 cv::Point2d PinHoleCamera::project_forw(const cv::Point3d& X) const
@@ -226,13 +225,13 @@ bool PinHoleCamera::load_hmat(std::istream& is)
 bool PinHoleCamera::solvePnPRansac(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_ransac(object_points, image_points, *this, {}, rvec, tvec);
+    return pose_by_ransac(object_points, image_points, K, {}, rvec, tvec);
 }
 
 bool PinHoleCamera::solvePnP(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_least_squares(object_points, image_points, *this, {}, rvec, tvec);
+    return pose_by_least_squares(object_points, image_points, K, {}, rvec, tvec);
 }
 
 } // namespace vexo
