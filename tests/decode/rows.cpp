@@ -1,3 +1,4 @@
+#include "base/cpu.h"
 #include "captures.h"
 #include "decode/AngleTable.h"
 #include "decode/FringePairTable.h"
@@ -47,14 +48,15 @@ std::vector<Bytes> rows_of(const captures::Frames& frames)
 }
 
 /// Every kernel for every machine, and those for AVX2 where there is any.
-class RowKernelsTest : public testing::TestWithParam<const char*> {
+class RowKernelsTest : public testing::TestWithParam<bool> {
 protected:
     void SetUp() override
     {
-        const bool plain = std::string(GetParam()) == "plain";
-        if (!plain && avx2_row_kernels() == nullptr) GTEST_SKIP() << "no AVX2 here";
-        kernels = plain ? &plain_row_kernels() : avx2_row_kernels();
+        Cpu::allow_avx2(GetParam());
+        kernels = &row_kernels();
     }
+    void TearDown() override { Cpu::allow_avx2(true); }
+
     const RowKernels* kernels = nullptr;
     const float* angles = AngleTable::instance().data();
     std::mt19937 rng { 21 };
@@ -250,7 +252,73 @@ TEST_P(RowKernelsTest, GrayRowsDecodeAsInThePlainForm)
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sets, RowKernelsTest, testing::Values("plain", "avx2"));
+/// What all kernels make of one row of random frames, phases and masks.
+std::vector<cv::Mat> results_of_all(const RowKernels& kernels, const captures::Frames& frames, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    const int cols = frames[0].cols;
+    const float* angles = AngleTable::instance().data();
+    const std::vector<Bytes> r = rows_of(frames);
+    const std::array<const uint8_t*, 4> steps { r[9].data(), r[10].data(), r[11].data(), r[12].data() };
+    const uint8_t* planes[7];
+    for (size_t plane = 0; plane < 7; ++plane)
+        planes[plane] = r[2 + plane].data();
+    std::vector<cv::Mat> out;
+    const auto bytes = [&] { return out.emplace_back(1, cols, CV_8U).ptr<uint8_t>(); };
+    const auto floats = [&] { return out.emplace_back(1, cols, CV_32F).ptr<float>(); };
+    out.reserve(32);
+
+    uint8_t* mask = bytes();
+    kernels.valid(r[1].data(), r[0].data(), cols, byte_limits(-40, 250, 10), mask);
+    uint8_t* code = bytes();
+    kernels.code(planes, r[1].data(), r[0].data(), cols, code);
+    float* phase = floats();
+    kernels.phase(steps.data(), angles, cols, phase);
+    uint8_t* rises = bytes();
+    kernels.rises(mask, phase, code, cols, rises, bytes());
+    float* joined = floats();
+    kernels.join(mask, rises, code, phase, cols, joined, bytes());
+    kernels.falls(joined, cols, bytes());
+
+    const std::vector<int> periods { 9, 10, 11 };
+    const FringePairTable table(periods);
+    const float* positions[3];
+    std::uniform_real_distribution<float> wild(-12.0F, 24.0F);
+    for (size_t f = 0; f < 3; ++f) {
+        float* x = floats();
+        kernels.position(steps.data(), angles, phase_offset(periods[f]), periods[f], cols, x);
+        x = floats();
+        for (int i = 0; i < cols; ++i)
+            x[i] = i % 3 == 0 ? wild(rng) : std::fmod(static_cast<float>(i), static_cast<float>(periods[f]));
+        positions[f] = x;
+    }
+    float* resolved = floats();
+    kernels.resolve(positions, mask, slots_of(table), cols, resolved, bytes());
+    return out;
+}
+
+TEST(RowKernels, TheProcessorSwitchReachesEveryOneAndChangesNoBit)
+{
+    std::mt19937 rng(25);
+    const RowKernels& avx2 = row_kernels();
+    Cpu::allow_avx2(false);
+    const RowKernels& plain = row_kernels();
+    EXPECT_FALSE(Cpu::has_avx2());
+    Cpu::allow_avx2(true);
+    if (Cpu::has_avx2()) {
+        EXPECT_TRUE(avx2.valid != plain.valid && avx2.code != plain.code && avx2.phase != plain.phase
+            && avx2.rises != plain.rises && avx2.join != plain.join && avx2.position != plain.position
+            && avx2.resolve != plain.resolve && avx2.falls != plain.falls);
+    }
+    for (const int cols : { 1, 2, 7, 8, 9, 31, 32, 33, 64, 127, 640, 1029 }) {
+        const captures::Frames frames = captures::random_frames(13, { cols, 1 }, rng);
+        const auto expected = results_of_all(plain, frames, 26), got = results_of_all(avx2, frames, 26);
+        for (size_t i = 0; i < expected.size(); ++i)
+            EXPECT_TRUE(captures::same_bits(got[i], expected[i])) << "result " << i << ", " << cols << " columns";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(PlainAndAvx2, RowKernelsTest, testing::Bool());
 
 TEST(Decode, TheSameSizeAgainAllocatesNothingAndAnotherSizeIsFollowed)
 {

@@ -257,25 +257,12 @@ ByteLimits byte_limits(int min_contrast, int max_white, int min_white) noexcept
     return { byte(min_white), byte(max_white), byte(min_contrast), byte(-std::max(min_contrast, -255)) };
 }
 
-const RowKernels& plain_row_kernels() noexcept
-{
-    return plain::set;
-}
-
-const RowKernels* avx2_row_kernels() noexcept
-{
-#if defined(__x86_64__)
-    static const bool available = __builtin_cpu_supports("avx2") != 0;
-    return available ? &avx2::set : nullptr;
-#else
-    return nullptr;
-#endif
-}
-
 const RowKernels& row_kernels() noexcept
 {
-    const RowKernels* avx2 = avx2_row_kernels();
-    return avx2 != nullptr ? *avx2 : plain_row_kernels();
+#if defined(__x86_64__)
+    if (Cpu::has_avx2()) return avx2::set;
+#endif
+    return plain::set;
 }
 
 } // namespace vexo

@@ -7,7 +7,7 @@
 /// see, the reason stands at it.
 ///
 /// Each is written once, in ordinary C++, and compiled twice: for every x86-64, and for AVX2 (without FMA, and
-/// contraction is off: no rounding differs). row_kernels() picks at run time.
+/// contraction is off: no rounding differs). row_kernels() chooses at run time.
 namespace vexo {
 
 /// Limits of usable pixels, cut to bytes.
@@ -61,11 +61,7 @@ struct RowKernels {
     void (*falls)(const float* v, int cols, uint8_t* falls);
 };
 
-/// The kernels for this machine.
+/// The kernels that Cpu asks for.
 const RowKernels& row_kernels() noexcept;
-/// Those for every machine.
-const RowKernels& plain_row_kernels() noexcept;
-/// Those for AVX2; null where that is missing.
-const RowKernels* avx2_row_kernels() noexcept;
 
 } // namespace vexo
