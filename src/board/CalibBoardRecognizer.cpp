@@ -8,7 +8,6 @@
 #include <array>
 #include <cfloat>
 #include <cmath>
-#include <new>
 
 namespace vexo {
 
@@ -34,16 +33,6 @@ cv::Scalar palette_colour(size_t k)
     return palette[k % palette.size()];
 }
 
-/// Runs `steps`, which return a count.
-template <class Steps> int minus_one_without_memory(Steps steps) noexcept
-{
-    try {
-        return steps();
-    } catch (...) {
-        return -1;
-    }
-}
-
 cv::Mat colour_copy(const cv::Mat& grey)
 {
     cv::Mat colour;
@@ -64,12 +53,11 @@ CalibBoardRecognizer::CalibBoardRecognizer()
 
 bool CalibBoardRecognizer::set_parameters(PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board)
 {
-    try {
+    const bool board_accepted = false_without_memory([&] {
         gamma_table.reserve(256); // here and in the board's points ends what can fail: all settings or none
-        if (!init_recognizer(board)) return false;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+        return init_recognizer(board);
+    });
+    if (!board_accepted) return false;
     neighbour_limit = board.neighbour_limit;
     init_searcher(circle);
     init_preproc(pre);
@@ -118,7 +106,7 @@ int CalibBoardRecognizer::get_marker_index(cv::Point position) const
 int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& image_points,
     std::vector<cv::Point2f>& image_out, std::vector<cv::Point3f>& board_out)
 {
-    return minus_one_without_memory([&] {
+    return value_if_it_throws(-1, [&] {
         std::vector<cv::Point2f> in_image;
         std::vector<cv::Point3f> on_board;
         for (size_t k = 0; k < board_points.size(); ++k) {
@@ -136,7 +124,7 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& i
     const std::vector<cv::Point2f>& image_points1, std::vector<cv::Point2f>& image_out0,
     std::vector<cv::Point2f>& image_out1, std::vector<cv::Point3f>& board_out)
 {
-    return minus_one_without_memory([&] {
+    return value_if_it_throws(-1, [&] {
         std::vector<cv::Point2f> in_image0, in_image1;
         std::vector<cv::Point3f> on_board;
         for (size_t k = 0; k < board_points.size(); ++k) {
@@ -302,11 +290,7 @@ CalibBoardRecognizer::Picture CalibBoardRecognizer::get_dbgimg_index(int kind) c
 
 cv::Mat CalibBoardRecognizer::_picture(int kind) noexcept
 {
-    try {
-        return _draw_picture(kind);
-    } catch (...) { // no memory
-        return {};
-    }
+    return nothing_if_it_throws([&] { return _draw_picture(kind); });
 }
 
 cv::Mat CalibBoardRecognizer::_draw_picture(int kind)

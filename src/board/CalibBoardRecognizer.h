@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/boundary.h"
 #include "board/ConnectionFinder.h"
 #include "board/PreProcessor.h"
 #include "vexo/board.h"
@@ -127,14 +128,8 @@ private:
 
 template <class Steps> int CalibBoardRecognizer::_recognize(Steps steps)
 {
-    try {
-        last_error = steps();
-    } catch (const cv::Exception&) {
-        last_error = kFewContours;
-        if (_bad_block()) throw;
-    } catch (...) {
-        last_error = kFewContours;
-    }
+    last_error = kFewContours; // should the stated exception leave
+    last_error = value_but_stated(int { kFewContours }, _bad_block(), steps);
     return last_error;
 }
 

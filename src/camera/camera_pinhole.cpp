@@ -1,5 +1,6 @@
 #include "camera/camera_pinhole.h"
 
+#include "base/boundary.h"
 #include "camera/camera_file.h"
 #include "camera/pose_points.h"
 
@@ -208,7 +209,7 @@ bool PinHoleCamera::save_hmat(std::ostream& os) const
 
 bool PinHoleCamera::load_hmat(std::istream& is)
 {
-    try {
+    return false_if_it_throws([&] {
         cv::Mat_<double> m(3, 4);
         is.read(reinterpret_cast<char*>(m.data), 12 * sizeof(double));
         if (is.fail() || !camera_file::all_finite({ m }) || !camera_file::is_regular(m)) return false;
@@ -217,9 +218,7 @@ bool PinHoleCamera::load_hmat(std::istream& is)
         if (!camera_file::all_finite({ fresh.K, fresh.R, fresh.T, fresh.P_inv })) return false;
         _swap(fresh);
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool PinHoleCamera::solvePnPRansac(

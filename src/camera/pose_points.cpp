@@ -1,5 +1,6 @@
 #include "camera/pose_points.h"
 
+#include "base/boundary.h"
 #include "camera/camera_file.h"
 
 #include <opencv2/calib3d.hpp>
@@ -34,7 +35,7 @@ template <class Solve>
 bool solve(const ObjectPoints& object_points, const ImagePoints& image_points, cv::Mat& rvec, cv::Mat& tvec,
     Solve solver) noexcept
 {
-    try {
+    return false_if_it_throws([&] {
         if (!are_usable(object_points, image_points)) return false;
         cv::Mat_<double> rotation;
         cv::Mat_<double> translation;
@@ -43,9 +44,7 @@ bool solve(const ObjectPoints& object_points, const ImagePoints& image_points, c
         rvec = rotation;
         tvec = translation;
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 } // namespace

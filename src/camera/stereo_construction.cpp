@@ -1,7 +1,8 @@
 #include "camera/stereo_construction.h"
+
+#include "base/boundary.h"
 #include "base/plain_yaml.h"
 #include "base/whole_file.h"
-
 #include "camera/camera_file.h"
 
 #include <cmath>
@@ -14,16 +15,6 @@ namespace vexo {
 namespace {
 
 constexpr std::size_t hmat_bytes = 12 * sizeof(double);
-
-/// Runs `make`; whatever it throws becomes a null or false result.
-template <class Make> auto nothing_if_it_throws(Make make) noexcept -> decltype(make())
-{
-    try {
-        return make();
-    } catch (...) {
-        return {};
-    }
-}
 
 bool is_rotation(const cv::Mat_<double>& R)
 {
@@ -104,7 +95,7 @@ DistortCamera camera_from_raw(const char* name, cv::Size size, const double* K, 
 StereoCamera* create_StereoCamera_from_pair(const DistortCamera* cams, cv::Size new_size, double alpha, int flags,
     const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         if (cams == nullptr || !std::isfinite(alpha)) return nullptr;
         if (!is_real_camera(cams[0]) || !is_real_camera(cams[1]) || cams[0].size != cams[1].size) return nullptr;
         const bool same_size = new_size == cv::Size(0, 0);
@@ -118,7 +109,7 @@ StereoCamera* create_StereoCamera_from_pair(const DistortCamera* cams, cv::Size 
 StereoCamera* create_StereoCamera(const std::vector<std::string>& files, cv::Size new_size, double alpha, int flags,
     const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         if (files.empty()) return nullptr;
         const std::string& file1 = files.size() == 1 ? files[0] : files[1];
         DistortCamera cams[2] = { { cv::Size(0, 0), "" }, { cv::Size(0, 0), "" } };
@@ -130,7 +121,7 @@ StereoCamera* create_StereoCamera(const std::vector<std::string>& files, cv::Siz
 StereoCamera* create_StereoCamera_from_Hmats(const std::string& file0, const std::string& file1,
     const std::string& file2, cv::Size input_size, const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         if (!camera_file::is_picture_size(input_size)) return nullptr;
         std::unique_ptr<StereoCamera> stereo(new (std::nothrow) StereoCamera(input_size));
         if (!stereo) return nullptr;
@@ -146,7 +137,7 @@ StereoCamera* create_StereoCamera_from_Hmats(const std::string& file0, const std
 StereoCamera* create_StereoCamera_from_raw(const double* K0, const double* D0, const double* K1, const double* D1,
     const double* R, const double* T, const StereoCameraParam* param) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         for (const double* numbers : { K0, D0, K1, D1, R, T })
             if (numbers == nullptr) return nullptr;
         if (param == nullptr) return nullptr;
@@ -165,7 +156,7 @@ StereoCamera* create_StereoCamera_from_raw(const double* K0, const double* D0, c
 bool store_StereoCamera_to_Hmats(
     const StereoCamera* camera, const std::string& file0, const std::string& file1, const std::string& file2) noexcept
 {
-    return nothing_if_it_throws([&]() -> bool {
+    return false_if_it_throws([&] {
         if (camera == nullptr || camera->input_size != camera->output_size || !camera->is_usable()) return false;
         if (file0 == file1 || file0 == file2 || file1 == file2) return false;
         const cv::Size size = camera->output_size;
