@@ -66,14 +66,11 @@ bool CalibBoardRecognizer::set_parameters(PreProcParam& pre, CircleMarkerParam& 
 
 bool CalibBoardRecognizer::init_recognizer(CalibBoardParam& board)
 {
-    if (!(board.pitch >= FLT_MIN && board.pitch <= FLT_MAX)) return false; // board points are floats
-    if (board.columns < 1 || board.rows < 1) return false;
-    const long long positions = static_cast<long long>(board.columns) * board.rows;
-    if (positions > max_positions) return false;
-
+    if (why_invalid(board) != nullptr) return false;
+    const int positions = board.columns * board.rows;
     board_points.resize(static_cast<size_t>(positions));
     board_param = board;
-    marker_count = static_cast<int>(positions);
+    marker_count = positions;
     const auto pitch = static_cast<float>(board.pitch);
     size_t k = 0;
     for (int i = 0; i < board.columns; ++i) {
@@ -145,12 +142,6 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& i
 bool CalibBoardRecognizer::_usable(const cv::Mat& image) const
 {
     return image.dims == 2 && image.type() == CV_8UC1 && is_picture_size(image.cols, image.rows);
-}
-
-bool CalibBoardRecognizer::_bad_block() const
-{
-    const PreProcParam& p = preproc_param;
-    return p.binarize_mode == kAdaptiveMean && (p.threshold < 3 || p.threshold % 2 == 0);
 }
 
 int CalibBoardRecognizer::_find_markers(cv::Mat& image)

@@ -33,9 +33,6 @@ enum BoardCode {
 /// Threads   one recogniser is for one thread at a time.
 class CalibBoardRecognizer : public iCalibBoardRecognizer, protected ConnectionFinder, protected PreProcessor {
 public:
-    /// Most positions of a board, columns times rows.
-    static constexpr long long max_positions = 1000000;
-
     /// Default parameters, without a geometry: set_parameters() must come before recognize().
     CalibBoardRecognizer();
     ~CalibBoardRecognizer() override = default;
@@ -114,7 +111,6 @@ protected:
 
 private:
     bool _usable(const cv::Mat& image) const;
-    bool _bad_block() const;
     int _next_index(int marker, int neighbour, int index) const;
     /// Own copy of a picture; empty when there is none, and for lack of memory.
     cv::Mat _picture(int kind) noexcept;
@@ -129,7 +125,7 @@ private:
 template <class Steps> int CalibBoardRecognizer::_recognize(Steps steps)
 {
     last_error = kFewContours; // should the stated exception leave
-    last_error = value_but_stated(int { kFewContours }, _bad_block(), steps);
+    last_error = value_but_stated(int { kFewContours }, why_invalid(preproc_param) != nullptr, steps);
     return last_error;
 }
 

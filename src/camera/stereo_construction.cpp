@@ -5,7 +5,6 @@
 #include "base/whole_file.h"
 #include "camera/camera_file.h"
 
-#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -96,10 +95,9 @@ StereoCamera* create_StereoCamera_from_pair(const DistortCamera* cams, cv::Size 
     const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
     return null_if_it_throws([&]() -> StereoCamera* {
-        if (cams == nullptr || !std::isfinite(alpha)) return nullptr;
+        const RectifyParam options { alpha, flags, new_size.width, new_size.height };
+        if (cams == nullptr || why_invalid(options) != nullptr) return nullptr;
         if (!is_real_camera(cams[0]) || !is_real_camera(cams[1]) || cams[0].size != cams[1].size) return nullptr;
-        const bool same_size = new_size == cv::Size(0, 0);
-        if (!same_size && !camera_file::is_picture_size(new_size)) return nullptr;
         std::unique_ptr<StereoCamera> stereo(
             new (std::nothrow) StereoCamera(cams, alpha, flags, new_size, fill0, fill1));
         return stereo && stereo->is_usable() ? stereo.release() : nullptr;
@@ -140,7 +138,7 @@ StereoCamera* create_StereoCamera_from_raw(const double* K0, const double* D0, c
     return null_if_it_throws([&]() -> StereoCamera* {
         for (const double* numbers : { K0, D0, K1, D1, R, T })
             if (numbers == nullptr) return nullptr;
-        if (param == nullptr) return nullptr;
+        if (param == nullptr || why_invalid(*param) != nullptr) return nullptr;
         const cv::Size size(param->inp_width, param->inp_height);
         DistortCamera cams[2] = { camera_from_raw("cam0", size, K0, D0), camera_from_raw("cam1", size, K1, D1) };
         std::copy(R, R + 9, cams[1].R.begin());
