@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/index.h"
 #include "decode/pixel_formulas.h"
 
 #include <algorithm>
@@ -201,9 +202,6 @@ template <class Columns, class Done> struct SectionRow {
             section = anchor;
         }
     }
-
-private:
-    static std::size_t at(int position) noexcept { return static_cast<std::size_t>(position); }
 };
 
 } // namespace vexo

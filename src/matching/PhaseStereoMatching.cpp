@@ -1,6 +1,7 @@
 #include "matching/PhaseStereoMatching.h"
 
 #include "base/boundary.h"
+#include "base/index.h"
 #include "base/large_pages.h"
 #include "camera/image_file.h"
 #include "camera/stereo_camera.h"
@@ -43,7 +44,7 @@ void PhaseStereoMatching::_read_limits() noexcept
 
 bool PhaseStereoMatching::_set_frame(int cam, unsigned char* data, unsigned long step, int frame)
 {
-    return decoders[static_cast<std::size_t>(cam)]->set_input(data, input_width, input_height, step, frame) != 0;
+    return decoders[at(cam)]->set_input(data, input_width, input_height, step, frame) != 0;
 }
 
 bool PhaseStereoMatching::setpict(void* data, unsigned long step, int cam, int frame)

@@ -28,7 +28,7 @@ public:
     /// @param out   disparities, one per column; already filled with limits.invalid
     /// @return      false, and nothing written, for rows that only the plain form can match: with a NaN, or ending
     ///              at infinity
-    bool match(const PhaseRow& left, const PhaseRow& right, int cols, const MatchLimits& limits, bool interpolate,
+    bool match(const PhaseMapRow& left, const PhaseMapRow& right, int cols, const MatchLimits& limits, bool interpolate,
         double* out) noexcept;
 
 private:

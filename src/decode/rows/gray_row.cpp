@@ -37,7 +37,7 @@ void GrayRow::resize(int cols)
     _cols = cols;
 }
 
-void GrayRow::decode(const RowKernels& kernels, const float* angles, const Frames& frames, const Limits& limits,
+void GrayRow::decode(const RowKernels& kernels, const float* angles, const GrayFrameRows& frames, const Limits& limits,
     float* out, uint8_t* mask) noexcept
 {
     kernels.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
@@ -64,7 +64,7 @@ void GrayRow::decode(const RowKernels& kernels, const float* angles, const Frame
 /// Codes, phases and their relations where there are usable pixels; what an earlier row has left on both sides is
 /// not looked at.
 void GrayRow::_decode_range(
-    const RowKernels& kernels, const float* angles, const Frames& frames, const BitRow::Range& range) noexcept
+    const RowKernels& kernels, const float* angles, const GrayFrameRows& frames, const BitRow::Range& range) noexcept
 {
     const int begin = range.begin;
     const int cols = range.end - begin;

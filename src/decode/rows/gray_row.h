@@ -60,7 +60,7 @@ public:
         int reject_length;
         int code_spread;
     };
-    struct Frames {
+    struct GrayFrameRows {
         const uint8_t* black;
         const uint8_t* white;
         std::array<const uint8_t*, 7> planes;
@@ -71,12 +71,12 @@ public:
     void resize(int cols);
     /// @param out   coordinates, fringe periods; 0 where there is none
     /// @param mask  255 where there is one, else 0
-    void decode(const RowKernels& kernels, const float* angles, const Frames& frames, const Limits& limits, float* out,
-        uint8_t* mask) noexcept;
+    void decode(const RowKernels& kernels, const float* angles, const GrayFrameRows& frames, const Limits& limits,
+        float* out, uint8_t* mask) noexcept;
 
 private:
-    void _decode_range(
-        const RowKernels& kernels, const float* angles, const Frames& frames, const BitRow::Range& range) noexcept;
+    void _decode_range(const RowKernels& kernels, const float* angles, const GrayFrameRows& frames,
+        const BitRow::Range& range) noexcept;
     /// Cuts the row where `_rises` says, and counts the codes of every section.
     void _find_sections() noexcept;
     void _assign_anchors(const RowKernels& kernels, const BitRow::Range& range, float* out, uint8_t* mask) noexcept;

@@ -21,8 +21,8 @@ void MultiRow::resize(int cols)
     _cols = cols;
 }
 
-void MultiRow::decode(const RowKernels& kernels, const float* angles, const Frames& frames, const ByteLimits& limits,
-    const Periods& periods, float* out, uint8_t* mask) noexcept
+void MultiRow::decode(const RowKernels& kernels, const float* angles, const MultiFrameRows& frames,
+    const ByteLimits& limits, const Periods& periods, float* out, uint8_t* mask) noexcept
 {
     kernels.valid(frames.white, frames.black, _cols, limits, _valid.data());
     _kept.pack(_valid.data());
@@ -38,7 +38,7 @@ void MultiRow::decode(const RowKernels& kernels, const float* angles, const Fram
     prune(kernels, out, _resolved.data(), mask);
 }
 
-void MultiRow::_resolve_range(const RowKernels& kernels, const float* angles, const Frames& frames,
+void MultiRow::_resolve_range(const RowKernels& kernels, const float* angles, const MultiFrameRows& frames,
     const Periods& periods, const BitRow::Range& range, float* out) noexcept
 {
     const int begin = range.begin;
