@@ -122,7 +122,7 @@ float FringePairTable::unwrap(float const* phases) const
     const auto unresolved = static_cast<float>(maxp);
     if (!ok || !plausible_phase(phases[0]) || !plausible_phase(phases[1]) || !plausible_phase(phases[2]))
         return unresolved;
-    float x[3]; // px behind the start of the fringe
+    float x[3]; // px after the start of the fringe
     for (int i = 0; i < 3; ++i)
         x[i] = static_cast<float>(periods[at(i)]) * phases[i];
 

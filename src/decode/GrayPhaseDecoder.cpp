@@ -50,7 +50,7 @@ bool GrayPhaseDecoder::begin_decode()
 {
     if (!_decodable()) return false;
     _prepare_decode();
-    gray.release(); // of an earlier preproc(): they belong to other frames
+    gray.release(); // what an earlier preproc() has made belongs to other frames
     phase.release();
     _workers.resize(at(omp_get_max_threads()));
     for (GrayRow& worker : _workers)

@@ -93,7 +93,7 @@ bool MultiPhaseDecoder::begin_decode()
     if (!_decodable_by_rows()) return false;
     _prepare_decode();
     for (cv::Mat_<float>& phase : phases)
-        phase.release(); // of an earlier preproc(): they belong to other frames
+        phase.release(); // what an earlier preproc() has made belongs to other frames
     _workers.resize(at(omp_get_max_threads()));
     for (MultiRow& worker : _workers)
         worker.resize(white.cols);

@@ -27,7 +27,7 @@ template <class List> Columns columns_of(const List& valid) noexcept
 
 /// Grey-level limits of usable pixels, all inclusive.
 struct ValidLimits {
-    int min_contrast; ///< of white - black
+    int min_contrast; ///< smallest white - black
     int max_white;
     int min_white;
 };

@@ -17,7 +17,7 @@ VEXO_INLINE int list_valid_columns_plain(const uchar* mask, int begin, int cols,
     return count;
 }
 
-/// Columns and phases of the valid pixels from `begin` on, behind `count` others.
+/// Columns and phases of the valid pixels from `begin` on, after `count` others.
 VEXO_INLINE int take_valid_plain(
     const PhaseMapRow& row, int begin, int cols, int* columns, float* phase, int count) noexcept
 {

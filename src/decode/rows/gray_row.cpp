@@ -27,7 +27,7 @@ void GrayRow::resize(int cols)
     _cols = 0; // should memory run out, the next call begins anew
     const std::size_t padded = BitRow::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_code, &_rise_flags, &_change_flags })
-        row->assign(padded, 0); // what lies behind the last column stays 0
+        row->assign(padded, 0); // what lies after the last column stays 0
     for (std::vector<uint8_t>* row : { &_section_code, &_trusted })
         row->assign(padded + brush, 0);
     _phase.resize(padded);
@@ -89,7 +89,7 @@ void GrayRow::_decode_range(
 void GrayRow::_find_sections() noexcept
 {
     _sections.clear();
-    int begin = -1; // of the open section; -1: none is open
+    int begin = -1; // where the open section begins; -1: none is open
     int run = 0;    // begin of the run of equal codes
     bool usable_before = false;
     for (std::size_t i = 0; i < _usable.words(); ++i) {

@@ -82,8 +82,8 @@ private:
     void _assign_anchors(const RowKernels& kernels, const BitRow::Range& range, float* out, uint8_t* mask) noexcept;
 
     int _cols = 0;
-    std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, but the codes; padded with 0
-    std::vector<uint8_t> _section_code, _trusted;                   ///< of each pixel's section; with room for 16 more
+    std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, except the codes; padded with 0
+    std::vector<uint8_t> _section_code, _trusted; ///< what each pixel's section is; with room for 16 more
     std::vector<float> _phase;
     BitRow _rises;   ///< the pixel goes on with the section of its left neighbour
     BitRow _changes; ///< its code differs from the neighbour's

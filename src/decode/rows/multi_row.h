@@ -17,7 +17,7 @@ public:
     struct MultiFrameRows {
         const uint8_t* black;
         const uint8_t* white;
-        std::array<std::array<const uint8_t*, 4>, 3> steps; ///< of each period
+        std::array<std::array<const uint8_t*, 4>, 3> steps; ///< four for each period
     };
     struct Periods {
         std::array<int, 3> period;   ///< projector px
