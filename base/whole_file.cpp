@@ -40,7 +40,7 @@ private:
     int _fd;
 };
 
-/// Takes the temporary file that belongs to a target: creates it, or takes over what a killed process left.
+/// Gets the temporary file that belongs to a target: creates it, or reuses what a killed process left.
 /// A living writer holds the lock, so its file is never taken. -1 when neither is possible.
 int take_temporary(const std::string& temporary)
 {

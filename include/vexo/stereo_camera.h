@@ -22,7 +22,7 @@ public:
     /// Distance between the two optical centres, in the calibration's length unit.
     virtual double get_baseline_length() const = 0;
 
-    /// Size of the raw camera images that remap() takes, in pixels.
+    /// Size of the raw camera images that remap() accepts, in pixels.
     virtual void get_inpimage_size(int* width, int* height) const = 0;
 
     /// Size of the rectified images that remap() makes, in pixels.

@@ -13,7 +13,7 @@
 /// how a recognition ended.
 namespace vexo {
 
-/// How long a result picture is shown before the next picture is taken, ms.
+/// How long a result picture is shown before the next picture is recognised, ms.
 constexpr int moment_ms = 10;
 
 using RecognizerPtr = Owned<iCalibBoardRecognizer>;

@@ -9,7 +9,7 @@
 #include <initializer_list>
 #include <string>
 
-/// Checked reading of what camera files hold. Storages come from anywhere: nothing is taken that has not the
+/// Checked reading of what camera files hold. Storages come from anywhere: nothing is accepted that has not the
 /// stated shape, and nothing is allocated for what a file only announces. An absent node and a root that is no
 /// map both give an empty node.
 namespace vexo {
@@ -21,7 +21,7 @@ inline bool is_picture_size(cv::Size size)
     return vexo::is_picture_size(size.width, size.height);
 }
 
-/// Whether a name can begin a key: OpenCV takes letters, digits, '_', '-' and ' ', and no digit or '-' first.
+/// Whether a name can begin a key: OpenCV accepts letters, digits, '_', '-' and ' ', and no digit or '-' first.
 bool is_key_name(const std::string& name);
 
 /// Default file of a camera or a pair.

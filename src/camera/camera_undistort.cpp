@@ -53,7 +53,7 @@ std::streamoff padding_at(std::streamoff position)
     return position < 0 ? 0 : (alignment - position % alignment) % alignment;
 }
 
-// Bytes from the read position to the end; -1 when the stream cannot tell.
+// Bytes from the read position to the end; -1 when the stream does not know.
 std::streamoff bytes_left(std::istream& is)
 {
     const std::istream::pos_type here = is.tellg();
@@ -82,7 +82,7 @@ bool is_table_type(int type)
     return type == CV_32FC1 || type == CV_32FC2 || type == CV_16SC2 || type == CV_16UC1;
 }
 
-// The pairs that cv::remap takes: two planes of floats, or fixed-point positions with their fractions.
+// The pairs that cv::remap accepts: two planes of floats, or fixed-point positions with their fractions.
 bool are_table_pair(const cv::Mat& map1, const cv::Mat& map2, cv::Size size)
 {
     if (map1.size() != size || map2.size() != size) return false;

@@ -1,16 +1,12 @@
 #include "decode/GrayPhaseHolder.h"
 
+#include "base/index.h"
 #include "decode/pixel_formulas.h"
 
 #include <omp.h>
 
 namespace vexo {
 namespace {
-
-std::size_t at(int position) noexcept
-{
-    return static_cast<std::size_t>(position);
-}
 
 /// Keeps the columns whose pixel got a coordinate.
 void keep_done(std::vector<int>& cols, const std::vector<int>& done) noexcept

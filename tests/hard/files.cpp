@@ -93,6 +93,23 @@ std::vector<std::string> hostile_yaml(const std::string& good)
     return all;
 }
 
+long try_hostile_yaml(const char* program, const Options& options, const Folder& folder, const std::string& good)
+{
+    const std::vector<std::string> hostile = hostile_yaml(good);
+    const auto hostile_count = static_cast<long>(hostile.size());
+    return run_trials(
+        "files: hostile YAML x loaders, 2 s, 300 MB", program, options, hostile_count * yaml_loaders,
+        [&](long i) {
+            const Loader& loader = loaders[i / hostile_count];
+            const std::string path = folder / "hostile.yaml";
+            const std::string& text = hostile[static_cast<std::size_t>(i % hostile_count)];
+            const int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+            if (write(fd, text.data(), text.size()) < 0 || close(fd) != 0) return "cannot write";
+            return loader.load(Paths(folder, loader.file, path)).fault;
+        },
+        { 2.0, std::size_t { 300 } << 20 }, true);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -137,19 +154,6 @@ int main(int argc, char** argv)
             return outcome.taken && !table ? "taken" : outcome.fault;
         },
         { 2.0, std::size_t { 1 } << 30 }, true);
-
-    const std::vector<std::string> hostile = hostile_yaml(good.at("cams.yaml"));
-    const auto hostile_count = static_cast<long>(hostile.size());
-    found += run_trials(
-        "files: hostile YAML x loaders, 2 s, 300 MB", argv[0], options, hostile_count * yaml_loaders,
-        [&](long i) {
-            const Loader& loader = loaders[i / hostile_count];
-            const std::string path = folder / "hostile.yaml";
-            const std::string& text = hostile[static_cast<std::size_t>(i % hostile_count)];
-            const int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-            if (write(fd, text.data(), text.size()) < 0 || close(fd) != 0) return "cannot write";
-            return loader.load(Paths(folder, loader.file, path)).fault;
-        },
-        { 2.0, std::size_t { 300 } << 20 }, true);
+    found += try_hostile_yaml(argv[0], options, folder, good.at("cams.yaml"));
     return found == 0 ? 0 : 1;
 }
