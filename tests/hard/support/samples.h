@@ -1,6 +1,6 @@
 #pragma once
 
-#include "matching/rig.h"
+#include "support/plane_rig.h"
 #include "run.h"
 
 #include "base/plain_yaml.h"
