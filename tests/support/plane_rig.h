@@ -47,20 +47,21 @@ inline vexo::sim::Rig virtual_rig()
     vexo::sim::RigOptions options;
     options.distance_mm = 500;
     options.noise = 0;
+    options.projector_size = { 256, 192 };
     vexo::sim::Rig rig = make_rig(options);
     const auto eye = [](double x_mm, double f, cv::Size size) -> vexo::sim::Camera {
         return { size, { f, 0, size.width / 2.0, 0, f, size.height / 2.0, 0, 0, 1 }, {}, cv::Matx33d::eye(),
             { -x_mm, 0, 0 } };
     };
     rig.cameras = { eye(0, focal_px, { width, height }), eye(baseline_mm, focal_px, { width, height }) };
-    rig.projector = eye(baseline_mm / 2, 250, { 1024, 768 });
+    rig.projector = eye(baseline_mm / 2, 250, options.projector_size);
     return rig;
 }
 
-/// What a camera sees of the plane under the pattern of the options.
-inline std::vector<cv::Mat> frames(int cam, const vexo::sim::RigOptions& options)
+/// The frames of a method's pattern as a camera sees the plane under it.
+inline std::vector<cv::Mat> frames(int cam, vexo::Method method)
 {
-    static const vexo::sim::Rig rig = virtual_rig();
+    static vexo::sim::Rig rig = virtual_rig();
     static const vexo::sim::Scene plane = [] {
         vexo::sim::Scene scene;
         const cv::Vec3d along(1 / std::sqrt(1.04), 0, 0.2 / std::sqrt(1.04));
@@ -68,8 +69,9 @@ inline std::vector<cv::Mat> frames(int cam, const vexo::sim::RigOptions& options
         return scene;
     }();
     static const vexo::sim::View views[] = { { plane, rig, 0 }, { plane, rig, 1 } };
+    rig.options.method = method;
     std::vector<cv::Mat> all;
-    for (const vexo::sim::ProjectedRow& row : project(pattern_of(options), options))
+    for (const vexo::sim::ProjectedRow& row : project(pattern_of(rig.options), rig.options))
         all.push_back(views[cam].picture(row, static_cast<int>(all.size())));
     return all;
 }
@@ -77,15 +79,13 @@ inline std::vector<cv::Mat> frames(int cam, const vexo::sim::RigOptions& options
 /// The 13 frames of gray code + phase of one camera.
 inline std::vector<cv::Mat> gray_phase_frames(int cam)
 {
-    return frames(cam, {});
+    return frames(cam, vexo::Method::gray_phase);
 }
 
 /// The 14 frames of multi-period phase of one camera, four steps of three periods.
 inline std::vector<cv::Mat> multi_phase_frames(int cam)
 {
-    vexo::sim::RigOptions options;
-    options.method = vexo::Method::multi_phase;
-    return frames(cam, options);
+    return frames(cam, vexo::Method::multi_phase);
 }
 
 /// Gives all frames of both cameras. @return whether each was taken
