@@ -1,5 +1,6 @@
 #include "base/pictures.h"
 
+#include "base/boundary.h"
 #include "base/failure.h"
 #include "base/picture_header.h"
 #include "base/text.h"
@@ -19,12 +20,8 @@ cv::Mat read_picture(const std::string& path, int flags)
         throw Failure(path + ": is " + size_text(size.width, size.height) + " pixels; at most "
             + std::to_string(max_picture_area) + " pixels are read");
     const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
-    cv::Mat picture;
-    try {
-        if (picture_file::may_be_decoded(bytes)) picture = cv::imdecode(raw, flags);
-    } catch (const cv::Exception&) {
-        picture.release();
-    }
+    const cv::Mat picture = value_if_opencv_throws(
+        cv::Mat(), [&] { return picture_file::may_be_decoded(bytes) ? cv::imdecode(raw, flags) : cv::Mat(); });
     if (picture.empty())
         throw Failure(path + ": is damaged, or no picture that can be read; PNG, TIFF, BMP, PNM and JPEG are");
     return picture;

@@ -1,5 +1,6 @@
 #include "base/plain_yaml.h"
 
+#include "base/boundary.h"
 #include "base/whole_file.h"
 
 #include <algorithm>
@@ -85,7 +86,7 @@ bool yaml_is_plain(const std::string& text)
 
 bool open_yaml(const std::string& path, cv::FileStorage& storage)
 {
-    try {
+    const bool opened = false_if_it_throws([&] {
         std::string text;
         if (!read_file(path, max_yaml_bytes, text)) return false;
         std::string plain;
@@ -94,10 +95,9 @@ bool open_yaml(const std::string& path, cv::FileStorage& storage)
             if (c != '\r') plain.push_back(c);
         if (!yaml_is_plain(plain)) return false;
         return storage.open(plain, cv::FileStorage::READ | cv::FileStorage::MEMORY);
-    } catch (...) {
-        storage.release();
-        return false;
-    }
+    });
+    if (!opened) storage.release();
+    return opened;
 }
 
 cv::FileStorage memory_yaml()

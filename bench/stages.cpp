@@ -2,7 +2,8 @@
 // library. Each benchmark first checks that its result equals the twin's. Argument: image width, in 5 : 4.
 #include "capture.h"
 #include "decode/GrayPhaseDecoder.h"
-#include "matching/row_kernels.h"
+#include "matching/reproject_row.h"
+#include "matching/row_matcher.h"
 #include "reference/plain_gray_phase.h"
 #include "reference/plain_remap.h"
 #include "reference/plain_reprojection.h"

@@ -290,7 +290,7 @@ std::string truth_text(const Rig& rig, const CalibrationOptions& o, const std::v
 }
 } // namespace
 
-Files make_calibration(const CalibrationOptions& options, const OnPhoto& on_photo)
+Files make_calibration(const CalibrationOptions& options, const OnStep& on_step)
 {
     if (const char* fault = why_invalid(options)) throw std::invalid_argument(fault);
     const Rig rig = make_rig(options.rig);
@@ -299,7 +299,7 @@ Files make_calibration(const CalibrationOptions& options, const OnPhoto& on_phot
         BoardPhotographer(rig, 1, options) };
     Files files;
     for (int view = 0; view < options.views; ++view) {
-        if (on_photo) on_photo("view " + std::to_string(view));
+        next_step(on_step, "view " + std::to_string(view));
         const BoardPose& pose = poses[static_cast<std::size_t>(view)];
         add_images({ { picture_name(0, "view", view), cameras[0].photo(pose, view) },
                        { picture_name(1, "view", view), cameras[1].photo(pose, view) } },

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "base/on_step.h"
 #include "patterns/board.h"
 #include "sim/output.h"
 #include "sim/rig.h"
@@ -58,15 +58,13 @@ private:
     cv::Mat_<cv::Vec2d> _rays; ///< undistorted image coordinates of each pixel
 };
 
-/// Told before each photo what comes next.
-using OnPhoto = std::function<void(const std::string&)>;
-
 /// Renders all photos and the truth.
 ///     cam0/view00.png ...   8-bit photos of camera 0; cam1/ likewise, each pair at the same pose
 ///     truth.json            both cameras in raw camera-0 axes, the poses, the board and all options
 /// The cameras are not written as the YAML file that measuring would read: it is calibration's work to find them.
-/// Throws std::invalid_argument for options that why_invalid() refuses, and as choose_poses() does.
-Files make_calibration(const CalibrationOptions& options, const OnPhoto& on_photo = {});
+/// Throws std::invalid_argument for options that why_invalid() refuses, and as choose_poses() does; Stopped. A step is
+/// a view.
+Files make_calibration(const CalibrationOptions& options, const OnStep& on_step = {});
 
 } // namespace sim
 } // namespace vexo

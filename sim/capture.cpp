@@ -129,9 +129,7 @@ Capture make_capture(
     const std::string& scene_name, const RigOptions& options, const Pattern& pattern, const OnStep& on_step)
 {
     check(scene_name, options, pattern);
-    const auto step = [&on_step](const std::string& what) {
-        if (on_step) on_step(what);
-    };
+    const auto step = [&on_step](const std::string& what) { next_step(on_step, what); };
     Pattern order = pattern;
     std::swap(order.frames[static_cast<std::size_t>(options.swapped[0])],
         order.frames[static_cast<std::size_t>(options.swapped[1])]);

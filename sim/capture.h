@@ -1,8 +1,8 @@
 #pragma once
 
-#include <functional>
 #include <string>
 
+#include "base/on_step.h"
 #include "sim/output.h"
 #include "sim/pattern.h"
 #include "sim/render.h"
@@ -25,14 +25,11 @@ struct Capture {
     Truth truth;
 };
 
-/// Told before each step of the work what comes next.
-using OnStep = std::function<void(const std::string&)>;
-
 /// How often make_capture() calls its `on_step`.
 int capture_steps(const Pattern& pattern);
 
 /// Renders a scene under the pattern that belongs to the options. Throws std::invalid_argument for options that
-/// why_invalid() refuses, for frames to swap that there are not, and for an unknown scene.
+/// why_invalid() refuses, for frames to swap that there are not, and for an unknown scene; Stopped.
 Capture make_capture(const std::string& scene, const RigOptions& options, const OnStep& on_step = {});
 
 /// Under another pattern of the same method and projector.

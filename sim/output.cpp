@@ -1,6 +1,7 @@
 #include "sim/output.h"
 
-#include <atomic>
+#include "base/parallel.h"
+
 #include <filesystem>
 #include <stdexcept>
 
@@ -42,20 +43,10 @@ std::string picture_name(int camera, const std::string& what, int number)
 void add_images(const std::vector<std::pair<std::string, cv::Mat>>& images, Files& files)
 {
     const std::size_t first = files.size();
-    const auto count = static_cast<int>(images.size());
     files.resize(first + images.size());
-    std::atomic<bool> failed { false };
-    const auto encode_one = [&](std::size_t i) noexcept {
-        try {
-            files[first + i] = { images[i].first, encode(images[i].first, images[i].second) };
-        } catch (...) {
-            failed = true;
-        }
-    };
-#pragma omp parallel for schedule(dynamic) // each thread writes its own entries of `files`
-    for (int i = 0; i < count; ++i)
-        encode_one(static_cast<std::size_t>(i));
-    if (failed) throw std::runtime_error("the images cannot be encoded; is there enough memory?");
+    in_parallel(images.size(), [&](std::size_t i) {
+        files[first + i] = { images[i].first, encode(images[i].first, images[i].second) };
+    });
 }
 
 void add_text(const std::string& name, const std::string& text, Files& files)

@@ -33,6 +33,7 @@ iStereoCamera* from_hmat_set(const std::vector<std::string>& files, const Stereo
 
 iStereoCamera* from_calibration(const std::vector<std::string>& files, const StereoCameraParam& p)
 {
+    if (why_invalid(p) != nullptr) return nullptr;
     StereoCamera* camera = create_StereoCamera(
         files, cv::Size(p.out_width, p.out_height), p.alpha, p.flags, grey(p.fill0), grey(p.fill1));
     if (camera == nullptr || camera->input_size == cv::Size(p.inp_width, p.inp_height)) return camera;

@@ -86,8 +86,7 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     check_output_folder(o.out);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
-    const auto told = [&progress](const std::string& what) { progress.step(what); };
-    sim::Capture capture = sim::make_capture(o.scene, rig, pattern, told);
+    sim::Capture capture = sim::make_capture(o.scene, rig, pattern, progress.on_step());
     progress.step("writing");
     write(capture.files, o.out, "frame");
     progress.finish();
@@ -109,8 +108,7 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
     check_output_folder(o.out);
 
     Progress progress(global, photos.views + 1);
-    const auto told = [&progress](const std::string& what) { progress.step(what); };
-    sim::Files files = sim::make_calibration(photos, told);
+    sim::Files files = sim::make_calibration(photos, progress.on_step());
     sim::add_text("board.yaml", board_yaml(board), files);
     progress.step("writing");
     write(files, o.out, "view");

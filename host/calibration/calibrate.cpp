@@ -1,5 +1,6 @@
 #include "host/calibration/calibrate.h"
 
+#include "base/boundary.h"
 #include "base/failure.h"
 #include "base/statistics.h"
 #include "base/whole_file.h"
@@ -38,13 +39,7 @@ template <class Calibrator> void set_board(Calibrator* calibrator, const BoardFi
 /// Runs do_calibrate; what it answers or throws about views that determine no camera becomes a Failure.
 template <class Run> void calibrate_or_fail(Run run)
 {
-    bool good = false;
-    try {
-        good = run();
-    } catch (const cv::Exception&) {
-        good = false;
-    }
-    if (!good)
+    if (!value_if_opencv_throws(false, run))
         throw Failure(
             "the views determine no calibration; take ten or more views of the whole board, tilted by 25 to 45 "
             "degrees to all sides");

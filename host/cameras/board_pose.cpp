@@ -1,5 +1,7 @@
 #include "host/cameras/board_pose.h"
 
+#include "base/boundary.h"
+
 #include <opencv2/calib3d.hpp>
 
 #include <cmath>
@@ -18,12 +20,12 @@ std::optional<BoardPose> solve_board_pose(const SeenMarkers& seen, const Calibra
 {
     if (seen.board_mm.size() < fewest_markers_of_a_pose) return std::nullopt;
     BoardPose pose;
-    try {
-        if (!cv::solvePnP(seen.board_mm, seen.image_px, camera.K, camera.D, pose.rvec, pose.tvec)) return std::nullopt;
+    const bool solved = value_if_opencv_throws(false, [&] { // it throws for markers in a line, say
+        if (!cv::solvePnP(seen.board_mm, seen.image_px, camera.K, camera.D, pose.rvec, pose.tvec)) return false;
         cv::projectPoints(seen.board_mm, pose.rvec, pose.tvec, camera.K, camera.D, pose.projected_px);
-    } catch (const cv::Exception&) {
-        return std::nullopt; // markers in a line, say
-    }
+        return true;
+    });
+    if (!solved) return std::nullopt;
     pose.rms_px = cv::norm(seen.image_px, pose.projected_px) / std::sqrt(static_cast<double>(seen.image_px.size()));
     if (!std::isfinite(pose.rms_px)) return std::nullopt;
     return pose;

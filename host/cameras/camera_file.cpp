@@ -1,5 +1,6 @@
 #include "host/cameras/camera_file.h"
 
+#include "base/boundary.h"
 #include "base/failure.h"
 #include "base/plain_yaml.h"
 #include "base/whole_file.h"
@@ -46,16 +47,16 @@ CalibratedCamera read_camera(const std::string& path, const std::string& name)
     cv::FileStorage file;
     if (!open_yaml(path, file)) throw Failure(path + ": is not a calibration file (YAML)");
     CalibratedCamera camera;
-    try {
-        const cv::FileNode size = file[name + "_size"];
-        if (size.isSeq() && size.size() == 2 && size[0].isInt() && size[1].isInt())
-            camera.size = cv::Size(static_cast<int>(size[0]), static_cast<int>(size[1]));
-        file[name + "_D"] >> camera.D;
-        if (!camera.D.empty()) camera.D.convertTo(camera.D, CV_64F);
-        if (read_projection(file, name, camera)) return camera;
-    } catch (const cv::Exception&) {
-        throw Failure(path + ": the keys of " + name + " do not hold the matrices of a camera");
-    }
+    const bool read
+        = failure_if_opencv_throws(path + ": the keys of " + name + " do not hold the matrices of a camera", [&] {
+              const cv::FileNode size = file[name + "_size"];
+              if (size.isSeq() && size.size() == 2 && size[0].isInt() && size[1].isInt())
+                  camera.size = cv::Size(static_cast<int>(size[0]), static_cast<int>(size[1]));
+              file[name + "_D"] >> camera.D;
+              if (!camera.D.empty()) camera.D.convertTo(camera.D, CV_64F);
+              return read_projection(file, name, camera);
+          });
+    if (read) return camera;
     throw Failure(path + ": has no camera \"" + name + "\" (keys " + name + "_K, " + name + "_R, " + name
         + "_T); calibrate with vexo's own format");
 }

@@ -1,6 +1,7 @@
 #include "host/captures/choose_method.h"
 
 #include "base/failure.h"
+#include "base/whole_file.h"
 #include "host/captures/frames.h"
 #include "host/files/json_file.h"
 
@@ -18,14 +19,10 @@ constexpr const char* descriptions[] = { "scene.json", "patterns.json" };
 /// A description of the capture, if there is a readable one; what it lacks is found out in other ways.
 std::optional<Json> description(const std::string& folder, const char* file)
 {
-    std::error_code ignored;
-    const fs::path path = fs::path(folder) / file;
-    if (folder.empty() || !fs::is_regular_file(path, ignored)) return std::nullopt;
-    try {
-        return read_json(path.string());
-    } catch (const Failure&) {
-        return std::nullopt;
-    }
+    constexpr std::size_t largest = std::size_t { 1 } << 24;
+    std::string text;
+    if (folder.empty() || !read_file((fs::path(folder) / file).string(), largest, text)) return std::nullopt;
+    return parse_json(text);
 }
 
 Choice method_by_count(const std::string& cam0, bool nearest)

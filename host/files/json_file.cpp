@@ -5,6 +5,12 @@
 
 namespace vexo {
 
+namespace {
+
+constexpr std::size_t max_json_bytes = std::size_t { 1 } << 24;
+
+} // namespace
+
 std::string json_text(const Json& json)
 {
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -21,27 +27,27 @@ Json to_json(const cv::Matx33d& matrix)
     return std::vector<double>(matrix.val, matrix.val + 9);
 }
 
-Json read_json(const std::string& path)
+std::optional<Json> parse_json(const std::string& text)
 {
-    constexpr std::size_t max_json_bytes = std::size_t { 1 } << 24;
-    const std::string text = read_bytes(path, max_json_bytes);
     // The parser recurses where brackets nest; ours nest a few levels.
+    constexpr int deepest = 32;
     int depth = 0;
-    const auto too_deep = [&depth](Json::parse_event_t event) {
+    bool deep = false;
+    const auto watch = [&](int, Json::parse_event_t event, Json&) {
         if (event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start) ++depth;
         if (event == Json::parse_event_t::object_end || event == Json::parse_event_t::array_end) --depth;
-        return depth > 32;
+        deep = deep || depth > deepest;
+        return true;
     };
-    bool deep = false;
-    Json json = Json::parse(
-        text,
-        [&](int, Json::parse_event_t event, Json&) {
-            deep = deep || too_deep(event);
-            return true;
-        },
-        false);
-    if (json.is_discarded() || !json.is_object() || deep) throw Failure(path + ": is not a JSON file of this program");
+    Json json = Json::parse(text, watch, false);
+    if (json.is_discarded() || !json.is_object() || deep) return std::nullopt;
     return json;
+}
+
+Json read_json(const std::string& path)
+{
+    if (auto json = parse_json(read_bytes(path, max_json_bytes))) return *std::move(json);
+    throw Failure(path + ": is not a JSON file of this program");
 }
 
 double number_in(const Json& json, const std::string& pointer, const std::string& path)

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/core.hpp>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,9 @@ using Json = nlohmann::ordered_json;
 
 /// Indented, ended by a new line. File names need not be UTF-8, JSON must: a byte that is not becomes U+FFFD.
 std::string json_text(const Json& json);
+
+/// An object from the text of a JSON file; nothing when it is none, or nests deeper than ours do.
+std::optional<Json> parse_json(const std::string& text);
 
 /// Parses a JSON file; throws Failure that names it.
 Json read_json(const std::string& path);

@@ -1,5 +1,6 @@
 #include "host/files/temporary_folder.h"
 
+#include "base/boundary.h"
 #include "base/failure.h"
 
 #include <algorithm>
@@ -85,11 +86,9 @@ TemporaryFolder::TemporaryFolder(const std::string& folder)
     for (int attempt = 0; attempt < attempts && _lock < 0; ++attempt) {
         if (attempt > 0) ::usleep(pause_us);
         const Uninterrupted alone;
-        try {
-            make(folder);
-        } catch (...) {
+        if (const std::exception_ptr fault = exception_of([&] { make(folder); })) {
             _remove_made();
-            throw;
+            std::rethrow_exception(fault);
         }
         _path = (fs::path(folder) / ".vexo-tmp").string();
         const bool made = ::mkdir(_path.c_str(), 0777) == 0;

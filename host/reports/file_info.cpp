@@ -1,5 +1,6 @@
 #include "host/reports/file_info.h"
 
+#include "base/boundary.h"
 #include "base/failure.h"
 #include "base/plain_yaml.h"
 #include "base/text.h"
@@ -126,12 +127,10 @@ Json describe_yaml(const InfoRequest& o)
 {
     cv::FileStorage yaml;
     if (!open_yaml(o.file, yaml)) throw Failure(o.file + ": is not a YAML file that this program reads");
-    try {
+    return failure_if_opencv_throws(o.file + ": holds matrices of no camera", [&] {
         if (!yaml.root().isMap()) throw Failure(o.file + ": is YAML, but holds no keys");
         return yaml["StereoName"].empty() ? describe_camera_yaml(yaml, o) : describe_stereo_yaml(yaml, o);
-    } catch (const cv::Exception&) {
-        throw Failure(o.file + ": holds matrices of no camera");
-    }
+    });
 }
 
 Json describe_hmat(const std::string& bytes, const InfoRequest& o)

@@ -1,10 +1,17 @@
 #pragma once
 
+#include "vexo/limits.h"
+
+#include <cfloat>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 
 /// Parameter records that cross the library's boundary. Their layouts are a binary contract, held by the
 /// assertions below; hosts pass them by pointer or reference and keep them.
+///
+/// why_invalid(record) is null exactly when the call that the record is for accepts it; else it says the first fault
+/// found: which field, and its limit. The calls themselves ask it.
 namespace vexo {
 
 // --- stereo camera ---------------------------------------------------------------------------------
@@ -30,6 +37,27 @@ struct RectifyParam {
     int32_t fill0 = 0;  ///< grey of rectified pixels of camera 0 without a source
     int32_t fill1 = 0;  ///< the same of camera 1
 };
+
+/// Null when CreateStereoCameraFromRaw and CreateStereoCamera with selector 2 accept the record, for cameras that can
+/// be rectified. With selector 1 nothing but the input size counts.
+inline const char* why_invalid(const StereoCameraParam& p) noexcept
+{
+    if (!is_picture_size(p.inp_width, p.inp_height))
+        return "inp_width and inp_height must be 1 to 32766 px, and at most 2^26 pixels in all";
+    if ((p.out_width != 0 || p.out_height != 0) && !is_picture_size(p.out_width, p.out_height))
+        return "out_width and out_height must be 1 to 32766 px, and at most 2^26 pixels in all, or both 0";
+    if (!std::isfinite(p.alpha)) return "alpha must be a finite number";
+    return nullptr;
+}
+
+/// Null when create_stereo_camera() accepts the record.
+inline const char* why_invalid(const RectifyParam& p) noexcept
+{
+    if ((p.width != 0 || p.height != 0) && !is_picture_size(p.width, p.height))
+        return "width and height must be 1 to 32766 px, and at most 2^26 pixels in all, or both 0";
+    if (!std::isfinite(p.alpha)) return "alpha must be a finite number";
+    return nullptr;
+}
 
 // --- point cloud generators ------------------------------------------------------------------------
 
@@ -59,7 +87,7 @@ struct PhaseMatchingParam {
 /// Parameters of gray code + phase (selector 1).
 struct GrayPhaseMatchingParam {
     /// Largest accepted difference between a left phase and the phase at the nearest right column, in
-    /// *fringe periods*. The default accepts neighbours 1.6 periods away, behind depth edges, too; 0.15 is
+    /// *fringe periods*. The default accepts neighbours 1.6 periods away, across depth edges, too; 0.15 is
     /// a good value for surfaces.
     double max_phase_diff = 1.5707963267948966;
     double max_disparity = 400.0;  ///< px, inclusive
@@ -77,7 +105,7 @@ struct GrayPhaseMatchingParam {
 };
 
 /// Parameters of multi-period phase (selector 2). The host passes the 68 bytes up to the end of `periods`;
-/// nothing behind them is read.
+/// nothing after them is read.
 struct MultiPhaseMatchingParam {
     double max_phase_diff = 1.5707963267948966; ///< as in the gray code record, but in *projector pixels*
     double max_disparity = 400.0;               ///< px, inclusive
@@ -102,7 +130,7 @@ struct MultiPhaseMatchingParam {
 /// Bytes of MultiPhaseMatchingParam that a host hands over (the struct itself is padded to 72).
 constexpr std::size_t multi_phase_param_bytes = 68;
 
-/// Null when setparams() accepts the record, else the first fault found.
+/// Null when setparams() accepts the record.
 inline const char* why_invalid(const SGBMatchingParam& p) noexcept
 {
     if (p.numDisparities % 16 != 0) return "numDisparities must be a multiple of 16";
@@ -112,10 +140,19 @@ inline const char* why_invalid(const SGBMatchingParam& p) noexcept
     return nullptr;
 }
 
-inline const char* why_invalid(const GrayPhaseMatchingParam& p) noexcept
+/// What setparams() of both phase matchers asks of the head of their records.
+inline const char* why_invalid(const PhaseMatchingParam& p) noexcept
 {
     if (p.fit_points != 3 && p.fit_points != 5) return "fit_points must be 3 or 5";
-    if (p.min_disparity > p.max_disparity) return "min_disparity is above max_disparity";
+    if (p.min_disparity > p.max_disparity) return "min_disparity must not be above max_disparity";
+    return nullptr;
+}
+
+/// Null when setparams() accepts the record.
+inline const char* why_invalid(const GrayPhaseMatchingParam& p) noexcept
+{
+    const PhaseMatchingParam head { p.max_phase_diff, p.max_disparity, p.min_disparity, p.fit_points };
+    if (const char* fault = why_invalid(head)) return fault;
     if (p.datatype < 0 || p.datatype > 1) return "datatype must be 0 or 1";
     if (p.anchor_length < 0) return "anchor_length must not be negative";
     if (p.reject_length < 0) return "reject_length must not be negative";
@@ -123,10 +160,11 @@ inline const char* why_invalid(const GrayPhaseMatchingParam& p) noexcept
     return nullptr;
 }
 
+/// Null when setparams() accepts the record.
 inline const char* why_invalid(const MultiPhaseMatchingParam& p) noexcept
 {
-    if (p.fit_points != 3 && p.fit_points != 5) return "fit_points must be 3 or 5";
-    if (p.min_disparity > p.max_disparity) return "min_disparity is above max_disparity";
+    const PhaseMatchingParam head { p.max_phase_diff, p.max_disparity, p.min_disparity, p.fit_points };
+    if (const char* fault = why_invalid(head)) return fault;
     if (p.datatype < 0 || p.datatype > 1) return "datatype must be 0 or 1";
     if (p.steps != 3 && p.steps != 4) return "steps must be 3 or 4";
     if (p.nperiods < 0 || p.nperiods > 4) return "nperiods must be 0 to 4";
@@ -163,6 +201,9 @@ struct CircleMarkerParam {
     double debug_scale = 0.0;
 };
 
+/// Most positions of a board, columns times rows.
+constexpr int32_t max_board_positions = 1000000;
+
 /// Geometry of the board; board frame: see docs/conventions.md.
 struct CalibBoardParam {
     double pitch = 0.0;           ///< distance of neighbouring marker centres, > 0; its unit is that of all 3D results
@@ -180,6 +221,55 @@ struct CameraCalibParam {
     double focal_guess = 0.0; ///< px, used with flag 1 (CALIB_USE_INTRINSIC_GUESS); 0: no guess
     int32_t flags = 0;        ///< cv::calibrateCamera and cv::stereoCalibrate flags (CALIB_*)
 };
+
+/// Null when recognize() can work with the record, else what it throws cv::Exception for. set_parameters() accepts
+/// every record. An unknown binarize_mode and a block above 2901 px are no faults: they find nothing.
+inline const char* why_invalid(const PreProcParam& p) noexcept
+{
+    if (p.binarize_mode == 2 && (p.threshold < 3 || p.threshold % 2 == 0))
+        return "threshold must be odd and at least 3 with binarize_mode 2";
+    return nullptr;
+}
+
+/// Null: set_parameters() and recognize() accept every record. One that no circle meets finds none.
+inline const char* why_invalid(const CircleMarkerParam& /*p*/) noexcept
+{
+    return nullptr;
+}
+
+/// Null when set_parameters() accepts the record.
+inline const char* why_invalid(const CalibBoardParam& p) noexcept
+{
+    if (!(p.pitch >= FLT_MIN && p.pitch <= FLT_MAX)) // board points are floats
+        return "pitch must be positive and finite, 1.2e-38 to 3.4e38";
+    if (p.columns < 1) return "columns must be at least 1";
+    if (p.rows < 1) return "rows must be at least 1";
+    if (int64_t { p.columns } * p.rows > max_board_positions) return "columns x rows must be at most 1000000";
+    return nullptr;
+}
+
+/// Null when iCameraCalibrator::do_calibrate() accepts the record. Whether the views suffice, and go together with what
+/// an earlier calibration has left, it says itself.
+inline const char* why_invalid(const CameraCalibParam& p) noexcept
+{
+    constexpr int32_t use_intrinsic_guess = 1;
+    if ((p.flags & use_intrinsic_guess) != 0 && !(p.focal_guess >= 0.0 && std::isfinite(p.focal_guess)))
+        return "focal_guess must be 0 or positive and finite with flag 1 (CALIB_USE_INTRINSIC_GUESS)";
+    return nullptr;
+}
+
+/// Null when iStereoCalibrator::do_calibrate() accepts the record.
+inline const char* why_invalid_for_pair(const CameraCalibParam& p) noexcept
+{
+    constexpr int32_t use_extrinsic_guess = 1 << 22, thin_prism = 1 << 15, tilted = 1 << 18;
+    constexpr int32_t intrinsics_given = 1 | 1 << 8; // CALIB_USE_INTRINSIC_GUESS, CALIB_FIX_INTRINSIC
+    if (const char* fault = why_invalid(p)) return fault;
+    if ((p.flags & use_extrinsic_guess) != 0)
+        return "flags must not have 4194304 (CALIB_USE_EXTRINSIC_GUESS) for a pair";
+    if ((p.flags & thin_prism) != 0 && (p.flags & (tilted | intrinsics_given)) == 0)
+        return "flags must have 1, 256 or 262144 with 32768 (CALIB_THIN_PRISM_MODEL) for a pair";
+    return nullptr;
+}
 
 // --- layouts ---------------------------------------------------------------------------------------
 

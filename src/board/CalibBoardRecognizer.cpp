@@ -8,7 +8,6 @@
 #include <array>
 #include <cfloat>
 #include <cmath>
-#include <new>
 
 namespace vexo {
 
@@ -34,16 +33,6 @@ cv::Scalar palette_colour(size_t k)
     return palette[k % palette.size()];
 }
 
-/// Runs `steps`, which return a count.
-template <class Steps> int minus_one_without_memory(Steps steps) noexcept
-{
-    try {
-        return steps();
-    } catch (...) {
-        return -1;
-    }
-}
-
 cv::Mat colour_copy(const cv::Mat& grey)
 {
     cv::Mat colour;
@@ -64,12 +53,11 @@ CalibBoardRecognizer::CalibBoardRecognizer()
 
 bool CalibBoardRecognizer::set_parameters(PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board)
 {
-    try {
+    const bool board_accepted = false_without_memory([&] {
         gamma_table.reserve(256); // here and in the board's points ends what can fail: all settings or none
-        if (!init_recognizer(board)) return false;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+        return init_recognizer(board);
+    });
+    if (!board_accepted) return false;
     neighbour_limit = board.neighbour_limit;
     init_searcher(circle);
     init_preproc(pre);
@@ -78,14 +66,11 @@ bool CalibBoardRecognizer::set_parameters(PreProcParam& pre, CircleMarkerParam& 
 
 bool CalibBoardRecognizer::init_recognizer(CalibBoardParam& board)
 {
-    if (!(board.pitch >= FLT_MIN && board.pitch <= FLT_MAX)) return false; // board points are floats
-    if (board.columns < 1 || board.rows < 1) return false;
-    const long long positions = static_cast<long long>(board.columns) * board.rows;
-    if (positions > max_positions) return false;
-
+    if (why_invalid(board) != nullptr) return false;
+    const int positions = board.columns * board.rows;
     board_points.resize(static_cast<size_t>(positions));
     board_param = board;
-    marker_count = static_cast<int>(positions);
+    marker_count = positions;
     const auto pitch = static_cast<float>(board.pitch);
     size_t k = 0;
     for (int i = 0; i < board.columns; ++i) {
@@ -118,7 +103,7 @@ int CalibBoardRecognizer::get_marker_index(cv::Point position) const
 int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& image_points,
     std::vector<cv::Point2f>& image_out, std::vector<cv::Point3f>& board_out)
 {
-    return minus_one_without_memory([&] {
+    return value_if_it_throws(-1, [&] {
         std::vector<cv::Point2f> in_image;
         std::vector<cv::Point3f> on_board;
         for (size_t k = 0; k < board_points.size(); ++k) {
@@ -136,7 +121,7 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& i
     const std::vector<cv::Point2f>& image_points1, std::vector<cv::Point2f>& image_out0,
     std::vector<cv::Point2f>& image_out1, std::vector<cv::Point3f>& board_out)
 {
-    return minus_one_without_memory([&] {
+    return value_if_it_throws(-1, [&] {
         std::vector<cv::Point2f> in_image0, in_image1;
         std::vector<cv::Point3f> on_board;
         for (size_t k = 0; k < board_points.size(); ++k) {
@@ -157,12 +142,6 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& i
 bool CalibBoardRecognizer::_usable(const cv::Mat& image) const
 {
     return image.dims == 2 && image.type() == CV_8UC1 && is_picture_size(image.cols, image.rows);
-}
-
-bool CalibBoardRecognizer::_bad_block() const
-{
-    const PreProcParam& p = preproc_param;
-    return p.binarize_mode == kAdaptiveMean && (p.threshold < 3 || p.threshold % 2 == 0);
 }
 
 int CalibBoardRecognizer::_find_markers(cv::Mat& image)
@@ -302,11 +281,7 @@ CalibBoardRecognizer::Picture CalibBoardRecognizer::get_dbgimg_index(int kind) c
 
 cv::Mat CalibBoardRecognizer::_picture(int kind) noexcept
 {
-    try {
-        return _draw_picture(kind);
-    } catch (...) { // no memory
-        return {};
-    }
+    return nothing_if_it_throws([&] { return _draw_picture(kind); });
 }
 
 cv::Mat CalibBoardRecognizer::_draw_picture(int kind)

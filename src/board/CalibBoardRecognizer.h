@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/boundary.h"
 #include "board/ConnectionFinder.h"
 #include "board/PreProcessor.h"
 #include "vexo/board.h"
@@ -32,9 +33,6 @@ enum BoardCode {
 /// Threads   one recogniser is for one thread at a time.
 class CalibBoardRecognizer : public iCalibBoardRecognizer, protected ConnectionFinder, protected PreProcessor {
 public:
-    /// Most positions of a board, columns times rows.
-    static constexpr long long max_positions = 1000000;
-
     /// Default parameters, without a geometry: set_parameters() must come before recognize().
     CalibBoardRecognizer();
     ~CalibBoardRecognizer() override = default;
@@ -113,7 +111,6 @@ protected:
 
 private:
     bool _usable(const cv::Mat& image) const;
-    bool _bad_block() const;
     int _next_index(int marker, int neighbour, int index) const;
     /// Own copy of a picture; empty when there is none, and for lack of memory.
     cv::Mat _picture(int kind) noexcept;
@@ -127,14 +124,8 @@ private:
 
 template <class Steps> int CalibBoardRecognizer::_recognize(Steps steps)
 {
-    try {
-        last_error = steps();
-    } catch (const cv::Exception&) {
-        last_error = kFewContours;
-        if (_bad_block()) throw;
-    } catch (...) {
-        last_error = kFewContours;
-    }
+    last_error = kFewContours; // should the stated exception leave
+    last_error = value_but_stated(int { kFewContours }, why_invalid(preproc_param) != nullptr, steps);
     return last_error;
 }
 

@@ -1,5 +1,7 @@
 #include "board/KorvaCalibBoardRecognizer.h"
 
+#include "base/boundary.h"
+
 #include <algorithm>
 
 namespace vexo {
@@ -20,11 +22,7 @@ void KORVACalibBoardRecognizer::destroy()
 
 std::string KORVACalibBoardRecognizer::get_error_name(int code)
 {
-    try {
-        return errors[code];
-    } catch (...) { // no memory: as an unknown code
-        return {};
-    }
+    return nothing_if_it_throws([code] { return errors[code]; }); // no memory: as an unknown code
 }
 
 int KORVACalibBoardRecognizer::recognize(cv::Mat& image, std::vector<cv::Point2f>& points)

@@ -1,5 +1,7 @@
 #include "board/ZEPHCalibBoardRecognizer.h"
 
+#include "base/boundary.h"
+
 #include <cfloat>
 
 namespace vexo {
@@ -19,11 +21,7 @@ void ZEPHCalibBoardRecognizer::destroy()
 
 std::string ZEPHCalibBoardRecognizer::get_error_name(int code)
 {
-    try {
-        return errors[code];
-    } catch (...) { // no memory: as an unknown code
-        return {};
-    }
+    return nothing_if_it_throws([code] { return errors[code]; }); // no memory: as an unknown code
 }
 
 int ZEPHCalibBoardRecognizer::recognize(cv::Mat& image, std::vector<cv::Point2f>& points)

@@ -1,5 +1,6 @@
 #include "board/result_picture.h"
 
+#include "base/boundary.h"
 #include "base/whole_file.h"
 #include "board/RotatedEllipse.h"
 
@@ -29,24 +30,21 @@ void show_picture(const std::string& window, const cv::Mat& picture, int wait_ms
         std::fprintf(stderr, "No display for the window \"%s\".\n", window.c_str());
         return;
     }
-    try {
+    const bool shown = false_if_it_throws([&] {
         cv::imshow(window, picture);
         if (wait_ms >= 0) cv::waitKey(wait_ms);
-    } catch (const std::exception&) {
-        std::fprintf(stderr, "The window \"%s\" could not be shown.\n", window.c_str());
-    }
+    });
+    if (!shown) std::fprintf(stderr, "The window \"%s\" could not be shown.\n", window.c_str());
 }
 
 bool write_picture(const std::string& path, const cv::Mat& picture) noexcept
 {
-    try {
+    return false_if_it_throws([&] { // false: no encoder for this extension, or no memory
         const size_t dot = path.rfind('.');
         if (picture.empty() || dot == std::string::npos) return false;
         std::vector<unsigned char> bytes;
         return cv::imencode(path.substr(dot), picture, bytes) && write_file(path, bytes);
-    } catch (...) {
-        return false; // no encoder for this extension, or no memory
-    }
+    });
 }
 
 void draw_ellipse(cv::Mat& drawing, const RotatedEllipse& ellipse, const cv::Scalar& bgr, int thickness, double scale)

@@ -1,5 +1,6 @@
 #include "calib/CalibBoardPoseSolver.h"
 
+#include "base/boundary.h"
 #include "base/plain_yaml.h"
 #include "board/CalibBoardRecognizer.h"
 #include "board/result_picture.h"
@@ -42,7 +43,7 @@ bool CalibBoardPoseSolver::init_camera(const std::vector<std::string>& files, in
 {
     const bool own_file = files.size() > 1; // one file a camera
     if (selector < 0 || files.empty() || (own_file && static_cast<size_t>(selector) >= files.size())) return false;
-    try {
+    return false_if_it_throws([&] {
         cv::FileStorage storage;
         if (!open_yaml(files[own_file ? static_cast<size_t>(selector) : 0], storage)) return false;
         DistortCamera fresh(cv::Size(0, 0), camera_name(storage, selector, own_file));
@@ -52,9 +53,7 @@ bool CalibBoardPoseSolver::init_camera(const std::vector<std::string>& files, in
         _camera = std::move(fresh);
         _camera_read = true;
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool CalibBoardPoseSolver::set_parameters(PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board)
@@ -82,11 +81,8 @@ int CalibBoardPoseSolver::_solve(cv::Mat& image, bool draw_axes, double* pose)
     if (!_recognizer || !_camera_read || pose == nullptr) return -1;
     if (image.empty()) return kFewContours;
     if (image.size() != _camera.size) return kImageSizeChanged;
-    try {
-        return _solve_checked(image, draw_axes, pose);
-    } catch (...) {
-        return kFewContours; // an adaptive block that OpenCV refuses, or no memory
-    }
+    // What may throw: an adaptive block that OpenCV refuses, or lack of memory.
+    return value_if_it_throws(int { kFewContours }, [&] { return _solve_checked(image, draw_axes, pose); });
 }
 
 int CalibBoardPoseSolver::_solve_checked(cv::Mat& image, bool draw_axes, double* pose)

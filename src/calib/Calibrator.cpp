@@ -65,6 +65,10 @@ bool calib_intrinsic(DistortCamera& camera, CameraCalibParam& param, iCalibBoard
         used[k] = true;
     }
     if (image_points.empty()) return false;
+    if (const char* fault = why_invalid(param)) {
+        if (param.focal_guess < 0) CV_Error(cv::Error::StsOutOfRange, fault);
+        return false; // from a guess that is no number, no number results
+    }
 
     cv::Mat_<double> K = camera.K.clone();
     cv::Mat_<double> D = camera.D.clone();
@@ -103,6 +107,9 @@ bool calib_extrinsic(std::array<DistortCamera, 2>& cameras, iCalibBoardRecognize
         pair_used[k] = true;
     }
     if (board_points.empty() || cameras[0].size != cameras[1].size) return false;
+    CameraCalibParam asked;
+    asked.flags = flags;
+    if (const char* fault = why_invalid_for_pair(asked)) CV_Error(cv::Error::StsBadArg, fault);
 
     cv::Mat_<double> K0 = cameras[0].K.clone(), D0 = cameras[0].D.clone();
     cv::Mat_<double> K1 = cameras[1].K.clone(), D1 = cameras[1].D.clone();

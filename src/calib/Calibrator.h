@@ -27,7 +27,7 @@ constexpr int min_view_markers = 5;
 /// @param per_view  out, may be null: reprojection error of every view, px; NaN for one that was skipped
 /// @param rms       out, may be null: px
 /// @return          false, and the camera unchanged, when no view can be used or the result is not finite
-/// Throws cv::Exception for degenerate views; then, too, the camera is unchanged.
+/// Throws cv::Exception for degenerate views and a negative focal guess; then, too, the camera is unchanged.
 bool calib_intrinsic(DistortCamera& camera, CameraCalibParam& param, iCalibBoardRecognizer* recognizer,
     std::vector<View>& views, std::vector<double>* per_view, double* rms);
 
@@ -40,7 +40,8 @@ bool calib_intrinsic(DistortCamera& camera, CameraCalibParam& param, iCalibBoard
 /// @param pair_used  out: one flag a pair
 /// @param rms        out, may be null: px
 /// @return           false, and the cameras unchanged, when no pair can be used or the result is not finite
-/// Throws cv::Exception for degenerate views; then, too, the cameras are unchanged.
+/// Throws cv::Exception for degenerate views and for flags that why_invalid_for_pair() faults; then, too, the cameras
+/// are unchanged.
 bool calib_extrinsic(std::array<DistortCamera, 2>& cameras, iCalibBoardRecognizer* recognizer,
     const std::array<std::vector<View>, 2>& views, int flags, std::vector<bool>& pair_used, double* rms);
 

@@ -58,16 +58,14 @@ bool CameraCalibrator::do_calibrate(CameraCalibParam& param, std::vector<double>
 
 bool CameraCalibrator::save_calibfile(std::string file, std::string name)
 {
-    try {
+    return false_if_it_throws([&] {
         DistortCamera named(_camera);
         if (!name.empty()) named.name = name;
         cv::FileStorage storage = memory_yaml();
         if (!named.save(&storage) || !close_yaml(storage, file)) return false;
         _camera.name = named.name;
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 } // namespace vexo

@@ -15,16 +15,6 @@ namespace vexo {
 
 namespace {
 
-/// Runs `steps`, which return a bool; whatever they throw becomes false.
-template <class Steps> bool false_if_it_throws(Steps steps) noexcept
-{
-    try {
-        return steps();
-    } catch (...) {
-        return false;
-    }
-}
-
 /// Halves of a picture that shows both cameras, camera 0 on the left. False when it cannot be halved.
 bool split(const cv::Mat& both, cv::Mat& image0, cv::Mat& image1)
 {
@@ -87,13 +77,9 @@ int StereoCalibrator::put_image(std::string file, bool show, std::string save)
     cv::Mat image0, image1;
     if (!split(read_grey_image(file), image0, image1)) return kFewContours;
     if (!room_for_one_more(_views[0]) || !room_for_one_more(_views[1])) return kFewContours; // both or neither
-    int code0 = 0;
-    try {
-        code0 = _put(0, image0);
-    } catch (...) { // a bad adaptive block, after which the next pictures must still be partners
-        _views[1].emplace_back();
-        throw;
-    }
+    _views[1].emplace_back(); // a bad adaptive block throws, and the next pictures must still be partners then
+    const int code0 = _put(0, image0);
+    _views[1].pop_back();
     const cv::Mat result0 = show || !save.empty() ? result_picture(*_recognizer, image0) : cv::Mat();
     const int code1 = _put(1, image1);
     if (!result0.empty())
@@ -102,7 +88,6 @@ int StereoCalibrator::put_image(std::string file, bool show, std::string save)
             cv::hconcat(result0, result_picture(*_recognizer, image1), both);
             if (!save.empty()) write_picture(save, both);
             if (show) show_picture("result", both, moment_ms);
-            return true;
         });
     return code0 != kSuccess ? code0 : code1;
 }

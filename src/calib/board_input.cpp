@@ -29,7 +29,7 @@ cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long s
 
 cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture) noexcept
 {
-    try {
+    return nothing_if_it_throws([&] {
         cv::Mat result;
         recognizer.copy_result_image(result, -1);
         if (result.empty()) result = picture;
@@ -39,31 +39,24 @@ cv::Mat result_picture(iCalibBoardRecognizer& recognizer, const cv::Mat& picture
         else
             colour = result;
         return colour;
-    } catch (...) {
-        return {};
-    }
+    });
 }
 
 bool room_for_one_more(std::vector<View>& views) noexcept
 {
-    try {
+    return false_if_it_throws([&] {
         if (views.size() == views.capacity()) views.reserve(2 * views.size() + 8);
-        return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save) noexcept
 {
-    try {
+    false_if_it_throws([&] { // no memory for the name or the window: the view is kept all the same
         if (!save.empty()) recognizer.save_result_image(save, -1);
         if (!show) return;
         recognizer.show_result_image(-1);
         if (display_available()) cv::waitKey(moment_ms); // lets the window draw itself
-    } catch (...) { // no memory for the name or the window: the view is kept all the same
-        return;
-    }
+    });
 }
 
 bool same_file(const std::string& a, const std::string& b)

@@ -69,13 +69,13 @@ bool DistortCamera::load(cv::FileStorage* fs)
 bool DistortCamera::solvePnPRansac(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_ransac(object_points, image_points, *this, D, rvec, tvec);
+    return pose_by_ransac(object_points, image_points, K, D, rvec, tvec);
 }
 
 bool DistortCamera::solvePnP(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_least_squares(object_points, image_points, *this, D, rvec, tvec);
+    return pose_by_least_squares(object_points, image_points, K, D, rvec, tvec);
 }
 
 cv::Point2d DistortCamera::project_forw(const cv::Point3d& X) const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/boundary.h"
 #include "base/plain_yaml.h"
 #include "vexo/limits.h"
 
@@ -61,27 +62,23 @@ bool is_regular(const cv::Mat_<double>& m);
 /// the storage is ours, brings it to the default file of `name` as it was before. Whatever is thrown gives false.
 template <class Write> bool save_yaml(cv::FileStorage* given, const std::string& name, Write write)
 {
-    try {
+    return false_if_it_throws([&] {
         if (given != nullptr) return given->isOpened() && write(*given);
         const std::string file = default_file(name);
         cv::FileStorage own = memory_yaml();
         return own.isOpened() && write(own) && close_yaml(own, file);
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 /// Runs `read` on what load() was given, or on the default file of `name` when that is null. Whatever is thrown gives
 /// false.
 template <class Read> bool load_yaml(cv::FileStorage* given, const std::string& name, Read read)
 {
-    try {
+    return false_if_it_throws([&] {
         if (given != nullptr) return given->isOpened() && read(*given);
         cv::FileStorage own;
         return open_yaml(default_file(name), own) && read(own);
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 } // namespace camera_file

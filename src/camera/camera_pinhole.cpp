@@ -1,5 +1,6 @@
 #include "camera/camera_pinhole.h"
 
+#include "base/boundary.h"
 #include "camera/camera_file.h"
 #include "camera/pose_points.h"
 
@@ -106,8 +107,7 @@ void PinHoleCamera::setPPM(const cv::Mat_<double>& m)
 
 cv::Mat_<double> PinHoleCamera::normalised_K() const
 {
-    const double scale = K(2, 2);
-    return scale == 0.0 ? cv::Mat_<double>(K.clone()) : cv::Mat_<double>(K / scale);
+    return normalised(K);
 }
 
 cv::Point2d PinHoleCamera::project_forw(const cv::Point3d& X) const
@@ -209,7 +209,7 @@ bool PinHoleCamera::save_hmat(std::ostream& os) const
 
 bool PinHoleCamera::load_hmat(std::istream& is)
 {
-    try {
+    return false_if_it_throws([&] {
         cv::Mat_<double> m(3, 4);
         is.read(reinterpret_cast<char*>(m.data), 12 * sizeof(double));
         if (is.fail() || !camera_file::all_finite({ m }) || !camera_file::is_regular(m)) return false;
@@ -218,21 +218,19 @@ bool PinHoleCamera::load_hmat(std::istream& is)
         if (!camera_file::all_finite({ fresh.K, fresh.R, fresh.T, fresh.P_inv })) return false;
         _swap(fresh);
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool PinHoleCamera::solvePnPRansac(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_ransac(object_points, image_points, *this, {}, rvec, tvec);
+    return pose_by_ransac(object_points, image_points, K, {}, rvec, tvec);
 }
 
 bool PinHoleCamera::solvePnP(
     cv::Mat& rvec, cv::Mat& tvec, std::vector<cv::Point2f>& image_points, std::vector<cv::Point3f>& object_points)
 {
-    return pose_by_least_squares(object_points, image_points, *this, {}, rvec, tvec);
+    return pose_by_least_squares(object_points, image_points, K, {}, rvec, tvec);
 }
 
 } // namespace vexo

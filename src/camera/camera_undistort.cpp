@@ -1,4 +1,6 @@
 #include "camera/camera_undistort.h"
+
+#include "base/boundary.h"
 #include "base/whole_file.h"
 
 #include "camera/camera_file.h"
@@ -144,7 +146,7 @@ void UndistortCamera::initMap(const DistortCamera& src, const cv::Mat_<double>& 
 
 bool UndistortCamera::remap(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& colour) const
 {
-    try {
+    return false_if_it_throws([&] {
         if (src.empty() || src.dims != 2 || map1.empty() || map2.empty()) return false;
         const cv::Mat source = overlap(src, dst) ? src.clone() : src;
         dst.create(map1.size(), source.type());
@@ -152,9 +154,7 @@ bool UndistortCamera::remap(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& 
         dst.setTo(colour);
         cv::remap(source, dst, map1, map2, remap_method(interpolation), cv::BORDER_TRANSPARENT);
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool UndistortCamera::has_row_form(cv::Size raw) const noexcept
@@ -255,7 +255,7 @@ bool save_map(std::ostream& os, const cv::Mat& m)
 
 bool load_map(std::istream& is, cv::Mat& m)
 {
-    try {
+    return false_if_it_throws([&] {
         std::int32_t type = 0;
         std::int32_t cols = 0;
         std::int32_t rows = 0;
@@ -271,9 +271,7 @@ bool load_map(std::istream& is, cv::Mat& m)
         if (!is.good()) return false;
         m = read;
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool _save_rtable(std::ostream& os, const cv::Mat& m)
@@ -288,7 +286,7 @@ bool _save_rtable(std::ostream& os, const cv::Mat& m)
 
 bool _load_rtable(std::istream& is, cv::Mat& m)
 {
-    try {
+    return false_if_it_throws([&] {
         std::int32_t count = 0;
         if (!read_int(is, count) || m.empty() || m.dims != 2 || count != m.rows * m.cols) return false;
         if (m.elemSize() != sizeof(float)) return false;
@@ -299,14 +297,12 @@ bool _load_rtable(std::istream& is, cv::Mat& m)
         if (!is.good()) return false;
         read.copyTo(m);
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool SaveRectifyTables(const UndistortCamera* cam, std::ostream& os)
 {
-    try {
+    return false_if_it_throws([&] {
         if (cam == nullptr) return false;
         for (const cv::Mat* table : { &cam->map1, &cam->map2 }) {
             cv::Mat floats = *table;
@@ -314,14 +310,12 @@ bool SaveRectifyTables(const UndistortCamera* cam, std::ostream& os)
             if (!_save_rtable(os, floats)) return false; // two-channel tables, too: they have no such form
         }
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool LoadRectifyTables(UndistortCamera* cam, std::istream& is)
 {
-    try {
+    return false_if_it_throws([&] {
         if (cam == nullptr) return false;
         cv::Mat map1(cam->map1.size(), CV_32FC1);
         cv::Mat map2(cam->map2.size(), CV_32FC1);
@@ -329,9 +323,7 @@ bool LoadRectifyTables(UndistortCamera* cam, std::istream& is)
         cv::swap(cam->map1, map1);
         cv::swap(cam->map2, map2);
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 } // namespace vexo

@@ -1,7 +1,7 @@
 #include "camera/pose_points.h"
 
+#include "base/boundary.h"
 #include "camera/camera_file.h"
-#include "camera/camera_pinhole.h"
 
 #include <opencv2/calib3d.hpp>
 
@@ -35,7 +35,7 @@ template <class Solve>
 bool solve(const ObjectPoints& object_points, const ImagePoints& image_points, cv::Mat& rvec, cv::Mat& tvec,
     Solve solver) noexcept
 {
-    try {
+    return false_if_it_throws([&] {
         if (!are_usable(object_points, image_points)) return false;
         cv::Mat_<double> rotation;
         cv::Mat_<double> translation;
@@ -44,27 +44,31 @@ bool solve(const ObjectPoints& object_points, const ImagePoints& image_points, c
         rvec = rotation;
         tvec = translation;
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 } // namespace
 
-bool pose_by_ransac(const ObjectPoints& object_points, const ImagePoints& image_points, const PinHoleCamera& camera,
+cv::Mat_<double> normalised(const cv::Mat_<double>& K)
+{
+    const double scale = K(2, 2);
+    return scale == 0.0 ? cv::Mat_<double>(K.clone()) : cv::Mat_<double>(K / scale);
+}
+
+bool pose_by_ransac(const ObjectPoints& object_points, const ImagePoints& image_points, const cv::Mat_<double>& K,
     const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept
 {
     return solve(object_points, image_points, rvec, tvec, [&](cv::Mat_<double>& r, cv::Mat_<double>& t) {
-        return cv::solvePnPRansac(object_points, image_points, camera.normalised_K(), D, r, t, false, 100, 8.0F, 0.99,
+        return cv::solvePnPRansac(object_points, image_points, normalised(K), D, r, t, false, 100, 8.0F, 0.99,
             cv::noArray(), cv::SOLVEPNP_ITERATIVE);
     });
 }
 
 bool pose_by_least_squares(const ObjectPoints& object_points, const ImagePoints& image_points,
-    const PinHoleCamera& camera, const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept
+    const cv::Mat_<double>& K, const cv::Mat_<double>& D, cv::Mat& rvec, cv::Mat& tvec) noexcept
 {
     return solve(object_points, image_points, rvec, tvec, [&](cv::Mat_<double>& r, cv::Mat_<double>& t) {
-        return cv::solvePnP(object_points, image_points, camera.normalised_K(), D, r, t, false, cv::SOLVEPNP_ITERATIVE);
+        return cv::solvePnP(object_points, image_points, normalised(K), D, r, t, false, cv::SOLVEPNP_ITERATIVE);
     });
 }
 

@@ -9,9 +9,6 @@
 #include <immintrin.h>
 #endif
 
-// Part of every form that uses it: code for other processors in the middle of AVX2 code costs dearly.
-#define VEXO_INLINE inline __attribute__((always_inline))
-
 namespace vexo {
 namespace {
 
@@ -79,7 +76,6 @@ VEXO_INLINE void remap_pixels(
 }
 
 #if defined(__x86_64__)
-#define VEXO_AVX2 __attribute__((target("avx2")))
 
 /// Eight positions at once, and where they lie as seen from the first.
 struct Positions8 {
@@ -335,7 +331,6 @@ VEXO_AVX2 void remap_row_avx2(
     }
     remap_pixels(map_x, map_y, c, cols, size, images);
 }
-#undef VEXO_AVX2
 #endif
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "camera/stereo_camera.h"
 
+#include "base/boundary.h"
 #include "camera/camera_file.h"
 
 #include <opencv2/calib3d.hpp>
@@ -135,7 +136,7 @@ bool StereoCamera::remap(
     if (!are_buffers(src, src_step, dst, dst_step, input_size, output_size, halves)) return false;
     if (which != 1 && !have_tables(cam0, output_size)) return false;
     if (which != 0 && !have_tables(cam1, output_size)) return false;
-    try {
+    return false_if_it_throws([&] {
         cv::Mat raw(input_size.height, halves * input_size.width, CV_8UC1, src, src_step);
         cv::Mat rectified(output_size.height, halves * output_size.width, CV_8UC1, dst, dst_step);
         const std::less<const uchar*> before;
@@ -148,9 +149,7 @@ bool StereoCamera::remap(
             done = cam.remap(raw.colRange(half * input_size.width, (half + 1) * input_size.width), to) && done;
         }
         return done;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 cv::Mat_<double> StereoCamera::_baseline_in_cam0() const
@@ -245,7 +244,7 @@ bool StereoCamera::_read(cv::FileStorage& fs)
 
 bool StereoCamera::convert_coordinate_system(const cv::Mat_<double>& M)
 {
-    try {
+    return false_if_it_throws([&] {
         if (M.rows != 4 || M.cols != 4 || !camera_file::all_finite({ M }) || cv::determinant(M) == 0.0) return false;
         StereoCamera moved(*this);
         for (UndistortCamera* cam : { &moved.cam0, &moved.cam1 }) {
@@ -257,9 +256,7 @@ bool StereoCamera::convert_coordinate_system(const cv::Mat_<double>& M)
         if (!camera_file::all_finite({ moved.Q, moved.T, moved.cam0.P_inv, moved.cam1.P_inv })) return false;
         _swap(moved);
         return true;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 void StereoCamera::recalculationQ()

@@ -1,10 +1,10 @@
 #include "camera/stereo_construction.h"
+
+#include "base/boundary.h"
 #include "base/plain_yaml.h"
 #include "base/whole_file.h"
-
 #include "camera/camera_file.h"
 
-#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -14,16 +14,6 @@ namespace vexo {
 namespace {
 
 constexpr std::size_t hmat_bytes = 12 * sizeof(double);
-
-/// Runs `make`; whatever it throws becomes a null or false result.
-template <class Make> auto nothing_if_it_throws(Make make) noexcept -> decltype(make())
-{
-    try {
-        return make();
-    } catch (...) {
-        return {};
-    }
-}
 
 bool is_rotation(const cv::Mat_<double>& R)
 {
@@ -104,11 +94,10 @@ DistortCamera camera_from_raw(const char* name, cv::Size size, const double* K, 
 StereoCamera* create_StereoCamera_from_pair(const DistortCamera* cams, cv::Size new_size, double alpha, int flags,
     const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
-        if (cams == nullptr || !std::isfinite(alpha)) return nullptr;
+    return null_if_it_throws([&]() -> StereoCamera* {
+        const RectifyParam options { alpha, flags, new_size.width, new_size.height };
+        if (cams == nullptr || why_invalid(options) != nullptr) return nullptr;
         if (!is_real_camera(cams[0]) || !is_real_camera(cams[1]) || cams[0].size != cams[1].size) return nullptr;
-        const bool same_size = new_size == cv::Size(0, 0);
-        if (!same_size && !camera_file::is_picture_size(new_size)) return nullptr;
         std::unique_ptr<StereoCamera> stereo(
             new (std::nothrow) StereoCamera(cams, alpha, flags, new_size, fill0, fill1));
         return stereo && stereo->is_usable() ? stereo.release() : nullptr;
@@ -118,7 +107,7 @@ StereoCamera* create_StereoCamera_from_pair(const DistortCamera* cams, cv::Size 
 StereoCamera* create_StereoCamera(const std::vector<std::string>& files, cv::Size new_size, double alpha, int flags,
     const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         if (files.empty()) return nullptr;
         const std::string& file1 = files.size() == 1 ? files[0] : files[1];
         DistortCamera cams[2] = { { cv::Size(0, 0), "" }, { cv::Size(0, 0), "" } };
@@ -130,7 +119,7 @@ StereoCamera* create_StereoCamera(const std::vector<std::string>& files, cv::Siz
 StereoCamera* create_StereoCamera_from_Hmats(const std::string& file0, const std::string& file1,
     const std::string& file2, cv::Size input_size, const cv::Scalar& fill0, const cv::Scalar& fill1) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         if (!camera_file::is_picture_size(input_size)) return nullptr;
         std::unique_ptr<StereoCamera> stereo(new (std::nothrow) StereoCamera(input_size));
         if (!stereo) return nullptr;
@@ -146,10 +135,10 @@ StereoCamera* create_StereoCamera_from_Hmats(const std::string& file0, const std
 StereoCamera* create_StereoCamera_from_raw(const double* K0, const double* D0, const double* K1, const double* D1,
     const double* R, const double* T, const StereoCameraParam* param) noexcept
 {
-    return nothing_if_it_throws([&]() -> StereoCamera* {
+    return null_if_it_throws([&]() -> StereoCamera* {
         for (const double* numbers : { K0, D0, K1, D1, R, T })
             if (numbers == nullptr) return nullptr;
-        if (param == nullptr) return nullptr;
+        if (param == nullptr || why_invalid(*param) != nullptr) return nullptr;
         const cv::Size size(param->inp_width, param->inp_height);
         DistortCamera cams[2] = { camera_from_raw("cam0", size, K0, D0), camera_from_raw("cam1", size, K1, D1) };
         std::copy(R, R + 9, cams[1].R.begin());
@@ -165,7 +154,7 @@ StereoCamera* create_StereoCamera_from_raw(const double* K0, const double* D0, c
 bool store_StereoCamera_to_Hmats(
     const StereoCamera* camera, const std::string& file0, const std::string& file1, const std::string& file2) noexcept
 {
-    return nothing_if_it_throws([&]() -> bool {
+    return false_if_it_throws([&] {
         if (camera == nullptr || camera->input_size != camera->output_size || !camera->is_usable()) return false;
         if (file0 == file1 || file0 == file2 || file1 == file2) return false;
         const cv::Size size = camera->output_size;

@@ -1,6 +1,6 @@
 #include "decode/FringePairTable.h"
 
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 #include "decode/GrayPhaseDecoder.h"
 
 #include "decode/AngleTable.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 
 #include <algorithm>
 #include <omp.h>
@@ -56,17 +56,17 @@ bool GrayPhaseDecoder::begin_decode()
     gray.release(); // of an earlier preproc(): they belong to other frames
     phase.release();
     _workers.resize(at(omp_get_max_threads()));
-    for (FastGrayRow& worker : _workers)
+    for (GrayRow& worker : _workers)
         worker.resize(white.cols);
     return true;
 }
 
 void GrayPhaseDecoder::decode_row(int y, int thread) noexcept
 {
-    const FastGrayRow::Limits limits { byte_limits(params->min_contrast, params->max_white, params->min_white),
+    const GrayRow::Limits limits { byte_limits(params->min_contrast, params->max_white, params->min_white),
         params->anchor_length, params->reject_length, params->code_spread };
     const auto& f = frames;
-    _workers[at(thread)].decode(fast_rows(), AngleTable::instance().data(),
+    _workers[at(thread)].decode(row_kernels(), AngleTable::instance().data(),
         { black[y], white[y], { f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] },
             { f[7][y], f[8][y], f[9][y], f[10][y] } },
         limits, unwrapped[y], vmask[y]);
@@ -90,7 +90,7 @@ void GrayPhaseDecoder::_graycode(cv::Mat_<float> const& threshold)
     const int rows = gray.rows;
 #pragma omp parallel for schedule(static) // each thread writes its own rows of `gray`
     for (int y = 0; y < rows; ++y)
-        gray_row({ f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] }, threshold[y],
+        code_row({ f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] }, threshold[y],
             columns_of(valid[static_cast<std::size_t>(y)]), gray[y]);
 }
 

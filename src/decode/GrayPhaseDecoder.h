@@ -1,7 +1,7 @@
 #pragma once
 
-#include "decode/fast_gray.h"
 #include "decode/GrayPhaseHolder.h"
+#include "decode/rows/gray_row.h"
 
 namespace vexo {
 
@@ -40,7 +40,7 @@ public:
 
 private:
     bool _decodable() const noexcept;
-    std::vector<FastGrayRow> _workers; ///< of decode_row(), one a thread
+    std::vector<GrayRow> _workers; ///< of decode_row(), one a thread
 };
 
 } // namespace vexo

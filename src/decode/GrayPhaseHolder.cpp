@@ -1,7 +1,6 @@
 #include "decode/GrayPhaseHolder.h"
 
-#include "decode/phase_kernels.h"
-#include "decode/phase_sections.h"
+#include "decode/pixel_formulas.h"
 
 #include <omp.h>
 

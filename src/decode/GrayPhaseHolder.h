@@ -1,25 +1,10 @@
 #pragma once
 
 #include "decode/ProjectorPositions.h"
+#include "decode/sections.h"
 #include "vexo/records.h"
 
-#include <cstdint>
-
 namespace vexo {
-
-/// A run of adjacent pixels with rising phase within one image row. Positions index the row's `valid` list.
-struct PhaseSection {
-    int32_t begin;  ///< first position
-    int32_t end;    ///< one past the last position
-    int32_t length; ///< end - begin
-    int32_t ncodes; ///< how many different period numbers its pixels carry
-    int16_t code;   ///< the most frequent of them; among equals the one met first
-    uint16_t state; ///< one of section_open, section_anchor, section_rejected
-};
-
-constexpr uint16_t section_open = 0;         ///< not yet assigned
-constexpr uint16_t section_anchor = 1;       ///< trusted: all its pixels belong to period `code`
-constexpr uint16_t section_rejected = 65535; ///< too short to be used
 
 /// Unwrapping of gray code + phase: period number and wrapped phase of a pixel become one coordinate.
 ///

@@ -1,7 +1,7 @@
 #include "decode/MultiPhaseDecoder.h"
 
 #include "decode/AngleTable.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 
 #include <algorithm>
 #include <array>
@@ -33,9 +33,9 @@ std::size_t at(int position) noexcept
 
 /// What decode_row() needs of the table and the record. Phases are offset by the record's periods and resolved by the
 /// table's, as in preproc() and unwrap(), should the two ever differ.
-FastMultiRow::Periods fast_periods(const FringePairTable& table, const MultiPhaseMatchingParam& params) noexcept
+MultiRow::Periods row_periods(const FringePairTable& table, const MultiPhaseMatchingParam& params) noexcept
 {
-    FastMultiRow::Periods p {};
+    MultiRow::Periods p {};
     for (std::size_t f = 0; f < 3; ++f) {
         p.period[f] = table.periods[f];
         p.offset[f] = phase_offset(params.periods[f]);
@@ -85,8 +85,8 @@ void MultiPhaseDecoder::preproc()
         _decode_phase4();
 }
 
-/// With a common multiple of at most 912 an unresolved pixel counts as resolved; the fast way knows no such thing.
-bool MultiPhaseDecoder::_fast() const noexcept
+/// With a common multiple of at most 912 an unresolved pixel counts as resolved; decode_row() knows no such thing.
+bool MultiPhaseDecoder::_decodable_by_rows() const noexcept
 {
     return _decodable() && steps != 3 && phases.size() >= 3 && pair_table != nullptr && pair_table->ok
         && static_cast<float>(pair_table->maxp) > max_coordinate;
@@ -94,12 +94,12 @@ bool MultiPhaseDecoder::_fast() const noexcept
 
 bool MultiPhaseDecoder::begin_decode()
 {
-    if (!_fast()) return false;
+    if (!_decodable_by_rows()) return false;
     _prepare_decode();
     for (cv::Mat_<float>& phase : phases)
         phase.release(); // of an earlier preproc(): they belong to other frames
     _workers.resize(at(omp_get_max_threads()));
-    for (FastMultiRow& worker : _workers)
+    for (MultiRow& worker : _workers)
         worker.resize(white.cols);
     return true;
 }
@@ -107,11 +107,11 @@ bool MultiPhaseDecoder::begin_decode()
 void MultiPhaseDecoder::decode_row(int y, int thread) noexcept
 {
     const auto& f = frames;
-    _workers[at(thread)].decode(fast_rows(), AngleTable::instance().data(),
+    _workers[at(thread)].decode(row_kernels(), AngleTable::instance().data(),
         { black[y], white[y],
             { { { f[0][y], f[1][y], f[2][y], f[3][y] }, { f[4][y], f[5][y], f[6][y], f[7][y] },
                 { f[8][y], f[9][y], f[10][y], f[11][y] } } } },
-        byte_limits(params->min_contrast, params->max_white, params->min_white), fast_periods(*pair_table, *params),
+        byte_limits(params->min_contrast, params->max_white, params->min_white), row_periods(*pair_table, *params),
         unwrapped[y], vmask[y]);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "decode/fast_multi.h"
 #include "decode/MultiPhaseHolder.h"
+#include "decode/rows/multi_row.h"
 
 namespace vexo {
 
@@ -37,8 +37,8 @@ public:
 private:
     bool _decodable() const noexcept;
     /// Whether decode_row() can do these frames with this table.
-    bool _fast() const noexcept;
-    std::vector<FastMultiRow> _workers; ///< of decode_row(), one a thread
+    bool _decodable_by_rows() const noexcept;
+    std::vector<MultiRow> _workers; ///< of decode_row(), one a thread
 };
 
 } // namespace vexo

@@ -1,8 +1,9 @@
 #include "decode/ProjectorPositions.h"
 
+#include "base/boundary.h"
 #include "base/large_pages.h"
 #include "base/whole_file.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 #include "decode/stream_copy.h"
 #include "vexo/limits.h"
 
@@ -124,16 +125,15 @@ int ProjectorPositions::_copy_input(const void* data, int width, int height, uns
     const Input& input = _inputs[static_cast<std::size_t>(index)];
     const cv::Size size(width, height);
     const std::size_t row_bytes = static_cast<std::size_t>(width) * CV_ELEM_SIZE(input.type);
-    try {
+    // Lack of memory shows before anything has changed.
+    const bool copied = false_if_it_throws([&] {
         cv::Mat target = *input.frame; // the buffer of the last frame serves again
         if (target.size() != size) target = cv::Mat(size, input.type);
         copy_rows(data, step == 0 ? row_bytes : step, row_bytes, target);
         if (input_size() != size) clear();
         *input.frame = target;
-        return 1;
-    } catch (...) {
-        return 0; // out of memory: nothing has changed
-    }
+    });
+    return copied ? 1 : 0;
 }
 
 void ProjectorPositions::decode()

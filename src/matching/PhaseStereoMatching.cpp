@@ -1,5 +1,6 @@
 #include "matching/PhaseStereoMatching.h"
 
+#include "base/boundary.h"
 #include "base/large_pages.h"
 #include "camera/image_file.h"
 #include "camera/stereo_camera.h"
@@ -52,12 +53,10 @@ bool PhaseStereoMatching::setpict(void* data, unsigned long step, int cam, int f
     if (row_step == 0) return false;
     _have_next_texture = false;
     auto* first = static_cast<unsigned char*>(data);
-    try {
+    return false_if_it_throws([&] {
         if (cam != 2) return _set_frame(cam, first, row_step, frame);
         return _set_frame(0, first, row_step, frame) && _set_frame(1, first + row_step / 2, row_step, frame);
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool PhaseStereoMatching::loadpict(std::string file, int cam, int frame)
@@ -166,29 +165,28 @@ bool PhaseStereoMatching::exec()
 {
     executed = false;
     if (!_frames_complete()) return false;
-    try {
+    executed = false_if_it_throws([this] {
         _decode();
         _rectify();
-        executed = true;
-    } catch (...) {
-        return false;
-    }
-    return true;
+    });
+    return executed;
 }
 
 // --- matching ----------------------------------------------------------------------------------------
 
 void PhaseStereoMatching::genPC(Method3D method, bool interpolate)
 {
-    if (!executed) return _drop_cloud();
-    try {
-        if (!_make_texture()) return _drop_cloud();
-        if (method != MethodV && method != MethodP) return _make_points_by_rows(interpolate);
-        _make_disparity_data(interpolate);
-        generate_pointcloud(method);
-    } catch (...) {
-        _drop_cloud();
-    }
+    const bool made = executed && false_if_it_throws([&] {
+        if (!_make_texture()) return false;
+        if (method != MethodV && method != MethodP) {
+            _make_points_by_rows(interpolate);
+        } else {
+            _make_disparity_data(interpolate);
+            generate_pointcloud(method);
+        }
+        return true;
+    });
+    if (!made) _drop_cloud();
 }
 
 /// exec() has it ready, in a picture of its own: `texture` is still in the host's hands then. After a new lit frame,

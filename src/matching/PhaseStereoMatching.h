@@ -3,7 +3,7 @@
 #include "decode/ProjectorPositions.h"
 #include "matching/LeastSquares.h"
 #include "matching/PointCloudGenerator.h"
-#include "matching/row_kernels.h"
+#include "matching/row_matcher.h"
 #include "vexo/records.h"
 
 #include <array>

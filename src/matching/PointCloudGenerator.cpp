@@ -1,9 +1,11 @@
 #include "matching/PointCloudGenerator.h"
 
+#include "base/boundary.h"
 #include "base/large_pages.h"
 #include "base/plain_yaml.h"
 #include "camera/stereo_camera.h"
-#include "matching/row_kernels.h"
+#include "matching/reproject_row.h"
+#include "matching/valid_columns.h"
 
 #include <Eigen/Core>
 
@@ -70,14 +72,15 @@ bool PointCloudGenerator::_bind(iStereoCamera* new_camera) noexcept
     input_height = usable ? in_height : 0;
     output_width = usable ? out_width : 0;
     output_height = usable ? out_height : 0;
-    try {
+    const bool room = false_if_it_throws([this] {
         const std::size_t pixels = static_cast<std::size_t>(output_width) * static_cast<std::size_t>(output_height);
         if (points.capacity() < pixels) {
             points.reserve(pixels);
             ask_for_large_pages(points.data() + points.size(), (pixels - points.size()) * sizeof(cv::Point3f));
         }
         points.resize(pixels, nan_point());
-    } catch (...) { // no room for the points: as without a camera
+    });
+    if (!room) { // as without a camera
         camera = nullptr;
         input_width = input_height = output_width = output_height = 0;
     }
@@ -86,7 +89,7 @@ bool PointCloudGenerator::_bind(iStereoCamera* new_camera) noexcept
 
 bool PointCloudGenerator::convert_coordinate(std::string file)
 {
-    try {
+    return false_if_it_throws([&] {
         cv::FileStorage storage;
         if (!open_yaml(file, storage)) return false;
         const cv::FileNode node = storage["RT"];
@@ -95,19 +98,13 @@ bool PointCloudGenerator::convert_coordinate(std::string file)
         cv::Mat rt;
         cv::read(node, rt);
         return _set_transform(rt);
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool PointCloudGenerator::convert_coordinate(std::vector<double>& rt)
 {
     if (rt.size() < 16) return false;
-    try {
-        return _set_transform(cv::Mat(4, 4, CV_64F, rt.data()));
-    } catch (...) {
-        return false;
-    }
+    return false_if_it_throws([&] { return _set_transform(cv::Mat(4, 4, CV_64F, rt.data())); });
 }
 
 /// Points go through the inverse of the pose that the host gives; a singular one would flatten every cloud.
@@ -244,13 +241,12 @@ bool PointCloudGenerator::_hand_out(
 {
     if (data == nullptr || width == nullptr || height == nullptr || step == nullptr || first.empty()) return false;
     if (second != nullptr && (second->size() != first.size() || second->type() != first.type())) return false;
-    try {
+    const bool copied = false_if_it_throws([&] {
         picture.create(first.rows, first.cols * (second == nullptr ? 1 : 2), first.type());
         first.copyTo(picture.colRange(0, first.cols));
         if (second != nullptr) second->copyTo(picture.colRange(first.cols, 2 * first.cols));
-    } catch (...) {
-        return false;
-    }
+    });
+    if (!copied) return false;
     *data = picture.data;
     *width = picture.cols;
     *height = picture.rows;

@@ -1,5 +1,6 @@
 #include "matching/gyps.h"
 
+#include "base/boundary.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
 
@@ -20,11 +21,7 @@ bool GyPsMatching::setparams(void* p)
     std::memcpy(static_cast<void*>(&record), p, sizeof record);
     PhaseStereoMatching::setparams(&record);
     if (why_invalid(record) != nullptr) return false;
-    try {
-        _make_decoders();
-    } catch (...) { // out of memory: the previous decoders stay
-        return false;
-    }
+    if (!false_if_it_throws([this] { _make_decoders(); })) return false; // out of memory: the previous decoders stay
     executed = false;
     return true;
 }

@@ -1,5 +1,6 @@
 #include "matching/mlps.h"
 
+#include "base/boundary.h"
 #include "decode/MultiPhaseDecoder.h"
 #include "decode/MultiPhaseLoader.h"
 
@@ -26,11 +27,8 @@ bool MlPsMatching::setparams(void* p)
     std::memcpy(static_cast<void*>(&record), p, multi_phase_param_bytes);
     PhaseStereoMatching::setparams(&record);
     if (why_invalid(record) != nullptr) return false;
-    try {
-        _make_decoders();
-    } catch (...) { // out of memory: the previous table and decoders stay
-        return false;
-    }
+    if (!false_if_it_throws([this] { _make_decoders(); }))
+        return false; // out of memory: the previous table and decoders stay
     executed = false;
     return true;
 }

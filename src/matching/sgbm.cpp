@@ -41,14 +41,12 @@ bool SGBMatching::setpict(void* data, unsigned long step, int cam, int /*frame*/
     const unsigned long row_step = _checked_step(data, step, cam, 1);
     if (row_step == 0) return false;
     auto* first = static_cast<unsigned char*>(data);
-    try {
+    return false_if_it_throws([&] {
         const auto view
             = [&](unsigned char* pixels) { return cv::Mat(input_height, input_width, CV_8U, pixels, row_step); };
         if (cam != 2) return set_target(view(first), cam);
         return set_target(view(first), 0) && set_target(view(first + row_step / 2), 1);
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 bool SGBMatching::loadpict(std::string file, int cam, int frame)
@@ -131,13 +129,11 @@ bool SGBMatching::_match()
 
 void SGBMatching::genPC(Method3D method, bool /*interpolate*/)
 {
-    if (!executed) return _drop_cloud();
-    try {
+    const bool made = executed && false_if_it_throws([&] {
         targets[0].copyTo(texture); // a copy: the next setpict() must not change what the host was handed
         generate_pointcloud(method);
-    } catch (...) {
-        _drop_cloud();
-    }
+    });
+    if (!made) _drop_cloud();
 }
 
 } // namespace vexo

@@ -49,7 +49,8 @@ protected:
     static std::string text_of(const Json& json, const std::string& name, int camera)
     {
         for (const Json& finding : json["findings"])
-            if (finding["name"] == name && finding["camera"] == camera) return finding["text"];
+            if (finding["name"] == name && finding["where"] == (camera < 0 ? "" : "camera " + std::to_string(camera)))
+                return finding["text"];
         return "";
     }
 };

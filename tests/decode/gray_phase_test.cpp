@@ -1,7 +1,7 @@
 #include "captures.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 #include "reference/plain_gray_phase.h"
 
 #include <gtest/gtest.h>
@@ -52,9 +52,9 @@ TEST(GrayPhase, CodesAndPhasesOfKnownPixels)
     const float threshold = 100.0F;
     const int column = 0;
     uint8_t code = 0;
-    gray_row({ &on, &off, &off, &off, &off, &off, &off }, &threshold, { &column, &column + 1 }, &code);
+    code_row({ &on, &off, &off, &off, &off, &off, &off }, &threshold, { &column, &column + 1 }, &code);
     EXPECT_EQ(code, 127);
-    gray_row({ &off, &off, &off, &off, &off, &on, &off }, &threshold, { &column, &column + 1 }, &code);
+    code_row({ &off, &off, &off, &off, &off, &on, &off }, &threshold, { &column, &column + 1 }, &code);
     EXPECT_EQ(code, 3);
 
     const auto phase = [&](uint8_t p0, uint8_t p1, uint8_t p2, uint8_t p3) {

@@ -1,7 +1,7 @@
 #include "captures.h"
 #include "decode/MultiPhaseDecoder.h"
 #include "decode/MultiPhaseLoader.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 #include "reference/plain_multi_phase.h"
 
 #include <gtest/gtest.h>

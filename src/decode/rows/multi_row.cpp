@@ -1,15 +1,15 @@
-#include "decode/fast_multi.h"
+#include "decode/rows/multi_row.h"
 
 #include <cstring>
 #include <utility>
 
 namespace vexo {
 
-void FastMultiRow::resize(int cols)
+void MultiRow::resize(int cols)
 {
     if (cols == _cols) return;
     _cols = 0; // should memory run out, the next call begins anew
-    const std::size_t padded = RowBits::flags_of(cols);
+    const std::size_t padded = BitRow::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_resolved, &_fall_flags })
         row->assign(padded, 0); // what lies behind the last column stays 0
     for (std::vector<float>& row : _positions)
@@ -21,25 +21,25 @@ void FastMultiRow::resize(int cols)
     _cols = cols;
 }
 
-void FastMultiRow::decode(const FastRows& rows, const float* angles, const Frames& frames, const ByteLimits& limits,
+void MultiRow::decode(const RowKernels& kernels, const float* angles, const Frames& frames, const ByteLimits& limits,
     const Periods& periods, float* out, uint8_t* mask) noexcept
 {
-    rows.valid(frames.white, frames.black, _cols, limits, _valid.data());
+    kernels.valid(frames.white, frames.black, _cols, limits, _valid.data());
     _kept.pack(_valid.data());
     const auto cols = static_cast<std::size_t>(_cols);
-    const RowBits::Range range = _kept.range(_cols);
+    const BitRow::Range range = _kept.range(_cols);
     const auto begin = static_cast<std::size_t>(range.begin);
     const auto end = static_cast<std::size_t>(range.end);
     std::memset(out, 0, begin * sizeof(float));
     std::memset(out + end, 0, (cols - end) * sizeof(float));
     std::memset(_resolved.data(), 0, begin);
     std::memset(_resolved.data() + end, 0, cols - end);
-    if (begin < end) _resolve_range(rows, angles, frames, periods, range, out);
-    prune(rows, out, _resolved.data(), mask);
+    if (begin < end) _resolve_range(kernels, angles, frames, periods, range, out);
+    prune(kernels, out, _resolved.data(), mask);
 }
 
-void FastMultiRow::_resolve_range(const FastRows& rows, const float* angles, const Frames& frames,
-    const Periods& periods, const RowBits::Range& range, float* out) noexcept
+void MultiRow::_resolve_range(const RowKernels& kernels, const float* angles, const Frames& frames,
+    const Periods& periods, const BitRow::Range& range, float* out) noexcept
 {
     const int begin = range.begin;
     const int cols = range.end - begin;
@@ -49,19 +49,20 @@ void FastMultiRow::_resolve_range(const FastRows& rows, const float* angles, con
         for (const uint8_t*& step : steps)
             step += begin;
         float* position = _positions[f].data() + begin;
-        rows.position(steps.data(), angles, periods.offset[f], periods.period[f], cols, position);
+        kernels.position(steps.data(), angles, periods.offset[f], periods.period[f], cols, position);
         positions[f] = position;
     }
-    rows.resolve(positions.data(), _valid.data() + begin, periods.slots, cols, out + begin, _resolved.data() + begin);
+    kernels.resolve(
+        positions.data(), _valid.data() + begin, periods.slots, cols, out + begin, _resolved.data() + begin);
 }
 
 /// A round of pruning removes every entry that falls to or from a list neighbour, and changes neighbours only where
 /// it has removed: so a round is a list of falling pairs, from left to right, and the next round's pairs are found
 /// around the gaps that this one has torn.
-void FastMultiRow::prune(const FastRows& rows, const float* v, const uint8_t* kept, uint8_t* mask) noexcept
+void MultiRow::prune(const RowKernels& kernels, const float* v, const uint8_t* kept, uint8_t* mask) noexcept
 {
     _kept.pack(kept);
-    rows.falls(v, _cols, _fall_flags.data());
+    kernels.falls(v, _cols, _fall_flags.data());
     _falls.pack(_fall_flags.data());
     _find_falls(v);
     int left = _kept.count();
@@ -73,7 +74,7 @@ void FastMultiRow::prune(const FastRows& rows, const float* v, const uint8_t* ke
     _kept.unpack(mask, _cols);
 }
 
-void FastMultiRow::_find_falls(const float* v) noexcept
+void MultiRow::_find_falls(const float* v) noexcept
 {
     _open.clear();
     int last = -1; // kept column in front of the word
@@ -95,7 +96,7 @@ void FastMultiRow::_find_falls(const float* v) noexcept
     }
 }
 
-void FastMultiRow::_remove_falls(const float* v) noexcept
+void MultiRow::_remove_falls(const float* v) noexcept
 {
     for (const Fall& fall : _open) {
         _kept.clear(fall.left);

@@ -1,7 +1,8 @@
-#include "decode/fast_rows.h"
+#include "decode/rows/kernels.h"
 
+#include "base/cpu.h"
 #include "decode/AngleTable.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 
 #include <algorithm>
 #include <limits>
@@ -9,15 +10,10 @@
 #include <immintrin.h>
 #endif
 
-// The bodies below are inlined into two sets of functions, see the end of the file.
-#define VEXO_BODY inline __attribute__((always_inline)) void
-// With AVX2, without FMA; the tuning lets compilers use gathers, for the look-ups.
-#define VEXO_AVX2 __attribute__((target("avx2,tune=skylake")))
-
 namespace vexo {
 namespace {
 
-VEXO_BODY valid_body(const uint8_t* __restrict white, const uint8_t* __restrict black, int cols,
+VEXO_INLINE void valid_body(const uint8_t* __restrict white, const uint8_t* __restrict black, int cols,
     const ByteLimits& limits, uint8_t* __restrict mask)
 {
     const ByteLimits l = limits;
@@ -34,8 +30,8 @@ VEXO_BODY valid_body(const uint8_t* __restrict white, const uint8_t* __restrict 
 
 /// f > (w + b) / 2 is f > floor((w + b) / 2), as f is whole; the floor is (w & b) + (w ^ b) / 2 and needs no
 /// ninth bit. Binary digits are the parity of the gray digits so far.
-VEXO_BODY code_body(const uint8_t* const* planes, const uint8_t* __restrict white, const uint8_t* __restrict black,
-    int cols, uint8_t* __restrict code)
+VEXO_INLINE void code_body(const uint8_t* const* planes, const uint8_t* __restrict white,
+    const uint8_t* __restrict black, int cols, uint8_t* __restrict code)
 {
     const uint8_t *f0 = planes[0], *f1 = planes[1], *f2 = planes[2], *f3 = planes[3], *f4 = planes[4], *f5 = planes[5],
                   *f6 = planes[6];
@@ -53,7 +49,8 @@ VEXO_BODY code_body(const uint8_t* const* planes, const uint8_t* __restrict whit
     }
 }
 
-VEXO_BODY phase_body(const uint8_t* const* steps, const float* __restrict angles, int cols, float* __restrict phase)
+VEXO_INLINE void phase_body(
+    const uint8_t* const* steps, const float* __restrict angles, int cols, float* __restrict phase)
 {
     const uint8_t *p0 = steps[0], *p1 = steps[1], *p2 = steps[2], *p3 = steps[3];
 #pragma omp simd
@@ -61,8 +58,8 @@ VEXO_BODY phase_body(const uint8_t* const* steps, const float* __restrict angles
         phase[x] = phase_of_angle(AngleTable::angle_of(angles, p1[x] - p3[x], p2[x] - p0[x]));
 }
 
-VEXO_BODY rises_body(const uint8_t* __restrict mask, const float* __restrict phase, const uint8_t* __restrict code,
-    int cols, uint8_t* __restrict rises, uint8_t* __restrict changes)
+VEXO_INLINE void rises_body(const uint8_t* __restrict mask, const float* __restrict phase,
+    const uint8_t* __restrict code, int cols, uint8_t* __restrict rises, uint8_t* __restrict changes)
 {
     rises[0] = changes[0] = 0;
 #pragma omp simd
@@ -74,8 +71,9 @@ VEXO_BODY rises_body(const uint8_t* __restrict mask, const float* __restrict pha
 
 /// Sums are finite and never negative: a factor of 1 or 0 keeps or clears them, where compilers make a branch of a
 /// choice.
-VEXO_BODY join_body(const uint8_t* __restrict mask, const uint8_t* __restrict trusted, const uint8_t* __restrict code,
-    const float* __restrict phase, int cols, float* __restrict coordinate, uint8_t* __restrict kept)
+VEXO_INLINE void join_body(const uint8_t* __restrict mask, const uint8_t* __restrict trusted,
+    const uint8_t* __restrict code, const float* __restrict phase, int cols, float* __restrict coordinate,
+    uint8_t* __restrict kept)
 {
 #pragma omp simd
     for (int x = 0; x < cols; ++x) {
@@ -85,8 +83,8 @@ VEXO_BODY join_body(const uint8_t* __restrict mask, const uint8_t* __restrict tr
     }
 }
 
-VEXO_BODY position_body(const uint8_t* const* steps, const float* __restrict angles, float offset, int period, int cols,
-    float* __restrict position)
+VEXO_INLINE void position_body(const uint8_t* const* steps, const float* __restrict angles, float offset, int period,
+    int cols, float* __restrict position)
 {
     const uint8_t *i0 = steps[0], *i1 = steps[1], *i2 = steps[2], *i3 = steps[3];
     const auto px = static_cast<float>(period);
@@ -135,7 +133,7 @@ void resolve_plain(const float* const* positions, const uint8_t* mask, const Pai
 }
 
 #if defined(__x86_64__)
-VEXO_AVX2 inline __m256i rounded_avx2(__m256 raised) noexcept
+VEXO_AVX2_GATHERS inline __m256i rounded_avx2(__m256 raised) noexcept
 {
     const __m256 v = _mm256_max_ps(raised, _mm256_setzero_ps());
     const __m256 whole = _mm256_floor_ps(v);
@@ -148,7 +146,7 @@ VEXO_AVX2 inline __m256i rounded_avx2(__m256 raised) noexcept
 /// Rounding stays in float: with v >= 0 the fraction v - floor(v) is exact, so floor(v) + (fraction >= 0.5) is
 /// trunc(v + 0.5) in double. Down to v > -1.5 that gives 0, as 0 here does; lower ones belong to a difference below
 /// -longest - 0.5, which no slot has.
-VEXO_AVX2 void resolve_avx2(const float* const* positions, const uint8_t* mask, const PairSlots& s, int cols,
+VEXO_AVX2_GATHERS void resolve_avx2(const float* const* positions, const uint8_t* mask, const PairSlots& s, int cols,
     float* coordinate, uint8_t* kept) noexcept
 {
     const __m256 longest = _mm256_set1_ps(static_cast<float>(s.longest));
@@ -199,7 +197,7 @@ VEXO_AVX2 void resolve_avx2(const float* const* positions, const uint8_t* mask, 
 }
 #endif
 
-VEXO_BODY falls_body(const float* __restrict v, int cols, uint8_t* __restrict falls)
+VEXO_INLINE void falls_body(const float* __restrict v, int cols, uint8_t* __restrict falls)
 {
     falls[0] = 0;
 #pragma omp simd
@@ -209,7 +207,7 @@ VEXO_BODY falls_body(const float* __restrict v, int cols, uint8_t* __restrict fa
 
 // NOLINTBEGIN(bugprone-macro-parentheses)
 /// One set of functions around the bodies. A macro, since a template cannot carry a target.
-#define VEXO_ROWS(SET, TARGET)                                                                                         \
+#define VEXO_ROW_KERNELS(SET, TARGET)                                                                                  \
     namespace SET {                                                                                                    \
     TARGET void valid(const uint8_t* w, const uint8_t* b, int cols, const ByteLimits& l, uint8_t* mask)                \
     {                                                                                                                  \
@@ -240,12 +238,12 @@ VEXO_BODY falls_body(const float* __restrict v, int cols, uint8_t* __restrict fa
     {                                                                                                                  \
         falls_body(v, cols, out);                                                                                      \
     }                                                                                                                  \
-    constexpr FastRows set { valid, code, phase, rises, join, position, resolve_##SET, falls };                        \
+    constexpr RowKernels set { valid, code, phase, rises, join, position, resolve_##SET, falls };                      \
     }
 
-VEXO_ROWS(plain, )
+VEXO_ROW_KERNELS(plain, )
 #if defined(__x86_64__)
-VEXO_ROWS(avx2, VEXO_AVX2)
+VEXO_ROW_KERNELS(avx2, VEXO_AVX2_GATHERS)
 #endif
 // NOLINTEND(bugprone-macro-parentheses)
 
@@ -259,25 +257,12 @@ ByteLimits byte_limits(int min_contrast, int max_white, int min_white) noexcept
     return { byte(min_white), byte(max_white), byte(min_contrast), byte(-std::max(min_contrast, -255)) };
 }
 
-const FastRows& plain_rows() noexcept
-{
-    return plain::set;
-}
-
-const FastRows* avx2_rows() noexcept
+const RowKernels& row_kernels() noexcept
 {
 #if defined(__x86_64__)
-    static const bool available = __builtin_cpu_supports("avx2") != 0;
-    return available ? &avx2::set : nullptr;
-#else
-    return nullptr;
+    if (Cpu::has_avx2()) return avx2::set;
 #endif
-}
-
-const FastRows& fast_rows() noexcept
-{
-    const FastRows* avx2 = avx2_rows();
-    return avx2 != nullptr ? *avx2 : plain_rows();
+    return plain::set;
 }
 
 } // namespace vexo

@@ -1,13 +1,14 @@
+#include "base/cpu.h"
 #include "captures.h"
 #include "decode/AngleTable.h"
-#include "decode/fast_gray.h"
-#include "decode/fast_multi.h"
-#include "decode/fast_rows.h"
 #include "decode/FringePairTable.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/MultiPhaseDecoder.h"
 #include "decode/MultiPhaseLoader.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
+#include "decode/rows/gray_row.h"
+#include "decode/rows/kernels.h"
+#include "decode/rows/multi_row.h"
 #include "reference/plain_multi_phase.h"
 
 #include <gtest/gtest.h>
@@ -47,15 +48,16 @@ std::vector<Bytes> rows_of(const captures::Frames& frames)
 }
 
 /// Every kernel for every machine, and those for AVX2 where there is any.
-class FastRowsTest : public testing::TestWithParam<const char*> {
+class RowKernelsTest : public testing::TestWithParam<bool> {
 protected:
     void SetUp() override
     {
-        const bool plain = std::string(GetParam()) == "plain";
-        if (!plain && avx2_rows() == nullptr) GTEST_SKIP() << "no AVX2 here";
-        kernels = plain ? &plain_rows() : avx2_rows();
+        Cpu::allow_avx2(GetParam());
+        kernels = &row_kernels();
     }
-    const FastRows* kernels = nullptr;
+    void TearDown() override { Cpu::allow_avx2(true); }
+
+    const RowKernels* kernels = nullptr;
     const float* angles = AngleTable::instance().data();
     std::mt19937 rng { 21 };
 };
@@ -70,16 +72,16 @@ TEST(AngleTable, EveryDifferenceHasTheBitsOfTheDoubleAtan2)
         }
 }
 
-TEST(RowBits, AgreeWithBytesBitByBit)
+TEST(BitRow, AgreeWithBytesBitByBit)
 {
     std::mt19937 rng(20);
     for (const int cols : { 1, 7, 8, 63, 64, 65, 127, 128, 500 })
         for (const double share : { 0.0, 0.02, 0.5, 1.0 }) {
             std::bernoulli_distribution set(share);
-            Bytes flags(static_cast<int>(RowBits::flags_of(cols)));
+            Bytes flags(static_cast<int>(BitRow::flags_of(cols)));
             for (int x = 0; x < cols; ++x)
                 flags[x] = set(rng) ? 255 : 0;
-            RowBits bits;
+            BitRow bits;
             bits.resize(cols);
             bits.pack(flags.data());
             int count = 0, last = -1;
@@ -94,7 +96,7 @@ TEST(RowBits, AgreeWithBytesBitByBit)
                 ++count;
             }
             ASSERT_EQ(bits.count(), count);
-            const RowBits::Range range = bits.range(cols);
+            const BitRow::Range range = bits.range(cols);
             EXPECT_EQ(range.begin<range.end, count> 0);
             EXPECT_TRUE(count == 0 || (bits.before(range.begin) < 0 && last < range.end && range.end <= cols));
             Bytes mask(cols);
@@ -107,7 +109,7 @@ TEST(RowBits, AgreeWithBytesBitByBit)
         }
 }
 
-TEST_P(FastRowsTest, LimitsOfAnyValueAcceptThePixelsOfThePlainForm)
+TEST_P(RowKernelsTest, LimitsOfAnyValueAcceptThePixelsOfThePlainForm)
 {
     const int cols = 256 + 61;
     const captures::Frames frames = captures::random_frames(2, { cols, 1 }, rng);
@@ -137,7 +139,7 @@ PairSlots slots_of(const FringePairTable& table)
         table.scale, MultiPhaseHolder::max_coordinate };
 }
 
-TEST_P(FastRowsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
+TEST_P(RowKernelsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
 {
     for (const std::vector<int>& periods : { std::vector<int> { 9, 10, 11 }, std::vector<int> { 31, 27, 24 },
              std::vector<int> { 7, 11, 13 }, std::vector<int> { 2, 3, 4000 } }) {
@@ -186,7 +188,7 @@ TEST_P(FastRowsTest, PositionsResolveToTheCoordinatesOfThePlainForm)
     }
 }
 
-TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
+TEST_P(RowKernelsTest, PruningByFallsAndByWorkListEqualTheRounds)
 {
     std::uniform_real_distribution<float> value(0.0F, 900.0F);
     for (const int cols : { 1, 2, 3, 4, 5, 63, 64, 65, 129, 640 })
@@ -194,7 +196,7 @@ TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
             for (int kind = 0; kind < 6; ++kind) {
                 std::bernoulli_distribution chosen(share);
                 Floats v(cols);
-                Bytes kept(static_cast<int>(RowBits::flags_of(cols)));
+                Bytes kept(static_cast<int>(BitRow::flags_of(cols)));
                 std::vector<int> list;
                 for (int x = 0; x < cols; ++x) {
                     const auto at = static_cast<float>(x);
@@ -206,7 +208,7 @@ TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
                     kept[x] = 255;
                     list.push_back(x);
                 }
-                FastMultiRow row;
+                MultiRow row;
                 row.resize(cols);
                 const Bytes mask(cols);
                 row.prune(*kernels, v.data(), kept.data(), mask.data());
@@ -222,7 +224,7 @@ TEST_P(FastRowsTest, PruningByFallsAndByWorkListEqualTheRounds)
             }
 }
 
-TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
+TEST_P(RowKernelsTest, GrayRowsDecodeAsInThePlainForm)
 {
     GrayPhaseMatchingParam params;
     params.anchor_length = 2;
@@ -234,7 +236,7 @@ TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
             captures::add_noise(frames, noise, rng);
             const std::vector<Bytes> r = rows_of(frames);
             const plain::Unwrapped expected = plain::unwrap(plain::decode(frames, params), params);
-            FastGrayRow row;
+            GrayRow row;
             row.resize(cols);
             const Floats out(cols);
             const Bytes mask(cols);
@@ -250,7 +252,73 @@ TEST_P(FastRowsTest, GrayRowsDecodeAsInThePlainForm)
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sets, FastRowsTest, testing::Values("plain", "avx2"));
+/// What all kernels make of one row of random frames, phases and masks.
+std::vector<cv::Mat> results_of_all(const RowKernels& kernels, const captures::Frames& frames, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    const int cols = frames[0].cols;
+    const float* angles = AngleTable::instance().data();
+    const std::vector<Bytes> r = rows_of(frames);
+    const std::array<const uint8_t*, 4> steps { r[9].data(), r[10].data(), r[11].data(), r[12].data() };
+    const uint8_t* planes[7];
+    for (size_t plane = 0; plane < 7; ++plane)
+        planes[plane] = r[2 + plane].data();
+    std::vector<cv::Mat> out;
+    const auto bytes = [&] { return out.emplace_back(1, cols, CV_8U).ptr<uint8_t>(); };
+    const auto floats = [&] { return out.emplace_back(1, cols, CV_32F).ptr<float>(); };
+    out.reserve(32);
+
+    uint8_t* mask = bytes();
+    kernels.valid(r[1].data(), r[0].data(), cols, byte_limits(-40, 250, 10), mask);
+    uint8_t* code = bytes();
+    kernels.code(planes, r[1].data(), r[0].data(), cols, code);
+    float* phase = floats();
+    kernels.phase(steps.data(), angles, cols, phase);
+    uint8_t* rises = bytes();
+    kernels.rises(mask, phase, code, cols, rises, bytes());
+    float* joined = floats();
+    kernels.join(mask, rises, code, phase, cols, joined, bytes());
+    kernels.falls(joined, cols, bytes());
+
+    const std::vector<int> periods { 9, 10, 11 };
+    const FringePairTable table(periods);
+    const float* positions[3];
+    std::uniform_real_distribution<float> wild(-12.0F, 24.0F);
+    for (size_t f = 0; f < 3; ++f) {
+        float* x = floats();
+        kernels.position(steps.data(), angles, phase_offset(periods[f]), periods[f], cols, x);
+        x = floats();
+        for (int i = 0; i < cols; ++i)
+            x[i] = i % 3 == 0 ? wild(rng) : std::fmod(static_cast<float>(i), static_cast<float>(periods[f]));
+        positions[f] = x;
+    }
+    float* resolved = floats();
+    kernels.resolve(positions, mask, slots_of(table), cols, resolved, bytes());
+    return out;
+}
+
+TEST(RowKernels, TheProcessorSwitchReachesEveryOneAndChangesNoBit)
+{
+    std::mt19937 rng(25);
+    const RowKernels& avx2 = row_kernels();
+    Cpu::allow_avx2(false);
+    const RowKernels& plain = row_kernels();
+    EXPECT_FALSE(Cpu::has_avx2());
+    Cpu::allow_avx2(true);
+    if (Cpu::has_avx2()) {
+        EXPECT_TRUE(avx2.valid != plain.valid && avx2.code != plain.code && avx2.phase != plain.phase
+            && avx2.rises != plain.rises && avx2.join != plain.join && avx2.position != plain.position
+            && avx2.resolve != plain.resolve && avx2.falls != plain.falls);
+    }
+    for (const int cols : { 1, 2, 7, 8, 9, 31, 32, 33, 64, 127, 640, 1029 }) {
+        const captures::Frames frames = captures::random_frames(13, { cols, 1 }, rng);
+        const auto expected = results_of_all(plain, frames, 26), got = results_of_all(avx2, frames, 26);
+        for (size_t i = 0; i < expected.size(); ++i)
+            EXPECT_TRUE(captures::same_bits(got[i], expected[i])) << "result " << i << ", " << cols << " columns";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(PlainAndAvx2, RowKernelsTest, testing::Bool());
 
 TEST(Decode, TheSameSizeAgainAllocatesNothingAndAnotherSizeIsFollowed)
 {

@@ -1,13 +1,9 @@
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace vexo {
 
@@ -15,7 +11,7 @@ namespace vexo {
 /// zeros. Behind the last pixel there is at least one bit that is never set.
 ///
 /// Threads  none; belongs to one thread.
-class RowBits {
+class BitRow {
 public:
     /// Room for a row, all clear; allocates only when it grows.
     void resize(int cols) { _words.assign(words_of(cols), 0); }
@@ -24,14 +20,7 @@ public:
     static std::size_t flags_of(int cols) noexcept { return 64 * words_of(cols); }
 
     /// Bits from bytes. @param flags  255 or 0, flags_of(cols) of them
-    void pack(const uint8_t* flags) noexcept
-    {
-        for (uint64_t& word : _words) {
-            word = 0;
-            for (int i = 0; i < 64; i += 16, flags += 16)
-                word |= uint64_t { _pack16(flags) } << i;
-        }
-    }
+    void pack(const uint8_t* flags) noexcept;
 
     std::size_t words() const noexcept { return _words.size(); }
     uint64_t word(std::size_t i) const noexcept { return _words[i]; }
@@ -44,24 +33,9 @@ public:
         int begin;
         int end;
     };
-    Range range(int cols) const noexcept
-    {
-        std::size_t first = 0, last = _words.size();
-        while (first < last && _words[first] == 0)
-            ++first;
-        while (first < last && _words[last - 1] == 0)
-            --last;
-        if (first == last) return { 0, 0 };
-        return { static_cast<int>(64 * first), std::min(static_cast<int>(64 * last), cols) };
-    }
+    Range range(int cols) const noexcept;
 
-    int count() const noexcept
-    {
-        int n = 0;
-        for (const uint64_t word : _words)
-            n += __builtin_popcountll(word);
-        return n;
-    }
+    int count() const noexcept;
     /// The set bit nearest to x on the left, -1 when there is none.
     int before(int x) const noexcept
     {
@@ -85,39 +59,11 @@ public:
         return static_cast<int>(64 * i) + __builtin_ctzll(word);
     }
     /// Bytes from bits: 255 or 0, exactly `cols` of them.
-    void unpack(uint8_t* mask, int cols) const noexcept
-    {
-        int x = 0;
-        for (; x + 8 <= cols; x += 8) {
-            const uint64_t spread = _spread(_words[_word(x)] >> _bit(x) & 255);
-            std::memcpy(mask + x, &spread, 8);
-        }
-        for (; x < cols; ++x)
-            mask[x] = (*this)[x] ? 255 : 0;
-    }
+    void unpack(uint8_t* mask, int cols) const noexcept;
 
 private:
     static std::size_t _word(int x) noexcept { return static_cast<unsigned>(x) / 64; }
     static int _bit(int x) noexcept { return static_cast<int>(static_cast<unsigned>(x) % 64); }
-    static uint16_t _pack16(const uint8_t* flags) noexcept
-    {
-#if defined(__SSE2__)
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(flags));
-        return static_cast<uint16_t>(_mm_movemask_epi8(bytes));
-#else
-        unsigned bits = 0;
-        for (unsigned i = 0; i < 16; ++i)
-            bits |= unsigned { flags[i] } >> 7 << i;
-        return static_cast<uint16_t>(bits);
-#endif
-    }
-    /// Bit i of eight to byte i of eight: each byte of the product keeps its own bit alone, which then fills it.
-    static uint64_t _spread(uint64_t bits) noexcept
-    {
-        const uint64_t own = bits * 0x0101010101010101U & 0x8040201008040201U;
-        const uint64_t set = (own + 0x7f7f7f7f7f7f7f7fU) >> 7 & 0x0101010101010101U; // no byte overflows
-        return set * 255;
-    }
 
     std::vector<uint64_t> _words;
 };

@@ -1,6 +1,7 @@
 // The row kernels, in the form for every processor and in the one for AVX2, against their readable twins.
-#include "matching/row_kernels.h"
 #include "base/cpu.h"
+#include "matching/reproject_row.h"
+#include "matching/row_matcher.h"
 #include "reference/plain_reprojection.h"
 #include "reference/readable_matcher.h"
 
@@ -17,7 +18,7 @@ using namespace vexo;
 
 namespace {
 
-class RowKernels : public testing::TestWithParam<bool> {
+class MatchingRows : public testing::TestWithParam<bool> {
 protected:
     void SetUp() override { Cpu::allow_avx2(GetParam()); }
     void TearDown() override { Cpu::allow_avx2(true); }
@@ -26,7 +27,7 @@ protected:
 
     std::mt19937 rng { 11 };
 };
-INSTANTIATE_TEST_SUITE_P(PlainAndAvx2, RowKernels, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(PlainAndAvx2, MatchingRows, testing::Bool());
 
 constexpr float inf = std::numeric_limits<float>::infinity();
 const int widths[] = { 1, 2, 3, 5, 6, 7, 8, 9, 15, 16, 17, 21, 24, 33, 64, 100, 257, 1280 };
@@ -77,7 +78,7 @@ bool expect_twin(RowMatcher& matcher, const plain::Row& left, const plain::Row& 
 
 } // namespace
 
-TEST_P(RowKernels, MatchingEqualsItsReadableTwinOnRowsOfEveryKind)
+TEST_P(MatchingRows, MatchingEqualsItsReadableTwinOnRowsOfEveryKind)
 {
     struct Kind {
         const char* name;
@@ -114,7 +115,7 @@ TEST_P(RowKernels, MatchingEqualsItsReadableTwinOnRowsOfEveryKind)
     }
 }
 
-TEST_P(RowKernels, MatchingLeavesRowsThatAreNoNumbersAloneOrEqualsTheTwin)
+TEST_P(MatchingRows, MatchingLeavesRowsThatAreNoNumbersAloneOrEqualsTheTwin)
 {
     const float wild[] = { NAN, inf, -inf, FLT_MAX, -FLT_MAX, FLT_MIN, 1e-45F };
     for (const int width : { 3, 9, 40, 130 }) {
@@ -134,7 +135,7 @@ TEST_P(RowKernels, MatchingLeavesRowsThatAreNoNumbersAloneOrEqualsTheTwin)
     }
 }
 
-TEST_P(RowKernels, ValidColumnsAreThoseWhereTheMaskIs255)
+TEST_P(MatchingRows, ValidColumnsAreThoseWhereTheMaskIs255)
 {
     for (const int width : widths)
         for (const unsigned kind : { 0U, 1U, 2U, 3U }) {
@@ -151,7 +152,7 @@ TEST_P(RowKernels, ValidColumnsAreThoseWhereTheMaskIs255)
         }
 }
 
-TEST_P(RowKernels, ReprojectionEqualsItsPlainTwin)
+TEST_P(MatchingRows, ReprojectionEqualsItsPlainTwin)
 {
     const double wild[] = { -301.0, 0.0, -0.0, NAN, HUGE_VAL, -HUGE_VAL, DBL_MAX, 1e-320, -5.0 };
     cv::Matx44d rectified(1, 0, 0, -640, 0, 1, 0, -512, 0, 0, 0, 1400, 0, 0, 1 / 160.0, 0.0);

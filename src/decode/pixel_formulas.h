@@ -95,7 +95,7 @@ constexpr std::array<uint8_t, 256> gray_to_binary = make_gray_to_binary();
 /// @param threshold  grey level for each column
 /// @param cols       columns to decode; others of `gray` are left alone
 /// @param gray       out, 0 to 127
-inline void gray_row(
+inline void code_row(
     const std::array<const uint8_t*, 7>& planes, const float* threshold, const Columns& cols, uint8_t* gray) noexcept
 {
     for (const int x : cols) {

@@ -1,4 +1,4 @@
-#include "decode/fast_gray.h"
+#include "decode/rows/gray_row.h"
 
 #include <cstring>
 
@@ -21,28 +21,28 @@ void paint(uint8_t* row, int length, int value) noexcept
 
 } // namespace
 
-void FastGrayRow::resize(int cols)
+void GrayRow::resize(int cols)
 {
     if (cols == _cols) return;
     _cols = 0; // should memory run out, the next call begins anew
-    const std::size_t padded = RowBits::flags_of(cols);
+    const std::size_t padded = BitRow::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_code, &_rise_flags, &_change_flags })
         row->assign(padded, 0); // what lies behind the last column stays 0
     for (std::vector<uint8_t>* row : { &_section_code, &_trusted })
         row->assign(padded + brush, 0);
     _phase.resize(padded);
-    for (RowBits* bits : { &_rises, &_changes, &_usable })
+    for (BitRow* bits : { &_rises, &_changes, &_usable })
         bits->resize(cols);
     _sections.reserve(static_cast<std::size_t>(cols));
     _cols = cols;
 }
 
-void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames& frames, const Limits& limits,
+void GrayRow::decode(const RowKernels& kernels, const float* angles, const Frames& frames, const Limits& limits,
     float* out, uint8_t* mask) noexcept
 {
-    rows.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
+    kernels.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
     _usable.pack(_valid.data());
-    const RowBits::Range range = _usable.range(_cols);
+    const BitRow::Range range = _usable.range(_cols);
     const auto cols = static_cast<std::size_t>(_cols), begin = static_cast<std::size_t>(range.begin),
                end = static_cast<std::size_t>(range.end);
     std::memset(out, 0, begin * sizeof(float));
@@ -50,11 +50,11 @@ void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames
     std::memset(out + end, 0, (cols - end) * sizeof(float));
     std::memset(mask + end, 0, cols - end);
     if (range.begin >= range.end) return;
-    _decode_range(rows, angles, frames, range);
+    _decode_range(kernels, angles, frames, range);
 
     _find_sections();
     choose_anchors(_sections, limits.anchor_length, limits.code_spread);
-    _assign_anchors(rows, range, out, mask);
+    _assign_anchors(kernels, range, out, mask);
     for (PhaseSection& section : _sections)
         if (section.length <= limits.reject_length) section.state = section_rejected;
     const auto mark = [mask](int x) { mask[x] = 255; };
@@ -63,8 +63,8 @@ void FastGrayRow::decode(const FastRows& rows, const float* angles, const Frames
 
 /// Codes, phases and their relations where there are usable pixels; what an earlier row has left on both sides is
 /// not looked at.
-void FastGrayRow::_decode_range(
-    const FastRows& rows, const float* angles, const Frames& frames, const RowBits::Range& range) noexcept
+void GrayRow::_decode_range(
+    const RowKernels& kernels, const float* angles, const Frames& frames, const BitRow::Range& range) noexcept
 {
     const int begin = range.begin;
     const int cols = range.end - begin;
@@ -76,9 +76,9 @@ void FastGrayRow::_decode_range(
         step += begin;
     uint8_t* code = _code.data() + begin;
     float* phase = _phase.data() + begin;
-    rows.code(planes.data(), frames.white + begin, frames.black + begin, cols, code);
-    rows.phase(steps.data(), angles, cols, phase);
-    rows.rises(_valid.data() + begin, phase, code, cols, _rise_flags.data() + begin, _change_flags.data() + begin);
+    kernels.code(planes.data(), frames.white + begin, frames.black + begin, cols, code);
+    kernels.phase(steps.data(), angles, cols, phase);
+    kernels.rises(_valid.data() + begin, phase, code, cols, _rise_flags.data() + begin, _change_flags.data() + begin);
     _rises.pack(_rise_flags.data());
     _changes.pack(_change_flags.data());
 }
@@ -86,7 +86,7 @@ void FastGrayRow::_decode_range(
 /// Three kinds of events, in the order of their columns: a section begins at a usable pixel that does not rise from
 /// its neighbour, and ends in front of a pixel that does not rise from a usable one; in between, runs of equal
 /// codes end where the code changes.
-void FastGrayRow::_find_sections() noexcept
+void GrayRow::_find_sections() noexcept
 {
     _sections.clear();
     int begin = -1; // of the open section; -1: none is open
@@ -119,14 +119,14 @@ void FastGrayRow::_find_sections() noexcept
 
 /// Sections are short: painting them with a broad brush and never looking where they end is quicker. What is painted
 /// too far is painted over by the next section, or is no usable pixel.
-void FastGrayRow::_assign_anchors(const FastRows& rows, const RowBits::Range& range, float* out, uint8_t* mask) noexcept
+void GrayRow::_assign_anchors(const RowKernels& kernels, const BitRow::Range& range, float* out, uint8_t* mask) noexcept
 {
     for (const PhaseSection& section : _sections) {
         paint(_section_code.data() + section.begin, section.length, section.code);
         paint(_trusted.data() + section.begin, section.length, section.state == section_open ? 0 : 255);
     }
     const int begin = range.begin;
-    rows.join(_valid.data() + begin, _trusted.data() + begin, _section_code.data() + begin, _phase.data() + begin,
+    kernels.join(_valid.data() + begin, _trusted.data() + begin, _section_code.data() + begin, _phase.data() + begin,
         range.end - begin, out + begin, mask + begin);
 }
 

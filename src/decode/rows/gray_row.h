@@ -1,9 +1,8 @@
 #pragma once
 
-#include "decode/fast_rows.h"
-#include "decode/GrayPhaseHolder.h"
-#include "decode/phase_sections.h"
-#include "decode/row_bits.h"
+#include "decode/rows/bit_row.h"
+#include "decode/rows/kernels.h"
+#include "decode/sections.h"
 
 #include <array>
 #include <vector>
@@ -53,7 +52,7 @@ private:
 /// valid columns; as its columns are adjacent, it is a range of columns just as well, and that is what it is here.
 ///
 /// Threads  none; every thread has its own.
-class FastGrayRow {
+class GrayRow {
 public:
     struct Limits {
         ByteLimits pixels;
@@ -72,23 +71,23 @@ public:
     void resize(int cols);
     /// @param out   coordinates, fringe periods; 0 where there is none
     /// @param mask  255 where there is one, else 0
-    void decode(const FastRows& rows, const float* angles, const Frames& frames, const Limits& limits, float* out,
+    void decode(const RowKernels& kernels, const float* angles, const Frames& frames, const Limits& limits, float* out,
         uint8_t* mask) noexcept;
 
 private:
     void _decode_range(
-        const FastRows& rows, const float* angles, const Frames& frames, const RowBits::Range& range) noexcept;
+        const RowKernels& kernels, const float* angles, const Frames& frames, const BitRow::Range& range) noexcept;
     /// Cuts the row where `_rises` says, and counts the codes of every section.
     void _find_sections() noexcept;
-    void _assign_anchors(const FastRows& rows, const RowBits::Range& range, float* out, uint8_t* mask) noexcept;
+    void _assign_anchors(const RowKernels& kernels, const BitRow::Range& range, float* out, uint8_t* mask) noexcept;
 
     int _cols = 0;
     std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, but the codes; padded with 0
     std::vector<uint8_t> _section_code, _trusted;                   ///< of each pixel's section; with room for 16 more
     std::vector<float> _phase;
-    RowBits _rises;   ///< the pixel goes on with the section of its left neighbour
-    RowBits _changes; ///< its code differs from the neighbour's
-    RowBits _usable;
+    BitRow _rises;   ///< the pixel goes on with the section of its left neighbour
+    BitRow _changes; ///< its code differs from the neighbour's
+    BitRow _usable;
     std::vector<PhaseSection> _sections;
     RunVote _vote;
 };

@@ -1,16 +1,30 @@
 #pragma once
 
-#include "decode/GrayPhaseHolder.h"
-#include "decode/phase_kernels.h"
+#include "decode/pixel_formulas.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 /// What happens to the sections of one row after they are found: the vote on anchors, and the filling between
 /// them. Written for both forms of a row, `valid` lists and whole rows of columns.
 namespace vexo {
+
+/// A run of adjacent pixels with rising phase within one image row. Positions index the row's `valid` list.
+struct PhaseSection {
+    int32_t begin;  ///< first position
+    int32_t end;    ///< one past the last position
+    int32_t length; ///< end - begin
+    int32_t ncodes; ///< how many different period numbers its pixels carry
+    int16_t code;   ///< the most frequent of them; among equals the one met first
+    uint16_t state; ///< one of section_open, section_anchor, section_rejected
+};
+
+constexpr uint16_t section_open = 0;         ///< not yet assigned
+constexpr uint16_t section_anchor = 1;       ///< trusted: all its pixels belong to period `code`
+constexpr uint16_t section_rejected = 65535; ///< too short to be used
 
 /// Counts the period numbers of one section after another; the counters are cleared by what was counted.
 class CodeVote {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "decode/fast_rows.h"
-#include "decode/row_bits.h"
+#include "decode/rows/bit_row.h"
+#include "decode/rows/kernels.h"
 
 #include <array>
 #include <vector>
@@ -12,7 +12,7 @@ namespace vexo {
 /// results as MultiPhaseDecoder::preproc() and unwrap().
 ///
 /// Threads  none; every thread has its own.
-class FastMultiRow {
+class MultiRow {
 public:
     struct Frames {
         const uint8_t* black;
@@ -29,14 +29,14 @@ public:
     void resize(int cols);
     /// @param out   coordinates, projector px, of all that are resolved, pruned ones too; 0 elsewhere
     /// @param mask  255 at those that are left, else 0
-    void decode(const FastRows& rows, const float* angles, const Frames& frames, const ByteLimits& limits,
+    void decode(const RowKernels& kernels, const float* angles, const Frames& frames, const ByteLimits& limits,
         const Periods& periods, float* out, uint8_t* mask) noexcept;
 
     /// MultiPhaseHolder::_remove_extreme_value() of one row.
     /// @param v     coordinates
-    /// @param kept  255 or 0, RowBits::flags_of() of them; which coordinates there are
+    /// @param kept  255 or 0, BitRow::flags_of() of them; which coordinates there are
     /// @param mask  out, those that are left
-    void prune(const FastRows& rows, const float* v, const uint8_t* kept, uint8_t* mask) noexcept;
+    void prune(const RowKernels& kernels, const float* v, const uint8_t* kept, uint8_t* mask) noexcept;
 
 private:
     /// Two entries that follow one another in the list, and fall.
@@ -45,16 +45,16 @@ private:
         int right;
     };
     /// Coordinates where there are usable pixels.
-    void _resolve_range(const FastRows& rows, const float* angles, const Frames& frames, const Periods& periods,
-        const RowBits::Range& range, float* out) noexcept;
+    void _resolve_range(const RowKernels& kernels, const float* angles, const Frames& frames, const Periods& periods,
+        const BitRow::Range& range, float* out) noexcept;
     void _find_falls(const float* v) noexcept;
     void _remove_falls(const float* v) noexcept;
 
     int _cols = 0;
     std::vector<uint8_t> _valid, _resolved, _fall_flags; ///< 255 or 0; padded with 0
     std::array<std::vector<float>, 3> _positions;
-    RowBits _kept;
-    RowBits _falls;
+    BitRow _kept;
+    BitRow _falls;
     std::vector<Fall> _open, _next;
 };
 

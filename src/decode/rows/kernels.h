@@ -2,12 +2,12 @@
 
 #include <cstdint>
 
-/// The arithmetic of phase_kernels.h once more, in a form that processors like: whole rows of bytes and masks, no
+/// The arithmetic of pixel_formulas.h once more, in a form that processors like: whole rows of bytes and masks, no
 /// lists of columns, no branches. Every kernel gives the bits of its readable twin; where that is not plain to
 /// see, the reason stands at it.
 ///
 /// Each is written once, in ordinary C++, and compiled twice: for every x86-64, and for AVX2 (without FMA, and
-/// contraction is off: no rounding differs). fast_rows() picks at run time.
+/// contraction is off: no rounding differs). row_kernels() chooses at run time.
 namespace vexo {
 
 /// Limits of usable pixels, cut to bytes.
@@ -36,10 +36,10 @@ struct PairSlots {
 };
 
 /// Masks and flags are bytes, 255 for true. Rows have `cols` pixels; nothing outside them is touched.
-struct FastRows {
+struct RowKernels {
     /// Usable pixels, as valid_row().
     void (*valid)(const uint8_t* white, const uint8_t* black, int cols, const ByteLimits& limits, uint8_t* mask);
-    /// Period numbers of all pixels, as gray_row(). @param planes  seven rows, most significant first
+    /// Period numbers of all pixels, as code_row(). @param planes  seven rows, most significant first
     void (*code)(const uint8_t* const* planes, const uint8_t* white, const uint8_t* black, int cols, uint8_t* code);
     /// Wrapped phases of all pixels, as phase_row(). @param steps  four rows. @param angles  AngleTable's
     void (*phase)(const uint8_t* const* steps, const float* angles, int cols, float* phase);
@@ -61,11 +61,7 @@ struct FastRows {
     void (*falls)(const float* v, int cols, uint8_t* falls);
 };
 
-/// The kernels for this machine.
-const FastRows& fast_rows() noexcept;
-/// Those for every machine.
-const FastRows& plain_rows() noexcept;
-/// Those for AVX2; null where that is missing.
-const FastRows* avx2_rows() noexcept;
+/// The kernels that Cpu asks for.
+const RowKernels& row_kernels() noexcept;
 
 } // namespace vexo

@@ -1,0 +1,90 @@
+#include "base/whole_file.h"
+#include "host/cameras/stereo.h"
+#include "host/captures/capture.h"
+#include "host/files/json_file.h"
+#include "host/measurement/measure.h"
+#include "sim/capture.h"
+#include "support/folder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+namespace {
+
+using namespace vexo;
+
+/// A small capture of the virtual rig in a folder of its own, and what measuring it needs.
+class Measuring : public testing::Test {
+protected:
+    static constexpr int width = 320, height = 256;
+
+    Capture capture(Method method)
+    {
+        sim::RigOptions rig;
+        rig.image_size = { width, height };
+        rig.method = method;
+        const std::string scan = folder / std::string(name_of(method));
+        for (const auto& [name, bytes] : sim::make_capture("bust", rig).files) {
+            std::filesystem::create_directories(std::filesystem::path(scan + "/" + name).parent_path());
+            EXPECT_TRUE(write_file(scan + "/" + name, bytes));
+        }
+        const CaptureFiles files { scan, scan + "/cam0", scan + "/cam1", "", false };
+        return read_capture(files, choose_method(files));
+    }
+
+    static Stereo stereo(const Capture& capture)
+    {
+        StereoCameraParam param;
+        param.inp_width = width;
+        param.inp_height = height;
+        return open_stereo({ capture.files.folder + "/cameras.yaml" }, param);
+    }
+
+    static std::vector<unsigned char> bytes_of(const Measured& m)
+    {
+        std::vector<unsigned char> bytes(m.cloud.points.size() * sizeof(cv::Point3f));
+        std::memcpy(bytes.data(), m.cloud.points.data(), bytes.size());
+        bytes.insert(bytes.end(), m.causes.causes.datastart, m.causes.causes.dataend);
+        return bytes;
+    }
+
+    Folder folder;
+};
+
+TEST_F(Measuring, GivesInTwoThreadsAtOnceTheBytesThatEachGivesAloneAndLeavesTheFramesAlone)
+{
+    const Capture captures[] = { capture(Method::gray_phase), capture(Method::multi_phase) };
+    const cv::Mat lit = captures[0].frames.frames[0][1].clone();
+    std::vector<unsigned char> alone[2], together[2];
+    for (std::size_t i = 0; i < 2; ++i)
+        alone[i] = bytes_of(measure(captures[i], stereo(captures[i]), {}));
+    ASSERT_NE(alone[0], alone[1]);
+    for (int round = 0; round < 3; ++round) {
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < 2; ++i)
+            threads.emplace_back([&, i] { together[i] = bytes_of(measure(captures[i], stereo(captures[i]), {})); });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_TRUE(together[0] == alone[0] && together[1] == alone[1]) << "round " << round;
+    }
+    EXPECT_EQ(cv::norm(lit, captures[0].frames.frames[0][1], cv::NORM_INF), 0.0);
+}
+
+TEST_F(Measuring, EndsAtAnyStepWhenItsCallerSaysSo)
+{
+    const Capture scan = capture(Method::gray_phase);
+    const Stereo pair = stereo(scan);
+    int steps = 0;
+    measure(scan, pair, {}, [&](const std::string&) { return ++steps > 0; });
+    EXPECT_EQ(steps, measure_steps);
+    for (int last = 1; last <= steps; ++last) {
+        int step = 0;
+        EXPECT_THROW(measure(scan, pair, {}, [&](const std::string&) { return ++step < last; }), Stopped) << last;
+        EXPECT_EQ(step, last);
+    }
+}
+
+} // namespace
