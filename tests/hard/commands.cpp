@@ -73,12 +73,6 @@ void replace_all(std::string& text, const std::string& what, const std::string& 
 /// Bytes of every file below a folder; folders have none.
 using Tree = std::map<std::string, std::string>;
 
-std::string content(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return { std::istreambuf_iterator<char>(file), {} };
-}
-
 Tree tree_of(const std::string& folder)
 {
     Tree tree;

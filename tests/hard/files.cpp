@@ -1,6 +1,5 @@
 // Every loader against damaged files, things that are no regular file, and YAML made to hurt.
 
-#include "base/whole_file.h"
 #include "support/child.h"
 #include "support/loaders.h"
 #include "support/mutate.h"
@@ -27,12 +26,24 @@ constexpr Loader loaders[] = { { "cams.yaml", load_pair }, { "stereo.yaml", load
 constexpr long loader_count = sizeof loaders / sizeof loaders[0];
 constexpr long yaml_loaders = 3; ///< the first ones
 
-std::string content(const std::string& path)
-{
-    std::string bytes;
-    if (!read_file(path, 1U << 26, bytes)) std::abort();
-    return bytes;
-}
+/// The good samples, and their bytes.
+struct Samples {
+    Samples()
+    {
+        if (in_child([&] { return write_samples(folder) ? 0 : 1; }) != 0) std::abort();
+        for (const Loader& loader : loaders)
+            good[loader.file] = content(folder / loader.file);
+    }
+    const char* fault_with(const Loader& loader, const std::string& bytes) const
+    {
+        const std::string path = folder / ("damaged_" + std::to_string(getpid()) + "_" + loader.file);
+        put(path, bytes);
+        return loader.load(Paths(folder, loader.file, path)).fault;
+    }
+
+    Folder folder;
+    std::map<std::string, std::string> good;
+};
 
 // --- things that are no regular file -----------------------------------------------------------------------
 
@@ -93,21 +104,21 @@ std::vector<std::string> hostile_yaml(const std::string& good)
     return all;
 }
 
-long try_hostile_yaml(const char* program, const Options& options, const Folder& folder, const std::string& good)
+// --- trials ------------------------------------------------------------------------------------------------
+
+/// The undamaged ones first: a loader that refuses everything would pass every other trial.
+const char* take_good(const Samples& samples, const Loader& loader)
 {
-    const std::vector<std::string> hostile = hostile_yaml(good);
-    const auto hostile_count = static_cast<long>(hostile.size());
-    return run_trials(
-        "files: hostile YAML x loaders, 2 s, 300 MB", program, options, hostile_count * yaml_loaders,
-        [&](long i) {
-            const Loader& loader = loaders[i / hostile_count];
-            const std::string path = folder / "hostile.yaml";
-            const std::string& text = hostile[static_cast<std::size_t>(i % hostile_count)];
-            const int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-            if (write(fd, text.data(), text.size()) < 0 || close(fd) != 0) return "cannot write";
-            return loader.load(Paths(folder, loader.file, path)).fault;
-        },
-        { 2.0, std::size_t { 300 } << 20 }, true);
+    const Outcome outcome = loader.load(Paths(samples.folder, loader.file, samples.folder / loader.file));
+    return outcome.fault == nullptr && !outcome.taken ? "a good file is refused" : outcome.fault;
+}
+
+const char* refuse_special(const Samples& samples, const Loader& loader, const std::string& thing)
+{
+    const Outcome outcome = loader.load(Paths(samples.folder, loader.file, thing));
+    // A table that cannot be opened is stated to be no failure.
+    const bool table = std::strncmp(loader.file, "map", 3) == 0;
+    return outcome.taken && !table ? "taken" : outcome.fault;
 }
 
 } // namespace
@@ -115,45 +126,28 @@ long try_hostile_yaml(const char* program, const Options& options, const Folder&
 int main(int argc, char** argv)
 {
     const Options options(argc, argv);
-    const Folder folder;
-    if (in_child([&] { return write_samples(folder) ? 0 : 1; }) != 0) return 1;
-    std::map<std::string, std::string> good;
-    for (const Loader& loader : loaders)
-        good[loader.file] = content(folder / loader.file);
-
-    // The undamaged ones first: a loader that refuses everything would pass every trial below.
+    const Samples samples;
     long found = run_trials(
         "files: good ones are taken", argv[0], options, loader_count,
-        [&](long i) {
-            const Loader& loader = loaders[i];
-            const Outcome outcome = loader.load(Paths(folder, loader.file, folder / loader.file));
-            return outcome.fault == nullptr && !outcome.taken ? "a good file is refused" : outcome.fault;
-        },
-        {}, true);
-
+        [&](long i) { return take_good(samples, loaders[i]); }, {}, true);
     found += run_trials("files: damaged ones, all formats, all loaders", argv[0], options, 2000, [&](long i) {
         Rng rng = rng_of(options.seed, i);
         const Loader& loader = loaders[i % loader_count];
-        const std::string damaged = folder / ("damaged_" + std::to_string(getpid()) + "_" + loader.file);
-        const std::string bytes = mutated(good.at(loader.file), rng);
-        const int fd = open(damaged.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-        if (write(fd, bytes.data(), bytes.size()) < 0 || close(fd) != 0) return "cannot write";
-        return loader.load(Paths(folder, loader.file, damaged)).fault;
+        return samples.fault_with(loader, mutated(samples.good.at(loader.file), rng));
     });
-
-    const std::vector<std::string> special = make_special_files(folder);
-    const auto special_count = static_cast<long>(special.size());
+    const std::vector<std::string> special = make_special_files(samples.folder);
+    const auto specials = static_cast<long>(special.size());
     found += run_trials(
-        "files: directory, FIFO, device, loop, 8 GB ... x loaders, 2 s", argv[0], options, special_count * loader_count,
+        "files: directory, FIFO, device, loop, 8 GB ... x loaders, 2 s", argv[0], options, specials * loader_count,
         [&](long i) {
-            const Loader& loader = loaders[i / special_count];
-            const std::string& thing = special[static_cast<std::size_t>(i % special_count)];
-            const Outcome outcome = loader.load(Paths(folder, loader.file, thing));
-            // A table that cannot be opened is stated to be no failure.
-            const bool table = std::strncmp(loader.file, "map", 3) == 0;
-            return outcome.taken && !table ? "taken" : outcome.fault;
+            return refuse_special(samples, loaders[i / specials], special[static_cast<std::size_t>(i % specials)]);
         },
         { 2.0, std::size_t { 1 } << 30 }, true);
-    found += try_hostile_yaml(argv[0], options, folder, good.at("cams.yaml"));
+    const std::vector<std::string> hostile = hostile_yaml(samples.good.at("cams.yaml"));
+    const auto texts = static_cast<long>(hostile.size());
+    found += run_trials(
+        "files: hostile YAML x loaders, 2 s, 300 MB", argv[0], options, texts * yaml_loaders,
+        [&](long i) { return samples.fault_with(loaders[i / texts], hostile[static_cast<std::size_t>(i % texts)]); },
+        { 2.0, std::size_t { 300 } << 20 }, true);
     return found == 0 ? 0 : 1;
 }

@@ -3,11 +3,9 @@
 // library and OpenCV's core allocate with, once OpenCV is told not to use malloc. malloc of C libraries (picture
 // formats, the OpenMP runtime) is not.
 
-#include "support/board_image.h"
 #include "support/child.h"
 #include "support/samples.h"
-
-#include "camera/stereo_camera.h"
+#include "support/station.h"
 
 #include <atomic>
 #include <cerrno>
@@ -93,66 +91,30 @@ namespace {
 /// Objects that operations work on, made in the child where they are used.
 struct Bench {
     Bench()
-        : camera(rig::make_camera())
     {
+        bool good = know_board(*board) && know_board(*one) && know_board(*pair) && give_views(*one, *pair);
         for (int g = 0; g < 3; ++g)
-            measure_with(g, true);
-        board.reset(CreateCalibBoardRecognizer());
-        calibrator.reset(CreateCameraCalibrator());
-        pair.reset(CreateStereoCalibrator());
-        board->set_parameters(pre, circle, param);
-        calibrator->set_parameters(pre, circle, param);
-        pair->set_parameters(pre, circle, param);
-        const board_image::Renderer renderer(board_image::small_camera());
-        for (int view = 0; view < 4; ++view) {
-            const double tilt = 0.25 + 0.05 * view;
-            for (int cam = 0; cam < 2; ++cam) {
-                const board_image::Pose pose = board_image::view(
-                    board_image::coarse_board(), tilt, 1.6 * view, 0.1, { 20.0 - 40 * cam, 0, 340 });
-                picture = renderer.render(board_image::coarse_board(), pose, {}, view);
-                pair->put_image(cam, picture.data, picture.cols, picture.rows, picture.step[0], false, "");
-                if (cam == 0)
-                    calibrator->put_image(picture.data, picture.cols, picture.rows, picture.step[0], false, "");
-            }
-        }
-        CameraCalibParam calibration;
-        calibration.flags = 128; // k3 fixed at 0: four views of a small picture
-        if (!pair->do_calibrate(calibration, nullptr, nullptr)) std::abort();
+            good = measure_new(g) && good;
+        CameraCalibParam calibration = calibration_param();
         RectifyParam rectify;
-        if (!(pair->create_stereo_camera(rectify, nullptr, nullptr) > 0)) std::abort();
+        if (!good || !pair->do_calibrate(calibration, nullptr, nullptr)
+            || !(pair->create_stereo_camera(rectify, nullptr, nullptr) > 0))
+            std::abort();
     }
 
-    /// @param anew  makes the generator; else only exec, genPC and the count
-    bool measure_with(int g, bool anew)
+    bool measure_new(int g)
     {
-        auto& generator = generators[g];
-        if (anew) {
-            generator.reset(CreatePointCloudGenerator(g));
-            if (!generator) return false;
-            generator->init(camera.get());
-            SGBMatchingParam sgbm;
-            sgbm.numDisparities = 32;
-            GrayPhaseMatchingParam gray;
-            gray.max_phase_diff = 0.15;
-            gray.anchor_length = 2;
-            MultiPhaseMatchingParam multi;
-            void* const records[] = { &sgbm, &gray, &multi };
-            if (!generator->setparams(records[g])) return false;
-            for (int cam = 0; cam < 2; ++cam) {
-                static const std::vector<cv::Mat> frames[3][2]
-                    = { { { sample() }, { sample() } }, { rig::gray_phase_frames(0), rig::gray_phase_frames(1) },
-                          { rig::multi_phase_frames(0), rig::multi_phase_frames(1) } };
-                int index = 0;
-                for (const cv::Mat& frame : frames[g][cam])
-                    if (!generator->setpict(frame.data, frame.step[0], cam, index++)) return false;
-            }
-        }
+        generators[g] = made_generator(g, camera.get());
+        const auto frames = [g](int cam) -> const Frames& { return plane_frames(g, cam); };
+        return generators[g] && rig::put_frames(*generators[g], frames) && measure(g);
+    }
+    bool measure(int g)
+    {
+        if (!generators[g]) return false;
         // Inside cv::StereoSGBM a failed allocation ends the process, in BufferArea's destructor: it must not get
         // there.
-        if (g == 0) return refused_for_its_size(*generator) && (countdown > 0 || generator->exec());
-        if (!generator->exec()) return false;
-        generator->genPC(iPointCloudGenerator::MethodQ, true);
-        return generator->get_pointcloud(nullptr) > 0;
+        if (g == 0) return refused_for_its_size(*generators[0]) && (countdown > 0 || generators[0]->exec());
+        return measured_points(*generators[g]) > 0;
     }
 
     static bool refused_for_its_size(iPointCloudGenerator& block_matching)
@@ -163,17 +125,12 @@ struct Bench {
         return refused;
     }
 
-    static cv::Mat sample() { return cv::Mat(rig::height, rig::width, CV_8U, cv::Scalar(99)); }
-
-    rig::Camera camera;
+    rig::Camera camera = rig::make_camera();
     Owned<iPointCloudGenerator> generators[3];
-    Owned<iCalibBoardRecognizer> board;
-    Owned<iCameraCalibrator> calibrator;
-    Owned<iStereoCalibrator> pair;
-    PreProcParam pre;
-    CircleMarkerParam circle = board_image::marker_settings();
-    CalibBoardParam param = board_image::coarse_board().param;
-    cv::Mat picture;
+    Owned<iCalibBoardRecognizer> board { CreateCalibBoardRecognizer() };
+    Owned<iCameraCalibrator> one { CreateCameraCalibrator() };
+    Owned<iStereoCalibrator> pair { CreateStereoCalibrator() };
+    cv::Mat picture = board_photo(0, 3);
 };
 
 struct Operation {
@@ -184,8 +141,7 @@ struct Operation {
 
 template <class Object> bool made(Object* object)
 {
-    const Owned<Object> owner(object);
-    return owner != nullptr;
+    return Owned<Object>(object) != nullptr;
 }
 
 bool from_files(int selector, const std::vector<std::string>& files)
@@ -211,8 +167,22 @@ bool pair_up(Bench& b)
 bool put_in_new(Bench& b)
 {
     const Owned<iStereoCalibrator> calibrator(CreateStereoCalibrator());
-    return calibrator && calibrator->set_parameters(b.pre, b.circle, b.param)
+    return calibrator && know_board(*calibrator)
         && calibrator->put_image(1, b.picture.data, b.picture.cols, b.picture.rows, b.picture.step[0], false, "") == 0;
+}
+
+bool calibrate_one(Bench& b)
+{
+    CameraCalibParam p = calibration_param();
+    std::vector<double> errors;
+    double rms = 0;
+    return b.one->do_calibrate(p, &errors, &rms);
+}
+
+bool rectify(Bench& b)
+{
+    RectifyParam p;
+    return b.pair->create_stereo_camera(p, nullptr, nullptr) > 0;
 }
 
 /// Strings that go in are the host's to allocate. File names lie in the working directory: short ones need no memory.
@@ -227,29 +197,17 @@ const Operation operations[] = {
     { "CreateCalibBoardRecognizer", [](Bench&) { return made(CreateCalibBoardRecognizer()); } },
     { "CreateCameraCalibrator", [](Bench&) { return made(CreateCameraCalibrator()); } },
     { "CreateStereoCalibrator", [](Bench&) { return made(CreateStereoCalibrator()); } },
-    { "block matching without room for it", [](Bench& b) { return b.measure_with(0, true); } },
-    { "gray code + phase, new", [](Bench& b) { return b.measure_with(1, true); } },
-    { "multi-period, new", [](Bench& b) { return b.measure_with(2, true); } },
-    { "gray code + phase, again", [](Bench& b) { return b.generators[1] && b.measure_with(1, false); } },
-    { "multi-period, again", [](Bench& b) { return b.generators[2] && b.measure_with(2, false); } },
+    { "block matching without room for it", [](Bench& b) { return b.measure_new(0); } },
+    { "gray code + phase, new", [](Bench& b) { return b.measure_new(1); } },
+    { "multi-period, new", [](Bench& b) { return b.measure_new(2); } },
+    { "gray code + phase, again", [](Bench& b) { return b.measure(1); } },
+    { "multi-period, again", [](Bench& b) { return b.measure(2); } },
     { "recognize", recognise },
     { "corresponding_points", pair_up },
     { "put_image of a new calibrator", put_in_new },
-    { "set_parameters", [](Bench& b) { return b.board->set_parameters(b.pre, b.circle, b.param); } },
-    { "do_calibrate, one camera",
-        [](Bench& b) {
-            CameraCalibParam p;
-            p.flags = 128;
-            std::vector<double> errors;
-            double rms = 0;
-            return b.calibrator->do_calibrate(p, &errors, &rms);
-        },
-        true },
-    { "create_stereo_camera",
-        [](Bench& b) {
-            RectifyParam p;
-            return b.pair->create_stereo_camera(p, nullptr, nullptr) > 0;
-        } },
+    { "set_parameters", [](Bench& b) { return know_board(*b.board); } },
+    { "do_calibrate, one camera", calibrate_one, true },
+    { "create_stereo_camera", rectify },
     { "save_calibfile", [](Bench& b) { return b.pair->save_calibfile("c0.yaml", ""); } },
     { "save_stereofile", [](Bench& b) { return b.pair->save_stereofile("s.yaml", "", ""); } },
     { "save_stereohmat", [](Bench& b) { return b.pair->save_stereohmat("h0", "h1", "h2", false); } },
@@ -307,7 +265,7 @@ int picture_fails_without_memory()
 /// Every `stride`-th allocation of one operation.
 const char* attack(const Operation& operation, long stride, long first, long& tried)
 {
-    Bench bench;
+    static Bench bench;         // of the child
     for (int i = 0; i < 3; ++i) // caches fill
         if (!operation.run(bench)) return message(operation, 0, "does not work at all");
     bool reached = true;

@@ -2,77 +2,30 @@
 // threads must end where they began.
 
 #include "support/child.h"
-#include "support/samples.h"
-
-#include <dirent.h>
+#include "support/station.h"
 
 using namespace vexo;
 using namespace hard;
 
 namespace {
 
-long entries(const char* directory)
-{
-    long count = 0;
-    DIR* d = opendir(directory);
-    while (d != nullptr && readdir(d) != nullptr)
-        ++count;
-    if (d != nullptr) closedir(d);
-    return count;
-}
-
-long resident_kb()
-{
-    long pages = 0, resident = 0;
-    std::FILE* f = std::fopen("/proc/self/statm", "r");
-    if (f == nullptr || std::fscanf(f, "%ld %ld", &pages, &resident) != 2) std::abort();
-    std::fclose(f);
-    return resident * 4;
-}
-
 /// Everything that a measurement needs, of all three methods.
-class Station {
-public:
-    Station()
-        : _camera(rig::make_camera())
-    {
-        SGBMatchingParam sgbm;
-        sgbm.numDisparities = 64;
-        GrayPhaseMatchingParam gray;
-        gray.max_phase_diff = 0.15;
-        gray.anchor_length = 2;
-        MultiPhaseMatchingParam multi;
-        void* const records[] = { &sgbm, &gray, &multi };
-        for (int g = 0; g < 3; ++g) {
-            _generators[g].reset(CreatePointCloudGenerator(g));
-            _generators[g]->init(_camera.get());
-            _generators[g]->setparams(records[g]);
-        }
-    }
-
+struct Station {
     /// @return whether every method measured something
-    bool measure()
+    bool measure() const
     {
-        static const std::vector<cv::Mat> frames[3][2] = { { rig::gray_phase_frames(0), rig::gray_phase_frames(1) },
-            { rig::gray_phase_frames(0), rig::gray_phase_frames(1) },
-            { rig::multi_phase_frames(0), rig::multi_phase_frames(1) } };
         bool good = true;
         for (int g = 0; g < 3; ++g) {
-            for (int cam = 0; cam < 2; ++cam)
-                for (int i = 0; i < _generators[g]->requiredframes(); ++i) {
-                    const cv::Mat& frame = frames[g][cam][static_cast<std::size_t>(i)];
-                    good = _generators[g]->setpict(frame.data, frame.step[0], cam, i) && good;
-                }
-            good = _generators[g]->exec() && good;
-            _generators[g]->genPC(iPointCloudGenerator::MethodQ, true);
-            good = (g == 0 || _generators[g]->get_pointcloud(nullptr) > 1000) && good;
+            const auto frames = [g](int cam) -> const Frames& { return plane_frames(g, cam); };
+            good = rig::put_frames(*generators[g], frames) && good;
+            good = measured_points(*generators[g]) > (g == 0 ? -1 : 1000) && good;
         }
         return good;
     }
 
-private:
-    rig::Camera _camera; // outlives the generators
-    Owned<iPointCloudGenerator> _generators[3];
+    rig::Camera camera = rig::make_camera(); // outlives the generators
+    Owned<iPointCloudGenerator> generators[3] { made_generator(0, camera.get()), made_generator(1, camera.get()),
+        made_generator(2, camera.get()) };
 };
 
 const char* soak(bool anew, long rounds)

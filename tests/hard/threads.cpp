@@ -2,9 +2,8 @@
 // that was filled before it was handed out, for generators that share a camera on two threads, and in a
 // child that was forked before the first use or that became another program.
 
-#include "support/board_image.h"
 #include "support/child.h"
-#include "support/samples.h"
+#include "support/station.h"
 
 #include <malloc.h>
 #include <omp.h>
@@ -33,38 +32,20 @@ struct Digest : PointCloudCallback {
     }
 };
 
-using Frames = std::vector<cv::Mat>;
-
-/// Noise on the fringes, so that rows differ.
-Frames noisy(Frames frames, int seed)
-{
-    cv::RNG rng(static_cast<uint64>(seed) + 1);
-    for (cv::Mat& frame : frames) {
-        cv::Mat noise(frame.size(), CV_8S);
-        rng.fill(noise, cv::RNG::UNIFORM, -6, 7);
-        cv::add(frame, noise, frame, cv::noArray(), CV_8U);
-    }
-    return frames;
-}
-
 uint64_t measure(iStereoCamera* camera, int g)
 {
-    const Frames frames[2] = { noisy(g == 1 ? rig::gray_phase_frames(0) : rig::multi_phase_frames(0), g),
-        noisy(g == 1 ? rig::gray_phase_frames(1) : rig::multi_phase_frames(1), 9 + g) };
-    SGBMatchingParam sgbm;
-    sgbm.numDisparities = 32;
-    GrayPhaseMatchingParam gray;
-    gray.anchor_length = 2;
-    MultiPhaseMatchingParam multi;
-    void* const records[] = { &sgbm, &gray, &multi };
-    const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(g));
-    generator->init(camera);
-    generator->setparams(records[g]);
-    for (int cam = 0; cam < 2; ++cam)
-        for (int i = 0; i < generator->requiredframes(); ++i) {
-            const cv::Mat& frame = frames[cam][static_cast<std::size_t>(i) + (g == 0 ? 3 : 0)];
-            generator->setpict(frame.data, frame.step[0], cam, i);
+    const Owned<iPointCloudGenerator> generator = made_generator(g, camera);
+    cv::RNG rng(static_cast<uint64>(g) + 1);
+    const auto noisy = [&](int cam) { // so that rows differ
+        Frames frames;
+        for (const cv::Mat& frame : plane_frames(g, cam)) {
+            cv::Mat noise(frame.size(), CV_8S);
+            rng.fill(noise, cv::RNG::UNIFORM, -6, 7);
+            cv::add(frame, noise, frames.emplace_back(), cv::noArray(), CV_8U);
         }
+        return frames;
+    };
+    if (!rig::put_frames(*generator, noisy)) std::abort();
     Digest digest;
     for (const bool interpolate : { false, true }) {
         if (!generator->exec()) std::abort();
@@ -76,13 +57,10 @@ uint64_t measure(iStereoCamera* camera, int g)
 
 uint64_t recognise()
 {
-    cv::Mat picture = board_image::small_picture();
+    cv::Mat picture = board_photo(0, 0);
     const Owned<iCalibBoardRecognizer> recogniser(CreateCalibBoardRecognizer());
-    PreProcParam pre;
-    CircleMarkerParam circle = board_image::marker_settings();
-    CalibBoardParam param = board_image::coarse_board().param;
     std::vector<cv::Point2f> points;
-    if (!recogniser->set_parameters(pre, circle, param) || recogniser->recognize(picture, points) != 0) std::abort();
+    if (!know_board(*recogniser) || recogniser->recognize(picture, points) != 0) std::abort();
     Digest digest;
     digest.add(points.data(), points.size() * sizeof(cv::Point2f));
     return digest.hash;
@@ -121,7 +99,7 @@ int print_digest(const std::string& how, const char* program)
 /// Runs this program anew under an environment. @return its digest
 std::string run(const std::string& environment, const std::string& program, const std::string& how)
 {
-    const std::string command = environment + " timeout 60 '" + program + "' --digest " + how + " 2>/dev/null";
+    const std::string command = environment + " timeout 900 '" + program + "' --digest " + how + " 2>/dev/null";
     std::FILE* pipe = popen(command.c_str(), "r");
     char text[64] = "";
     if (pipe == nullptr || std::fgets(text, sizeof text, pipe) == nullptr) text[0] = '\0';

@@ -48,13 +48,6 @@ bool write_png(const std::string& path, int version)
 
 constexpr Writer writers[] = { { "a.yaml", write_yaml }, { "a.bin", write_tables }, { "a.png", write_png } };
 
-std::string content(const std::string& path)
-{
-    std::string bytes;
-    read_file(path, 1U << 26, bytes);
-    return bytes;
-}
-
 bool exists(const std::string& path)
 {
     return access(path.c_str(), F_OK) == 0;

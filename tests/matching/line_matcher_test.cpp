@@ -107,30 +107,26 @@ TEST(LineMatcher, NearestFindsThePositionOfEqualOrClosestPhase)
 
 TEST(LineMatcher, FindsTheSubPixelColumnWithinInclusiveLimits)
 {
-    Probe probe;
-    const auto value_at_30 = [&](double shift, double min, double max) {
-        // camera 1 sees at column x - 10.25 + shift what camera 0 sees at column x
-        return probe
-            .match({ straight_row(64, 0, columns(20, 50)) }, { straight_row(64, 10.25 + shift, columns(5, 45)) },
-                plain::limits_of(0.1, min, max, 3), false)
-            .at<double>(0, 30);
+    // Camera 1 sees at column x - 10.25 what camera 0 sees at column x.
+    const std::vector<plain::Row> left { straight_row(64, 0, columns(20, 50)) };
+    const std::vector<plain::Row> right { straight_row(64, 10.25, columns(5, 45)) };
+    const auto value_at_30 = [&](double min, double max) {
+        return Probe().match(left, right, plain::limits_of(0.1, min, max, 3), false).at<double>(0, 30);
     };
-    EXPECT_DOUBLE_EQ(value_at_30(0, -300, 400), 10.25); // eighths and quarters: no rounding at all
-    EXPECT_DOUBLE_EQ(value_at_30(0, 10.25, 10.25), 10.25);
-    EXPECT_DOUBLE_EQ(value_at_30(0, 10.5, 400), 9.5);
-    EXPECT_DOUBLE_EQ(value_at_30(0, -300, 10), -301);
-    EXPECT_TRUE(std::isnan(value_at_30(0, std::nan(""), 400)));
+    EXPECT_DOUBLE_EQ(value_at_30(-300, 400), 10.25); // eighths and quarters: no rounding at all
+    EXPECT_DOUBLE_EQ(value_at_30(10.25, 10.25), 10.25);
+    EXPECT_DOUBLE_EQ(value_at_30(10.5, 400), 9.5);
+    EXPECT_DOUBLE_EQ(value_at_30(-300, 10), -301);
+    EXPECT_TRUE(std::isnan(value_at_30(std::nan(""), 400)));
 }
 
 TEST(LineMatcher, PhaseDifferenceLimitIsInclusiveAndInTheUnitOfTheMap)
 {
-    Probe probe;
     // Right columns 12 px apart: at x = 30 (phase 3.75) the nearest right phase is 4.5 or 3.
+    const std::vector<plain::Row> left { straight_row(64, 0, columns(20, 50)) };
+    const std::vector<plain::Row> right { straight_row(64, 0, { 12, 24, 36, 48 }) };
     const auto value = [&](double limit) {
-        return probe
-            .match({ straight_row(64, 0, columns(20, 50)) }, { straight_row(64, 0, { 12, 24, 36, 48 }) },
-                plain::limits_of(limit, -300, 400, 3), false)
-            .at<double>(0, 30);
+        return Probe().match(left, right, plain::limits_of(limit, -300, 400, 3), false).at<double>(0, 30);
     };
     EXPECT_DOUBLE_EQ(value(0.75), 0.0);
     EXPECT_DOUBLE_EQ(value(0.7499), -301.0);

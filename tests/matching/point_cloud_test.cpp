@@ -1,5 +1,5 @@
 #include "matching/PointCloudGenerator.h"
-#include "matching/rig.h"
+#include "support/plane_rig.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/core/affine.hpp>

@@ -1,5 +1,7 @@
 #include "matching/sgbm.h"
-#include "matching/rig.h"
+#include "support/bits.h"
+#include "support/folder.h"
+#include "support/plane_rig.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
@@ -11,8 +13,6 @@
 using namespace vexo;
 
 namespace {
-
-using Method = iPointCloudGenerator::Method3D;
 
 /// Random texture, seen 16 px farther left by camera 1.
 cv::Mat textured(int cam)
@@ -46,7 +46,7 @@ rig::Owned<SGBMatching> make(StereoCamera* camera, SGBMatchingParam record = sma
 rig::Cloud measured(SGBMatching& matcher)
 {
     EXPECT_TRUE(matcher.exec());
-    matcher.genPC(Method::MethodQ, false);
+    matcher.genPC(iPointCloudGenerator::MethodQ, false);
     return rig::cloud_of(matcher);
 }
 
@@ -96,7 +96,7 @@ TEST(SGBMatching, WorksOnTheDefaultRecordWithoutSetparams)
     EXPECT_FALSE(matcher->exec());
     ASSERT_TRUE(matcher->setpict(both.data, 0, 2, -7)); // the frame index is not used
     EXPECT_TRUE(matcher->exec());
-    matcher->genPC(Method::MethodQ, true);
+    matcher->genPC(iPointCloudGenerator::MethodQ, true);
     EXPECT_GT(matcher->get_pointcloud(nullptr), 50 * 100);
 }
 
@@ -104,24 +104,21 @@ TEST(SGBMatching, RecordsAreCheckedAfterTheyAreStored)
 {
     const rig::Camera camera = rig::make_camera();
     const auto matcher = make(camera.get());
-    const auto set = [&](auto change) {
-        SGBMatchingParam record = small_record();
-        change(record);
-        return matcher->setparams(&record);
-    };
+    using Record = SGBMatchingParam;
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(set([](auto& r) { r.mode = 3; }));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "SGBMatching::setparams()\n");
-    EXPECT_FALSE(set([](auto& r) { r.blockSize = 4; }));
-    EXPECT_FALSE(set([](auto& r) { r.blockSize = -3; }));
-    EXPECT_FALSE(set([](auto& r) { r.uniquenessRatio = -1; }));
-    EXPECT_FALSE(set([](auto& r) { r.uniquenessRatio = 101; }));
-    EXPECT_FALSE(set([](auto& r) { r.mode = 4; }));
-    EXPECT_FALSE(set([](auto& r) { r.mode = -1; }));
-    EXPECT_FALSE(set([](auto& r) { r.numDisparities = 250; }));
-    EXPECT_FALSE(matcher->exec()) << "250 is in force";
-    EXPECT_TRUE(set([](auto&) {}));
-    EXPECT_TRUE(matcher->exec());
+    for (const auto& [change, good] :
+        std::initializer_list<std::pair<void (*)(Record&), bool>> { { [](Record& r) { r.mode = 3; }, true },
+            { [](Record& r) { r.blockSize = 4; }, false }, { [](Record& r) { r.blockSize = -3; }, false },
+            { [](Record& r) { r.uniquenessRatio = -1; }, false }, { [](Record& r) { r.uniquenessRatio = 101; }, false },
+            { [](Record& r) { r.mode = 4; }, false }, { [](Record& r) { r.mode = -1; }, false },
+            { [](Record& r) { r.numDisparities = 250; }, false }, { [](Record&) {}, true } }) {
+        Record record = small_record();
+        change(record);
+        EXPECT_EQ(matcher->setparams(&record), good);
+        EXPECT_EQ(matcher->exec(), record.numDisparities != 250 && record.blockSize > 0) << "it is in force";
+    }
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr().substr(0, 50), "SGBMatching::setparams()\nSGBMatching::setparams()\n");
     EXPECT_FALSE(matcher->setparams(nullptr));
 }
 
@@ -144,7 +141,7 @@ TEST(SGBMatching, ExecRefusesWhatWouldEndTheProcessInsideOpenCV)
     for (const int mode : { 0, 1, 2, 3 }) {
         for (const int count : { 160, 176, 256 }) {
             EXPECT_TRUE(runs(0, count, 5, mode)) << "as many disparities as columns, or more: nothing is found";
-            matcher->genPC(Method::MethodQ, false);
+            matcher->genPC(iPointCloudGenerator::MethodQ, false);
             EXPECT_EQ(rig::cloud_of(*matcher).count, 0) << mode << ' ' << count;
         }
         EXPECT_TRUE(runs(0, 144, 5, mode)) << mode;
@@ -181,33 +178,30 @@ TEST(SGBMatching, CallsOutOfOrderAnswerFalse)
     const rig::Owned<SGBMatching> matcher(new SGBMatching);
     EXPECT_FALSE(matcher->setpict(image.data, 0, 0, 0));
     EXPECT_FALSE(matcher->exec());
-    matcher->genPC(Method::MethodQ, false);
+    matcher->genPC(iPointCloudGenerator::MethodQ, false);
     EXPECT_EQ(rig::cloud_of(*matcher).count, 0);
     matcher->init(camera.get());
     ASSERT_TRUE(matcher->setpict(image.data, 0, 0, 0));
     EXPECT_FALSE(matcher->exec()) << "camera 1 is missing";
 
-    unsigned char* data = nullptr;
-    int width = 0, height = 0;
-    unsigned long step = 0;
-    EXPECT_TRUE(matcher->getpict(&data, &width, &height, &step, 0, -5));
-    EXPECT_EQ(cv::norm(rig::inner(cv::Mat(height, width, CV_8U, data, step)), rig::inner(image), cv::NORM_INF), 0.0);
+    const rig::Picture left(*matcher, 0, -5);
+    ASSERT_TRUE(left.given);
+    const cv::Mat shown(left.height, left.width, CV_8U, left.data, left.step);
+    EXPECT_TRUE(same_bits(rig::inner(shown), rig::inner(image)));
     for (const int cam : { 1, 2, 3, -1 })
-        EXPECT_FALSE(matcher->getpict(&data, &width, &height, &step, cam, 0)) << cam;
+        EXPECT_FALSE(rig::Picture(*matcher, cam, 0).given) << cam;
     for (const int cam : { -1, 3 })
         EXPECT_FALSE(matcher->setpict(image.data, 0, cam, 0));
     EXPECT_FALSE(matcher->setpict(nullptr, 0, 0, 0));
     EXPECT_FALSE(matcher->setpict(image.data, rig::width - 1, 0, 0));
 
-    const std::string path = testing::TempDir() + "vexo_sgbm.png";
-    cv::imwrite(path, image);
-    EXPECT_TRUE(matcher->loadpict(path, 1, 0));
-    EXPECT_FALSE(matcher->loadpict(path, 2, 0));
-    EXPECT_FALSE(matcher->loadpict(path + ".none", 1, 0));
-    ASSERT_TRUE(matcher->getpict(&data, &width, &height, &step, 2, 0));
-    EXPECT_EQ(width, 2 * rig::width);
-
-    matcher->genPC(Method::MethodQ, false);
+    const Folder folder;
+    cv::imwrite(folder / "a.png", image);
+    EXPECT_TRUE(matcher->loadpict(folder / "a.png", 1, 0));
+    EXPECT_FALSE(matcher->loadpict(folder / "a.png", 2, 0));
+    EXPECT_FALSE(matcher->loadpict(folder / "none", 1, 0));
+    EXPECT_EQ(rig::Picture(*matcher, 2, 0).width, 2 * rig::width);
+    matcher->genPC(iPointCloudGenerator::MethodQ, false);
     EXPECT_EQ(matcher->get_pointcloud(nullptr), 0) << "no exec yet";
     const rig::Camera other = rig::make_camera();
     matcher->init(other.get());

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "support/folder.h"
+
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 
 /// How a program under tests/hard is run, and its line in the table.
 namespace hard {
@@ -49,29 +50,20 @@ inline void report(const char* what, long tried, long found, const Clock& clock)
     std::fflush(stdout);
 }
 
-/// A folder that goes with its owner; only the process that made it removes it.
-class Folder {
-public:
-    Folder()
-    {
-        char name[] = "/tmp/vexo_hard_XXXXXX";
-        if (mkdtemp(name) == nullptr) std::abort();
-        _path = name;
-    }
-    ~Folder()
-    {
-        if (getpid() != _owner) return;
-        if (std::system(("rm -rf '" + _path + "'").c_str()) != 0) std::perror("rm");
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
+/// Entries of a directory; of /proc/self/task: threads.
+inline long entries(const char* directory)
+{
+    return std::distance(std::filesystem::directory_iterator(directory), {});
+}
 
-    std::string operator/(const std::string& file) const { return _path + "/" + file; }
-
-private:
-    std::string _path;
-    pid_t _owner = getpid();
-};
+inline long resident_kb()
+{
+    long pages = 0, resident = 0;
+    std::FILE* f = std::fopen("/proc/self/statm", "r");
+    if (f == nullptr || std::fscanf(f, "%ld %ld", &pages, &resident) != 2) std::abort();
+    std::fclose(f);
+    return resident * 4;
+}
 
 /// The library writes a line per setparams() and one per missing table: not now.
 inline void silence_stderr()

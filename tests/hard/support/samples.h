@@ -1,7 +1,7 @@
 #pragma once
 
-#include "matching/rig.h"
 #include "run.h"
+#include "support/plane_rig.h"
 
 #include "base/plain_yaml.h"
 #include "vexo/vexo.h"
