@@ -28,9 +28,10 @@ public:
 
     /// Recognises the board in an 8-bit grey picture and keeps the markers as a view.
     ///
-    /// @param data, width, height, step  picture and its row step in bytes; not kept
-    /// @param show   show the result picture
-    /// @param save   file for the result picture; empty: none
+    /// @param data, width, height, step  picture and its row step in bytes, 0 for packed rows; not kept
+    /// @param show   show the result picture of this recognition, kind -1 of iCalibBoardRecognizer; what an earlier one
+    ///               left of a later stage counts as absent
+    /// @param save   file for the result picture, in the format of its extension, such as .png; empty: none
     /// @return       recogniser's code, 0 on success; -1 before set_parameters; 2 for an empty picture.
     ///               Only code 0 keeps a view
     virtual int put_image(unsigned char* data, int width, int height, unsigned long step, bool show, std::string save)
@@ -105,7 +106,8 @@ public:
     virtual double create_stereo_camera(RectifyParam& param, int* roi0, int* roi1) = 0;
 
     /// Sets the frame of the stereo camera to that of the board seen in one picture per camera; pictures
-    /// have the input size. Needs create_stereo_camera. @return false when either picture fails
+    /// have the input size, and row steps of 0 mean packed rows. Needs create_stereo_camera.
+    /// @return false when either picture fails
     virtual bool create_stereo_brdcrd(
         unsigned char* data0, unsigned long step0, unsigned char* data1, unsigned long step1)
         = 0;

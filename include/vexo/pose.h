@@ -32,6 +32,7 @@ public:
     /// @return      recognition code, 0 on success; -1 before init_camera and set_parameters, or when the
     ///              markers determine no pose
     virtual int solve_pose(unsigned char* data, int width, int height, unsigned long step, double* pose) = 0;
+    /// @param step  bytes from row to row; 0 means packed rows
 
     /// As above, from an image file.
     /// @param debug  draw the board's axes into the debug image

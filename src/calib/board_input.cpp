@@ -22,7 +22,9 @@ bool set_board_parameters(
 
 cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step)
 {
-    if (data == nullptr || width < 1 || height < 1 || step < static_cast<unsigned long>(width)) return {};
+    if (data == nullptr || width < 1 || height < 1) return {};
+    if (step == 0) step = static_cast<unsigned long>(width);
+    if (step < static_cast<unsigned long>(width)) return {};
     if (step > PTRDIFF_MAX / static_cast<unsigned long>(height)) return {}; // no memory holds such rows
     return cv::Mat(height, width, CV_8UC1, data, step);
 }

@@ -22,7 +22,8 @@ using RecognizerPtr = Owned<iCalibBoardRecognizer>;
 bool set_board_parameters(
     RecognizerPtr& recognizer, PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board);
 
-/// The host's picture as a Mat over its own memory; empty when pointer, size or step describe no picture.
+/// The host's picture as a Mat over its own memory, with step 0 for packed rows; empty when pointer, size or step
+/// describe no picture.
 cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step);
 
 /// Picture that belongs to how the last recognition ended, BGR; `picture` itself when there is none. Empty for lack
