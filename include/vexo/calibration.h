@@ -91,9 +91,9 @@ public:
     ///
     /// @param per_view  out, may be null: grown to two lists, one entry per picture put, px, NaN if not used
     /// @param rms       out, may be null: root mean square reprojection error of the pair, px
-    /// @return          false when a camera has no usable view or there is no usable pair
-    /// Throws cv::Exception for degenerate views and for flags that do not go together or ask for a first guess of the
-    /// pose (CALIB_USE_EXTRINSIC_GUESS).
+    /// @return          false when a camera has no usable view or there is no usable pair, for degenerate views, and
+    ///                  for flags that do not go together or ask for a first guess of the pose
+    ///                  (CALIB_USE_EXTRINSIC_GUESS); then nothing calibrated before is lost
     virtual bool do_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms) = 0;
 
     /// Writes the cameras' YAML files, names "cam0" and "cam1". Equal names, or an empty file1: both into

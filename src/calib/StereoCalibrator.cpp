@@ -134,7 +134,7 @@ int StereoCalibrator::_put(int cam, cv::Mat& image)
 
 bool StereoCalibrator::do_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms)
 {
-    return false_without_memory([&] { return _calibrate(param, per_view, rms); });
+    return false_if_it_throws([&] { return _calibrate(param, per_view, rms); });
 }
 
 bool StereoCalibrator::_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms)

@@ -351,6 +351,12 @@ TEST(StereoCalibrator, FailedPicturesKeepTheirPlaceAndSideBySideIsTheSameAsTwo)
     ASSERT_EQ(errors[1].size(), 6U);
     EXPECT_TRUE(std::isnan(errors[0][1]));
     EXPECT_FALSE(std::isnan(errors[1][1]));
+    param.flags = cv::CALIB_USE_EXTRINSIC_GUESS; // there is no guess to be handed over
+    EXPECT_FALSE(one.do_calibrate(param, nullptr, &rms_one));
+    param.flags = cv::CALIB_USE_INTRINSIC_GUESS;
+    param.focal_guess = -1;
+    EXPECT_FALSE(one.do_calibrate(param, nullptr, &rms_one));
+    EXPECT_EQ(rms_one, rms_two);
     RectifyParam rectify;
     EXPECT_NEAR(one.create_stereo_camera(rectify, nullptr, nullptr), 160, 1);
     EXPECT_TRUE(one.create_stereo_brdcrd(folder + "both.png"));
@@ -384,7 +390,11 @@ TEST(CameraCalibrator, KeepsAcceptedViewsOnlyAndWritesTheCameraUnderItsName)
     ASSERT_TRUE(calibrator.do_calibrate(param, &errors, &rms));
     EXPECT_EQ(errors.size(), 5U);
     EXPECT_LT(rms, 0.15);
-    EXPECT_FALSE(calibrator.save_calibfile(folder, "left"));
+    CameraCalibParam bad_guess;
+    bad_guess.flags = cv::CALIB_USE_INTRINSIC_GUESS;
+    bad_guess.focal_guess = -1;
+    EXPECT_THROW(calibrator.do_calibrate(bad_guess, &errors, &rms), cv::Exception);
+    EXPECT_FALSE(calibrator.save_calibfile(folder, "left")); // cannot be written, but names the camera
     EXPECT_FALSE(calibrator.save_calibfile(folder + "bad.yaml", "7 no: key"));
     EXPECT_FALSE(std::filesystem::exists(folder + "bad.yaml"));
     ASSERT_TRUE(calibrator.save_calibfile(folder + "left.yaml", "left"));

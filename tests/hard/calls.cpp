@@ -519,9 +519,7 @@ private:
         note(one_calibrated, stated_exception([&] {
             return camera_calibrator->do_calibrate(param, chance(5) ? nullptr : &errors, &rms) ? 1 : 0;
         }) == 1);
-        note(pair_calibrated, stated_exception([&] {
-            return stereo_calibrator->do_calibrate(param, &both, chance(5) ? nullptr : &rms) ? 1 : 0;
-        }) == 1);
+        note(pair_calibrated, stereo_calibrator->do_calibrate(param, &both, chance(5) ? nullptr : &rms));
         RectifyParam rectify;
         if (chance(3)) disturb(rectify);
         if (rectify.width > 40000 || rectify.height > 4000) rectify = {};
