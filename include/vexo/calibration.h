@@ -48,7 +48,8 @@ public:
     /// Throws cv::Exception for degenerate views and for flags that do not go together, as cv::calibrateCamera does.
     virtual bool do_calibrate(CameraCalibParam& param, std::vector<double>* per_view, double* rms) = 0;
 
-    /// Writes the camera's YAML file under keys "<name>_size", "<name>_K", ...; empty: "cam".
+    /// Writes the camera's YAML file under keys "<name>_size", "<name>_K", ... The camera keeps the name, even when
+    /// the file cannot be written; an empty one stands for the name that it has, at first "cam".
     /// The file is replaced whole or, when false is returned, not at all.
     virtual bool save_calibfile(std::string file, std::string name) = 0;
 };
