@@ -37,7 +37,7 @@ public:
     virtual int put_image(unsigned char* data, int width, int height, unsigned long step, bool show, std::string save)
         = 0;
 
-    /// As above, from an image file; 2 when it cannot be read.
+    /// As above, from an image file (PNG, TIFF, BMP, PNM or JPEG), converted to grey; 2 when it cannot be read.
     virtual int put_image(std::string file, bool show, std::string save) = 0;
 
     /// Calibrates from all views with at least 5 markers.
@@ -81,7 +81,7 @@ public:
         int cam, unsigned char* data, int width, int height, unsigned long step, bool show, std::string save)
         = 0;
 
-    /// As above, from an image file.
+    /// As above, from an image file, as iCameraCalibrator::put_image reads it.
     virtual int put_image(int cam, std::string file, bool show, std::string save) = 0;
 
     /// Both pictures side by side in one file, camera 0 on the left. An odd width gives 2, nothing kept.
