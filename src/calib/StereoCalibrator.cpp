@@ -2,6 +2,7 @@
 
 #include "base/boundary.h"
 #include "base/plain_yaml.h"
+#include "base/whole_file.h"
 #include "board/CalibBoardRecognizer.h"
 #include "board/result_picture.h"
 #include "calib/board_pose.h"

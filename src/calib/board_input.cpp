@@ -8,7 +8,6 @@
 #include <opencv2/imgproc.hpp>
 
 #include <cstdint>
-#include <filesystem>
 #include <new>
 
 namespace vexo {
@@ -66,15 +65,6 @@ void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::str
     } catch (...) { // no memory for the name or the window: the view is kept all the same
         return;
     }
-}
-
-bool same_file(const std::string& a, const std::string& b)
-{
-    if (a == b) return true;
-    std::error_code error;
-    const std::filesystem::path path_a = std::filesystem::weakly_canonical(a, error);
-    const std::filesystem::path path_b = std::filesystem::weakly_canonical(b, error);
-    return !error && path_a == path_b;
 }
 
 } // namespace vexo

@@ -37,7 +37,4 @@ bool room_for_one_more(std::vector<View>& views) noexcept;
 /// asked to.
 void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save) noexcept;
 
-/// Whether two names mean one file, however they are spelled.
-bool same_file(const std::string& a, const std::string& b);
-
 } // namespace vexo

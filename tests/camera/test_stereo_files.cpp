@@ -282,6 +282,8 @@ TEST(StereoRealData, CalibrationsOfOthersGiveTheirKnownRigs)
         const Stereo stereo(vexo::create_StereoCamera({ file }, { 0, 0 }, -1, 0, 0, 0));
         ASSERT_TRUE(stereo) << file;
         EXPECT_NEAR(stereo->cam0.K(0, 0), known.f, 0.05);
+    ASSERT_EQ(symlink("h0", path("link").c_str()), 0); // to be created; one file cannot hold two projections
+    EXPECT_FALSE(vexo::store_StereoCamera_to_Hmats(stereo.get(), path("link"), path("h0"), path("h2")));
         EXPECT_NEAR(stereo->get_baseline_length(), known.baseline, 0.005);
         EXPECT_TRUE(stereo->is_horizontal_stereo());
     }
