@@ -4,31 +4,10 @@
 #include "support/child.h"
 #include "support/samples.h"
 
-#include <dirent.h>
-
 using namespace vexo;
 using namespace hard;
 
 namespace {
-
-long entries(const char* directory)
-{
-    long count = 0;
-    DIR* d = opendir(directory);
-    while (d != nullptr && readdir(d) != nullptr)
-        ++count;
-    if (d != nullptr) closedir(d);
-    return count;
-}
-
-long resident_kb()
-{
-    long pages = 0, resident = 0;
-    std::FILE* f = std::fopen("/proc/self/statm", "r");
-    if (f == nullptr || std::fscanf(f, "%ld %ld", &pages, &resident) != 2) std::abort();
-    std::fclose(f);
-    return resident * 4;
-}
 
 /// Everything that a measurement needs, of all three methods.
 class Station {

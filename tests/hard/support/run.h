@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <dirent.h>
 #include <unistd.h>
 
 /// How a program under tests/hard is run, and its line in the table.
@@ -47,6 +49,26 @@ inline void report(const char* what, long tried, long found, const Clock& clock)
 {
     std::printf("%-58s %9ld tried %6ld found %8.1f s\n", what, tried, found, clock.seconds());
     std::fflush(stdout);
+}
+
+/// Entries of a directory; of /proc/self/task: threads, and two.
+inline long entries(const char* directory)
+{
+    long count = 0;
+    DIR* d = opendir(directory);
+    while (d != nullptr && readdir(d) != nullptr)
+        ++count;
+    if (d != nullptr) closedir(d);
+    return count;
+}
+
+inline long resident_kb()
+{
+    long pages = 0, resident = 0;
+    std::FILE* f = std::fopen("/proc/self/statm", "r");
+    if (f == nullptr || std::fscanf(f, "%ld %ld", &pages, &resident) != 2) std::abort();
+    std::fclose(f);
+    return resident * 4;
 }
 
 /// A folder that goes with its owner; only the process that made it removes it.
