@@ -225,11 +225,14 @@ bool StereoCamera::_read(cv::FileStorage& fs)
     const cv::FileNode stereo_name = find(fs, "StereoName");
     if (!stereo_name.isString() || !is_key_name(stereo_name.string())) return false;
     name = stereo_name.string();
+    const auto holds = [&fs](const UndistortCamera& cam) {
+        return !find(fs, cam.name + "_size").empty() && has_projection(fs, cam.name);
+    };
+    const std::string present[] = { cam0.name, cam1.name };
     _name_cameras();
-    for (UndistortCamera* cam : { &cam0, &cam1 }) {
-        if (find(fs, cam->name + "_size").empty() || !has_projection(fs, cam->name)) return false;
-        if (!cam->load(&fs)) return false;
-    }
+    if (!holds(cam0) || !holds(cam1)) cam0.name = present[0], cam1.name = present[1];
+    for (UndistortCamera* cam : { &cam0, &cam1 })
+        if (!holds(*cam) || !cam->load(&fs)) return false;
     if (cam0.size != cam1.size) return false;
     output_size = cam0.size;
 
