@@ -62,8 +62,9 @@ CalibratedCamera read_camera(const std::string& path, const std::string& name)
     CalibratedCamera camera;
     try {
         const cv::FileNode size = file[name + "_size"];
-        if (size.isSeq() && size.size() == 2 && size[0].isInt() && size[1].isInt())
-            camera.size = cv::Size(static_cast<int>(size[0]), static_cast<int>(size[1]));
+        cv::Size read;
+        if (size.isSeq() && size.size() == 2 && read_whole(size[0], read.width) && read_whole(size[1], read.height))
+            camera.size = read;
         file[name + "_D"] >> camera.D;
         if (!camera.D.empty()) camera.D.convertTo(camera.D, CV_64F);
         if (read_projection(file, name, camera)) return camera;
