@@ -455,5 +455,76 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
     std::filesystem::remove_all(folder);
 }
 
+TEST(CalibBoardPoseSolver, TakesRectifiedPicturesForTheCamerasOfStereoFilesAndHmatSets)
+{
+    Calibrated& c = calibrated();
+    const std::string folder = folder_for("rectified_pose"), yaml = folder + "stereo.yaml";
+    const std::vector<std::string> set { folder + "h0", folder + "h1", folder + "h2" };
+    ASSERT_GT(c.pair.create_stereo_camera(c.rectify, nullptr, nullptr), 0);
+    ASSERT_TRUE(c.pair.save_stereohmat(set[0], set[1], set[2], false) && c.pair.save_stereofile(yaml, "", ""));
+    const Owned<StereoCamera> stereo(create_StereoCamera_from_Hmats(set[0], set[1], set[2], { 1280, 1024 }, {}, {}));
+    StereoCamera with_rotations({ 1280, 1024 });
+    cv::FileStorage storage;
+    ASSERT_TRUE(stereo && open_yaml(yaml, storage) && with_rotations.load(&storage));
+
+    CalibBoardPoseSolver solver;
+    ASSERT_TRUE(set_up(solver));
+    double pose[16] = {};
+    for (int cam = 0; cam < 2; ++cam) {
+        cv::Mat raw = series().pictures[static_cast<size_t>(cam)][2], rectified(raw.size(), CV_8U);
+        ASSERT_TRUE(stereo->remap(raw.data, 0, rectified.data, 0, cam));
+        const Pose truth = rig::camera_from_rig(cam) * series().poses[2];
+        const cv::Mat_<double>& rectified_from_raw = cam == 0 ? with_rotations.cam0_R2 : with_rotations.cam1_R2;
+        const cv::Matx33d turn(rectified_from_raw.ptr<double>());
+        for (const auto& files : { std::vector<std::string> { yaml }, set }) {
+            ASSERT_TRUE(solver.init_camera(files, cam, 1280, 1024)) << files.size();
+            ASSERT_EQ(solver.solve_pose(rectified.data, 1280, 1024, 0, pose), 0) << files.size();
+            const cv::Matx33d R = turn * truth.R;
+            const cv::Vec3d t = turn * truth.t;
+            for (int i = 0; i < 3; ++i) {
+                for (int j = 0; j < 3; ++j)
+                    EXPECT_NEAR(pose[4 * i + j], R(i, j), 3e-3); // as for raw pictures
+                EXPECT_NEAR(pose[4 * i + 3], t[i], 1);
+            }
+        }
+        EXPECT_TRUE(solver.init_camera({ yaml }, cam, 0, 0));
+        EXPECT_FALSE(solver.init_camera(set, cam, 0, 0)); // the files do not say it
+        EXPECT_FALSE(solver.init_camera(set, cam, 1280, 1023));
+        EXPECT_FALSE(solver.init_camera({ set[0], set[1] }, cam, 1280, 1024));
+        EXPECT_FALSE(solver.init_camera({ set[0], set[1], yaml }, cam, 1280, 1024));
+    }
+    for (const int selector : { -1, 2 })
+        EXPECT_FALSE(solver.init_camera(set, selector, 1280, 1024) || solver.init_camera({ yaml }, selector, 0, 0));
+
+    // A projection means the same at any scale; the pose is in the same axes.
+    std::string bytes;
+    ASSERT_TRUE(read_file(set[1], 96, bytes));
+    for (size_t i = 0; i < 12; ++i)
+        bytes[8 * i + 7] = static_cast<char>(bytes[8 * i + 7] ^ '\x80'); // the signs of its doubles
+    ASSERT_TRUE(write_file(set[1], bytes) && solver.init_camera(set, 1, 1280, 1024));
+    cv::Mat raw = series().pictures[1][2], rectified(raw.size(), CV_8U);
+    double same[16] = {};
+    ASSERT_TRUE(stereo->remap(raw.data, 0, rectified.data, 0, 1));
+    ASSERT_EQ(solver.solve_pose(rectified.data, 1280, 1024, 0, same), 0);
+    for (int i = 0; i < 16; ++i)
+        EXPECT_NEAR(same[i], pose[i], 1e-6);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(CalibBoardPoseSolver, RefusesACameraFileWithoutASizeAndKeepsTheCameraItHas)
+{
+    const std::string folder = folder_for("sizeless"), file = folder + "cameras.yaml";
+    ASSERT_TRUE(calibrated().pair.save_calibfile(file, ""));
+    CalibBoardPoseSolver solver;
+    ASSERT_TRUE(set_up(solver) && solver.init_camera({ file }, 0, 0, 0));
+    std::string text;
+    ASSERT_TRUE(read_file(file, 1 << 20, text));
+    text.replace(text.find("cam0_size"), 9, "cam0_sice");
+    ASSERT_TRUE(write_file(file, text));
+    EXPECT_FALSE(solver.init_camera({ file }, 0, 0, 0) || solver.init_camera({ file }, 0, 1280, 1024));
+    EXPECT_TRUE(solver.init_camera({ file }, 1, 0, 0));
+    std::filesystem::remove_all(folder);
+}
+
 } // namespace
 } // namespace vexo
