@@ -41,7 +41,8 @@ void OutputFolder::stay_out_of(const std::vector<std::string>& pictures) const
     for (const std::string& picture : pictures) {
         std::error_code ignored;
         if (!fs::equivalent(fs::absolute(picture, ignored).parent_path(), _folder, ignored)) continue;
-        throw UsageFailure(_folder + ": holds the frames, and would hold the results as more of them; name another folder");
+        throw UsageFailure(
+            _folder + ": holds the frames, and would hold the results as more of them; name another folder");
     }
 }
 

@@ -118,8 +118,9 @@ public:
     virtual void genPC(Method3D method, bool interpolate) = 0;
 
     /// Hands the last cloud to the host.
-    /// @param callback  called once, before this returns; null is allowed and only asks for the count
-    /// @return          number of valid points
+    /// @param callback  called once, before this returns; null is allowed and only asks for the count. It may measure
+    ///                  again or call destroy(), after which the buffers handed to it are gone
+    /// @return          number of valid points, the one that the callback was given
     virtual int get_pointcloud(PointCloudCallback* callback) = 0;
 
 protected:

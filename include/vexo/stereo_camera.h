@@ -30,9 +30,9 @@ public:
 
     /// Rectifies 8-bit one-channel images.
     ///
-    /// @param src, src_step  raw image of the input size, and its row step in bytes; at least one row's bytes
-    /// @param dst, dst_step  out: rectified image of the output size; pixels that have no source pixel get
-    ///                       the camera's fill colour
+    /// @param src, src_step  raw image of the input size, and its row step in bytes; 0 means packed rows
+    /// @param dst, dst_step  out: rectified image of the output size, and its row step; pixels that have no source
+    ///                       pixel get the camera's fill colour
     /// @param which          0 or 1: one image with that camera. 2: two images side by side in one buffer,
     ///                       camera 0 on the left, in src and in dst
     /// @return               false, and dst untouched, for any other `which`, null buffers, steps that are

@@ -36,7 +36,7 @@ cv::FileNode find(const cv::FileStorage& fs, const std::string& key);
 /// Whether a storage holds the pose and projection of a camera: K, R and T, or P.
 bool has_projection(const cv::FileStorage& fs, const std::string& name);
 
-/// Sequence of exactly `count` integers.
+/// Sequence of exactly `count` integers; see read_whole().
 bool read_ints(const cv::FileNode& node, int count, int* values);
 
 /// Image size: a picture's, or 0 x 0 for a camera without one.

@@ -60,7 +60,8 @@ public:
     void remap_row(int row, cv::Size raw, const RemapImages& images) const noexcept;
 
     /// As PinHoleCamera::save(), with the key `name`_roi, after the tables have gone to map_file if that is
-    /// named. False, too, when the tables cannot be written; then no YAML is written either.
+    /// named. False, too, when that file cannot be written; then no YAML is written either. A camera without tables
+    /// leaves an empty file there, so that load() finds no tables of another camera beside the new YAML.
     bool save(cv::FileStorage* fs) override;
 
     /// As PinHoleCamera::load(), with `name`_roi and the tables of map_file.
@@ -88,8 +89,8 @@ void alignment_padding_offset(std::istream& is);
 /// One record of a table file. False, and nothing written, for an empty table.
 bool save_map(std::ostream& os, const cv::Mat& m);
 
-/// Reads what save_map() writes. False, and `m` untouched, unless the record names a type that cv::remap
-/// takes as a table, a size within limits, and the stream holds all of it.
+/// Reads what save_map() writes, of any element type. False, and `m` untouched, unless the record names a type and a
+/// size within limits, and the stream holds all of it.
 bool load_map(std::istream& is, cv::Mat& m);
 
 /// One record of a bare stream; the table has 4 bytes a pixel.

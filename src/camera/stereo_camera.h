@@ -21,7 +21,7 @@ namespace vexo {
 /// Copies are deep.
 class StereoCamera : public iStereoCamera {
 public:
-    std::string name;         ///< "stereo"; the cameras are called `name`L and `name`R
+    std::string name;         ///< "stereo"; save() calls the cameras `name`L and `name`R
     cv::Size input_size;      ///< size of the raw images, px
     cv::Size output_size;     ///< size of the rectified images, px
     UndistortCamera cam0;     ///< left or upper camera
@@ -78,8 +78,9 @@ public:
     ///            carry one name
     bool save(const cv::FileStorage* fs);
 
-    /// Reads what save() writes; the cameras are renamed after "StereoName", the tables come from their
-    /// map_file, if set. The output size is that of the rectified cameras.
+    /// Reads what save() writes; the cameras are renamed after "StereoName", unless the file lacks one of them under
+    /// that name: then they are read under the names that they have. The tables come from their map_file, if
+    /// set. The output size is that of the rectified cameras.
     ///
     /// @return  false, and the object as it was, unless all of it is there and usable ("oldcamSize" may be
     ///          missing: the input size is kept)

@@ -175,10 +175,11 @@ inline void phase3_row(
     }
 }
 
-/// Whether a loaded phase can be one: a number, and at most a period outside 0 to 1. Decoded ones always are.
+/// Whether a loaded phase can be one: a number, and at most a period outside 0 to 1. Decoded ones always are. A NaN
+/// raises no floating-point exception, as it would with ">".
 inline bool plausible_phase(float phase) noexcept
 {
-    return phase > -1.0F && phase < 2.0F;
+    return std::isgreater(phase, -1.0F) && std::isless(phase, 2.0F);
 }
 
 } // namespace vexo

@@ -162,8 +162,9 @@ template <class Columns, class Done> struct SectionRow {
     void fill_backwards(const PhaseSection& section, float last, float& ref) const noexcept
     {
         for (int p = section.end - 1; p >= section.begin; --p) {
+            if (!usable(p)) continue;
             const float choice = nearer(ref, section.code, p);
-            if (!(last < choice && choice < ref) || !usable(p)) continue;
+            if (!(last < choice && choice < ref)) continue;
             assign(p, choice);
             ref = choice;
         }
@@ -172,8 +173,9 @@ template <class Columns, class Done> struct SectionRow {
     void fill_forwards(const PhaseSection& section, float& last) const noexcept
     {
         for (int p = section.begin; p < section.end; ++p) {
+            if (!usable(p)) continue;
             const float choice = nearer(last, section.code, p);
-            if (!(choice > last) || !usable(p)) continue;
+            if (!(choice > last)) continue;
             assign(p, choice);
             last = choice;
         }

@@ -345,11 +345,14 @@ private:
         const unsigned long halves = which == 2 ? 2 : 1;
         const unsigned long in_row = halves * static_cast<unsigned long>(in_w),
                             row = halves * static_cast<unsigned long>(w);
-        const unsigned long in_step = step_of(in_row), step = step_of(row);
-        const auto sound = [](unsigned long s, unsigned long least) { return s >= least && s < 1UL << 20; };
+        const unsigned long in_step = chance(4) ? 0 : step_of(in_row), step = chance(4) ? 0 : step_of(row);
+        const auto sound = [](unsigned long s, unsigned long least) { return s == 0 || (s >= least && s < 1UL << 20); };
+        const auto bytes = [](int rows, unsigned long s, unsigned long least) {
+            return (static_cast<unsigned long>(rows) - 1) * (s == 0 ? least : s) + least; // 0: packed rows
+        };
         const bool both = sound(in_step, in_row) && sound(step, row) && which >= 0 && which <= 2;
-        const GuardedBuffer to(both ? (static_cast<unsigned long>(h) - 1) * step + row : 16);
-        GuardedBuffer& from = buffer(both ? (static_cast<unsigned long>(in_h) - 1) * in_step + in_row : 16);
+        const GuardedBuffer to(both ? bytes(h, step, row) : 16);
+        GuardedBuffer& from = buffer(both ? bytes(in_h, in_step, in_row) : 16);
         const bool done = camera->remap(from.data(), in_step, to.data(), step, which);
         return note(remapped, done) == both ? nullptr : done ? "remapped wrongly" : "a good picture was refused";
     }
@@ -481,7 +484,7 @@ private:
         int w = image.cols, h = image.rows;
         unsigned long step = image.empty() ? 0 : image.step[0];
         if (chance(6)) w = one_of<int>(rng, { INT_MIN, -1, 0 });
-        if (chance(6)) step = one_of<unsigned long>(rng, { 1, ULONG_MAX, ULONG_MAX / 2 + 1 });
+        if (chance(6)) step = one_of<unsigned long>(rng, { 0, 1, ULONG_MAX, ULONG_MAX / 2 + 1 });
         if (chance(20)) image.data = nullptr, w = 400, h = 320;
         const std::string save = chance(8) ? folder / "result.png" : "";
         block_exception(
@@ -516,9 +519,7 @@ private:
         note(one_calibrated, stated_exception([&] {
             return camera_calibrator->do_calibrate(param, chance(5) ? nullptr : &errors, &rms) ? 1 : 0;
         }) == 1);
-        note(pair_calibrated, stated_exception([&] {
-            return stereo_calibrator->do_calibrate(param, &both, chance(5) ? nullptr : &rms) ? 1 : 0;
-        }) == 1);
+        note(pair_calibrated, stereo_calibrator->do_calibrate(param, &both, chance(5) ? nullptr : &rms));
         RectifyParam rectify;
         if (chance(3)) disturb(rectify);
         if (rectify.width > 40000 || rectify.height > 4000) rectify = {};
