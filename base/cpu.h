@@ -22,7 +22,7 @@ class Cpu {
 public:
     static bool has_avx2() noexcept { return _avx2().load(std::memory_order_relaxed); }
 
-    /// For tests: false makes every kernel take its plain form; true takes what the processor has.
+    /// For tests: false makes every kernel use its plain form; true uses what the processor has.
     static void allow_avx2(bool allowed) noexcept { _avx2() = allowed && _detect(); }
 
 private:

@@ -10,9 +10,9 @@
 
 namespace vexo {
 
-/// Asks for 2 MiB pages behind a large block that nobody has written to yet. Row after row of a dozen images at once is
+/// Asks for 2 MiB pages under a large block that nobody has written to yet. Row after row of a dozen images at once is
 /// more 4 KiB pages than a processor remembers the addresses of; above all in a virtual machine, where looking one up
-/// is dear. Only a hint: without it everything works the same.
+/// takes long. Only a hint: without it everything works the same.
 inline void ask_for_large_pages(void* block, std::size_t bytes) noexcept
 {
 #if defined(__linux__)

@@ -56,7 +56,7 @@ cv::Size size_of(std::uint32_t width, std::uint32_t height) noexcept
     return { static_cast<int>(std::min(width, largest)), static_cast<int>(std::min(height, largest)) };
 }
 
-/// JPEG is a chain of segments FF marker length...; the size stands in the frame header, C0 to CF but for
+/// JPEG is a chain of segments FF marker length...; the size stands in the frame header, C0 to CF except for
 /// the tables C4, C8 and CC.
 cv::Size jpeg_size(const Header& file) noexcept
 {
@@ -130,7 +130,7 @@ cv::Size tiff_size(const Header& file) noexcept
         const std::size_t entry = directory + 2 + std::size_t { 12 } * i;
         const std::uint32_t tag = number(entry, 2);
         if (tag != 256 && tag != 257) continue;
-        std::uint32_t& side = sides[tag - 256]; // given twice, a decoder may take either
+        std::uint32_t& side = sides[tag - 256]; // given twice, a decoder may use either
         side = std::max(side, number(entry + 8, number(entry + 2, 2) == 3 ? 2 : 4));
     }
     return size_of(sides[0], sides[1]);

@@ -16,9 +16,14 @@ constexpr std::size_t max_yaml_bytes = std::size_t { 1 } << 20;
 /// every text passes this check before it is parsed.
 bool yaml_is_plain(const std::string& text);
 
-/// Opens a YAML file for reading, parsed from memory. False for whatever is not a readable, plain YAML file;
-/// prints nothing and throws nothing. `storage` is open only on success.
+/// Opens a YAML file for reading, parsed from memory, without its comments: after a '#' that begins a line or follows
+/// a blank any byte may stand. False for whatever is not a readable, plain YAML file; prints nothing and throws
+/// nothing. `storage` is open only on success.
 bool open_yaml(const std::string& path, cv::FileStorage& storage);
+
+/// Reads an integer, which may be written as a real: 640 and 640. are one size. False, and `value` kept, for anything
+/// else.
+bool read_whole(const cv::FileNode& node, int& value);
 
 /// Storage that collects YAML in memory; close_yaml() writes it. Never write a storage to a path: it does not
 /// report a full disk, and a kill leaves half a file.

@@ -40,7 +40,7 @@ private:
     int _fd;
 };
 
-/// Takes the temporary file that belongs to a target: creates it, or takes over what a killed process left.
+/// Gets the temporary file that belongs to a target: creates it, or reuses what a killed process left.
 /// A living writer holds the lock, so its file is never taken. -1 when neither is possible.
 int take_temporary(const std::string& temporary)
 {
@@ -59,6 +59,20 @@ int take_temporary(const std::string& temporary)
         ::usleep(10000); // another process or thread writes the same target: let it finish
     }
     return -1;
+}
+
+/// The name that a file is written to: that of the last link, when the path's last part is a symbolic link. Empty for
+/// a loop.
+std::string without_links(std::string path)
+{
+    constexpr int most_links = 40; // as the kernel follows
+    for (int i = 0; i < most_links; ++i) {
+        std::error_code not_a_link;
+        const std::filesystem::path named = std::filesystem::read_symlink(path, not_a_link);
+        if (not_a_link) return path;
+        path = (std::filesystem::path(path).parent_path() / named).string(); // an absolute one stands alone
+    }
+    return {};
 }
 
 } // namespace
@@ -99,11 +113,13 @@ std::string read_bytes(const std::string& path, std::size_t limit)
 
 bool write_file(const std::string& path, const void* bytes, std::size_t size)
 {
-    if (path.empty() || path.find('\0') != std::string::npos || path.back() == '/') return false;
+    if (path.empty() || path.find('\0') != std::string::npos) return false;
     struct stat old = {};
     if (::stat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) return false;
+    const std::string target = without_links(path);
+    if (target.empty() || target.back() == '/') return false;
 
-    const std::string temporary = path + ".vexo-tmp";
+    const std::string temporary = target + ".vexo-tmp";
     Descriptor file(take_temporary(temporary));
     if (!file.ok()) return false;
 
@@ -117,7 +133,7 @@ bool write_file(const std::string& path, const void* bytes, std::size_t size)
     }
     // Renamed while locked: another writer of the same target waits for the lock, then finds the name gone.
     const bool whole = done == size && ::fsync(file.get()) == 0;
-    if (whole && ::rename(temporary.c_str(), path.c_str()) == 0) return file.close();
+    if (whole && ::rename(temporary.c_str(), target.c_str()) == 0) return file.close();
     ::unlink(temporary.c_str());
     return false;
 }
@@ -130,6 +146,15 @@ bool write_file(const std::string& path, const std::string& bytes)
 bool write_file(const std::string& path, const std::vector<unsigned char>& bytes)
 {
     return write_file(path, bytes.data(), bytes.size());
+}
+
+bool same_file(const std::string& a, const std::string& b)
+{
+    if (a == b) return true;
+    std::error_code error;
+    const std::filesystem::path path_a = std::filesystem::weakly_canonical(without_links(a), error);
+    const std::filesystem::path path_b = std::filesystem::weakly_canonical(without_links(b), error);
+    return !error && path_a == path_b;
 }
 
 } // namespace vexo

@@ -18,8 +18,12 @@ std::string read_bytes(const std::string& path, std::size_t limit);
 /// Replaces `path` by a file with these bytes, or leaves everything as it was and answers false: the bytes go
 /// into a temporary file beside the target, reach the disk, and only then take the target's name. A full disk,
 /// a read-only folder or a kill at any moment leaves the old file or the new one, never a mixture.
+/// A symbolic link is followed: the file that it names is replaced, or made, and the link stays. False for a loop.
 bool write_file(const std::string& path, const void* bytes, std::size_t size);
 bool write_file(const std::string& path, const std::string& bytes);
 bool write_file(const std::string& path, const std::vector<unsigned char>& bytes);
+
+/// Whether two names mean one file, however they are spelled, also of a file that is still to be written.
+bool same_file(const std::string& a, const std::string& b);
 
 } // namespace vexo

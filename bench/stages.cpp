@@ -75,7 +75,7 @@ struct Stages {
         return { decoders[cam]->valid[static_cast<std::size_t>(row)],
             std::vector<float>(phase, phase + map[cam].cols) };
     }
-    vexo::PhaseRow row(std::size_t cam, int r) const { return { mask[cam][r], map[cam][r] }; }
+    vexo::PhaseMapRow row(std::size_t cam, int r) const { return { mask[cam][r], map[cam][r] }; }
     void match()
     {
         vexo::RowMatcher matcher;

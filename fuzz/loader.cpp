@@ -1,5 +1,6 @@
 // A loader of the library, with VEXO_FUZZ_FILE of its files replaced by the input; what it takes is used.
 
+#include "base/whole_file.h"
 #include "support/loaders.h"
 #include "target.h"
 

@@ -22,7 +22,7 @@ std::string period_range()
 /// Below 1 there are no stripes to draw; what can be decoded is a narrower question.
 void require_stripes(int period)
 {
-    if (period < 1) throw Failure("fringe period " + std::to_string(period) + ": must be 1 projector px or more");
+    if (period < 1) throw UsageFailure("fringe period " + std::to_string(period) + ": must be 1 projector px or more");
 }
 
 PatternFrame even_frame(const char* what, int columns, int grey)
@@ -81,10 +81,10 @@ std::vector<PatternFrame> gray_phase_frames(int columns, int period)
 void check_period(int columns, int period)
 {
     const std::string which = "fringe period " + std::to_string(period) + ": ";
-    if (period < shortest_period || period > longest_period) throw Failure(which + period_range());
+    if (period < shortest_period || period > longest_period) throw UsageFailure(which + period_range());
     constexpr int fringes = 1 << gray_bits;
     if (columns > period * fringes)
-        throw Failure(which + "seven gray code frames number " + std::to_string(fringes) + " fringes, "
+        throw UsageFailure(which + "seven gray code frames number " + std::to_string(fringes) + " fringes, "
             + std::to_string(period * fringes) + " columns; " + std::to_string(columns) + " columns need a period of "
             + std::to_string((columns + fringes - 1) / fringes) + " or more");
 }
@@ -105,14 +105,14 @@ std::vector<PatternFrame> multi_phase_frames(int columns, const std::vector<int>
 void check_periods(const std::vector<int>& periods)
 {
     const std::string which = "fringe periods" + listed(periods) + ": ";
-    if (periods.size() != 3) throw Failure(which + "give three; only three periods can be told apart");
+    if (periods.size() != 3) throw UsageFailure(which + "give three; only three periods can be told apart");
     std::int64_t multiple = 1;
     for (const int period : periods) {
-        if (period < shortest_period || period > longest_period) throw Failure(which + "each " + period_range());
+        if (period < shortest_period || period > longest_period) throw UsageFailure(which + "each " + period_range());
         multiple = std::lcm(multiple, static_cast<std::int64_t>(period));
     }
     if (multiple > multi_phase_columns) return;
-    throw Failure(which + "their least common multiple is " + std::to_string(multiple)
+    throw UsageFailure(which + "their least common multiple is " + std::to_string(multiple)
         + ", after which the pattern repeats; it must be above " + std::to_string(multi_phase_columns)
         + ", the columns in use, or unresolved pixels count as measured; try 9,10,11 or 16,18,21");
 }

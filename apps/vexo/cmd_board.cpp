@@ -37,7 +37,7 @@ cv::Size2d page_of(const std::string& text)
     if (const auto known = page_named(text)) return *known;
     const auto [width, height] = parse_pair(lower(text), 'x', "--page");
     if (width < 50.0 || height < 50.0 || width > 5000.0 || height > 5000.0)
-        throw Failure("--page " + text + ": a page is 50 to 5000 mm wide and high");
+        throw UsageFailure("--page " + text + ": a page is 50 to 5000 mm wide and high");
     return { width, height };
 }
 
@@ -45,7 +45,7 @@ cv::Point origin_of(const std::string& text)
 {
     const auto [x, y] = parse_pair(text, ',', "--origin");
     if (x != std::floor(x) || y != std::floor(y) || std::abs(x) > 1e6 || std::abs(y) > 1e6)
-        throw Failure("--origin " + text + ": write two whole numbers, such as --origin 10,7");
+        throw UsageFailure("--origin " + text + ": write two whole numbers, such as --origin 10,7");
     return { static_cast<int>(x), static_cast<int>(y) };
 }
 
@@ -62,7 +62,7 @@ void run(BoardOptions o, const GlobalOptions& options)
     const fs::path out(o.out);
     const std::string extension = lower(out.extension().string());
     if (extension != ".pdf" && extension != ".svg" && extension != ".png")
-        throw Failure("--out " + o.out + ": name a file that ends with .pdf, .svg or .png");
+        throw UsageFailure("--out " + o.out + ": name a file that ends with .pdf, .svg or .png");
     if (!o.page.empty()) o.request.page_mm = page_of(o.page);
     if (!o.origin.empty()) o.request.origin = origin_of(o.origin);
     const auto [board, page] = design_board(o.request);

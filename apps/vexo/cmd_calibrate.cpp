@@ -30,7 +30,7 @@ void complete(CalibrateOptions& o)
 {
     std::error_code ignored;
     if (o.folder.empty() && o.cam0.empty())
-        throw Failure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1 (one camera: --cam0 alone)");
+        throw UsageFailure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1 (one camera: --cam0 alone)");
     if (!o.folder.empty() && !fs::is_directory(o.folder, ignored))
         throw Failure(o.folder + ": there is no such folder");
     const fs::path folder(o.folder);
@@ -39,7 +39,7 @@ void complete(CalibrateOptions& o)
         o.cam1 = (folder / "cam1").string();
     for (const double ruler : { o.request.ruler_x, o.request.ruler_y })
         if (ruler != 0 && !(ruler >= 80.0 && ruler <= 120.0))
-            throw Failure("--ruler-x, --ruler-y: the measured length of a 100 mm ruler in mm, such as 99.6");
+            throw UsageFailure("--ruler-x, --ruler-y: the measured length of a 100 mm ruler in mm, such as 99.6");
 }
 
 void add_files(OutputFolder& out, const Calibrated& c, const std::vector<Finding>& findings, const Json& json)

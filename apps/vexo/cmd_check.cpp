@@ -42,7 +42,7 @@ void run(CheckOptions o, const GlobalOptions& options)
     say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
     put_json(options, capture_json(checked));
     const std::string verdict = "verdict: " + capture_verdict(checked.findings);
-    if (heaviest(checked.findings) == Weight::spoils) throw Failure(verdict);
+    if (heaviest(checked.findings) == Weight::spoils) throw BelowLimit(verdict);
     say(options, verdict);
 }
 

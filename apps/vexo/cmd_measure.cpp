@@ -39,7 +39,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Stereo stereo = open_stereo(o.calib, o.camera);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
-    if (measured.cloud.count == 0) throw Failure(why_nothing(measured));
+    if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
 
     progress.step("making the pictures");
     Json report = make_report(capture, stereo, o.request, measured, read_seconds);

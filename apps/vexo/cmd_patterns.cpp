@@ -31,16 +31,18 @@ cv::Size projector_size(const std::string& text)
         sides[i] = digits ? std::stoi(part) : 0;
     }
     if (sides[0] < 64 || sides[1] < 1 || sides[0] > 16384 || sides[1] > 16384)
-        throw Failure("--projector " + text + ": write COLUMNSxROWS, such as 1024x768, at most 16384 each");
+        throw UsageFailure("--projector " + text + ": write COLUMNSxROWS, such as 1024x768, at most 16384 each");
     return { sides[0], sides[1] };
 }
 
 void check_steps(int steps)
 {
     if (steps == 3)
-        throw Failure("--steps 3: the library's three-step formula weights the first frame alone by sqrt(3) and is off "
-                      "by up to 0.8 rad on three-step patterns; use --steps 4");
-    if (steps != 4) throw Failure("--steps " + std::to_string(steps) + ": four shifts a period are decoded, --steps 4");
+        throw UsageFailure(
+            "--steps 3: the library's three-step formula weights the first frame alone by sqrt(3) and is off "
+            "by up to 0.8 rad on three-step patterns; use --steps 4");
+    if (steps != 4)
+        throw UsageFailure("--steps " + std::to_string(steps) + ": four shifts a period are decoded, --steps 4");
 }
 
 void run(PatternOptions o, const GlobalOptions& options)

@@ -55,7 +55,7 @@ void run(const PoseOptions& o, const GlobalOptions& options)
         out->commit();
     }
     put_json(options, json);
-    if (!solved) throw Failure("no pose: " + o.images[0] + ": " + all[0].reason);
+    if (!solved) throw BelowLimit("no pose: " + o.images[0] + ": " + all[0].reason);
 }
 
 } // namespace

@@ -49,7 +49,7 @@ sim::Pattern pattern_of(const std::string& folder, sim::RigOptions& rig)
 void check_method(const sim::RigOptions& rig)
 {
     if (rig.method == Method::multi_phase) check_periods(rig.periods);
-    if (const char* fault = sim::why_invalid(rig)) throw Failure(std::string("simulate: ") + fault);
+    if (const char* fault = sim::why_invalid(rig)) throw UsageFailure(std::string("simulate: ") + fault);
 }
 
 void say_capture(const GlobalOptions& global, const SimulateOptions& o, const sim::RigOptions& rig, const Json& result)
@@ -82,7 +82,8 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     check_method(rig);
     for (const int frame : rig.swapped)
         if (static_cast<std::size_t>(frame) >= pattern.frames.size())
-            throw Failure("--swap " + o.swap + ": there are frames 0 to " + std::to_string(pattern.frames.size() - 1));
+            throw UsageFailure(
+                "--swap " + o.swap + ": there are frames 0 to " + std::to_string(pattern.frames.size() - 1));
     check_output_folder(o.out);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
@@ -104,7 +105,7 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
     sim::CalibrationOptions photos = o.photos;
     photos.rig = rig_of(o);
     photos.board = board.layout;
-    if (const char* fault = sim::why_invalid(photos)) throw Failure(std::string("simulate: ") + fault);
+    if (const char* fault = sim::why_invalid(photos)) throw UsageFailure(std::string("simulate: ") + fault);
     check_output_folder(o.out);
 
     Progress progress(global, photos.views + 1);

@@ -17,7 +17,7 @@
 namespace {
 
 /// One line, whatever an exception's text looks like.
-int report(std::string what)
+int report(std::string what, vexo::app::ExitCode code)
 {
     vexo::app::wait_if_stopped(); // the signal has its own line
     for (char& c : what)
@@ -25,7 +25,7 @@ int report(std::string what)
     while (!what.empty() && what.back() == ' ')
         what.pop_back();
     vexo::app::complain("vexo: " + what);
-    return 1;
+    return code;
 }
 
 /// Options that cannot be understood; help and version are no errors.
@@ -35,8 +35,7 @@ int report_options(const CLI::App& app, const CLI::ParseError& error)
     std::string command = "vexo";
     for (const CLI::App* sub : app.get_subcommands())
         command += " " + sub->get_name();
-    report(std::string(error.what()) + "; see " + command + " --help");
-    return 2;
+    return report(std::string(error.what()) + "; see " + command + " --help", vexo::app::wrong_usage);
 }
 
 int run(int argc, char** argv)
@@ -64,7 +63,7 @@ int run(int argc, char** argv)
     }
     std::cout.flush();
     vexo::app::wait_if_stopped();
-    return std::cout ? 0 : report("the standard output was closed");
+    return std::cout ? vexo::app::good : report("the standard output was closed", vexo::app::try_again);
 }
 
 /// A stream that the caller closed must not become the number of a file: what is written to it fails instead.
@@ -94,13 +93,21 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN); // a closed pipe shows up as a failed write
     vexo::app::watch_signals();
     cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT); // OpenCV's news are not the user's
+    using namespace vexo::app;
     try {
         return run(argc, argv);
+    } catch (const BelowLimit& error) {
+        return report(error.what(), below_limit);
+    } catch (const vexo::UsageFailure& error) {
+        return report(error.what(), wrong_usage);
+    } catch (const vexo::TemporaryFailure& error) {
+        return report(error.what(), try_again);
     } catch (const std::bad_alloc&) {
-        return report("not enough memory");
+        return report("not enough memory", try_again);
     } catch (const std::filesystem::filesystem_error& error) {
-        return report(error.path1().string() + ": " + error.code().message());
+        const ExitCode code = vexo::is_temporary(error.code().value()) ? try_again : bad_input;
+        return report(error.path1().string() + ": " + error.code().message(), code);
     } catch (const std::exception& error) {
-        return report(error.what());
+        return report(error.what(), bad_input);
     }
 }

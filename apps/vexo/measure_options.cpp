@@ -106,15 +106,17 @@ void declare(CLI::App& command, MeasureOptions& o)
 
 void complete(MeasureOptions& o)
 {
-    if (!o.disparity.empty() && !o.depth.empty()) throw Failure("--disparity and --depth: give one of them, not both");
+    if (!o.disparity.empty() && !o.depth.empty())
+        throw UsageFailure("--disparity and --depth: give one of them, not both");
     if (!o.disparity.empty()) o.request.disparity = parse_range(o.disparity, "--disparity");
     if (!o.depth.empty()) o.request.depth = parse_depths(o.depth, "--depth");
     if (o.steps == 3)
-        throw Failure("--steps 3: the library's three-step formula is wrong for ordinary three-step patterns, by up to "
-                      "0.8 rad of phase; project four steps");
-    if (o.steps != 4) throw Failure("--steps " + std::to_string(o.steps) + ": fringes are measured in four steps");
+        throw UsageFailure(
+            "--steps 3: the library's three-step formula is wrong for ordinary three-step patterns, by up to "
+            "0.8 rad of phase; project four steps");
+    if (o.steps != 4) throw UsageFailure("--steps " + std::to_string(o.steps) + ": fringes are measured in four steps");
     if (o.files.folder.empty() && (o.calib.empty() || o.files.cam0.empty() || o.files.cam1.empty()))
-        throw Failure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
+        throw UsageFailure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
     if (o.calib.empty()) o.calib = { (fs::path(o.files.folder) / "cameras.yaml").string() };
     std::error_code ignored;

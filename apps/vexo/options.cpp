@@ -19,6 +19,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr const char* exit_codes
+    = "Exit codes: 0 good; 1 done, but below a limit or with a verdict that spoils; 2 wrong usage;\n"
+      "3 bad input, trying again does not help; 75 temporary, try again; 130, 143 after signals";
+
 void use_threads(int threads)
 {
     if (threads > 0) {
@@ -56,7 +60,7 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
     command.add_flag("--quiet", options.quiet, "print nothing but errors");
     command.add_option("--threads", options.threads, "number of threads (default: all cores)")
         ->check(CLI::Range(1, 1024));
-    command.footer("Example:\n  " + example);
+    command.footer("Example:\n  " + example + "\n\n" + exit_codes);
     command.callback([&options, run = std::move(run)] {
         use_threads(options.threads);
         mute_libraries();
@@ -70,35 +74,36 @@ std::pair<double, double> parse_pair(const std::string& text, char between, cons
     double a = 0.0, b = 0.0;
     if (at != std::string::npos && read_number(text.substr(0, at), a) && read_number(text.substr(at + 1), b))
         return { a, b };
-    throw Failure(option + " " + text + ": write two numbers with " + std::string(1, between) + " between them, "
+    throw UsageFailure(option + " " + text + ": write two numbers with " + std::string(1, between) + " between them, "
         + option + " A" + between + "B");
 }
 
 std::pair<double, double> parse_range(const std::string& text, const std::string& option)
 {
     const auto range = parse_pair(text, ':', option);
-    if (range.first >= range.second) throw Failure(option + " " + text + ": the first number must be the smaller one");
+    if (range.first >= range.second)
+        throw UsageFailure(option + " " + text + ": the first number must be the smaller one");
     return range;
 }
 
 std::pair<double, double> parse_depths(const std::string& text, const std::string& option)
 {
     const auto range = parse_range(text, option);
-    if (range.first <= 0.0) throw Failure(option + " " + text + ": depths must be positive");
+    if (range.first <= 0.0) throw UsageFailure(option + " " + text + ": depths must be positive");
     return range;
 }
 
 void reject(const std::vector<CLI::Option*>& options, const std::string& why)
 {
     for (const CLI::Option* option : options)
-        if (option->count() > 0) throw Failure(option->get_name() + ": " + why);
+        if (option->count() > 0) throw UsageFailure(option->get_name() + ": " + why);
 }
 
 void complete_cameras(const std::string& folder, std::string& cam0, std::string& cam1)
 {
     std::error_code ignored;
     if (folder.empty() && (cam0.empty() || cam1.empty()))
-        throw Failure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1");
+        throw UsageFailure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1");
     if (!folder.empty() && !fs::is_directory(folder, ignored)) throw Failure(folder + ": there is no such folder");
     if (cam0.empty()) cam0 = (fs::path(folder) / "cam0").string();
     if (cam1.empty()) cam1 = (fs::path(folder) / "cam1").string();

@@ -98,7 +98,7 @@ sim::RigOptions rig_of(const SimulateOptions& o)
         const auto [a, b] = parse_range(o.swap, "--swap");
         rig.swapped = { static_cast<int>(std::clamp(a, -1.0, 1e6)), static_cast<int>(std::clamp(b, -1.0, 1e6)) };
         if (rig.swapped[0] != a || rig.swapped[1] != b || a < 0 || b < 0 || a == b)
-            throw Failure("--swap " + o.swap + ": give the numbers of two frames, as in 10:11");
+            throw UsageFailure("--swap " + o.swap + ": give the numbers of two frames, as in 10:11");
     }
     return rig;
 }

@@ -37,7 +37,7 @@ void say(const GlobalOptions& options, const std::string& line)
 {
     if (options.json || options.quiet) return;
     std::cout << line << '\n';
-    if (!std::cout) throw Failure("the standard output was closed");
+    if (!std::cout) throw TemporaryFailure("the standard output was closed");
 }
 
 void say(const GlobalOptions& options, const std::vector<std::string>& lines)
@@ -50,7 +50,7 @@ void put_json(const GlobalOptions& options, const Json& result)
 {
     if (!options.json) return;
     std::cout << json_text(result) << std::flush;
-    if (!std::cout) throw Failure("the standard output was closed");
+    if (!std::cout) throw TemporaryFailure("the standard output was closed");
 }
 
 void complain(const std::string& line)

@@ -4,6 +4,7 @@
 #include "host/files/json_file.h"
 
 #include <chrono>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,16 @@ struct GlobalOptions {
     bool json = false;  ///< the result as JSON on the standard output, and nothing else there
     bool quiet = false; ///< no lines for people; errors still go to the standard error stream
     int threads = 0;    ///< threads of OpenMP and OpenCV; 0: as many as the machine has
+};
+
+/// Exit codes, the same of every command.
+enum ExitCode { good = 0, below_limit = 1, wrong_usage = 2, bad_input = 3, try_again = 75 };
+
+/// The work is done and its results are written, but they lie below a limit, or a verdict says that they cannot be
+/// trusted. The text is one line: what is wrong, and what to do.
+class BelowLimit : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
 };
 
 /// One line for people on the standard output; nothing with --json or --quiet. Throws Failure when it was closed.

@@ -37,7 +37,7 @@ Preset chosen_preset(const BoardRequest& o)
     for (const Preset& preset : presets)
         if (lower(preset.name) == lower(o.preset)) return preset;
     if (!o.page_mm || !o.columns || !o.rows)
-        throw Failure("--preset custom needs --page WIDTHxHEIGHT, --columns and --rows");
+        throw UsageFailure("--preset custom needs --page WIDTHxHEIGHT, --columns and --rows");
     return { "custom", {}, *o.columns, *o.rows, default_pitch };
 }
 
@@ -58,7 +58,7 @@ BoardFile chosen_board(const BoardRequest& o, const Preset& preset)
         b.origin_y = o.origin->y;
     }
     const std::string fault = why_unreadable(board);
-    if (!fault.empty()) throw Failure("recognition could not read this board: " + fault);
+    if (!fault.empty()) throw UsageFailure("recognition could not read this board: " + fault);
     return board;
 }
 

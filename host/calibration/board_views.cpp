@@ -135,7 +135,7 @@ BoardViews find_views(const std::string& cam0, const std::string& cam1, const st
 {
     const Numbered left = numbered(cam0);
     for (const int n : dropped)
-        if (left.count(n) == 0) throw Failure("--drop-view " + std::to_string(n) + ": no view has that number");
+        if (left.count(n) == 0) throw UsageFailure("--drop-view " + std::to_string(n) + ": no view has that number");
     BoardViews views;
     views.cameras.push_back(list(left, 0, dropped));
     if (!cam1.empty()) {
@@ -143,7 +143,7 @@ BoardViews find_views(const std::string& cam0, const std::string& cam1, const st
         check_pairing(cam0, left, cam1, right);
         views.cameras.push_back(list(right, 1, dropped));
     }
-    if (views.count() == 0) throw Failure("--drop-view: no view is left");
+    if (views.count() == 0) throw UsageFailure("--drop-view: no view is left");
     return views;
 }
 

@@ -38,7 +38,7 @@ FringeMethod find_method(const CheckRequest& request)
     constexpr int longest = 4096;
     const auto possible = [](int period) { return period >= 2 && period <= longest; };
     if (found.periods.size() != 3 || !std::all_of(found.periods.begin(), found.periods.end(), possible))
-        throw Failure("--periods: give three, each 2 to 4096 projector px");
+        throw UsageFailure("--periods: give three, each 2 to 4096 projector px");
     return found;
 }
 

@@ -72,7 +72,7 @@ void read_maps(FrameSet& set, std::size_t camera, const std::string& folder, Met
 
 FrameSet read_decoded(const std::string& cam0, const std::string& cam1, Method method)
 {
-    if (method == Method::sgbm) throw Failure("--decoded: block matching takes pictures, no decoded maps");
+    if (method == Method::sgbm) throw UsageFailure("--decoded: block matching takes pictures, no decoded maps");
     FrameSet set;
     read_maps(set, 0, cam0, method);
     read_maps(set, 1, cam1, method);

@@ -20,10 +20,10 @@ namespace fs = std::filesystem;
 void check_output_folder(const std::string& folder)
 {
     std::error_code ignored;
-    if (folder.empty()) throw Failure("--out: name a folder");
+    if (folder.empty()) throw UsageFailure("--out: name a folder");
     fs::path existing = fs::absolute(folder, ignored);
     if (fs::exists(existing, ignored) && !fs::is_directory(existing, ignored))
-        throw Failure(folder + ": is a file; name a folder for the results");
+        throw UsageFailure(folder + ": is a file; name a folder for the results");
     while (!existing.empty() && !fs::exists(existing, ignored) && existing.has_relative_path())
         existing = existing.parent_path();
     if (!fs::is_directory(existing, ignored) || ::access(existing.c_str(), W_OK | X_OK) != 0)
@@ -41,7 +41,8 @@ void OutputFolder::stay_out_of(const std::vector<std::string>& pictures) const
     for (const std::string& picture : pictures) {
         std::error_code ignored;
         if (!fs::equivalent(fs::absolute(picture, ignored).parent_path(), _folder, ignored)) continue;
-        throw Failure(_folder + ": holds the frames, and would hold the results as more of them; name another folder");
+        throw UsageFailure(
+            _folder + ": holds the frames, and would hold the results as more of them; name another folder");
     }
 }
 

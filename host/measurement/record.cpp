@@ -66,7 +66,7 @@ void set_disparity_limits(MatchingRecord& record, double low, double high)
     const int first = step * static_cast<int>(std::floor(low / step));
     const int end = step * (static_cast<int>(std::floor(high / step)) + 1);
     if (first < lowest || end > highest)
-        throw Failure("disparities from " + number(low, 0) + " to " + number(high, 0)
+        throw UsageFailure("disparities from " + number(low, 0) + " to " + number(high, 0)
             + " px are more than block matching can hold (" + std::to_string(lowest) + " to " + std::to_string(highest)
             + "); use a smaller --depth or --disparity range");
     auto& sgbm = std::get<SGBMatchingParam>(record);

@@ -51,8 +51,10 @@ std::vector<std::string> camera_names(const cv::FileStorage& yaml)
 Json size_in(const cv::FileStorage& yaml, const std::string& key)
 {
     const cv::FileNode node = yaml[key];
-    if (!node.isSeq() || node.size() != 2 || !node[0].isInt() || !node[1].isInt()) return nullptr;
-    return { static_cast<int>(node[0]), static_cast<int>(node[1]) };
+    int width = 0, height = 0;
+    if (!node.isSeq() || node.size() != 2 || !read_whole(node[0], width) || !read_whole(node[1], height))
+        return nullptr;
+    return { width, height };
 }
 
 /// Numbers of a 3 x 3 intrinsic matrix of any scale.

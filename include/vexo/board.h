@@ -18,7 +18,8 @@ namespace vexo {
 /// Codes    0 "Success", 1 "ImageSize_Changed", 2 "Few_Contours", 3 "BaseMarker_NotFound",
 ///          4 "N_BaseMarker_NotMatch", 5 "BaseMarker_ClassifyFailure".
 /// Pictures kind 0 numbered markers, 2 binary image, 3 circles found, 4 and 5 neighbours found; -1 the one
-///          that belongs to how the last recognition ended; any other kind has no picture.
+///          that belongs to how the last recognition ended; any other kind has no picture. A stage that the
+///          last recognition did not come to has none either, even where an earlier one left it.
 /// Threads  one recogniser is for one thread at a time.
 ///
 /// Binary contract: the order of the virtual operations; the destructor comes second.

@@ -28,15 +28,16 @@ public:
 
     /// Recognises the board in an 8-bit grey picture and keeps the markers as a view.
     ///
-    /// @param data, width, height, step  picture and its row step in bytes; not kept
-    /// @param show   show the result picture
-    /// @param save   file for the result picture; empty: none
+    /// @param data, width, height, step  picture and its row step in bytes, 0 for packed rows; not kept
+    /// @param show   show the result picture of this recognition, kind -1 of iCalibBoardRecognizer; what an earlier one
+    ///               left of a later stage counts as absent
+    /// @param save   file for the result picture, in the format of its extension, such as .png; empty: none
     /// @return       recogniser's code, 0 on success; -1 before set_parameters; 2 for an empty picture.
     ///               Only code 0 keeps a view
     virtual int put_image(unsigned char* data, int width, int height, unsigned long step, bool show, std::string save)
         = 0;
 
-    /// As above, from an image file; 2 when it cannot be read.
+    /// As above, from an image file (PNG, TIFF, BMP, PNM or JPEG), converted to grey; 2 when it cannot be read.
     virtual int put_image(std::string file, bool show, std::string save) = 0;
 
     /// Calibrates from all views with at least 5 markers.
@@ -47,7 +48,8 @@ public:
     /// Throws cv::Exception for degenerate views and for flags that do not go together, as cv::calibrateCamera does.
     virtual bool do_calibrate(CameraCalibParam& param, std::vector<double>* per_view, double* rms) = 0;
 
-    /// Writes the camera's YAML file under keys "<name>_size", "<name>_K", ...; empty: "cam".
+    /// Writes the camera's YAML file under keys "<name>_size", "<name>_K", ... The camera keeps the name, even when
+    /// the file cannot be written; an empty one stands for the name that it has, at first "cam".
     /// The file is replaced whole or, when false is returned, not at all.
     virtual bool save_calibfile(std::string file, std::string name) = 0;
 };
@@ -79,7 +81,7 @@ public:
         int cam, unsigned char* data, int width, int height, unsigned long step, bool show, std::string save)
         = 0;
 
-    /// As above, from an image file.
+    /// As above, from an image file, as iCameraCalibrator::put_image reads it.
     virtual int put_image(int cam, std::string file, bool show, std::string save) = 0;
 
     /// Both pictures side by side in one file, camera 0 on the left. An odd width gives 2, nothing kept.
@@ -90,9 +92,9 @@ public:
     ///
     /// @param per_view  out, may be null: grown to two lists, one entry per picture put, px, NaN if not used
     /// @param rms       out, may be null: root mean square reprojection error of the pair, px
-    /// @return          false when a camera has no usable view or there is no usable pair
-    /// Throws cv::Exception for degenerate views and for flags that do not go together or ask for a first guess of the
-    /// pose (CALIB_USE_EXTRINSIC_GUESS).
+    /// @return          false when a camera has no usable view or there is no usable pair, for degenerate views, and
+    ///                  for flags that do not go together or ask for a first guess of the pose
+    ///                  (CALIB_USE_EXTRINSIC_GUESS); then nothing calibrated before is lost
     virtual bool do_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms) = 0;
 
     /// Writes the cameras' YAML files, names "cam0" and "cam1". Equal names, or an empty file1: both into
@@ -105,7 +107,8 @@ public:
     virtual double create_stereo_camera(RectifyParam& param, int* roi0, int* roi1) = 0;
 
     /// Sets the frame of the stereo camera to that of the board seen in one picture per camera; pictures
-    /// have the input size. Needs create_stereo_camera. @return false when either picture fails
+    /// have the input size, and row steps of 0 mean packed rows. Needs create_stereo_camera.
+    /// @return false when either picture fails
     virtual bool create_stereo_brdcrd(
         unsigned char* data0, unsigned long step0, unsigned char* data1, unsigned long step1)
         = 0;

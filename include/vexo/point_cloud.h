@@ -44,10 +44,10 @@ public:
     /// How genPC() turns the disparity map into points.
     enum Method3D {
         MethodQ = 0, ///< reprojection matrix Q; the one to use. Any unknown value means this one, too
-        /// Midpoint of the sight rays. It takes the *map value* as the column in camera 1, not x - d, so it
+        /// Midpoint of the sight rays. It reads the *map value* as the column in camera 1, not x - d, so it
         /// suits a map that holds columns of camera 1; on disparities it gives no useful point.
         MethodV = 1,
-        /// Linear least squares. It takes the map value as the column in camera 1, as MethodV does.
+        /// Linear least squares. It reads the map value as the column in camera 1, as MethodV does.
         MethodP = 2
     };
 
@@ -118,8 +118,9 @@ public:
     virtual void genPC(Method3D method, bool interpolate) = 0;
 
     /// Hands the last cloud to the host.
-    /// @param callback  called once, before this returns; null is allowed and only asks for the count
-    /// @return          number of valid points
+    /// @param callback  called once, before this returns; null is allowed and only asks for the count. It may measure
+    ///                  again or call destroy(), after which the buffers handed to it are gone
+    /// @return          number of valid points, the one that the callback was given
     virtual int get_pointcloud(PointCloudCallback* callback) = 0;
 
 protected:

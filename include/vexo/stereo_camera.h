@@ -22,7 +22,7 @@ public:
     /// Distance between the two optical centres, in the calibration's length unit.
     virtual double get_baseline_length() const = 0;
 
-    /// Size of the raw camera images that remap() takes, in pixels.
+    /// Size of the raw camera images that remap() accepts, in pixels.
     virtual void get_inpimage_size(int* width, int* height) const = 0;
 
     /// Size of the rectified images that remap() makes, in pixels.
@@ -30,9 +30,9 @@ public:
 
     /// Rectifies 8-bit one-channel images.
     ///
-    /// @param src, src_step  raw image of the input size, and its row step in bytes; at least one row's bytes
-    /// @param dst, dst_step  out: rectified image of the output size; pixels that have no source pixel get
-    ///                       the camera's fill colour
+    /// @param src, src_step  raw image of the input size, and its row step in bytes; 0 means packed rows
+    /// @param dst, dst_step  out: rectified image of the output size, and its row step; pixels that have no source
+    ///                       pixel get the camera's fill colour
     /// @param which          0 or 1: one image with that camera. 2: two images side by side in one buffer,
     ///                       camera 0 on the left, in src and in dst
     /// @return               false, and dst untouched, for any other `which`, null buffers, steps that are

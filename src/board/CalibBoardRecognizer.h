@@ -50,7 +50,7 @@ public:
     void copy_result_image(cv::Mat& image, int kind) override;
     void show_result_image(int kind) override;
 
-    /// Checks the record and takes it over with its board points; false, and all kept, when it is unusable.
+    /// Checks the record and copies it, with its board points; false, and all kept, when it is unusable.
     bool init_recognizer(CalibBoardParam& board);
 
 protected:

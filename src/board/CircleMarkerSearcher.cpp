@@ -1,5 +1,6 @@
 #include "board/CircleMarkerSearcher.h"
 
+#include "base/angles.h"
 #include "board/result_picture.h"
 #include "vexo/limits.h"
 
@@ -30,7 +31,7 @@ const std::array<cv::Vec3b, 5> verdict_colours = {
 int contour_length(double radius)
 {
     constexpr double longest = std::numeric_limits<int>::max();
-    const double length = 6.283185307179586 * radius + 0.5;
+    const double length = 2 * pi * radius + 0.5;
     return std::isnan(length) ? 0 : static_cast<int>(std::clamp(length, -longest, longest));
 }
 

@@ -58,8 +58,8 @@ protected:
     void _draw_circles(cv::Mat& drawing) const;
 
     CircleMarkerParam searcher_param;
-    std::vector<Contour> contours;        ///< of the kept markers
-    std::vector<RotatedEllipse> ellipses; ///< of the kept markers, px
+    std::vector<Contour> contours;        ///< one for each kept marker
+    std::vector<RotatedEllipse> ellipses; ///< one for each kept marker, px
     int max_length = 0;                   ///< points of a contour
     int min_length = 0;                   ///< points of a contour
 

@@ -78,7 +78,7 @@ protected:
     double neighbour_limit = 0;          ///< marker diameters
     std::vector<Neighbours> connections; ///< by kept marker
     std::vector<int> base_markers;       ///< kept markers that are rings
-    std::vector<int> state;              ///< of the last find(), by kept marker
+    std::vector<int> state;              ///< what the last find() left, by kept marker
 
 private:
     bool _connected = false; // `connections` belong to the last find()

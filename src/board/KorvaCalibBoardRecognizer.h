@@ -5,7 +5,7 @@
 namespace vexo {
 
 /// The board with three rings: O at board position (0, 0), X two steps along x, Y one step along y. Needs no
-/// known orientation, and tells a mirrored board from a true one. Seen from the front with x to the right, y
+/// known orientation, and distinguishes a mirrored board from a true one. Seen from the front with x to the right, y
 /// points up.
 class KORVACalibBoardRecognizer : public CalibBoardRecognizer {
 public:

@@ -21,7 +21,7 @@ class PreProcessor {
 public:
     virtual ~PreProcessor() = default;
 
-    /// Takes over the record. The gamma table is built when gamma is not exactly 1, and stays, unused, when
+    /// Copies the record. The gamma table is built when gamma is not exactly 1, and stays, unused, when
     /// gamma returns to 1.
     void init_preproc(PreProcParam& param);
 

@@ -1,5 +1,7 @@
 #include "board/RotatedEllipse.h"
 
+#include "base/angles.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -118,7 +120,7 @@ double RotatedEllipse::minor_axis() const
 cv::RotatedRect RotatedEllipse::rectangle(double scale) const
 {
     const cv::Size2f size(static_cast<float>(full_axes[0] * scale), static_cast<float>(full_axes[1] * scale));
-    return { cv::Point2f(center), size, static_cast<float>(angle * 180 / CV_PI) };
+    return { cv::Point2f(center), size, static_cast<float>(angle * 180 / pi) };
 }
 
 } // namespace vexo

@@ -7,6 +7,7 @@
 #include "calib/board_pose.h"
 #include "camera/camera_file.h"
 #include "camera/image_file.h"
+#include "camera/stereo_construction.h"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
@@ -18,13 +19,50 @@ namespace vexo {
 
 namespace {
 
-/// Name of the camera to read from a storage: "cam<selector>", else the only one there is. Empty: none.
+/// Name of the camera to read from a storage: "cam<selector>", that of a stereo file, else the only one there is.
+/// Empty: none.
 std::string camera_name(const cv::FileStorage& storage, int selector, bool own_file)
 {
-    std::string name = "cam" + std::to_string(selector);
-    if (camera_file::has_projection(storage, name)) return name;
-    const std::string first = DistortCamera(cv::Size(0, 0), "").get_camera_name(&storage);
-    return (own_file || selector == 0) && camera_file::has_projection(storage, first) ? first : "";
+    std::vector<std::string> names { "cam" + std::to_string(selector) };
+    const cv::FileNode pair = camera_file::find(storage, "StereoName");
+    if (pair.isString() && selector < 2)
+        for (const std::string& stereo : { pair.string(), std::string("stereo") })
+            names.push_back(stereo + (selector == 0 ? "L" : "R"));
+    if (own_file || selector == 0) names.push_back(DistortCamera(cv::Size(0, 0), "").get_camera_name(&storage));
+    const auto held = std::find_if(names.begin(), names.end(),
+        [&storage](const std::string& name) { return camera_file::has_projection(storage, name); });
+    return held == names.end() ? "" : *held;
+}
+
+/// The cameras of a stereo file are rectified ones: without distortion, as the file holds none.
+bool read_yaml(const std::vector<std::string>& files, int selector, DistortCamera& camera)
+{
+    const bool own_file = files.size() > 1; // one file a camera
+    const auto index = static_cast<size_t>(own_file ? selector : 0);
+    cv::FileStorage storage;
+    if (index >= files.size() || !open_yaml(files[index], storage)) return false;
+    DistortCamera fresh(cv::Size(0, 0), camera_name(storage, selector, own_file));
+    if (fresh.name.empty() || !fresh.load(&storage)) return false;
+    camera = std::move(fresh);
+    return true;
+}
+
+/// One rectified camera of the files {projection of camera 0, of camera 1, tables}.
+bool read_hmat_set(const std::vector<std::string>& files, int selector, cv::Size size, DistortCamera& camera)
+{
+    if (files.size() != 3 || selector > 1) return false;
+    const Owned<StereoCamera> stereo(create_StereoCamera_from_Hmats(files[0], files[1], files[2], size, {}, {}));
+    if (!stereo) return false;
+    const cv::Mat_<double>& P = (selector == 0 ? stereo->cam0 : stereo->cam1).P;
+    camera = DistortCamera(size, "");
+    camera.setPPM(P(cv::Rect(0, 0, 4, 3)));
+    return true;
+}
+
+/// P holds for any factor, but a negative one turns the axes of decompose() by half a turn about z.
+void face_forward(DistortCamera& camera)
+{
+    if (camera.K(2, 2) < 0) camera.setPPM(cv::Mat_<double>(-camera.P(cv::Rect(0, 0, 4, 3))));
 }
 
 } // namespace
@@ -41,15 +79,14 @@ void CalibBoardPoseSolver::destroy()
 
 bool CalibBoardPoseSolver::init_camera(const std::vector<std::string>& files, int selector, int width, int height)
 {
-    const bool own_file = files.size() > 1; // one file a camera
-    if (selector < 0 || files.empty() || (own_file && static_cast<size_t>(selector) >= files.size())) return false;
+    if (selector < 0) return false;
     return false_if_it_throws([&] {
-        cv::FileStorage storage;
-        if (!open_yaml(files[own_file ? static_cast<size_t>(selector) : 0], storage)) return false;
-        DistortCamera fresh(cv::Size(0, 0), camera_name(storage, selector, own_file));
-        if (fresh.name.empty() || !fresh.load(&storage)) return false;
-        const bool any_size = width == 0 && height == 0;
-        if (!any_size && fresh.size != cv::Size(width, height)) return false;
+        const cv::Size asked(width, height);
+        DistortCamera fresh(cv::Size(0, 0), "");
+        if (!read_yaml(files, selector, fresh) && !read_hmat_set(files, selector, asked, fresh)) return false;
+        const bool any_size = asked == cv::Size(0, 0);
+        if (!camera_file::is_picture_size(fresh.size) || (!any_size && fresh.size != asked)) return false;
+        face_forward(fresh);
         _camera = std::move(fresh);
         _camera_read = true;
         return true;

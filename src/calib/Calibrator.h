@@ -21,8 +21,8 @@ constexpr int min_view_markers = 5;
 /// Source: Zhang, IEEE PAMI 22 (2000) 1330.
 ///
 /// @param camera    in, out: size, K and D; K and D are the start that the flags may ask for
-/// @param param     flags go to OpenCV unchanged, but for CALIB_USE_INTRINSIC_GUESS: with a focal guess K starts
-///                  with it and the image centre, without one the flag is taken away
+/// @param param     flags go to OpenCV unchanged, except for CALIB_USE_INTRINSIC_GUESS: with a focal guess K starts
+///                  with it and the image centre, without one the flag is cleared
 /// @param views     those with fewer than 5 markers are skipped
 /// @param per_view  out, may be null: reprojection error of every view, px; NaN for one that was skipped
 /// @param rms       out, may be null: px

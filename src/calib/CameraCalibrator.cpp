@@ -3,6 +3,7 @@
 #include "base/boundary.h"
 #include "base/plain_yaml.h"
 #include "board/CalibBoardRecognizer.h"
+#include "camera/camera_file.h"
 #include "camera/image_file.h"
 
 #include <utility>
@@ -59,6 +60,7 @@ bool CameraCalibrator::do_calibrate(CameraCalibParam& param, std::vector<double>
 bool CameraCalibrator::save_calibfile(std::string file, std::string name)
 {
     return false_if_it_throws([&] {
+        if (camera_file::is_key_name(name)) _camera.name = name; // also when the file cannot be written
         DistortCamera named(_camera);
         if (!name.empty()) named.name = name;
         cv::FileStorage storage = memory_yaml();

@@ -23,7 +23,7 @@ public:
     bool do_calibrate(CameraCalibParam& param, std::vector<double>* per_view, double* rms) override;
     bool save_calibfile(std::string file, std::string name) override;
 
-    /// As the virtual ones; they end here. The camera takes the picture's size, unless the recognition fails and
+    /// As the virtual ones; they end here. The camera gets the picture's size, unless the recognition fails and
     /// earlier views have another.
     int put_image(cv::Mat& image, bool show, std::string save);
 

@@ -2,6 +2,7 @@
 
 #include "base/boundary.h"
 #include "base/plain_yaml.h"
+#include "base/whole_file.h"
 #include "board/CalibBoardRecognizer.h"
 #include "board/result_picture.h"
 #include "calib/board_pose.h"
@@ -119,7 +120,7 @@ int StereoCalibrator::_put(int cam, cv::Mat& image)
 
 bool StereoCalibrator::do_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms)
 {
-    return false_without_memory([&] { return _calibrate(param, per_view, rms); });
+    return false_if_it_throws([&] { return _calibrate(param, per_view, rms); });
 }
 
 bool StereoCalibrator::_calibrate(CameraCalibParam& param, std::vector<std::vector<double>>* per_view, double* rms)

@@ -8,7 +8,6 @@
 #include <opencv2/imgproc.hpp>
 
 #include <cstdint>
-#include <filesystem>
 #include <new>
 
 namespace vexo {
@@ -22,7 +21,9 @@ bool set_board_parameters(
 
 cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step)
 {
-    if (data == nullptr || width < 1 || height < 1 || step < static_cast<unsigned long>(width)) return {};
+    if (data == nullptr || width < 1 || height < 1) return {};
+    if (step == 0) step = static_cast<unsigned long>(width);
+    if (step < static_cast<unsigned long>(width)) return {};
     if (step > PTRDIFF_MAX / static_cast<unsigned long>(height)) return {}; // no memory holds such rows
     return cv::Mat(height, width, CV_8UC1, data, step);
 }
@@ -57,15 +58,6 @@ void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::str
         recognizer.show_result_image(-1);
         if (display_available()) cv::waitKey(moment_ms); // lets the window draw itself
     });
-}
-
-bool same_file(const std::string& a, const std::string& b)
-{
-    if (a == b) return true;
-    std::error_code error;
-    const std::filesystem::path path_a = std::filesystem::weakly_canonical(a, error);
-    const std::filesystem::path path_b = std::filesystem::weakly_canonical(b, error);
-    return !error && path_a == path_b;
 }
 
 } // namespace vexo

@@ -13,7 +13,7 @@
 /// how a recognition ended.
 namespace vexo {
 
-/// How long a result picture is shown before the next picture is taken, ms.
+/// How long a result picture is shown before the next picture is recognised, ms.
 constexpr int moment_ms = 10;
 
 using RecognizerPtr = Owned<iCalibBoardRecognizer>;
@@ -22,7 +22,8 @@ using RecognizerPtr = Owned<iCalibBoardRecognizer>;
 bool set_board_parameters(
     RecognizerPtr& recognizer, PreProcParam& pre, CircleMarkerParam& circle, CalibBoardParam& board);
 
-/// The host's picture as a Mat over its own memory; empty when pointer, size or step describe no picture.
+/// The host's picture as a Mat over its own memory, with step 0 for packed rows; empty when pointer, size or step
+/// describe no picture.
 cv::Mat wrap_picture(unsigned char* data, int width, int height, unsigned long step);
 
 /// Picture that belongs to how the last recognition ended, BGR; `picture` itself when there is none. Empty for lack
@@ -35,8 +36,5 @@ bool room_for_one_more(std::vector<View>& views) noexcept;
 /// Writes the picture of how the last recognition ended when `save` names a file, and shows it for a moment when
 /// asked to.
 void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::string& save) noexcept;
-
-/// Whether two names mean one file, however they are spelled.
-bool same_file(const std::string& a, const std::string& b);
 
 } // namespace vexo

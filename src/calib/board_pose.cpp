@@ -10,7 +10,7 @@ namespace {
 struct Sighting {
     std::vector<cv::Point2f> in_image; // rectified px
     std::vector<cv::Point3f> on_board;
-    cv::Mat_<double> K;      // of the rectified camera
+    cv::Mat_<double> K;      // belongs to the rectified camera
     cv::Mat_<double> offset; // rectified camera 0 -> this rectified camera: the axes are the same
 };
 

@@ -19,7 +19,7 @@ public:
     DistortCamera& operator=(DistortCamera&& other) noexcept = default;
     ~DistortCamera() override = default;
 
-    /// As PinHoleCamera::save(), with the key `name`_D. The default file takes the name as it is before an
+    /// As PinHoleCamera::save(), with the key `name`_D. The default file gets the name as it is before an
     /// empty one becomes "cam": a nameless camera goes to "_param.yaml", under keys "cam_...".
     bool save(cv::FileStorage* fs) override;
 

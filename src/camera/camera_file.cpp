@@ -60,7 +60,7 @@ bool read_ints(const cv::FileNode& node, int count, int* values)
     if (!node.isSeq() || node.size() != static_cast<std::size_t>(count)) return false;
     cv::FileNodeIterator it = node.begin();
     for (int i = 0; i < count; ++i, ++it)
-        if (!read_int(*it, values[i])) return false;
+        if (!read_whole(*it, values[i])) return false;
     return true;
 }
 

@@ -9,7 +9,7 @@
 #include <initializer_list>
 #include <string>
 
-/// Checked reading of what camera files hold. Storages come from anywhere: nothing is taken that has not the
+/// Checked reading of what camera files hold. Storages come from anywhere: nothing is accepted that has not the
 /// stated shape, and nothing is allocated for what a file only announces. An absent node and a root that is no
 /// map both give an empty node.
 namespace vexo {
@@ -21,7 +21,7 @@ inline bool is_picture_size(cv::Size size)
     return vexo::is_picture_size(size.width, size.height);
 }
 
-/// Whether a name can begin a key: OpenCV takes letters, digits, '_', '-' and ' ', and no digit or '-' first.
+/// Whether a name can begin a key: OpenCV accepts letters, digits, '_', '-' and ' ', and no digit or '-' first.
 bool is_key_name(const std::string& name);
 
 /// Default file of a camera or a pair.
@@ -36,7 +36,7 @@ cv::FileNode find(const cv::FileStorage& fs, const std::string& key);
 /// Whether a storage holds the pose and projection of a camera: K, R and T, or P.
 bool has_projection(const cv::FileStorage& fs, const std::string& name);
 
-/// Sequence of exactly `count` integers.
+/// Sequence of exactly `count` integers; see read_whole().
 bool read_ints(const cv::FileNode& node, int count, int* values);
 
 /// Image size: a picture's, or 0 x 0 for a camera without one.

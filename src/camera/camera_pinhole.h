@@ -111,7 +111,7 @@ public:
     /// Writes the 3x4 projection as twelve doubles, row-major, in the machine's byte order, without header.
     bool save_hmat(std::ostream& os) const;
 
-    /// Reads what save_hmat() writes and takes it with setPPM(). False, and the camera as it was, for a short
+    /// Reads what save_hmat() writes and hands it to setPPM(). False, and the camera as it was, for a short
     /// stream, a number that is not finite, or a singular matrix.
     bool load_hmat(std::istream& is);
 

@@ -53,7 +53,7 @@ std::streamoff padding_at(std::streamoff position)
     return position < 0 ? 0 : (alignment - position % alignment) % alignment;
 }
 
-// Bytes from the read position to the end; -1 when the stream cannot tell.
+// Bytes from the read position to the end; -1 when the stream does not know.
 std::streamoff bytes_left(std::istream& is)
 {
     const std::istream::pos_type here = is.tellg();
@@ -77,12 +77,13 @@ bool read_rows(std::istream& is, cv::Mat& m, std::size_t row_bytes)
     return true;
 }
 
-bool is_table_type(int type)
+// Whether a number is the type of some matrix, as save_map() writes it.
+bool is_element_type(int type)
 {
-    return type == CV_32FC1 || type == CV_32FC2 || type == CV_16SC2 || type == CV_16UC1;
+    return type >= 0 && type == CV_MAT_TYPE(type);
 }
 
-// The pairs that cv::remap takes: two planes of floats, or fixed-point positions with their fractions.
+// The pairs that cv::remap accepts: two planes of floats, or fixed-point positions with their fractions.
 bool are_table_pair(const cv::Mat& map1, const cv::Mat& map2, cv::Size size)
 {
     if (map1.size() != size || map2.size() != size) return false;
@@ -103,7 +104,8 @@ bool read_table_file(const std::string& file, cv::Size size, cv::Mat& map1, cv::
 bool write_table_file(const std::string& file, const cv::Mat& map1, const cv::Mat& map2)
 {
     std::ostringstream os;
-    return save_map(os, map1) && save_map(os, map2) && write_file(file, os.str());
+    if (save_map(os, map1)) save_map(os, map2); // an absent table ends the file, which is then not read back
+    return write_file(file, os.str());
 }
 
 // Whether a file can be opened; a file that can but is none (a directory, a FIFO) counts as damaged later.
@@ -260,7 +262,7 @@ bool load_map(std::istream& is, cv::Mat& m)
         std::int32_t cols = 0;
         std::int32_t rows = 0;
         if (!read_int(is, type) || !read_int(is, cols) || !read_int(is, rows)) return false;
-        if (!is_table_type(type) || !camera_file::is_picture_size({ cols, rows })) return false;
+        if (!is_element_type(type) || !camera_file::is_picture_size({ cols, rows })) return false;
         alignment_padding_offset(is);
 
         const std::size_t row_bytes = static_cast<std::size_t>(cols) * static_cast<std::size_t>(CV_ELEM_SIZE(type));

@@ -18,7 +18,7 @@ public:
     /// Not 0: tables of single floats. With 0 initMap() asks OpenCV for a table type that it refuses, and its
     /// cv::Exception reaches the caller.
     int float_maps = 1;
-    int interpolation = 1; ///< of remap(): 0 nearest, 1 linear, 2 cubic, 3 Lanczos 4; anything else linear
+    int interpolation = 1; ///< how remap() does it: 0 nearest, 1 linear, 2 cubic, 3 Lanczos 4; anything else linear
     cv::Mat map1;          ///< raw column of each rectified pixel, px
     cv::Mat map2;          ///< raw row of each rectified pixel, px
     cv::Rect roi;          ///< rectified pixels that all have a source
@@ -49,7 +49,7 @@ public:
     /// As above with another fill colour: the camera itself is shared and never changed.
     bool remap(const cv::Mat& src, cv::Mat& dst, const cv::Scalar& colour) const;
 
-    /// Whether remap_row() may stand in for remap(): linear interpolation, float tables, sizes that cv::remap takes.
+    /// Whether remap_row() may stand in for remap(): linear interpolation, float tables, sizes that cv::remap accepts.
     bool has_row_form(cv::Size raw) const noexcept;
 
     /// One row of remap(), for callers that go on with the row while it is in the cache; see vexo::remap_row().
@@ -60,7 +60,8 @@ public:
     void remap_row(int row, cv::Size raw, const RemapImages& images) const noexcept;
 
     /// As PinHoleCamera::save(), with the key `name`_roi, after the tables have gone to map_file if that is
-    /// named. False, too, when the tables cannot be written; then no YAML is written either.
+    /// named. False, too, when that file cannot be written; then no YAML is written either. A camera without tables
+    /// leaves an empty file there, so that load() finds no tables of another camera beside the new YAML.
     bool save(cv::FileStorage* fs) override;
 
     /// As PinHoleCamera::load(), with `name`_roi and the tables of map_file.
@@ -88,15 +89,15 @@ void alignment_padding_offset(std::istream& is);
 /// One record of a table file. False, and nothing written, for an empty table.
 bool save_map(std::ostream& os, const cv::Mat& m);
 
-/// Reads what save_map() writes. False, and `m` untouched, unless the record names a type that cv::remap
-/// takes as a table, a size within limits, and the stream holds all of it.
+/// Reads what save_map() writes, of any element type. False, and `m` untouched, unless the record names a type and a
+/// size within limits, and the stream holds all of it.
 bool load_map(std::istream& is, cv::Mat& m);
 
 /// One record of a bare stream; the table has 4 bytes a pixel.
 bool _save_rtable(std::ostream& os, const cv::Mat& m);
 
 /// Reads what _save_rtable() writes into a table of the right size. False, and `m` untouched, for another
-/// count (then nothing behind the count is read) or a short stream.
+/// count (then nothing after the count is read) or a short stream.
 bool _load_rtable(std::istream& is, cv::Mat& m);
 
 /// Both tables of a camera as two records, converted to floats when they are something else.

@@ -12,7 +12,7 @@
 namespace vexo {
 namespace {
 
-constexpr int fraction_bits = 5; // of a position
+constexpr int fraction_bits = 5; // in a position
 constexpr int one = 1 << fraction_bits;
 
 /// Position in a source image, to 1/32 px.
@@ -254,7 +254,7 @@ VEXO_AVX2 inline void far_floats8(
 enum Wanted { one_image_of_bytes, one_image_of_floats, map_and_mask, map_and_two };
 
 /// The row of sources that the next row of pixels will need first: the processor does not foresee it, as it begins on
-/// other pages. Addresses behind the image do no harm.
+/// other pages. Addresses after the image do no harm.
 template <class T> VEXO_INLINE void fetch_below(const Positions8& p, const RemapImage<T>& image) noexcept
 {
     __builtin_prefetch(reinterpret_cast<const uchar*>(at(image, p.left, p.top)) + 2 * image.step);

@@ -9,7 +9,7 @@ template <class T> struct RemapImage {
     const T* src = nullptr; ///< first pixel; null: there is no such image
     std::size_t step = 0;
     T* dst = nullptr; ///< one row
-    T fill = 0;       ///< of pixels without a source
+    T fill = 0;       ///< value of pixels without a source
 };
 
 /// What one pass over the tables remaps; each of the images may be absent, and all have the same size.

@@ -25,16 +25,14 @@ cv::Vec3d as_vector(const cv::Mat_<double>& m)
     return { m(0), m(1), m(2) };
 }
 
-// The caller's buffers as pictures; `halves` images side by side.
-bool are_buffers(const uchar* src, std::size_t src_step, const uchar* dst, std::size_t dst_step, cv::Size in,
-    cv::Size out, int halves)
+// Row step of a caller's buffer with `halves` images side by side, 0 replaced by packed rows; 0 when it is none.
+std::size_t checked_step(const uchar* buffer, std::size_t step, cv::Size image, int halves)
 {
-    if (src == nullptr || dst == nullptr || in.empty() || out.empty()) return false;
-    const auto is_step = [halves](std::size_t step, cv::Size image) {
-        const std::size_t longest = PTRDIFF_MAX / static_cast<std::size_t>(image.height); // rows fit into memory
-        return step >= static_cast<std::size_t>(halves) * static_cast<std::size_t>(image.width) && step <= longest;
-    };
-    return is_step(src_step, in) && is_step(dst_step, out);
+    if (buffer == nullptr || image.empty()) return 0;
+    const std::size_t row = static_cast<std::size_t>(halves) * static_cast<std::size_t>(image.width);
+    if (step == 0) return row;
+    const std::size_t longest = PTRDIFF_MAX / static_cast<std::size_t>(image.height); // rows fit into memory
+    return step < row || step > longest ? 0 : step;
 }
 
 bool have_tables(const UndistortCamera& cam, cv::Size size)
@@ -133,7 +131,9 @@ bool StereoCamera::remap(
 {
     if (which < 0 || which > 2) return false;
     const int halves = which == 2 ? 2 : 1;
-    if (!are_buffers(src, src_step, dst, dst_step, input_size, output_size, halves)) return false;
+    src_step = checked_step(src, src_step, input_size, halves);
+    dst_step = checked_step(dst, dst_step, output_size, halves);
+    if (src_step == 0 || dst_step == 0) return false;
     if (which != 1 && !have_tables(cam0, output_size)) return false;
     if (which != 0 && !have_tables(cam1, output_size)) return false;
     return false_if_it_throws([&] {
@@ -224,11 +224,14 @@ bool StereoCamera::_read(cv::FileStorage& fs)
     const cv::FileNode stereo_name = find(fs, "StereoName");
     if (!stereo_name.isString() || !is_key_name(stereo_name.string())) return false;
     name = stereo_name.string();
+    const auto holds = [&fs](const UndistortCamera& cam) {
+        return !find(fs, cam.name + "_size").empty() && has_projection(fs, cam.name);
+    };
+    const std::string present[] = { cam0.name, cam1.name };
     _name_cameras();
-    for (UndistortCamera* cam : { &cam0, &cam1 }) {
-        if (find(fs, cam->name + "_size").empty() || !has_projection(fs, cam->name)) return false;
-        if (!cam->load(&fs)) return false;
-    }
+    if (!holds(cam0) || !holds(cam1)) cam0.name = present[0], cam1.name = present[1];
+    for (UndistortCamera* cam : { &cam0, &cam1 })
+        if (!holds(*cam) || !cam->load(&fs)) return false;
     if (cam0.size != cam1.size) return false;
     output_size = cam0.size;
 

@@ -21,9 +21,9 @@ namespace vexo {
 /// Copies are deep.
 class StereoCamera : public iStereoCamera {
 public:
-    std::string name;         ///< "stereo"; the cameras are called `name`L and `name`R
-    cv::Size input_size;      ///< of the raw images, px
-    cv::Size output_size;     ///< of the rectified images, px
+    std::string name;         ///< "stereo"; save() calls the cameras `name`L and `name`R
+    cv::Size input_size;      ///< size of the raw images, px
+    cv::Size output_size;     ///< size of the rectified images, px
     UndistortCamera cam0;     ///< left or upper camera
     UndistortCamera cam1;     ///< right or lower camera
     cv::Mat_<double> cam0_R2; ///< 3x3 rotation raw -> rectified axes of camera 0
@@ -70,7 +70,7 @@ public:
     /// within limits.
     bool is_usable() const;
 
-    /// Writes "StereoName", both cameras, "Q", "oldcamSize", "cam0_R2" and "cam1_R2". The cameras take the names
+    /// Writes "StereoName", both cameras, "Q", "oldcamSize", "cam0_R2" and "cam1_R2". The cameras get the names
     /// `name`L and `name`R, under which load() looks for them; tables go to the cameras' map_file, first.
     ///
     /// @param fs  open for writing, stays open; null: the file `name`_param.yaml, whole or not at all
@@ -78,8 +78,9 @@ public:
     ///            carry one name
     bool save(const cv::FileStorage* fs);
 
-    /// Reads what save() writes; the cameras are renamed after "StereoName", the tables come from their
-    /// map_file, if set. The output size is that of the rectified cameras.
+    /// Reads what save() writes; the cameras are renamed after "StereoName", unless the file lacks one of them under
+    /// that name: then they are read under the names that they have. The tables come from their map_file, if
+    /// set. The output size is that of the rectified cameras.
     ///
     /// @return  false, and the object as it was, unless all of it is there and usable ("oldcamSize" may be
     ///          missing: the input size is kept)
@@ -127,8 +128,8 @@ public:
     double convert_distance_to_disparity(double distance) const;
     /// @}
 
-    /// Another number for every pair that is made, copied, loaded or moved into another frame: tells it from one that
-    /// had the same address before it was destroyed.
+    /// Another number for every pair that is made, copied, loaded or moved into another frame: distinguishes it from
+    /// one that had the same address before it was destroyed.
     std::uint64_t serial() const noexcept { return _serial; }
 
 private:

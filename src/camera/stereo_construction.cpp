@@ -156,7 +156,7 @@ bool store_StereoCamera_to_Hmats(
 {
     return false_if_it_throws([&] {
         if (camera == nullptr || camera->input_size != camera->output_size || !camera->is_usable()) return false;
-        if (file0 == file1 || file0 == file2 || file1 == file2) return false;
+        if (same_file(file0, file1) || same_file(file0, file2) || same_file(file1, file2)) return false;
         const cv::Size size = camera->output_size;
         if (!has_full_tables(camera->cam0, size) || !has_full_tables(camera->cam1, size)) return false;
 

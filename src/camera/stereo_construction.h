@@ -10,7 +10,7 @@
 /// false. Results belong to the caller until destroy().
 namespace vexo {
 
-/// Rectifies two cameras: StereoCamera's constructor behind all checks.
+/// Rectifies two cameras: StereoCamera's constructor after all checks.
 ///
 /// @param cams      two composed cameras of one image size
 /// @param new_size  of the rectified images, px; 0 x 0: the input size

@@ -6,7 +6,7 @@
 
 namespace vexo {
 
-/// The angle of two grey-level differences, by table: fringe formulas take atan2 of nothing else, and an
+/// The angle of two grey-level differences, by table: fringe formulas need atan2 of nothing else, and an
 /// 8-bit difference has 511 values.
 ///
 ///     angle(s, c) = float(atan2(s, c))         rad, -pi to pi; s and c in -255 to 255

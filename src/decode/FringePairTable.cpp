@@ -1,5 +1,6 @@
 #include "decode/FringePairTable.h"
 
+#include "base/index.h"
 #include "decode/pixel_formulas.h"
 
 #include <algorithm>
@@ -14,11 +15,6 @@ namespace {
 constexpr int64_t max_slots = int64_t { 1 } << 24;
 constexpr int max_number = std::numeric_limits<uint8_t>::max(); // largest fringe number that a byte can store
 constexpr int32_t no_multiple = std::numeric_limits<int32_t>::max();
-
-std::size_t at(int i) noexcept
-{
-    return static_cast<std::size_t>(i);
-}
 
 /// A stored fringe number: all eight bits of the byte count, so that period 7 reaches column 911.
 int fringe_number(signed char stored) noexcept
@@ -126,7 +122,7 @@ float FringePairTable::unwrap(float const* phases) const
     const auto unresolved = static_cast<float>(maxp);
     if (!ok || !plausible_phase(phases[0]) || !plausible_phase(phases[1]) || !plausible_phase(phases[2]))
         return unresolved;
-    float x[3]; // px behind the start of the fringe
+    float x[3]; // px after the start of the fringe
     for (int i = 0; i < 3; ++i)
         x[i] = static_cast<float>(periods[at(i)]) * phases[i];
 

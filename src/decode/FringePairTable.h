@@ -7,11 +7,11 @@ namespace vexo {
 
 /// Resolves the ambiguity of phases measured with three fringe periods.
 ///
-/// A projector position x lies x_i = x - k_i T_i px behind the start of fringe k_i of period T_i. The
+/// A projector position x lies x_i = x - k_i T_i px after the start of fringe k_i of period T_i. The
 /// differences x_i - x_0 = -(k_i T_i - k_0 T_0) depend on the fringe numbers alone, and, up to the least common
 /// multiple of the periods, identify them. The table maps every pair of differences that occurs to its numbers.
 ///
-/// Fringe numbers are stored in a byte: positions behind fringe 255 of the shortest period are unresolved.
+/// Fringe numbers are stored in a byte: positions after fringe 255 of the shortest period are unresolved.
 ///
 /// Threads  immutable after construction; unwrap() may run in many threads at once.
 /// Source   fringe orders from integer periods: Gushov, Solodkin, Opt. Lasers Eng. 14 (1991) 311; Zhong, Zhang,
@@ -44,10 +44,10 @@ public:
     std::vector<int32_t> periods;          ///< px, in the caller's order
     std::vector<const signed char*> table; ///< fringe numbers of every slot, or null
     std::vector<signed char> numbers;      ///< where they are stored, `count` for each registered combination
-    std::vector<float> offsets;            ///< of every slot, px: mean of k_i T_i
+    std::vector<float> offsets;            ///< for every slot, px: mean of k_i T_i
     std::vector<float> resolved;           ///< `offsets` of the slots that have numbers, infinity of the others
-    std::vector<int32_t> lower;            ///< of every difference: -lower is its smallest value, px
-    std::vector<int32_t> range;            ///< of every difference: how many values it can take
+    std::vector<int32_t> lower;            ///< for every difference: -lower is its smallest value, px
+    std::vector<int32_t> range;            ///< for every difference: how many values it can have
 
 private:
     int32_t _calc_maxp() const noexcept;

@@ -1,5 +1,6 @@
 #include "decode/GrayPhaseDecoder.h"
 
+#include "base/index.h"
 #include "decode/AngleTable.h"
 #include "decode/pixel_formulas.h"
 
@@ -9,10 +10,6 @@
 
 namespace vexo {
 namespace {
-std::size_t at(int position) noexcept
-{
-    return static_cast<std::size_t>(position);
-}
 constexpr std::size_t first_step = GrayPhaseDecoder::bit_planes; // index of the first fringe frame in `frames`
 constexpr std::size_t frames_needed = GrayPhaseDecoder::bit_planes + GrayPhaseDecoder::phase_steps;
 } // namespace
@@ -53,7 +50,7 @@ bool GrayPhaseDecoder::begin_decode()
 {
     if (!_decodable()) return false;
     _prepare_decode();
-    gray.release(); // of an earlier preproc(): they belong to other frames
+    gray.release(); // what an earlier preproc() has made belongs to other frames
     phase.release();
     _workers.resize(at(omp_get_max_threads()));
     for (GrayRow& worker : _workers)
@@ -91,7 +88,7 @@ void GrayPhaseDecoder::_graycode(cv::Mat_<float> const& threshold)
 #pragma omp parallel for schedule(static) // each thread writes its own rows of `gray`
     for (int y = 0; y < rows; ++y)
         code_row({ f[0][y], f[1][y], f[2][y], f[3][y], f[4][y], f[5][y], f[6][y] }, threshold[y],
-            columns_of(valid[static_cast<std::size_t>(y)]), gray[y]);
+            columns_of(valid[at(y)]), gray[y]);
 }
 
 void GrayPhaseDecoder::_phasecode()
@@ -102,8 +99,7 @@ void GrayPhaseDecoder::_phasecode()
     const int rows = phase.rows;
 #pragma omp parallel for schedule(static) // each thread writes its own rows of `phase`
     for (int y = 0; y < rows; ++y)
-        phase_row({ step[0][y], step[1][y], step[2][y], step[3][y] }, columns_of(valid[static_cast<std::size_t>(y)]),
-            phase[y]);
+        phase_row({ step[0][y], step[1][y], step[2][y], step[3][y] }, columns_of(valid[at(y)]), phase[y]);
 }
 
 void GrayPhaseDecoder::_save_decode()

@@ -40,7 +40,7 @@ public:
 
 private:
     bool _decodable() const noexcept;
-    std::vector<GrayRow> _workers; ///< of decode_row(), one a thread
+    std::vector<GrayRow> _workers; ///< for decode_row(), one a thread
 };
 
 } // namespace vexo

@@ -1,16 +1,14 @@
 #include "decode/GrayPhaseHolder.h"
 
+#include "base/index.h"
 #include "decode/pixel_formulas.h"
+
+#include <cmath>
 
 #include <omp.h>
 
 namespace vexo {
 namespace {
-
-std::size_t at(int position) noexcept
-{
-    return static_cast<std::size_t>(position);
-}
 
 /// Keeps the columns whose pixel got a coordinate.
 void keep_done(std::vector<int>& cols, const std::vector<int>& done) noexcept
@@ -66,7 +64,7 @@ void GrayPhaseHolder::_split_phase(
     const auto rises = [&](int p) {
         const int before = cols[at(p - 1)];
         const int here = cols[at(p)];
-        return here - before == 1 && phase_row[here] >= phase_row[before];
+        return here - before == 1 && std::isgreaterequal(phase_row[here], phase_row[before]); // NaN raises nothing
     };
     const int count = static_cast<int>(cols.size());
     for (int begin = 0, end = 0; begin < count; begin = end) {

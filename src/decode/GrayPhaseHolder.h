@@ -28,7 +28,7 @@ public:
     /// their pixels. @return the number of pixels assigned
     static int _unwrap_positive(std::vector<PhaseSection>& sections, std::vector<int>& done, std::vector<int>& cols,
         float const* phase_row, float* out_row, int anchor_length, int code_spread);
-    /// Fills the open sections between the anchors, and behind the last.
+    /// Fills the open sections between the anchors, and after the last.
     static void _unwrap_negative(std::vector<PhaseSection>& sections, std::vector<int>& done, std::vector<int>& cols,
         float const* phase_row, float* out_row, unsigned char const* gray_row);
 

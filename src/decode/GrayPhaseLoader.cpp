@@ -2,7 +2,7 @@
 
 namespace vexo {
 
-// The count of 8-bit frames is 3, as of old; the float frame 3 is accepted all the same.
+// The count is that of the 8-bit frames, 3; the float frame with index 3 is accepted, too.
 GrayPhaseLoader::GrayPhaseLoader(int camera_id, const GrayPhaseMatchingParam* params)
     : GrayPhaseHolder(camera_id, 3, params)
 {

@@ -4,7 +4,7 @@
 
 namespace vexo {
 
-/// Takes what another decoder has decoded already, and unwraps it:
+/// Accepts what another decoder has decoded already, and unwraps it:
 ///
 ///     0    8-bit dark frame
 ///     1    8-bit lit frame

@@ -1,5 +1,6 @@
 #include "decode/MultiPhaseDecoder.h"
 
+#include "base/index.h"
 #include "decode/AngleTable.h"
 #include "decode/pixel_formulas.h"
 
@@ -24,11 +25,6 @@ std::array<float, 4> prepare(
         offsets[f] = phase_offset(params.periods[f]);
     }
     return offsets;
-}
-
-std::size_t at(int position) noexcept
-{
-    return static_cast<std::size_t>(position);
 }
 
 /// What decode_row() needs of the table and the record. Phases are offset by the record's periods and resolved by the
@@ -97,7 +93,7 @@ bool MultiPhaseDecoder::begin_decode()
     if (!_decodable_by_rows()) return false;
     _prepare_decode();
     for (cv::Mat_<float>& phase : phases)
-        phase.release(); // of an earlier preproc(): they belong to other frames
+        phase.release(); // what an earlier preproc() has made belongs to other frames
     _workers.resize(at(omp_get_max_threads()));
     for (MultiRow& worker : _workers)
         worker.resize(white.cols);
@@ -125,8 +121,7 @@ void MultiPhaseDecoder::_decode_phase3()
         for (int y = 0; y < rows; ++y) {
             const auto period = static_cast<std::size_t>(f);
             const auto* I = &frames[3 * period];
-            phase3_row({ I[0][y], I[1][y], I[2][y] }, offsets[period], columns_of(valid[static_cast<std::size_t>(y)]),
-                phases[period][y]);
+            phase3_row({ I[0][y], I[1][y], I[2][y] }, offsets[period], columns_of(valid[at(y)]), phases[period][y]);
         }
 }
 
@@ -140,8 +135,8 @@ void MultiPhaseDecoder::_decode_phase4()
         for (int y = 0; y < rows; ++y) {
             const auto period = static_cast<std::size_t>(f);
             const auto* I = &frames[4 * period];
-            phase4_row({ I[0][y], I[1][y], I[2][y], I[3][y] }, offsets[period],
-                columns_of(valid[static_cast<std::size_t>(y)]), phases[period][y]);
+            phase4_row(
+                { I[0][y], I[1][y], I[2][y], I[3][y] }, offsets[period], columns_of(valid[at(y)]), phases[period][y]);
         }
 }
 

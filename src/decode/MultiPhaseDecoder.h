@@ -38,7 +38,7 @@ private:
     bool _decodable() const noexcept;
     /// Whether decode_row() can do these frames with this table.
     bool _decodable_by_rows() const noexcept;
-    std::vector<MultiRow> _workers; ///< of decode_row(), one a thread
+    std::vector<MultiRow> _workers; ///< for decode_row(), one a thread
 };
 
 } // namespace vexo

@@ -1,15 +1,12 @@
 #include "decode/MultiPhaseHolder.h"
 
+#include "base/index.h"
+
 #include <algorithm>
 #include <omp.h>
 
 namespace vexo {
 namespace {
-
-std::size_t at(int position) noexcept
-{
-    return static_cast<std::size_t>(position);
-}
 
 /// Coordinates of one row through the table; columns that are not resolved leave `cols`.
 void resolve_row(const FringePairTable& table, const float* phase0, const float* phase1, const float* phase2,

@@ -1,6 +1,7 @@
 #include "decode/ProjectorPositions.h"
 
 #include "base/boundary.h"
+#include "base/index.h"
 #include "base/large_pages.h"
 #include "base/whole_file.h"
 #include "decode/pixel_formulas.h"
@@ -180,7 +181,7 @@ void ProjectorPositions::set_valid(int min_contrast, int max_white, int min_whit
     prepare_rows(valid, cv::Size(white.cols, rows));
 #pragma omp parallel for schedule(static) // each thread writes its own rows of `valid`
     for (int y = 0; y < rows; ++y) {
-        std::vector<int>& row = valid[static_cast<std::size_t>(y)];
+        std::vector<int>& row = valid[at(y)];
         row.resize(static_cast<std::size_t>(white.cols));
         row.resize(static_cast<std::size_t>(valid_row(white[y], black[y], white.cols, limits, row.data())));
     }
@@ -193,7 +194,7 @@ void ProjectorPositions::valid2vmask()
     const int rows = std::min(vmask.rows, static_cast<int>(valid.size()));
 #pragma omp parallel for schedule(static) // each thread writes its own rows of `vmask`
     for (int y = 0; y < rows; ++y)
-        mask_row(columns_of(valid[static_cast<std::size_t>(y)]), vmask.cols, vmask[y]);
+        mask_row(columns_of(valid[at(y)]), vmask.cols, vmask[y]);
 }
 
 void ProjectorPositions::vmask2valid()
@@ -202,7 +203,7 @@ void ProjectorPositions::vmask2valid()
     const int rows = vmask.rows;
 #pragma omp parallel for schedule(static) // each thread writes its own rows of `valid`
     for (int y = 0; y < rows; ++y) {
-        std::vector<int>& row = valid[static_cast<std::size_t>(y)];
+        std::vector<int>& row = valid[at(y)];
         row.resize(static_cast<std::size_t>(vmask.cols));
         row.resize(static_cast<std::size_t>(unmask_row(vmask[y], vmask.cols, row.data())));
     }

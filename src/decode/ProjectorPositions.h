@@ -15,8 +15,9 @@ namespace vexo {
 ///          constructor (_add_input), so that copying, counting and clearing are written here alone. The
 ///          images are addressed by pointer: objects are neither copied nor moved, and their vectors of
 ///          frames keep the length they were made with.
-/// Memory   preproc(), unwrap() and decode() throw (std::bad_alloc, cv::Exception) when it runs out; the object stays
-/// usable. Threads  one caller at a time; the loops inside run over rows in parallel, with the same result for any
+/// Memory   preproc(), unwrap() and decode() throw (std::bad_alloc, cv::Exception) when it runs out; the object
+///          stays usable.
+/// Threads  one caller at a time; the loops inside run over rows in parallel, with the same result for any
 ///          number of threads.
 class ProjectorPositions {
 public:
@@ -40,11 +41,17 @@ public:
     /// 7 times (gray code) and 18 times (multi-period) faster; what lies between, `valid` and the images of codes
     /// and phases, is not made then: `valid` has no columns until vmask2valid().
     void decode();
-    /// decode() for callers that bring the parallel loop themselves: makes room, for as many threads as OpenMP would
-    /// use now. @return whether every row may now be given to decode_row(); if not, decode() does it in other ways
+    /// decode() row by row, for callers that bring the parallel loop themselves. Makes room for the results, and
+    /// for as many threads as OpenMP would use now.
+    ///
+    /// @return  true: `unwrapped` and `vmask` are whole when decode_row() has done each row of the frames, from 0 to
+    ///          input_size().height - 1. False, and nothing has changed: these frames only decode() can do
     virtual bool begin_decode();
-    /// @param row     of the frames, each once
-    /// @param thread  number of the calling thread, from 0
+    /// Decodes one row of the frames into the same row of `unwrapped` and `vmask`. Rows come in any order, each once
+    /// after begin_decode(), and several at a time.
+    ///
+    /// @param row     index of the row
+    /// @param thread  number of the calling thread, from 0; its calls come one after another
     virtual void decode_row(int row, int thread) noexcept;
 
     ProjectorPositions(const ProjectorPositions&) = delete;

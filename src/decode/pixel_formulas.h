@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/angles.h"
 #include "decode/AngleTable.h"
 
 #include <array>
@@ -26,7 +27,7 @@ template <class List> Columns columns_of(const List& valid) noexcept
 
 /// Grey-level limits of usable pixels, all inclusive.
 struct ValidLimits {
-    int min_contrast; ///< of white - black
+    int min_contrast; ///< smallest white - black
     int max_white;
     int min_white;
 };
@@ -109,9 +110,9 @@ inline void code_row(
 /// (pi - a) / (2 pi), of an angle in rad.
 __attribute__((always_inline)) inline float phase_of_angle(float a) noexcept
 {
-    constexpr double pi = 3.14159274F;              // the float nearest pi, as `a` is a float: a = pi gives exactly 0
+    constexpr double half_turn = pi_float;          // a float, as `a` is: a = pi gives exactly 0
     constexpr double periods_per_rad = 0.15915494F; // the float nearest 1 / (2 pi)
-    return static_cast<float>((pi - a) * periods_per_rad);
+    return static_cast<float>((half_turn - a) * periods_per_rad);
 }
 
 /// Wrapped phase from four fringe frames a quarter period apart.
@@ -129,8 +130,6 @@ inline void phase_row(const std::array<const uint8_t*, 4>& steps, const Columns&
         phase[x] = phase_of_angle(atan2(steps[1][x] - steps[3][x], steps[2][x] - steps[0][x]));
 }
 
-constexpr float two_pi = 6.2831855F; ///< the float nearest 2 pi
-
 /// What the multi-period kernels add to the angle: pi less half a projector pixel, so that the decoded
 /// coordinate of column i's centre is i.
 ///
@@ -139,7 +138,6 @@ constexpr float two_pi = 6.2831855F; ///< the float nearest 2 pi
 /// @param period  T, projector px; one below 1 is no period and gets no half pixel
 inline float phase_offset(int period) noexcept
 {
-    constexpr double pi = 3.14159265358979323846;
     return static_cast<float>(period < 1 ? pi : pi - pi / period);
 }
 
@@ -156,7 +154,7 @@ inline void phase4_row(
 {
     const AngleTable& atan2 = AngleTable::instance();
     for (const int x : cols)
-        phase[x] = (atan2(steps[3][x] - steps[1][x], steps[0][x] - steps[2][x]) + offset) / two_pi;
+        phase[x] = (atan2(steps[3][x] - steps[1][x], steps[0][x] - steps[2][x]) + offset) / two_pi_float;
 }
 
 /// Wrapped phase of one of several periods from three shifts.
@@ -173,14 +171,15 @@ inline void phase3_row(
         const float sine = sqrt3 * static_cast<float>(steps[0][x]) - static_cast<float>(steps[2][x]);
         const auto cosine = static_cast<float>(2 * steps[1][x] - steps[0][x] - steps[2][x]); // exact
         const double a = std::atan2(static_cast<double>(sine), static_cast<double>(cosine));
-        phase[x] = (static_cast<float>(a) + offset) / two_pi;
+        phase[x] = (static_cast<float>(a) + offset) / two_pi_float;
     }
 }
 
-/// Whether a loaded phase can be one: a number, and at most a period outside 0 to 1. Decoded ones always are.
+/// Whether a loaded phase can be one: a number, and at most a period outside 0 to 1. Decoded ones always are. A NaN
+/// raises no floating-point exception, as it would with ">".
 inline bool plausible_phase(float phase) noexcept
 {
-    return phase > -1.0F && phase < 2.0F;
+    return std::isgreater(phase, -1.0F) && std::isless(phase, 2.0F);
 }
 
 } // namespace vexo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/index.h"
 #include "decode/pixel_formulas.h"
 
 #include <algorithm>
@@ -103,18 +104,18 @@ inline void settle_fall(const Candidates& candidates, int a, int b) noexcept
     const int code_b = candidates[b].code;
     int forward = 0; // px; a row has fewer than 2^15
     int backward = 0;
-    int behind = b; // first candidate behind b's group
-    for (; behind < candidates.count() && candidates[behind].code < code_a; behind = candidates.after(behind))
-        forward += candidates[behind].length;
-    int ahead = a; // last candidate ahead of a's group
-    for (; ahead >= 0 && candidates[ahead].code > code_b; ahead = candidates.before(ahead))
-        backward += candidates[ahead].length;
+    int after_b = b; // first candidate after b's group
+    for (; after_b < candidates.count() && candidates[after_b].code < code_a; after_b = candidates.after(after_b))
+        forward += candidates[after_b].length;
+    int before_a = a; // last candidate before a's group
+    for (; before_a >= 0 && candidates[before_a].code > code_b; before_a = candidates.before(before_a))
+        backward += candidates[before_a].length;
 
     if (forward >= backward)
-        for (int i = a; i != ahead; i = candidates.before(i))
+        for (int i = a; i != before_a; i = candidates.before(i))
             candidates[i].state = section_open;
     else
-        for (int i = b; i != behind; i = candidates.after(i))
+        for (int i = b; i != after_b; i = candidates.after(i))
             candidates[i].state = section_open;
 }
 
@@ -131,7 +132,7 @@ inline void choose_anchors(std::vector<PhaseSection>& sections, int anchor_lengt
 
 /// One row while its gaps are filled. Sections count positions in `cols`.
 /// @tparam Columns  column of a position, by [ ]
-/// @tparam Done     takes a position that has got its coordinate, by ( )
+/// @tparam Done     is called with each position that has got its coordinate
 template <class Columns, class Done> struct SectionRow {
     const Columns& cols;
     const float* phase;
@@ -161,23 +162,25 @@ template <class Columns, class Done> struct SectionRow {
     void fill_backwards(const PhaseSection& section, float last, float& ref) const noexcept
     {
         for (int p = section.end - 1; p >= section.begin; --p) {
+            if (!usable(p)) continue;
             const float choice = nearer(ref, section.code, p);
-            if (!(last < choice && choice < ref) || !usable(p)) continue;
+            if (!(last < choice && choice < ref)) continue;
             assign(p, choice);
             ref = choice;
         }
     }
-    /// Fills an open section behind the last anchor: every pixel above the one before it.
+    /// Fills an open section after the last anchor: every pixel above the one before it.
     void fill_forwards(const PhaseSection& section, float& last) const noexcept
     {
         for (int p = section.begin; p < section.end; ++p) {
+            if (!usable(p)) continue;
             const float choice = nearer(last, section.code, p);
-            if (!(choice > last) || !usable(p)) continue;
+            if (!(choice > last)) continue;
             assign(p, choice);
             last = choice;
         }
     }
-    /// Fills the open sections: those before an anchor backwards from it, those behind the last one forwards.
+    /// Fills the open sections: those before an anchor backwards from it, those after the last one forwards.
     void fill(const std::vector<PhaseSection>& sections) const noexcept
     {
         float last = 0.0F;
@@ -201,9 +204,6 @@ template <class Columns, class Done> struct SectionRow {
             section = anchor;
         }
     }
-
-private:
-    static std::size_t at(int position) noexcept { return static_cast<std::size_t>(position); }
 };
 
 } // namespace vexo

@@ -41,7 +41,7 @@ inline void stream_copy(uint8_t* to, const uint8_t* from, std::size_t bytes) noe
     std::memcpy(to + i, from + i, bytes - i);
 }
 
-/// Makes the stores of stream_copy() visible to other threads before whatever tells them.
+/// Makes the stores of stream_copy() visible to other threads before whatever lets them read.
 inline void stream_fence() noexcept
 {
 #if defined(__SSE2__)

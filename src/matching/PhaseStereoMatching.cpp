@@ -1,6 +1,7 @@
 #include "matching/PhaseStereoMatching.h"
 
 #include "base/boundary.h"
+#include "base/index.h"
 #include "base/large_pages.h"
 #include "camera/image_file.h"
 #include "camera/stereo_camera.h"
@@ -43,7 +44,7 @@ void PhaseStereoMatching::_read_limits() noexcept
 
 bool PhaseStereoMatching::_set_frame(int cam, unsigned char* data, unsigned long step, int frame)
 {
-    return decoders[static_cast<std::size_t>(cam)]->set_input(data, input_width, input_height, step, frame) != 0;
+    return decoders[at(cam)]->set_input(data, input_width, input_height, step, frame) != 0;
 }
 
 bool PhaseStereoMatching::setpict(void* data, unsigned long step, int cam, int frame)
@@ -134,9 +135,9 @@ void PhaseStereoMatching::_rectify()
     for (const int cam : { 0, 1 })
         _prepare_rectification(cam);
     _next_texture.create(output_height, output_width, CV_8U);
-    const int rows = output_height, first = _by_rows[0] ? 0 : rows, behind = _by_rows[1] ? 2 * rows : rows;
+    const int rows = output_height, first = _by_rows[0] ? 0 : rows, end = _by_rows[1] ? 2 * rows : rows;
 #pragma omp parallel for schedule(dynamic, 16) // each row of each camera has its own pixels
-    for (int i = first; i < behind; ++i)
+    for (int i = first; i < end; ++i)
         _rectify_row(i < rows ? 0 : 1, i % rows);
 
     for (std::size_t cam = 0; cam < 2; ++cam) {

@@ -49,7 +49,7 @@ protected:
 
     /// Fills `disparity` from the rectified maps of both decoders, row by row. See genPC for `interpolate`.
     ///
-    /// RowMatcher does it; what a match is say _get_linedisparity() and those below it, which also take the rows that
+    /// RowMatcher does it. What a match is, _get_linedisparity() and those below it say; they also match the rows that
     /// RowMatcher leaves (with a NaN in them).
     void _make_disparity_data(bool interpolate);
 
@@ -91,7 +91,7 @@ private:
     /// What one thread needs for its rows.
     struct RowMemory {
         RowMatcher matcher;
-        std::vector<int> left_list, right_list; ///< of a row that the matcher leaves
+        std::vector<int> left_list, right_list; ///< for a row that the matcher leaves
         std::vector<double> disparities;
         void reserve(int cols);
     };
@@ -114,9 +114,9 @@ private:
     void _make_points_by_rows(bool interpolate);
     void _match_row(int row, bool interpolate, RowMemory& memory, double* out) const noexcept;
 
-    std::array<Rectified, 2> _rectified; ///< of the next capture; become the decoders', whose they were before
+    std::array<Rectified, 2> _rectified; ///< for the next capture; exchanged with the decoders' own
     std::array<bool, 2> _by_rows {};     ///< whether the camera has the row form of its remap
-    cv::Mat _next_texture;               ///< of the frames that exec() saw last
+    cv::Mat _next_texture;               ///< made from the frames that exec() saw last
     bool _have_next_texture = false;     ///< it is made, and not yet handed on
     std::vector<RowMemory> _row_memory;  ///< one a thread
 };

@@ -206,10 +206,11 @@ int PointCloudGenerator::_reproject(const cv::Matx44d& H, int row, const double*
 
 int PointCloudGenerator::get_pointcloud(PointCloudCallback* callback)
 {
+    const int count = valid_count; // the callback may measure again, or end this object
     if (callback != nullptr)
-        callback->receive(texture.data, texture.empty() ? 0 : texture.step[0], texture.cols, texture.rows,
-            points.data(), valid_count);
-    return valid_count;
+        callback->receive(
+            texture.data, texture.empty() ? 0 : texture.step[0], texture.cols, texture.rows, points.data(), count);
+    return count;
 }
 
 void PointCloudGenerator::_drop_cloud() noexcept

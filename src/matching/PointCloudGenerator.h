@@ -57,10 +57,10 @@ protected:
     bool _bind(iStereoCamera* new_camera) noexcept;
     /// No texture, no disparities, no valid points.
     void _drop_cloud() noexcept;
-    /// Whether a picture of `width` x `height` fills what `cam` takes: the input size, twice the width for 2.
+    /// Whether a picture of `width` x `height` fills what `cam` accepts: the input size, twice the width for 2.
     bool _is_input_size(int cam, int width, int height) const noexcept;
     /// Row step in bytes of the caller's frame(s) for `cam`, with 0 replaced by packed rows; 0 when the frame
-    /// cannot be taken: no data, no such camera, no init(), or a step smaller than a row.
+    /// is refused: no data, no such camera, no init(), or a step smaller than a row.
     unsigned long _checked_step(const void* data, unsigned long step, int cam, int pixel_bytes) const noexcept;
     /// getpict() for the frames given: `second` null for one, else both side by side, of equal size and type.
     /// Copies into `picture`. False, and nothing written, for empty or unequal frames.

@@ -1,6 +1,7 @@
 #include "matching/gyps.h"
 
 #include "base/boundary.h"
+#include "base/index.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
 
@@ -30,7 +31,7 @@ void GyPsMatching::_make_decoders()
 {
     std::array<std::unique_ptr<ProjectorPositions>, 2> fresh;
     for (int cam = 0; cam < 2; ++cam) {
-        auto& decoder = fresh[static_cast<std::size_t>(cam)];
+        auto& decoder = fresh[at(cam)];
         if (record.datatype == 0)
             decoder = std::make_unique<GrayPhaseDecoder>(cam, frames, &record);
         else

@@ -13,7 +13,7 @@ public:
     void destroy() override { delete this; }
     /// @param p  GrayPhaseMatchingParam
     bool setparams(void* p) override;
-    /// Frames of the decoder: dark, lit, 7 bit planes, 4 fringe frames. Loaded data takes 4 frames, see
+    /// Frames of the decoder: dark, lit, 7 bit planes, 4 fringe frames. Loaded data has 4 frames, see
     /// GrayPhaseLoader.
     int requiredframes() const override { return frames; }
     int get_datatype() const override { return record.datatype; }

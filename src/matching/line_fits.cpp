@@ -82,14 +82,14 @@ void fit_lines(int samples, const int* columns, const float* phase, int size, do
 
     // At the ends LeastSquares::check() shifts the span; its middle is then another position.
     const int n = samples == 3 ? 3 : 5, last_begin = size - n;
-    const auto take = [&](int k, int begin) {
+    const auto copy_from = [&](int k, int begin) {
         slope[k] = slope[begin + n / 2];
         intercept[k] = intercept[begin + n / 2];
     };
     for (int k = 0; k < n / 2; ++k)
-        take(k, std::min(k, last_begin));
+        copy_from(k, std::min(k, last_begin));
     for (int k = last_begin + n / 2 + 1; k < size; ++k)
-        take(k, last_begin);
+        copy_from(k, last_begin);
 }
 
 } // namespace vexo

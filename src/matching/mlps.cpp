@@ -1,6 +1,7 @@
 #include "matching/mlps.h"
 
 #include "base/boundary.h"
+#include "base/index.h"
 #include "decode/MultiPhaseDecoder.h"
 #include "decode/MultiPhaseLoader.h"
 
@@ -39,7 +40,7 @@ void MlPsMatching::_make_decoders()
     auto table = std::make_unique<FringePairTable>(periods);
     std::array<std::unique_ptr<ProjectorPositions>, 2> fresh;
     for (int cam = 0; cam < 2; ++cam) {
-        auto& decoder = fresh[static_cast<std::size_t>(cam)];
+        auto& decoder = fresh[at(cam)];
         if (record.datatype == 0)
             decoder = std::make_unique<MultiPhaseDecoder>(cam, &record, table.get(), record.steps, record.nperiods);
         else

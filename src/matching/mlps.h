@@ -18,7 +18,7 @@ public:
     void destroy() override { delete this; }
     /// @param p  MultiPhaseMatchingParam, of which multi_phase_param_bytes are read
     bool setparams(void* p) override;
-    /// Frames of the default record, 2 + steps * nperiods. A constant: other records take fewer or more, and
+    /// Frames of the default record, 2 + steps * nperiods. A constant: other records need fewer or more, and
     /// setpict() refuses indices that their decoders do not have.
     int requiredframes() const override { return 14; }
     int get_datatype() const override { return record.datatype; }
@@ -31,7 +31,7 @@ private:
 
     MultiPhaseMatchingParam record;              ///< in force, even when setparams() refused it
     std::vector<int> period_list;                ///< periods in use, projector px
-    std::unique_ptr<FringePairTable> pair_table; ///< of period_list; null before setparams()
+    std::unique_ptr<FringePairTable> pair_table; ///< made from period_list; null before setparams()
     int made_steps = 0;                          ///< record.steps when the decoders were made
     int made_nperiods = 0;                       ///< record.nperiods when the decoders were made
 };

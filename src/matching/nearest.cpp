@@ -150,7 +150,7 @@ VEXO_AVX2 inline void find_nearest8(const float* phases, const Searched& row, in
         positions[k] = nearest_from(phases[k], row, gap);
 }
 
-/// Where eight pixels are found tells where the next eight are looked for, so each step waits for the one before.
+/// Where eight pixels are found says where the next eight are looked for, so each step waits for the one before.
 /// Four walks along four parts of the row wait at the same time.
 VEXO_AVX2 void find_nearest_avx2(const float* phases, int size, const Searched& row, int* positions) noexcept
 {

@@ -144,7 +144,7 @@ void RowMatcher::reserve(int cols)
     _left_lines.reserve(size);
 }
 
-bool RowMatcher::match(const PhaseRow& left, const PhaseRow& right, int cols, const MatchLimits& limits,
+bool RowMatcher::match(const PhaseMapRow& left, const PhaseMapRow& right, int cols, const MatchLimits& limits,
     bool interpolate, double* out) noexcept
 {
     const int samples = limits.samples == 3 ? 3 : 5;

@@ -12,7 +12,7 @@ namespace vexo {
 struct MatchLimits {
     double max_phase_diff, min_disparity, max_disparity;
     double invalid; ///< disparity of a pixel without a match
-    int samples;    ///< of the line fits: 3, or else 5
+    int samples;    ///< that a line goes through: 3, or else 5
 };
 
 /// Matches rows as PhaseStereoMatching::_get_linedisparity(_interpo) does. The line through a right column's
@@ -28,12 +28,12 @@ public:
     /// @param out   disparities, one per column; already filled with limits.invalid
     /// @return      false, and nothing written, for rows that only the plain form can match: with a NaN, or ending
     ///              at infinity
-    bool match(const PhaseRow& left, const PhaseRow& right, int cols, const MatchLimits& limits, bool interpolate,
+    bool match(const PhaseMapRow& left, const PhaseMapRow& right, int cols, const MatchLimits& limits, bool interpolate,
         double* out) noexcept;
 
 private:
     struct Lines {
-        std::vector<double> slope, intercept; ///< of the line around each position; slope <= 0: none
+        std::vector<double> slope, intercept; ///< the line around each position; slope <= 0: none
         void reserve(std::size_t size)
         {
             slope.resize(size);
@@ -45,10 +45,10 @@ private:
     void _interpolate_left() noexcept;
     void _find_nearest() noexcept;
 
-    std::vector<int> _right_columns; ///< of each valid right pixel; a position is an index into these
-    std::vector<float> _right_phase; ///< of each right position, then infinities
-    std::vector<float> _thresholds;  ///< what the binary search takes them for: never falling, then infinities
-    std::vector<int> _left_columns;  ///< of each left pixel to be matched
+    std::vector<int> _right_columns; ///< the valid right pixels; a position is an index into these
+    std::vector<float> _right_phase; ///< one for each right position, then infinities
+    std::vector<float> _thresholds;  ///< what the binary search makes of them: never falling, then infinities
+    std::vector<int> _left_columns;  ///< the left pixels to be matched
     std::vector<float> _left_phase;  ///< its phase
     std::vector<int> _line_columns;  ///< the valid left pixels, where others are matched: in between them, too
     std::vector<float> _line_phase;

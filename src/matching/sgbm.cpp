@@ -82,8 +82,8 @@ bool SGBMatching::_record_is_usable() const noexcept
 
 int64_t SGBMatching::_matched_columns() const noexcept
 {
-    const int64_t first = record.minDisparity, behind = first + record.numDisparities;
-    return output_width + std::min<int64_t>(first, 0) - std::max<int64_t>(behind, 0);
+    const int64_t first = record.minDisparity, end = first + record.numDisparities;
+    return output_width + std::min<int64_t>(first, 0) - std::max<int64_t>(end, 0);
 }
 
 /// OpenCV 4.6 ends the process when it cannot get its buffers, so memory of their size is asked for here, where that
@@ -115,7 +115,7 @@ bool SGBMatching::_match()
     const auto matcher = cv::StereoSGBM::create(record.minDisparity, record.numDisparities, record.blockSize, P1, P2,
         record.disp12MaxDiff, record.preFilterCap, record.uniquenessRatio, record.speckleWindowSize,
         record.speckleRange, record.mode);
-    invalid_disparity = record.minDisparity - 1.0; // of the map made here, even from a refused record
+    invalid_disparity = record.minDisparity - 1.0; // belongs to the map made here, even from a refused record
     if (_matched_columns() <= 0) { // nothing to match: three-way mode ends the process, the others say the same
         disparity.create(targets[0].size(), CV_64F);
         disparity.setTo(invalid_disparity);

@@ -23,7 +23,7 @@ public:
     bool loadpict(std::string file, int cam, int frame) override;
     /// The rectified image(s); `index` is not used.
     bool getpict(unsigned char** data, int* width, int* height, unsigned long* step, int cam, int index) override;
-    /// False, too, while a record that cv::StereoSGBM cannot take is in force; see _record_is_usable().
+    /// False, too, while a record that cv::StereoSGBM cannot work with is in force; see _record_is_usable().
     /// Throws what cv::StereoSGBM throws beyond that.
     bool exec() override;
     void genPC(Method3D method, bool interpolate) override;

@@ -17,9 +17,9 @@ VEXO_INLINE int list_valid_columns_plain(const uchar* mask, int begin, int cols,
     return count;
 }
 
-/// Columns and phases of the valid pixels from `begin` on, behind `count` others.
+/// Columns and phases of the valid pixels from `begin` on, after `count` others.
 VEXO_INLINE int take_valid_plain(
-    const PhaseRow& row, int begin, int cols, int* columns, float* phase, int count) noexcept
+    const PhaseMapRow& row, int begin, int cols, int* columns, float* phase, int count) noexcept
 {
     for (int x = begin; x < cols; ++x)
         if (row.mask[x] == 255) {
@@ -67,7 +67,7 @@ VEXO_AVX2 inline void take_all32(const float* from, int x, int* columns, float* 
     }
 }
 
-VEXO_AVX2 int take_valid_avx2(const PhaseRow& row, int cols, int* columns, float* phase) noexcept
+VEXO_AVX2 int take_valid_avx2(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept
 {
     int count = 0, x = 0;
     for (; x + 32 <= cols; x += 32) {
@@ -97,7 +97,7 @@ int list_valid_columns(const uchar* mask, int cols, int* columns) noexcept
     return list_valid_columns_plain(mask, 0, cols, columns, 0);
 }
 
-int take_valid(const PhaseRow& row, int cols, int* columns, float* phase) noexcept
+int take_valid(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept
 {
 #if defined(__x86_64__)
     if (Cpu::has_avx2()) return take_valid_avx2(row, cols, columns, phase);

@@ -6,7 +6,7 @@
 namespace vexo {
 
 /// One row of a phase map.
-struct PhaseRow {
+struct PhaseMapRow {
     const uchar* mask;  ///< 255 where the pixel is valid
     const float* phase; ///< one value per column of the image
 };
@@ -15,7 +15,7 @@ struct PhaseRow {
 int list_valid_columns(const uchar* mask, int cols, int* columns) noexcept;
 
 /// The same, with the phase of each of those columns.
-int take_valid(const PhaseRow& row, int cols, int* columns, float* phase) noexcept;
+int take_valid(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept;
 
 /// Whether `size` ascending columns are neighbours, without one left out.
 inline bool is_gapless(const int* columns, int size) noexcept

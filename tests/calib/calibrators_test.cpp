@@ -192,8 +192,10 @@ TEST(StereoCalibrator, BoardFrameGivesTheBoardsOwnCoordinatesAndDoesNotPileUp)
     Calibrated& c = calibrated();
     const std::string folder = folder_for("board_frame");
     const cv::Mat &p0 = series().pictures[0][3], &p1 = series().pictures[1][3];
+    ASSERT_TRUE(p0.isContinuous() && p1.isContinuous());
     for (const char* name : { "once.yaml", "again.yaml" }) {
-        ASSERT_TRUE(c.pair.create_stereo_brdcrd(p0.data, p0.step, p1.data, p1.step));
+        const unsigned long step = name[0] == 'a' ? 0 : p0.step[0]; // 0: packed rows
+        ASSERT_TRUE(c.pair.create_stereo_brdcrd(p0.data, step, p1.data, step));
         ASSERT_TRUE(c.pair.save_stereofile(folder + name, "", ""));
     }
     std::string once, again;
@@ -309,6 +311,7 @@ TEST(StereoCalibrator, NothingIsTakenOrWrittenBeforeItsTurn)
     EXPECT_EQ(pair.put_image(0, nullptr, 1280, 1024, 1280, false, ""), 2);
     EXPECT_EQ(pair.put_image(0, p.data, 1280, 1024, 1279, false, ""), 2);
     EXPECT_EQ(pair.put_image(0, p.data, -1, 1024, 1280, false, ""), 2);
+    EXPECT_EQ(pair.put_image(0, p.data, 1280, 1024, 0, false, ""), 0); // packed rows
     std::filesystem::remove_all(folder);
 }
 
@@ -348,6 +351,12 @@ TEST(StereoCalibrator, FailedPicturesKeepTheirPlaceAndSideBySideIsTheSameAsTwo)
     ASSERT_EQ(errors[1].size(), 6U);
     EXPECT_TRUE(std::isnan(errors[0][1]));
     EXPECT_FALSE(std::isnan(errors[1][1]));
+    param.flags = cv::CALIB_USE_EXTRINSIC_GUESS; // there is no guess to be handed over
+    EXPECT_FALSE(one.do_calibrate(param, nullptr, &rms_one));
+    param.flags = cv::CALIB_USE_INTRINSIC_GUESS;
+    param.focal_guess = -1;
+    EXPECT_FALSE(one.do_calibrate(param, nullptr, &rms_one));
+    EXPECT_EQ(rms_one, rms_two);
     RectifyParam rectify;
     EXPECT_NEAR(one.create_stereo_camera(rectify, nullptr, nullptr), 160, 1);
     EXPECT_TRUE(one.create_stereo_brdcrd(folder + "both.png"));
@@ -381,10 +390,14 @@ TEST(CameraCalibrator, KeepsAcceptedViewsOnlyAndWritesTheCameraUnderItsName)
     ASSERT_TRUE(calibrator.do_calibrate(param, &errors, &rms));
     EXPECT_EQ(errors.size(), 5U);
     EXPECT_LT(rms, 0.15);
-    EXPECT_FALSE(calibrator.save_calibfile(folder, "left"));
+    CameraCalibParam bad_guess;
+    bad_guess.flags = cv::CALIB_USE_INTRINSIC_GUESS;
+    bad_guess.focal_guess = -1;
+    EXPECT_THROW(calibrator.do_calibrate(bad_guess, &errors, &rms), cv::Exception);
+    EXPECT_FALSE(calibrator.save_calibfile(folder, "left")); // cannot be written, but names the camera
     EXPECT_FALSE(calibrator.save_calibfile(folder + "bad.yaml", "7 no: key"));
     EXPECT_FALSE(std::filesystem::exists(folder + "bad.yaml"));
-    ASSERT_TRUE(calibrator.save_calibfile(folder + "left.yaml", "left"));
+    ASSERT_TRUE(calibrator.save_calibfile(folder + "left.yaml", ""));
     const DistortCamera camera = load(folder + "left.yaml", "left");
     EXPECT_EQ(camera.size, cv::Size(1280, 1024));
     EXPECT_NEAR(camera.K(0, 0), 1402, 6); // five views
@@ -418,7 +431,7 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
         EXPECT_EQ(solver.solve_pose(folder + "none.png", true, pose), 2);
         EXPECT_EQ(solver.ptr_debug_image(), nullptr);
         EXPECT_EQ(pose[0], 7);
-        ASSERT_EQ(solver.solve_pose(p.data, p.cols, p.rows, p.step, pose), 0);
+        ASSERT_EQ(solver.solve_pose(p.data, p.cols, p.rows, 0, pose), 0); // packed rows
         const Pose truth = rig::camera_from_rig(cam) * series().poses[2];
         for (int i = 0; i < 3; ++i) {
             for (int j = 0; j < 3; ++j)
@@ -439,6 +452,77 @@ TEST(CalibBoardPoseSolver, FindsThePoseOfEachCameraOfAFileAndNothingWithoutOne)
         EXPECT_GT(cv::norm(cv::imread(folder + "axes.png"), before), 0);
         solver.destroy();
     }
+    std::filesystem::remove_all(folder);
+}
+
+TEST(CalibBoardPoseSolver, TakesRectifiedPicturesForTheCamerasOfStereoFilesAndHmatSets)
+{
+    Calibrated& c = calibrated();
+    const std::string folder = folder_for("rectified_pose"), yaml = folder + "stereo.yaml";
+    const std::vector<std::string> set { folder + "h0", folder + "h1", folder + "h2" };
+    ASSERT_GT(c.pair.create_stereo_camera(c.rectify, nullptr, nullptr), 0);
+    ASSERT_TRUE(c.pair.save_stereohmat(set[0], set[1], set[2], false) && c.pair.save_stereofile(yaml, "", ""));
+    const Owned<StereoCamera> stereo(create_StereoCamera_from_Hmats(set[0], set[1], set[2], { 1280, 1024 }, {}, {}));
+    StereoCamera with_rotations({ 1280, 1024 });
+    cv::FileStorage storage;
+    ASSERT_TRUE(stereo && open_yaml(yaml, storage) && with_rotations.load(&storage));
+
+    CalibBoardPoseSolver solver;
+    ASSERT_TRUE(set_up(solver));
+    double pose[16] = {};
+    for (int cam = 0; cam < 2; ++cam) {
+        cv::Mat raw = series().pictures[static_cast<size_t>(cam)][2], rectified(raw.size(), CV_8U);
+        ASSERT_TRUE(stereo->remap(raw.data, 0, rectified.data, 0, cam));
+        const Pose truth = rig::camera_from_rig(cam) * series().poses[2];
+        const cv::Mat_<double>& rectified_from_raw = cam == 0 ? with_rotations.cam0_R2 : with_rotations.cam1_R2;
+        const cv::Matx33d turn(rectified_from_raw.ptr<double>());
+        for (const auto& files : { std::vector<std::string> { yaml }, set }) {
+            ASSERT_TRUE(solver.init_camera(files, cam, 1280, 1024)) << files.size();
+            ASSERT_EQ(solver.solve_pose(rectified.data, 1280, 1024, 0, pose), 0) << files.size();
+            const cv::Matx33d R = turn * truth.R;
+            const cv::Vec3d t = turn * truth.t;
+            for (int i = 0; i < 3; ++i) {
+                for (int j = 0; j < 3; ++j)
+                    EXPECT_NEAR(pose[4 * i + j], R(i, j), 3e-3); // as for raw pictures
+                EXPECT_NEAR(pose[4 * i + 3], t[i], 1);
+            }
+        }
+        EXPECT_TRUE(solver.init_camera({ yaml }, cam, 0, 0));
+        EXPECT_FALSE(solver.init_camera(set, cam, 0, 0)); // the files do not say it
+        EXPECT_FALSE(solver.init_camera(set, cam, 1280, 1023));
+        EXPECT_FALSE(solver.init_camera({ set[0], set[1] }, cam, 1280, 1024));
+        EXPECT_FALSE(solver.init_camera({ set[0], set[1], yaml }, cam, 1280, 1024));
+    }
+    for (const int selector : { -1, 2 })
+        EXPECT_FALSE(solver.init_camera(set, selector, 1280, 1024) || solver.init_camera({ yaml }, selector, 0, 0));
+
+    // A projection means the same at any scale; the pose is in the same axes.
+    std::string bytes;
+    ASSERT_TRUE(read_file(set[1], 96, bytes));
+    for (size_t i = 0; i < 12; ++i)
+        bytes[8 * i + 7] = static_cast<char>(bytes[8 * i + 7] ^ '\x80'); // the signs of its doubles
+    ASSERT_TRUE(write_file(set[1], bytes) && solver.init_camera(set, 1, 1280, 1024));
+    cv::Mat raw = series().pictures[1][2], rectified(raw.size(), CV_8U);
+    double same[16] = {};
+    ASSERT_TRUE(stereo->remap(raw.data, 0, rectified.data, 0, 1));
+    ASSERT_EQ(solver.solve_pose(rectified.data, 1280, 1024, 0, same), 0);
+    for (int i = 0; i < 16; ++i)
+        EXPECT_NEAR(same[i], pose[i], 1e-6);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(CalibBoardPoseSolver, RefusesACameraFileWithoutASizeAndKeepsTheCameraItHas)
+{
+    const std::string folder = folder_for("sizeless"), file = folder + "cameras.yaml";
+    ASSERT_TRUE(calibrated().pair.save_calibfile(file, ""));
+    CalibBoardPoseSolver solver;
+    ASSERT_TRUE(set_up(solver) && solver.init_camera({ file }, 0, 0, 0));
+    std::string text;
+    ASSERT_TRUE(read_file(file, 1 << 20, text));
+    text.replace(text.find("cam0_size"), 9, "cam0_sice");
+    ASSERT_TRUE(write_file(file, text));
+    EXPECT_FALSE(solver.init_camera({ file }, 0, 0, 0) || solver.init_camera({ file }, 0, 1280, 1024));
+    EXPECT_TRUE(solver.init_camera({ file }, 1, 0, 0));
     std::filesystem::remove_all(folder);
 }
 

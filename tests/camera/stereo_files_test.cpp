@@ -136,6 +136,53 @@ TEST_F(StereoFiles, StereoFileCutAtAnyLineOrWithoutAnyKeyIsRefusedAndTheCameraKe
     EXPECT_GT(refused, 50);
 }
 
+TEST_F(StereoFiles, CamerasUnderTheirPresentNamesAreFoundInAFileWithAnotherStereoName)
+{
+    const Stereo stereo = rectify(rig::pair());
+    std::string text = rig::yaml(*stereo);
+    text.replace(text.find("StereoName: stereo"), 18, "StereoName: rig");
+    StereoCamera loaded({ 1, 1 });
+    testing::internal::CaptureStderr(); // there are no tables
+    EXPECT_TRUE(rig::load_text(loaded, text) && rig::load_text(loaded, text));
+    EXPECT_EQ(loaded.name + " " + loaded.cam0.name + " " + loaded.cam1.name, "rig stereoL stereoR");
+    EXPECT_TRUE(same_bits(loaded.cam1.K, stereo->cam1.K));
+    const std::string saved = rig::yaml(loaded); // the present names give way to those of the pair
+    EXPECT_NE(saved.find("rigR_K"), std::string::npos);
+    EXPECT_FALSE(rig::load_text(loaded, text));
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(StereoFiles, CommentsMayHoldAnyByteAndSizesMayBeWrittenAsReals)
+{
+    const std::string text = pair_text(rig::pair());
+    const std::string odd = std::string(" \t# \xC3\xBC \xFF\x01'\"[{- a: %YAML # \\").append(1, '\0') + "\r";
+    std::string noted;
+    for (const char c : text)
+        noted += c == '\n' ? odd + "\n" + odd + "\n#" + odd + "\n" : std::string(1, c);
+    put(path("plain"), text);
+    put(path("noted"), noted);
+    const Stereo plain = from_yaml({ path("plain") }), commented = from_yaml({ path("noted") });
+    ASSERT_TRUE(plain && commented);
+    EXPECT_TRUE(same_bits(*plain, *commented));
+
+    cv::FileStorage fs;
+    put(path("texts"), "%YAML:1.0\n---\na: \"x # \\\" # y\" # \xFC\nb: x#y\nc: 'x # y'\n");
+    ASSERT_TRUE(vexo::open_yaml(path("texts"), fs));
+    EXPECT_EQ(fs["a"].string() + "|" + fs["b"].string() + "|" + fs["c"].string(), "x # \" # y|x#y|x # y");
+    put(path("outside"), "%YAML:1.0\n---\na: x\xFC # y\n");
+    EXPECT_FALSE(vexo::open_yaml(path("outside"), fs));
+
+    const std::string size = "cam0_size: [ 320, 256 ]";
+    for (const char* written :
+        { "[ 320., 256. ]", "[ 3.2e2, 256 ]", "[ 320.5, 256 ]", "[ 1e300, 256 ]", "[ .Nan, 256. ]" }) {
+        put(path("sizes"),
+            std::string(text).replace(text.find(size), size.size(), std::string("cam0_size: ") + written));
+        EXPECT_EQ(from_yaml({ path("sizes") }) != nullptr,
+            written[2] == '3' && std::string(written).find(".5") == std::string::npos)
+            << written;
+    }
+}
+
 TEST_F(StereoFiles, OneFileForBothCamerasIsAsGoodAsTwo)
 {
     Pair cams = rig::pair();
@@ -235,6 +282,8 @@ TEST_F(StereoFiles, WhatAnHmatSetCannotExpressIsNotWritten)
     EXPECT_FALSE(store(smaller.get(), "h") || store(&empty, "h") || store(nullptr, "h"));
     EXPECT_FALSE(vexo::store_StereoCamera_to_Hmats(stereo.get(), path("h0"), path("h0"), path("h2")));
     EXPECT_FALSE(exists(path("h0")) || exists(path("h1")) || exists(path("h2")));
+    ASSERT_EQ(symlink("h0", path("link").c_str()), 0); // to be created; one file cannot hold two projections
+    EXPECT_FALSE(vexo::store_StereoCamera_to_Hmats(stereo.get(), path("link"), path("h0"), path("h2")));
     EXPECT_FALSE(vexo::store_StereoCamera_to_Hmats(stereo.get(), path("h0"), path("h1"), folder));
     EXPECT_FALSE(exists(path("h0")));
 }

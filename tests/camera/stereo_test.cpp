@@ -255,8 +255,14 @@ TEST(Stereo, RemapWritesTheCallersRowsAndNothingElse)
 
     const Stereo same = rectify(rig::pair()); // one buffer for both
     cv::Mat out(256, 640, CV_8UC1);
-    ASSERT_TRUE(same->remap(raw.data, 640, out.data, 640, 2) && same->remap(raw.data, 640, raw.data, 640, 2));
+    cv::Mat packed(256, 640, CV_8UC1);
+    ASSERT_TRUE(same->remap(raw.data, 640, out.data, 640, 2) && same->remap(raw.data, 0, packed.data, 0, 2));
+    EXPECT_TRUE(same_bits(packed, out)); // step 0: packed rows
+    ASSERT_TRUE(same->remap(raw.data, 640, raw.data, 640, 2));
     EXPECT_TRUE(same_bits(raw, out));
+    cv::Mat left(256, 320, CV_8UC1), again(256, 320, CV_8UC1);
+    ASSERT_TRUE(same->remap(raw.data, 0, left.data, 0, 1) && same->remap(raw.data, 320, again.data, 320, 1));
+    EXPECT_TRUE(same_bits(left, again));
 }
 
 TEST(Stereo, DegenerateObservations)

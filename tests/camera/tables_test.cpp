@@ -4,6 +4,7 @@
 #include "camera/rig.h"
 
 #include <cstring>
+#include <numeric>
 #include <opencv2/imgproc.hpp>
 #include <sys/stat.h>
 
@@ -124,6 +125,19 @@ TEST(Tables, CutAndForeignRecordsAreRefusedAndTheTableKept)
     UndistortCamera empty({ 5, 3 }, "u");
     std::istringstream is(bare.str());
     EXPECT_FALSE(vexo::LoadRectifyTables(&empty, is));
+}
+
+TEST(Tables, EveryElementTypeThatIsWrittenIsReadBack)
+{
+    for (int depth = CV_8U; depth <= CV_16F; ++depth)
+        for (const int channels : { 1, 2, 3, 4, CV_CN_MAX }) {
+            cv::Mat map(2, 3, CV_MAKETYPE(depth, channels)), read;
+            std::iota(map.data, map.data + map.total() * map.elemSize(), uchar { 1 });
+            std::stringstream stream;
+            ASSERT_TRUE(vexo::save_map(stream, map));
+            EXPECT_TRUE(vexo::load_map(stream, read)) << cv::typeToString(map.type());
+            EXPECT_TRUE(same_bits(read, map)) << cv::typeToString(map.type());
+        }
 }
 
 TEST(Undistort, UnknownInterpolationIsLinearAndOutsideIsFill)
@@ -253,15 +267,22 @@ TEST_F(TableFiles, MissingTableFileIsAWarningAndADamagedOneIsNot)
     }
 }
 
-TEST_F(TableFiles, TablesThatCannotBeWrittenMakeSaveFalseAndLeaveTheOldFile)
+TEST_F(TableFiles, EmptyTablesLeaveTheirFileEmptyAndTheYamlIsWritten)
 {
-    UndistortCamera cam({ 64, 48 }, "u");
-    cam.map_file = path("tables.bin");
+    UndistortCamera cam({ 64, 48 }, "u"), other = rectified();
+    cam.map_file = other.map_file = path("tables.bin");
     put(cam.map_file, "old");
+    const std::string text = rig::yaml(cam);
+    EXPECT_NE(text.find("u_roi:"), std::string::npos);
+    EXPECT_EQ(content(cam.map_file), "");
+    EXPECT_FALSE(rig::load_text(other, text)); // no old tables beside new parameters
+}
+
+TEST_F(TableFiles, TablesThatCannotBeWrittenMakeSaveFalse)
+{
+    UndistortCamera cam = rectified();
+    cam.map_file = path("no/such/folder");
     cv::FileStorage fs = vexo::memory_yaml();
     EXPECT_FALSE(cam.save(&fs));
-    EXPECT_EQ(content(cam.map_file), "old");
-    cam = rectified();
-    cam.map_file = path("no/such/folder");
-    EXPECT_FALSE(cam.save(&fs));
+    EXPECT_EQ(fs.releaseAndGetString().find("u_roi"), std::string::npos);
 }

@@ -96,7 +96,9 @@ std::vector<std::string> hostile_yaml(const std::string& good)
         "%YAML:1.0\n Y:A\n--\n-", "%YAML:1.0\n  rows--%Y!: A\n----RT: !: A\n   ----c(-", // loop in the parser
         "%YAML:1.   rows: 4\n   cols: 4\n   dt: d     dt: d\ntad-   a: [ 0.,!p1.h, 0.,., 7.l 0. ,  1*0 o\n 517 . ]\n",
         std::string(1000, '\0'), "\xEF\xBB\xBF" + good, good + "...\n" + good, "\n" + good, good + repeated("]", 9),
-        head + "StereoName: \"" + repeated("../", 50) + "etc/passwd\"\n" };
+        head + "StereoName: \"" + repeated("../", 50) + "etc/passwd\"\n", head + "# \xFF\n", "%YAML:1.0 #\n#\n--- #",
+        "%YAML:1.0\n#\n---\n#\n---\n#", "%YAML:1.0\n#\n Y:A #\n-- #\n- #", head + "a: #\n  #\n b #\n: # [",
+        head + repeated("\t# {\n", 100000), head + repeated("a: '#' #", 90000), head + "a: [ # ]\n# ]\n" };
     for (const char* rows : { "2147483647", "-2147483648", "4294967297", "1e9", "\"3\"", "0" })
         for (const char* dt : { "d", "\"1000d\"", "\"65536d\"", "\"ddd\"", "x", "\"\"", "5" })
             all.push_back(good + matrix("RT", rows, dt, "1., 0., 0.")

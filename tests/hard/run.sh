@@ -17,7 +17,7 @@ done
 build=${1:-build/dev}
 status=0
 echo "seed $seed, $seconds s for each program, $build"
-for program in files calls memory writers soak threads commands; do
+for program in files calls memory writers soak threads unload traps commands; do
   "$build/tests/hard/hard_$program" --seconds "$seconds" --seed "$seed" 2> /dev/null || status=1
 done
 [ $status = 0 ] && echo "nothing found" || echo "something was found: see the lines above"

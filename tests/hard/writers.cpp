@@ -1,4 +1,4 @@
-// Files that are written while the process is killed, the disk is full, or the folder forbids it.
+// Files that are written while the process is killed, the disk is full, the folder forbids it, or through links.
 
 #include "base/plain_yaml.h"
 #include "base/whole_file.h"
@@ -134,6 +134,31 @@ const char* forbid(Stage& stage)
     return stage.writer.write(stage.path, 1) && stage.whole() ? nullptr : "writing no longer works";
 }
 
+/// A calibration folder whose files are links: what they name is replaced, or made, and they stay links.
+const char* follow_links(Stage& stage)
+{
+    const std::string folder = stage.folder / "", file = stage.writer.file;
+    const std::string real = folder + "shelf/" + file, new_file = folder + "shelf/new_" + file;
+    const std::string link = folder + "link_" + file, dangling = folder + "dangling_" + file;
+    const std::string loop = folder + "loop_" + file, nowhere = folder + "nowhere_" + file;
+    const bool made = mkdir((folder + "shelf").c_str(), 0700) == 0 && rename(stage.path.c_str(), real.c_str()) == 0
+        && symlink(("shelf/" + file).c_str(), stage.path.c_str()) == 0 && symlink(stage.path.c_str(), link.c_str()) == 0
+        && symlink(("shelf/new_" + file).c_str(), dangling.c_str()) == 0 && symlink(loop.c_str(), loop.c_str()) == 0
+        && symlink(("no/such/" + file).c_str(), nowhere.c_str()) == 0;
+    const auto is_link = [](const std::string& path) {
+        struct stat info = {};
+        return lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+    };
+    if (!made || !stage.writer.write(link, 0) || content(real) != stage.versions[0]) return "a link was not followed";
+    if (!stage.writer.write(dangling, 1) || content(new_file) != stage.versions[1]) return "a link made no file";
+    if (stage.writer.write(loop, 0) || stage.writer.write(nowhere, 0)) return "a link to nowhere was written to";
+    for (const std::string& path : { stage.path, link, dangling, loop, nowhere }) {
+        if (!is_link(path)) return "a link was replaced";
+        if (exists(path + ".vexo-tmp")) return "a temporary file is left";
+    }
+    return exists(real + ".vexo-tmp") || exists(new_file + ".vexo-tmp") ? "a temporary file is left" : nullptr;
+}
+
 /// Several processes write one target: every one of them succeeds, and a reader never sees a part.
 const char* compete(Stage& stage)
 {
@@ -166,7 +191,7 @@ int main(int argc, char** argv)
 {
     const Options options(argc, argv);
     const long found
-        = run_trials("writers: kill -9, full disk, forbidden folder, rivals", argv[0], options, 60, [&](long i) {
+        = run_trials("writers: kill -9, full disk, forbidden folder, links, rivals", argv[0], options, 60, [&](long i) {
               Rng rng = rng_of(options.seed, i);
               Stage stage(writers[i % 3]);
               if (!stage.ready()) return "cannot write at all";
@@ -176,6 +201,7 @@ int main(int argc, char** argv)
               case 1:
                   return forbid(stage);
               case 2:
+                  return follow_links(stage);
               case 3:
                   return fill_disk(rng, stage);
               default:

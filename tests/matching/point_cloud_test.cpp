@@ -15,7 +15,7 @@ namespace {
 
 /// The base with its disparity map in the test's hands.
 struct Generator final : PointCloudGenerator {
-    void destroy() override { }
+    void destroy() override { valid_count = -7; } // its memory belongs to somebody else afterwards
     bool setparams(void*) override { return true; }
     bool setpict(void*, unsigned long, int, int) override { return true; }
     bool loadpict(std::string, int, int) override { return true; }
@@ -95,6 +95,32 @@ TEST(PointCloud, QEqualsTheSinglePointInTheFrameAskedForAndAnyUnknownMethodIsQ)
         EXPECT_EQ(s.generator.get_pointcloud(nullptr), count);
         ASSERT_TRUE(s.generator.convert_coordinate(moved));
         frame = cv::Affine3d(cv::Matx44d(moved.data()));
+    }
+}
+
+TEST(PointCloud, TheCountReturnedIsTheOneHandedOutWhateverTheCallbackDoes)
+{
+    struct Callback : PointCloudCallback {
+        Measured* host = nullptr;
+        bool ends = false;
+        int count = -1;
+        void receive(unsigned char*, std::size_t, int, int, cv::Point3_<float>*, int n) override
+        {
+            count = n;
+            host->generator.disparity.setTo(invalid);
+            host->generator.generate_pointcloud(iPointCloudGenerator::MethodQ);
+            if (ends) host->generator.destroy();
+        }
+    };
+    for (const bool ends : { false, true }) {
+        Measured s;
+        s.generator.generate_pointcloud(iPointCloudGenerator::MethodQ);
+        Callback callback;
+        callback.host = &s;
+        callback.ends = ends;
+        EXPECT_GT(s.generator.get_pointcloud(&callback), 1000);
+        s.generator.generate_pointcloud(iPointCloudGenerator::MethodQ);
+        EXPECT_EQ(s.generator.get_pointcloud(nullptr), 0);
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cfenv>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -150,6 +151,18 @@ TEST_P(MatchingRows, ValidColumnsAreThoseWhereTheMaskIs255)
             got.resize(static_cast<std::size_t>(list_valid_columns(mask.data(), width, got.data())));
             EXPECT_EQ(got, expected) << width << ' ' << kind;
         }
+}
+
+/// A host may let floating-point exceptions end it.
+TEST_P(MatchingRows, ReprojectionOfInfinitelyFarPixelsDividesByNothing)
+{
+    const cv::Matx44d H(1, 0, 0, -640, 0, 1, 0, -512, 0, 0, 0, 1400, 0, 0, 1 / 160.0, 0.0);
+    const std::vector<double> disparity { 5, 0, -0.0, 7, 0, 0, 0, 0, -301, 0, 3 };
+    std::vector<cv::Point3f> points(disparity.size());
+    std::feclearexcept(FE_ALL_EXCEPT);
+    const int count = reproject_row(H, 3, disparity.data(), static_cast<int>(disparity.size()), -301.0, points.data());
+    EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW), 0);
+    EXPECT_EQ(count, 3);
 }
 
 TEST_P(MatchingRows, ReprojectionEqualsItsPlainTwin)

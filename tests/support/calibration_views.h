@@ -16,13 +16,21 @@ template <class Object> bool know_board(Object& object, vexo::PreProcParam pre =
     return object.set_parameters(pre, circle, board);
 }
 
-/// Photo of the coarse board, 400 x 320 px, as one of four views that calibrate two cameras 40 mm apart.
+/// Photo of the coarse board, 400 x 320 px, as one of four views that calibrate two cameras 40 mm apart. The first call
+/// takes them all.
 inline cv::Mat board_photo(int cam, int number)
 {
-    static Photographer camera { { 400, 320 }, 440 };
-    const Board board = coarse_board();
-    const double tilt = 0.25 + 0.05 * number;
-    return camera.photo(board, view(board, tilt, 1.6 * number, 0.1, { 20.0 - 40 * cam, 0, 340 }), {}, number);
+    static const std::vector<cv::Mat> photos = [] {
+        Photographer camera { { 400, 320 }, 440 };
+        const Board board = coarse_board();
+        std::vector<cv::Mat> all;
+        for (int i = 0; i < 8; ++i) {
+            const cv::Vec3d middle(i < 4 ? 20 : -20, 0, 340);
+            all.push_back(camera.photo(board, view(board, 0.25 + 0.05 * (i % 4), 1.6 * (i % 4), 0.1, middle), {}, i));
+        }
+        return all;
+    }();
+    return photos[static_cast<std::size_t>(4 * cam + number)];
 }
 
 /// Hands both calibrators all four views. @return whether each was accepted

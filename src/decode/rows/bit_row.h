@@ -8,7 +8,7 @@
 namespace vexo {
 
 /// A row of flags, one bit a pixel: 64 pixels are looked at in one step, and the next set one is found by counting
-/// zeros. Behind the last pixel there is at least one bit that is never set.
+/// zeros. After the last pixel there is at least one bit that is never set.
 ///
 /// Threads  none; belongs to one thread.
 class BitRow {

@@ -27,7 +27,7 @@ void GrayRow::resize(int cols)
     _cols = 0; // should memory run out, the next call begins anew
     const std::size_t padded = BitRow::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_code, &_rise_flags, &_change_flags })
-        row->assign(padded, 0); // what lies behind the last column stays 0
+        row->assign(padded, 0); // what lies after the last column stays 0
     for (std::vector<uint8_t>* row : { &_section_code, &_trusted })
         row->assign(padded + brush, 0);
     _phase.resize(padded);
@@ -37,7 +37,7 @@ void GrayRow::resize(int cols)
     _cols = cols;
 }
 
-void GrayRow::decode(const RowKernels& kernels, const float* angles, const Frames& frames, const Limits& limits,
+void GrayRow::decode(const RowKernels& kernels, const float* angles, const GrayFrameRows& frames, const Limits& limits,
     float* out, uint8_t* mask) noexcept
 {
     kernels.valid(frames.white, frames.black, _cols, limits.pixels, _valid.data());
@@ -64,7 +64,7 @@ void GrayRow::decode(const RowKernels& kernels, const float* angles, const Frame
 /// Codes, phases and their relations where there are usable pixels; what an earlier row has left on both sides is
 /// not looked at.
 void GrayRow::_decode_range(
-    const RowKernels& kernels, const float* angles, const Frames& frames, const BitRow::Range& range) noexcept
+    const RowKernels& kernels, const float* angles, const GrayFrameRows& frames, const BitRow::Range& range) noexcept
 {
     const int begin = range.begin;
     const int cols = range.end - begin;
@@ -89,7 +89,7 @@ void GrayRow::_decode_range(
 void GrayRow::_find_sections() noexcept
 {
     _sections.clear();
-    int begin = -1; // of the open section; -1: none is open
+    int begin = -1; // where the open section begins; -1: none is open
     int run = 0;    // begin of the run of equal codes
     bool usable_before = false;
     for (std::size_t i = 0; i < _usable.words(); ++i) {

@@ -60,7 +60,7 @@ public:
         int reject_length;
         int code_spread;
     };
-    struct Frames {
+    struct GrayFrameRows {
         const uint8_t* black;
         const uint8_t* white;
         std::array<const uint8_t*, 7> planes;
@@ -71,19 +71,19 @@ public:
     void resize(int cols);
     /// @param out   coordinates, fringe periods; 0 where there is none
     /// @param mask  255 where there is one, else 0
-    void decode(const RowKernels& kernels, const float* angles, const Frames& frames, const Limits& limits, float* out,
-        uint8_t* mask) noexcept;
+    void decode(const RowKernels& kernels, const float* angles, const GrayFrameRows& frames, const Limits& limits,
+        float* out, uint8_t* mask) noexcept;
 
 private:
-    void _decode_range(
-        const RowKernels& kernels, const float* angles, const Frames& frames, const BitRow::Range& range) noexcept;
+    void _decode_range(const RowKernels& kernels, const float* angles, const GrayFrameRows& frames,
+        const BitRow::Range& range) noexcept;
     /// Cuts the row where `_rises` says, and counts the codes of every section.
     void _find_sections() noexcept;
     void _assign_anchors(const RowKernels& kernels, const BitRow::Range& range, float* out, uint8_t* mask) noexcept;
 
     int _cols = 0;
-    std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, but the codes; padded with 0
-    std::vector<uint8_t> _section_code, _trusted;                   ///< of each pixel's section; with room for 16 more
+    std::vector<uint8_t> _valid, _code, _rise_flags, _change_flags; ///< 255 or 0, except the codes; padded with 0
+    std::vector<uint8_t> _section_code, _trusted; ///< what each pixel's section is; with room for 16 more
     std::vector<float> _phase;
     BitRow _rises;   ///< the pixel goes on with the section of its left neighbour
     BitRow _changes; ///< its code differs from the neighbour's

@@ -1,5 +1,6 @@
 #include "decode/rows/kernels.h"
 
+#include "base/angles.h"
 #include "base/cpu.h"
 #include "decode/AngleTable.h"
 #include "decode/pixel_formulas.h"
@@ -91,7 +92,7 @@ VEXO_INLINE void position_body(const uint8_t* const* steps, const float* __restr
 #pragma omp simd
     for (int x = 0; x < cols; ++x) {
         const float a = AngleTable::angle_of(angles, i3[x] - i1[x], i0[x] - i2[x]);
-        position[x] = px * ((a + offset) / two_pi);
+        position[x] = px * ((a + offset) / two_pi_float);
     }
 }
 

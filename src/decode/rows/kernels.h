@@ -22,12 +22,12 @@ struct ByteLimits {
     uint8_t rise;
     uint8_t fall;
 };
-/// @param min_contrast, max_white, min_white  as of ValidLimits: any values
+/// @param min_contrast, max_white, min_white  as in ValidLimits: any values
 ByteLimits byte_limits(int min_contrast, int max_white, int min_white) noexcept;
 
 /// What resolve() needs of a FringePairTable.
 struct PairSlots {
-    const float* offsets; ///< of every slot, px; infinite where no position shows these differences
+    const float* offsets; ///< for every slot, px; infinite where no position shows these differences
     int lower[2];
     int range[2];
     int longest;   ///< largest period, px
@@ -51,7 +51,7 @@ struct RowKernels {
     ///     kept[x] = mask[x] and trusted[x]      coordinate[x] = phase[x] + code[x], or 0
     void (*join)(const uint8_t* mask, const uint8_t* trusted, const uint8_t* code, const float* phase, int cols,
         float* coordinate, uint8_t* kept);
-    /// Positions behind the start of the fringe, px, of all pixels: the period times phase4_row()'s phase.
+    /// Positions after the start of the fringe, px, of all pixels: the period times phase4_row()'s phase.
     void (*position)(const uint8_t* const* steps, const float* angles, float offset, int period, int cols, float* x);
     /// Coordinates of the pixels of `mask` from three positions each, as FringePairTable::unwrap(); 0 and not
     /// `kept` where there is none.

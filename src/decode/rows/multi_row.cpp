@@ -11,7 +11,7 @@ void MultiRow::resize(int cols)
     _cols = 0; // should memory run out, the next call begins anew
     const std::size_t padded = BitRow::flags_of(cols);
     for (std::vector<uint8_t>* row : { &_valid, &_resolved, &_fall_flags })
-        row->assign(padded, 0); // what lies behind the last column stays 0
+        row->assign(padded, 0); // what lies after the last column stays 0
     for (std::vector<float>& row : _positions)
         row.resize(padded);
     _kept.resize(cols);
@@ -21,8 +21,8 @@ void MultiRow::resize(int cols)
     _cols = cols;
 }
 
-void MultiRow::decode(const RowKernels& kernels, const float* angles, const Frames& frames, const ByteLimits& limits,
-    const Periods& periods, float* out, uint8_t* mask) noexcept
+void MultiRow::decode(const RowKernels& kernels, const float* angles, const MultiFrameRows& frames,
+    const ByteLimits& limits, const Periods& periods, float* out, uint8_t* mask) noexcept
 {
     kernels.valid(frames.white, frames.black, _cols, limits, _valid.data());
     _kept.pack(_valid.data());
@@ -38,7 +38,7 @@ void MultiRow::decode(const RowKernels& kernels, const float* angles, const Fram
     prune(kernels, out, _resolved.data(), mask);
 }
 
-void MultiRow::_resolve_range(const RowKernels& kernels, const float* angles, const Frames& frames,
+void MultiRow::_resolve_range(const RowKernels& kernels, const float* angles, const MultiFrameRows& frames,
     const Periods& periods, const BitRow::Range& range, float* out) noexcept
 {
     const int begin = range.begin;
@@ -84,7 +84,7 @@ void MultiRow::_find_falls(const float* v) noexcept
         const int first = static_cast<int>(64 * i);
         const bool adjoins = last >= 0 && last == first - 1;
         const uint64_t followed = kept << 1 | (adjoins ? 1U : 0U);
-        // Adjacent columns that fall, and columns behind a gap.
+        // Adjacent columns that fall, and columns after a gap.
         for (uint64_t here = kept & ((followed & _falls.word(i)) | ~followed); here != 0; here &= here - 1) {
             const int bit = __builtin_ctzll(here);
             const int right = first + bit;

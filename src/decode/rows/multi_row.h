@@ -14,10 +14,10 @@ namespace vexo {
 /// Threads  none; every thread has its own.
 class MultiRow {
 public:
-    struct Frames {
+    struct MultiFrameRows {
         const uint8_t* black;
         const uint8_t* white;
-        std::array<std::array<const uint8_t*, 4>, 3> steps; ///< of each period
+        std::array<std::array<const uint8_t*, 4>, 3> steps; ///< four for each period
     };
     struct Periods {
         std::array<int, 3> period;   ///< projector px
@@ -29,7 +29,7 @@ public:
     void resize(int cols);
     /// @param out   coordinates, projector px, of all that are resolved, pruned ones too; 0 elsewhere
     /// @param mask  255 at those that are left, else 0
-    void decode(const RowKernels& kernels, const float* angles, const Frames& frames, const ByteLimits& limits,
+    void decode(const RowKernels& kernels, const float* angles, const MultiFrameRows& frames, const ByteLimits& limits,
         const Periods& periods, float* out, uint8_t* mask) noexcept;
 
     /// MultiPhaseHolder::_remove_extreme_value() of one row.
@@ -45,8 +45,8 @@ private:
         int right;
     };
     /// Coordinates where there are usable pixels.
-    void _resolve_range(const RowKernels& kernels, const float* angles, const Frames& frames, const Periods& periods,
-        const BitRow::Range& range, float* out) noexcept;
+    void _resolve_range(const RowKernels& kernels, const float* angles, const MultiFrameRows& frames,
+        const Periods& periods, const BitRow::Range& range, float* out) noexcept;
     void _find_falls(const float* v) noexcept;
     void _remove_falls(const float* v) noexcept;
 
