@@ -153,7 +153,7 @@ bool boards(cv::Mat board)
         for (const double gamma : { 0.0, 0.5, 1.0 }) {
             PreProcParam pre;
             pre.binarize_mode = mode;
-            pre.threshold = mode == 2 ? 51 : 100;
+            pre.threshold = mode == 2 ? 51 : 140;
             pre.gamma = gamma;
             pre.equalize = pre.median = gamma == 0.5;
             const Owned<iCalibBoardRecognizer> recognizer(CreateCalibBoardRecognizer());
@@ -172,7 +172,7 @@ bool calibration(const Folder& folder)
     const Owned<iStereoCalibrator> pair(CreateStereoCalibrator());
     PreProcParam pre;
     pre.gamma = 1.2;
-    pre.equalize = pre.median = true;
+    pre.median = true;
     bool good = know_board(*one, pre) && know_board(*pair, pre) && give_views(*one, *pair);
     for (int cam = 0; cam < 2; ++cam) { // packed rows, and with a picture of the result
         cv::Mat p = board_photo(cam, 0);
