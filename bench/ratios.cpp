@@ -7,7 +7,7 @@
 #include "board/KorvaCalibBoardRecognizer.h"
 #include "capture.h"
 #include "opencv_chain.h"
-#include "support/board_image.h"
+#include "support/board_photos.h"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
@@ -203,17 +203,17 @@ void print_gray_code_row(Settings&)
 
 void print_board_rows(Settings& settings)
 {
-    const board_image::Board board = board_image::default_board();
-    const board_image::Renderer renderer { board_image::Camera() };
-    const board_image::Pose pose = board_image::view(board, 0.2, 0.5, 0.1, { 0, 0, 400 });
-    cv::Mat picture = renderer.render(board, pose, board_image::Light(), 1);
+    const board_photos::Board board;
+    board_photos::Photographer camera;
+    const board_photos::Pose pose = board_photos::view(board, 0.2, 0.5, 0.1, { 0, 0, 400 });
+    cv::Mat picture = camera.photo(board, pose);
     struct End {
         void operator()(vexo::iCalibBoardRecognizer* r) const { r->destroy(); }
     };
     const std::unique_ptr<vexo::iCalibBoardRecognizer, End> recognizer(new vexo::KORVACalibBoardRecognizer);
     vexo::PreProcParam pre;
-    vexo::CircleMarkerParam circle = board_image::marker_settings();
-    vexo::CalibBoardParam param = board.param;
+    vexo::CircleMarkerParam circle = board_photos::marker_settings();
+    vexo::CalibBoardParam param = board.param();
     std::vector<cv::Point2f> points;
     if (recognizer == nullptr || !recognizer->set_parameters(pre, circle, param)
         || recognizer->recognize(picture, points) != 0) {
@@ -230,9 +230,9 @@ void print_board_rows(Settings& settings)
             cv::findContours(binary, contours, cv::RETR_TREE, cv::CHAIN_APPROX_NONE);
         },
         settings);
-    board_image::Board discs = board;
+    board_photos::Board discs = board;
     discs.rings.clear();
-    const cv::Mat grid = renderer.render(discs, pose, board_image::Light(), 1);
+    const cv::Mat grid = camera.photo(discs, pose);
     std::vector<cv::Point2f> centres;
     print_ratio(
         "cv::findCirclesGrid with clustering on a plain grid of that size / recognize",

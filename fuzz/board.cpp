@@ -1,6 +1,6 @@
 // The board recogniser on raw images: bytes of parameters, then pixels.
 
-#include "support/board_image.h"
+#include "support/board_photos.h"
 #include "target.h"
 #include "vexo/vexo.h"
 
@@ -12,14 +12,10 @@ constexpr int full_width = 200, full_height = 160;
 
 std::string good_input()
 {
-    board_image::Camera camera;
-    camera.size = { full_width, full_height };
-    camera.fx = camera.fy = 250;
-    camera.cx = 100;
-    camera.cy = 80;
-    const board_image::Board board = board_image::coarse_board();
-    const board_image::Pose pose = board_image::view(board, 0.15, 1.0, 0.1, { 0, 0, 330 });
-    const cv::Mat picture = board_image::Renderer(camera).render(board, pose, { 0.3, 0, 1, 20, 230, 120 }, 1);
+    board_photos::Photographer camera { { full_width, full_height }, 250 };
+    const board_photos::Board board = board_photos::coarse_board();
+    const board_photos::Pose pose = board_photos::view(board, 0.15, 1.0, 0.1, { 0, 0, 330 });
+    const cv::Mat picture = camera.photo(board, pose, { 0.3, 0 });
     return std::string { '\0', '\1', '\0', '\0', '\0' }
     + std::string(reinterpret_cast<const char*>(picture.data), picture.total());
 }
@@ -36,9 +32,9 @@ bool fuzz_one(const std::string& bytes)
     pre.median = (flags & 2) != 0;
     pre.equalize = (flags & 4) != 0;
     pre.gamma = (flags & 8) != 0 ? 0.5 : 1.0;
-    vexo::CircleMarkerParam circle = board_image::marker_settings();
+    vexo::CircleMarkerParam circle = board_photos::marker_settings();
     circle.min_radius = 2 + input.in(0, 3);
-    vexo::CalibBoardParam board = board_image::coarse_board().param;
+    vexo::CalibBoardParam board = board_photos::coarse_board().param();
 
     cv::Mat_<uchar> image(full_height, width);
     for (uchar& pixel : image)

@@ -1,33 +1,25 @@
-// Fringe table and decoders on arbitrary frames: the fast form, the form in steps and the plain twin give the same
-// bits.
+// Fringe table and decoders on arbitrary frames: one pass gives the bits of the steps, and unwrapping those of its
+// definition.
 
-#include "decode/captures.h"
+#include "decode/frames.h"
 #include "decode/FringePairTable.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/MultiPhaseDecoder.h"
-#include "reference/plain_multi_phase.h"
+#include "reference/plain_gray_phase.h"
 #include "target.h"
 
 using namespace vexo;
 
 namespace {
 
-template <class Decoder> bool agree(const Decoder& decoder, const plain::Unwrapped& expected)
+/// Both ways of a decoder. @return whether any pixel has a coordinate
+template <class Decoder> bool compare(Decoder& decoder)
 {
-    return captures::same_bits(decoder.unwrapped, expected.map) && captures::same_bits(decoder.vmask, expected.mask);
-}
-
-/// Both ways of a decoder against its plain twin. @return whether any pixel has a coordinate
-template <class Decoder>
-bool compare(Decoder& decoder, const captures::Frames& frames, const plain::Unwrapped& expected)
-{
-    captures::give_all(decoder, frames);
-    decoder.preproc();
     decoder.unwrap();
-    must(decoder.valid == expected.valid && agree(decoder, expected), "in steps as in the plain form");
+    const cv::Mat map = decoder.unwrapped.clone(), mask = decoder.vmask.clone();
     decoder.decode();
-    must(agree(decoder, expected), "in one pass as in the plain form");
-    return cv::countNonZero(expected.mask) > 0;
+    must(same_bits(decoder.unwrapped, map) && same_bits(decoder.vmask, mask), "in one pass as in steps");
+    return cv::countNonZero(mask) > 0;
 }
 
 captures::Frames frames_of(Input& input, std::size_t count, cv::Size size)
@@ -50,9 +42,13 @@ bool gray(Input& input, cv::Size size)
     p.anchor_length = input.in(0, 9);
     p.reject_length = input.in(0, 9);
     p.code_spread = input.in(1, 5);
-    const captures::Frames frames = frames_of(input, 13, size);
     GrayPhaseDecoder decoder(0, 13, &p);
-    return compare(decoder, frames, plain::unwrap(plain::decode(frames, p), p));
+    captures::give_all(decoder, frames_of(input, 13, size));
+    decoder.preproc();
+    const plain::Unwrapped expected = plain::unwrap({ decoder.valid, decoder.gray, decoder.phase }, p);
+    const bool any = compare(decoder);
+    must(same_bits(decoder.unwrapped, expected.map), "unwrapped by definition");
+    return any;
 }
 
 bool multi(Input& input, cv::Size size)
@@ -62,17 +58,14 @@ bool multi(Input& input, cv::Size size)
     for (int i = 0; i < 3; ++i)
         periods.push_back(p.periods[i] = input.in(9, 16)); // fringe numbers fit into the table's bytes
     p.steps = input.in(3, 4);
-    p.min_contrast = -255; // the plain form takes every pixel
+    p.min_contrast = -255;
     p.min_white = input.in(0, 255);
     const FringePairTable table(periods);
     must(table.ok, "these periods have a table");
-    const plain::PairMap pairs(periods);
-    const captures::Frames frames = frames_of(input, static_cast<std::size_t>(2 + 3 * p.steps), size);
-    const plain::Rows valid = plain::valid_pixels(frames[0], frames[1], -255, 256, p.min_white);
     MultiPhaseDecoder decoder(0, &p, &table, p.steps, 3);
-    return compare(decoder, frames,
-        plain::unwrap(plain::multi_phases(frames, valid, p.steps, periods), valid,
-            [&](const auto& phases) { return pairs.unwrap(phases); }));
+    captures::give_all(decoder, frames_of(input, static_cast<std::size_t>(2 + 3 * p.steps), size));
+    decoder.preproc();
+    return compare(decoder);
 }
 
 /// Tables of any periods are built or refused, and asked for any phases.

@@ -1,4 +1,4 @@
-#include "captures.h"
+#include "decode/frames.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
 #include "decode/MultiPhaseDecoder.h"
@@ -35,7 +35,7 @@ TEST(ProjectorPositions, MaskAndListsDescribeTheSamePixelsAndOnly255Counts)
     positions.white = frame_of({ 5, 3 }, 0); // a row more than `valid` has
     positions.valid2vmask();
     const cv::Mat_<uchar> expected = (cv::Mat_<uchar>(3, 5) << 255, 0, 0, 0, 255, 0, 255, 0, 0, 0, 0, 0, 0, 0, 0);
-    EXPECT_TRUE(captures::same_bits(positions.vmask, expected));
+    EXPECT_TRUE(same_bits(positions.vmask, expected));
     positions.white.release();
     positions.valid2vmask();
     positions.vmask2valid();
@@ -52,11 +52,11 @@ TEST(ProjectorPositions, AFrameIsCopiedRowByRowFromAnyStepAndAddress)
                 cv::Size(33, 17) }) {
             const cv::Mat_<uchar> frame = captures::random_frame(size, 0, 255, rng);
             ASSERT_EQ(captures::give(positions, frame, 0, padding), 1);
-            EXPECT_TRUE(captures::same_bits(positions.black, frame)) << size << " padding " << padding;
+            EXPECT_TRUE(same_bits(positions.black, frame)) << size << " padding " << padding;
         }
     cv::Mat_<uchar> packed = captures::random_frame({ 33, 17 }, 0, 255, rng);
     EXPECT_EQ(positions.set_input(packed.data, 33, 17, 0, 4), 1);
-    EXPECT_TRUE(captures::same_bits(positions.input(4), packed));
+    EXPECT_TRUE(same_bits(positions.input(4), packed));
 
     const uchar* buffer = positions.input(4).data;
     positions.set_input(packed.data, 33, 17, 33, 4);
@@ -67,10 +67,10 @@ TEST(ProjectorPositions, AFrameIsCopiedRowByRowFromAnyStepAndAddress)
     Positions shifted;
     ASSERT_EQ(captures::give(shifted, large, 0), 1);
     ASSERT_EQ(shifted.set_input(shifted.black.data + 5, 500, 300, 512, 0), 1) << "from one size into another";
-    EXPECT_TRUE(captures::same_bits(shifted.black, large(cv::Rect(5, 0, 500, 300))));
+    EXPECT_TRUE(same_bits(shifted.black, large(cv::Rect(5, 0, 500, 300))));
     ASSERT_EQ(captures::give(shifted, large, 0), 1);
     ASSERT_EQ(shifted.set_input(shifted.black.data, 512, 300, 0, 0), 1);
-    EXPECT_TRUE(captures::same_bits(shifted.black, large));
+    EXPECT_TRUE(same_bits(shifted.black, large));
 }
 
 TEST(ProjectorPositions, WhatCannotBeAFrameIsRefusedAndNothingChanges)
@@ -96,7 +96,7 @@ TEST(ProjectorPositions, WhatCannotBeAFrameIsRefusedAndNothingChanges)
     refuse(data.data(), 9, 4, 9, 2); // another size may start at frame 0 or 1 only
     EXPECT_TRUE(positions.complete());
     for (int i = 0; i < 5; ++i)
-        EXPECT_TRUE(captures::same_bits(positions.input(i), frame_of(size, 10 + i))) << "frame " << i;
+        EXPECT_TRUE(same_bits(positions.input(i), frame_of(size, 10 + i))) << "frame " << i;
     EXPECT_TRUE(positions.input(-1).empty() && positions.input(5).empty());
 }
 
@@ -135,7 +135,7 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
     std::string bytes;
     ASSERT_TRUE(read_file("unwrap1.raw", 1000, bytes));
     EXPECT_EQ(bytes, std::string(map.ptr<char>(), 24));
-    EXPECT_TRUE(captures::same_bits(cv::imread("vumask1.pgm", cv::IMREAD_UNCHANGED), mask));
+    EXPECT_TRUE(same_bits(cv::imread("vumask1.pgm", cv::IMREAD_UNCHANGED), mask));
 
     positions.phase = cv::Mat(map, cv::Rect(1, 0, 2, 2)); // rows that do not follow one another
     positions.white = cv::Mat_<uchar>(2, 3, uchar { 0 });

@@ -12,6 +12,7 @@
 
 using namespace vexo;
 using namespace hard;
+using namespace board_photos;
 
 namespace {
 

@@ -10,6 +10,7 @@
 
 using namespace vexo;
 using namespace hard;
+using namespace board_photos;
 
 namespace {
 

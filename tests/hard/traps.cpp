@@ -2,9 +2,9 @@
 // does everything that a host does. Our own code raises none of them; each that OpenCV raises is counted and let pass,
 // by one instruction with the exceptions masked.
 
-#include "support/board_image.h"
 #include "support/run.h"
 #include "support/samples.h"
+#include "support/station.h"
 
 #include <atomic>
 #include <cfenv>
@@ -16,6 +16,7 @@
 
 using namespace vexo;
 using namespace hard;
+using namespace board_photos;
 
 namespace {
 
@@ -85,22 +86,15 @@ bool cameras_from_files(const Folder& folder)
     return good;
 }
 
-using Frames = std::vector<cv::Mat>;
-
 /// All methods on frames of both cameras. @return points of the last cloud, negative: the frames were refused
 int measure(int g, int datatype, const Frames& left, const Frames& right, double toe_in)
 {
     const rig::Camera camera = rig::make_camera(7, toe_in);
     const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(g));
     generator->init(camera.get());
-    SGBMatchingParam sgbm;
-    sgbm.numDisparities = 64;
-    GrayPhaseMatchingParam gray;
-    MultiPhaseMatchingParam multi;
-    gray.anchor_length = 2;
-    gray.datatype = multi.datatype = datatype;
-    gray.fit_points = multi.fit_points = toe_in > 0 ? 3 : 5;
-    void* const records[] = { &sgbm, &gray, &multi };
+    Records records;
+    records.gray.datatype = records.multi.datatype = datatype;
+    records.gray.fit_points = records.multi.fit_points = toe_in > 0 ? 3 : 5;
     std::vector<double> frame { 0.8, -0.6, 0, 12.5, 0.6, 0.8, 0, -3.25, 0, 0, 1, 400.0, 0, 0, 0, 1 };
     const bool good = generator->setparams(records[g]) && generator->convert_coordinate(frame)
         && rig::put_frames(*generator, [&](int cam) { return cam == 0 ? left : right; }) && generator->exec();
@@ -113,9 +107,11 @@ int measure(int g, int datatype, const Frames& left, const Frames& right, double
 /// Decoded data as the phase matchers load it, with phases that are no numbers.
 Frames decoded(int g)
 {
-    Frames frames { cv::Mat(rig::height, rig::width, CV_8U, cv::Scalar(20)),
-        cv::Mat(rig::height, rig::width, CV_8U, cv::Scalar(220)) };
-    if (g == 1) frames.push_back(rig::columns_image([](int u) { return u / 8; }));
+    cv::Mat code(rig::height, rig::width, CV_8U);
+    for (int x = 0; x < rig::width; ++x)
+        code.col(x) = x / 8;
+    Frames frames { code * 0 + 20, code * 0 + 220 };
+    if (g == 1) frames.push_back(code);
     const float wild[] = { NAN, HUGE_VALF, -HUGE_VALF, 1e38F, -1e38F, 0.0F };
     for (int n = g == 1 ? 1 : 3; n > 0; --n) {
         cv::Mat_<float> phase(rig::height, rig::width);
@@ -129,11 +125,7 @@ Frames decoded(int g)
 
 bool measurements(int g)
 {
-    Frames seen[2];
-    for (const int cam : { 0, 1 })
-        seen[cam] = g == 2 ? rig::multi_phase_frames(cam) : rig::gray_phase_frames(cam);
-    for (Frames& frames : seen)
-        if (g == 0) frames.resize(1);
+    const Frames seen[] = { plane_frames(g, 0), plane_frames(g, 1) };
     Frames noise, black, white;
     for (const cv::Mat& frame : seen[0]) {
         noise.push_back(frame.clone());
@@ -151,23 +143,21 @@ bool measurements(int g)
 }
 
 /// The board and pictures without one, prepared in each way.
-bool boards()
+bool boards(cv::Mat board)
 {
-    cv::Mat board = board_image::small_picture(), noise = board.clone(), black = board * 0;
+    cv::Mat noise = board.clone(), black = board * 0;
     cv::randu(noise, 0, 256);
-    CircleMarkerParam circle = board_image::marker_settings();
-    CalibBoardParam layout = board_image::coarse_board().param;
     std::vector<cv::Point2f> points;
     bool good = true;
     for (int mode = 0; mode < 3; ++mode)
         for (const double gamma : { 0.0, 0.5, 1.0 }) {
             PreProcParam pre;
             pre.binarize_mode = mode;
-            pre.threshold = mode == 2 ? 51 : 100;
+            pre.threshold = mode == 2 ? 51 : 140;
             pre.gamma = gamma;
             pre.equalize = pre.median = gamma == 0.5;
             const Owned<iCalibBoardRecognizer> recognizer(CreateCalibBoardRecognizer());
-            good = good && recognizer->set_parameters(pre, circle, layout);
+            good = good && know_board(*recognizer, pre);
             for (cv::Mat picture : { noise, black, board })
                 for (int kind = recognizer->recognize(picture, points); kind < 5; ++kind)
                     recognizer->copy_result_image(picture, kind);
@@ -182,28 +172,19 @@ bool calibration(const Folder& folder)
     const Owned<iStereoCalibrator> pair(CreateStereoCalibrator());
     PreProcParam pre;
     pre.gamma = 1.2;
-    pre.equalize = pre.median = true;
-    CircleMarkerParam circle = board_image::marker_settings();
-    CalibBoardParam board = board_image::coarse_board().param;
-    bool good = one->set_parameters(pre, circle, board) && pair->set_parameters(pre, circle, board);
-    const board_image::Renderer renderer(board_image::small_camera());
-    cv::Mat pictures[2];
-    for (int view = 0; view < 4; ++view)
-        for (int cam = 0; cam < 2; ++cam) {
-            const board_image::Pose pose = board_image::view(
-                board_image::coarse_board(), 0.25 + 0.05 * view, 1.6 * view, 0.1, { 20.0 - 40 * cam, 0, 340 });
-            cv::Mat& p = pictures[cam] = renderer.render(board_image::coarse_board(), pose, {}, view);
-            good = good && pair->put_image(cam, p.data, p.cols, p.rows, 0, false, folder / "result.png") == 0
-                && (cam == 1 || one->put_image(p.data, p.cols, p.rows, 0, false, "") == 0);
-        }
-    CameraCalibParam param;
-    param.flags = 128; // k3 fixed at 0: four views of a small picture
+    pre.median = true;
+    bool good = know_board(*one, pre) && know_board(*pair, pre) && give_views(*one, *pair);
+    for (int cam = 0; cam < 2; ++cam) { // packed rows, and with a picture of the result
+        cv::Mat p = board_photo(cam, 0);
+        good = good && pair->put_image(cam, p.data, p.cols, p.rows, 0, false, folder / "result.png") == 0;
+    }
+    CameraCalibParam param = calibration_param();
     std::vector<double> errors;
     double rms = 0;
     RectifyParam rectify;
     return good && one->do_calibrate(param, &errors, &rms) && one->save_calibfile(folder / "c.yaml", "left")
         && pair->do_calibrate(param, nullptr, nullptr) && pair->create_stereo_camera(rectify, nullptr, nullptr) > 0
-        && pair->create_stereo_brdcrd(pictures[0].data, 0, pictures[1].data, 0)
+        && pair->create_stereo_brdcrd(board_photo(0, 0).data, 0, board_photo(1, 0).data, 0)
         && pair->save_calibfile(folder / "cc.yaml", "") && pair->save_boardRT(folder / "rt2.yaml")
         && pair->save_stereofile(folder / "s.yaml", folder / "m0", folder / "m1")
         && pair->save_stereohmat(folder / "h0", folder / "h1", folder / "h2", true);
@@ -216,6 +197,10 @@ int main()
     const Clock clock;
     const Folder folder;
     if (!write_samples(folder)) return 1;
+    const cv::Mat board = small_photo(); // the virtual rig is no part of this
+    board_photo(0, 0);
+    for (const int g : { 0, 1, 2 })
+        plane_frames(g, 0);
     install(SIGFPE, on_trap);
     install(SIGTRAP, after_one_instruction);
     feenableexcept(trapped); // threads made from here on inherit it
@@ -224,7 +209,7 @@ int main()
         { "block matching", [] { return measurements(0); } },
         { "gray code", [] { return measurements(1); } },
         { "multi-period", [] { return measurements(2); } },
-        { "boards", boards },
+        { "boards", [&] { return boards(board); } },
         { "calibration", [&] { return calibration(folder); } },
     };
     for (const auto& [name, run] : steps) {

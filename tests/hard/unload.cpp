@@ -1,9 +1,10 @@
 // A host that links neither libvexo.so nor OpenMP: it loads the library, measures on several threads, and lets it go,
 // again and again. The runtime's idle threads must find their code where they left it.
 
-#include "matching/rig.h"
 #include "support/run.h"
-#include "vexo/factories.h"
+#include "vexo/vexo.h"
+
+#include <cmath>
 
 #include <dlfcn.h>
 
@@ -11,6 +12,28 @@ using namespace vexo;
 using namespace hard;
 
 namespace {
+
+constexpr int width = 160, height = 120;
+constexpr double focal_px = 200, baseline_mm = 50;
+
+/// Decoded data of the plane Z = 500 mm: lit and dark pictures, number and part of the fringe that each pixel sees.
+bool give_plane(iPointCloudGenerator& generator)
+{
+    bool taken = true;
+    for (int cam = 0; cam < 2; ++cam) {
+        cv::Mat data[]
+            = { cv::Mat(height, width, CV_8U, cv::Scalar(20)), cv::Mat(height, width, CV_8U, cv::Scalar(220)),
+                  cv::Mat(height, width, CV_8U), cv::Mat(height, width, CV_32F) };
+        for (int x = 0; x < width; ++x) {
+            const double fringe = (x + 300 + cam * focal_px * baseline_mm / 500) / 8;
+            data[2].col(x) = std::floor(fringe);
+            data[3].col(x) = fringe - std::floor(fringe);
+        }
+        for (int i = 0; i < 4; ++i)
+            taken = generator.setpict(data[i].data, 0, cam, i) && taken;
+    }
+    return taken;
+}
 
 /// One life of the library. @return whether it measured something
 bool load_measure_and_unload()
@@ -21,20 +44,20 @@ bool load_measure_and_unload()
         = reinterpret_cast<decltype(CreateStereoCameraFromRaw)*>(dlsym(library, "CreateStereoCameraFromRaw"));
     auto* const create_generator
         = reinterpret_cast<decltype(CreatePointCloudGenerator)*>(dlsym(library, "CreatePointCloudGenerator"));
-    const double K[] = { rig::focal_px, 0, rig::width / 2.0, 0, rig::focal_px, rig::height / 2.0, 0, 0, 1 };
-    const double D[5] = {}, R[] = { 1, 0, 0, 0, 1, 0, 0, 0, 1 }, T[] = { -rig::baseline_mm, 0, 0 };
+    const double K[] = { focal_px, 0, width / 2.0, 0, focal_px, height / 2.0, 0, 0, 1 };
+    const double D[5] = {}, R[] = { 1, 0, 0, 0, 1, 0, 0, 0, 1 }, T[] = { -baseline_mm, 0, 0 };
     StereoCameraParam param;
-    param.inp_width = rig::width;
-    param.inp_height = rig::height;
+    param.inp_width = width;
+    param.inp_height = height;
     bool measured = false;
     {
         const Owned<iStereoCamera> camera(create_camera(K, D, K, D, R, T, &param));
         const Owned<iPointCloudGenerator> generator(create_generator(1));
         GrayPhaseMatchingParam record;
         record.anchor_length = 2;
+        record.datatype = 1;
         generator->init(camera.get());
-        measured
-            = generator->setparams(&record) && rig::put_frames(*generator, rig::gray_phase_frames) && generator->exec();
+        measured = generator->setparams(&record) && give_plane(*generator) && generator->exec();
         generator->genPC(iPointCloudGenerator::MethodQ, true);
         measured = measured && generator->get_pointcloud(nullptr) > 1000;
     }

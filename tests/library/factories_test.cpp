@@ -1,9 +1,10 @@
-#include "library/loaded_library.h"
+#include "vexo/vexo.h"
+
+#include <gtest/gtest.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <set>
+#include <sstream>
 
 using namespace vexo;
 
@@ -24,15 +25,8 @@ std::string output_of(const std::string& command)
 
 TEST(Library, ExportsTheSixFactoriesAndNothingElse)
 {
-    std::set<std::string> symbols;
-    std::string symbol;
-    const std::string names = output_of("nm -D --defined-only " VEXO_LIBRARY " | awk '{print $3}'");
-    for (const char c : names) {
-        if (c != '\n')
-            symbol += c;
-        else if (!symbol.empty())
-            symbols.insert(std::exchange(symbol, ""));
-    }
+    std::istringstream names(output_of("nm -D --defined-only " VEXO_LIBRARY " | awk '{print $3}'"));
+    const std::set<std::string> symbols { std::istream_iterator<std::string>(names), {} };
     const std::set<std::string> expected { "CreateCalibBoardRecognizer", "CreateStereoCamera",
         "CreateStereoCameraFromRaw", "CreatePointCloudGenerator", "CreateCameraCalibrator", "CreateStereoCalibrator" };
     EXPECT_EQ(symbols, expected);

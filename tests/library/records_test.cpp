@@ -1,5 +1,6 @@
 // why_invalid() of every record, against the calls that the record is for.
-#include "support/board_image.h"
+#include "support/calibration_views.h"
+#include "support/folder.h"
 #include "support/no_display.h"
 #include "vexo/vexo.h"
 
@@ -7,9 +8,6 @@
 
 #include <cfloat>
 #include <cmath>
-#include <filesystem>
-
-#include <unistd.h>
 
 using namespace vexo;
 
@@ -79,23 +77,12 @@ template <class Record, class... Values> void expect_of_matcher(int selector, Fi
         Field { "min_white", &Record::min_white }, fields...);
 }
 
-/// Both calibrators, with three views of a board each.
+/// Both calibrators, with four views of a board each.
 struct Calibrators {
     Calibrators()
     {
-        const board_image::Board board = board_image::coarse_board();
-        const board_image::Renderer renderer(board_image::small_camera());
-        PreProcParam pre;
-        CircleMarkerParam circle = board_image::marker_settings();
-        CalibBoardParam geometry = board.param;
-        EXPECT_TRUE(one->set_parameters(pre, circle, geometry) && pair->set_parameters(pre, circle, geometry));
-        for (int i = 0; i < 3; ++i)
-            for (int cam = 0; cam < 2; ++cam) {
-                const board_image::Pose pose = board_image::view(board, 0.3, 2.1 * i, 0.1, { 20.0 * cam, 0, 330 });
-                cv::Mat p = renderer.render(board, pose, {}, 2 * i + cam);
-                EXPECT_EQ(pair->put_image(cam, p.data, p.cols, p.rows, p.step, false, ""), 0);
-                EXPECT_TRUE(cam == 1 || one->put_image(p.data, p.cols, p.rows, p.step, false, "") == 0);
-            }
+        EXPECT_TRUE(
+            board_photos::know_board(*one) && board_photos::know_board(*pair) && board_photos::give_views(*one, *pair));
     }
     template <class Calibrator> static bool accepts(Calibrator& calibrator, CameraCalibParam& record)
     {
@@ -132,7 +119,7 @@ TEST(WhyInvalid, OfBoardRecordsIsNullExactlyWhenTheRecogniserAccepts)
 {
     const NoDisplay quiet;
     const Owned<iCalibBoardRecognizer> recognizer(CreateCalibBoardRecognizer());
-    cv::Mat picture = board_image::small_picture();
+    cv::Mat picture = board_photos::small_photo();
     const auto accepts = [&](PreProcParam pre, CircleMarkerParam circle, CalibBoardParam board) {
         if (!recognizer->set_parameters(pre, circle, board)) return false;
         std::vector<cv::Point2f> points;
@@ -146,7 +133,7 @@ TEST(WhyInvalid, OfBoardRecordsIsNullExactlyWhenTheRecogniserAccepts)
     using Pre = PreProcParam;
     using Circle = CircleMarkerParam;
     using Board = CalibBoardParam;
-    const Board board = board_image::coarse_board().param;
+    const Board board = board_photos::coarse_board().param();
     Pre adaptive;
     adaptive.binarize_mode = 2;
     adaptive.threshold = 101;
@@ -194,14 +181,14 @@ TEST(WhyInvalid, OfStereoRecordsIsNullExactlyWhenAPairIsRectified)
         Field { "fill1", &Param::fill1 });
 
     const Calibrators calibrators;
-    const std::vector<std::string> file { testing::TempDir() + "vexo_records_" + std::to_string(getpid()) + ".yaml" };
+    const Folder folder;
+    const std::vector<std::string> file { folder / "cameras.yaml" };
     CameraCalibParam param;
     ASSERT_TRUE(Calibrators::accepts(calibrators.pair, param) && calibrators.pair->save_calibfile(file[0], ""));
     sound.inp_width = 400, sound.inp_height = 320;
     const auto from_file
         = [&](Param& record) { return Owned<iStereoCamera>(CreateStereoCamera(2, &file, &record)) != nullptr; };
     expect_null_exactly_when_accepted(sound, from_file, width, height, alpha, flags);
-    std::filesystem::remove(file[0]);
 
     using Rectify = RectifyParam;
     const auto rectifies

@@ -1,248 +1,104 @@
-#include "library/loaded_library.h"
+// The binary contract: which operation is in which virtual slot, counted from the first, as a host calls them that was
+// compiled against other headers or written in another language.
 
-#include <cfloat>
-#include <cmath>
+#include "vexo/pose.h"
+#include "vexo/vexo.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
 
 using namespace vexo;
 
 namespace {
 
-/// Ideal pair: f 500 px, centre (160, 120), baseline 50 along x, 320 x 240.
-iStereoCamera* ideal_pair(const LoadedLibrary& library)
+/// The slot of an operation, from the Itanium C++ ABI's pointer to a virtual member: 1 + 8 * slot.
+template <class Member> int slot(Member member)
 {
-    const double K[] = { 500, 0, 160, 0, 500, 120, 0, 0, 1 };
-    const double D[] = { 0, 0, 0, 0, 0 };
-    const double R[] = { 1, 0, 0, 0, 1, 0, 0, 0, 1 };
-    const double T[] = { -50, 0, 0 };
-    StereoCameraParam param;
-    param.inp_width = 320;
-    param.inp_height = 240;
-    param.flags = 1024;
-    auto* create = library.factory<decltype(CreateStereoCameraFromRaw)>("CreateStereoCameraFromRaw");
-    return create(K, D, K, D, R, T, &param);
+    std::ptrdiff_t word = 0;
+    std::memcpy(&word, &member, sizeof word);
+    return static_cast<int>(word - 1) / static_cast<int>(sizeof(void*));
 }
 
-class Slots : public testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(library.ok()) << dlerror(); }
-
-    const LoadedLibrary library;
-};
-
-/// set_parameters(), slot 3 of whatever recognises boards.
-void set_board(void* object)
+/// @param first  slot of the first of these operations; the others follow it
+template <class... Members> void expect_slots(int first, Members... members)
 {
-    PreProcParam pre;
-    CircleMarkerParam circle;
-    CalibBoardParam board;
-    const auto set = [&] {
-        return call_slot<bool, PreProcParam&, CircleMarkerParam&, CalibBoardParam&>(object, 3, pre, circle, board);
-    };
-    EXPECT_FALSE(set()) << "pitch 0";
-    board.pitch = 10;
-    board.columns = 3;
-    board.rows = 2;
-    board.origin_x = 1;
-    EXPECT_TRUE(set());
+    std::vector<int> expected(sizeof...(members));
+    std::iota(expected.begin(), expected.end(), first);
+    EXPECT_EQ((std::vector<int> { slot(members)... }), expected);
 }
+
+using Text = std::string;
+using Points = std::vector<cv::Point2f>;
+using Objects = std::vector<cv::Point3f>;
+using Bytes = unsigned char*;
 
 } // namespace
 
-TEST_F(Slots, StereoCamera)
+TEST(Slots, OfAStereoCamera)
 {
-    void* camera = ideal_pair(library);
-    ASSERT_NE(camera, nullptr);
-
-    EXPECT_NEAR(call_slot<double>(camera, 1), 50.0, 1e-9);
-    int w = 0, h = 0;
-    call_slot<void, int*, int*>(camera, 2, &w, &h);
-    EXPECT_EQ(cv::Size(w, h), cv::Size(320, 240));
-    w = h = 0;
-    call_slot<void, int*, int*>(camera, 3, &w, &h);
-    EXPECT_EQ(cv::Size(w, h), cv::Size(320, 240));
-
-    cv::Mat_<uchar> raw(240, 320, uchar { 77 }), rectified(240, 320, uchar { 0 });
-    using Remap = bool (*)(void*, uchar*, unsigned long, uchar*, unsigned long, int);
-    auto remap = reinterpret_cast<Remap>((*static_cast<void***>(camera))[4]);
-    EXPECT_FALSE(remap(camera, raw.data, 320, rectified.data, 320, 3));
-    EXPECT_EQ(rectified(120, 160), 0);
-    EXPECT_TRUE(remap(camera, raw.data, 320, rectified.data, 320, 0));
-    EXPECT_EQ(rectified(120, 160), 77);
-
-    // Depth 1000 has disparity f b / Z = 25; three ways to the same point.
-    double q[3] = {}, p[3] = {}, v[3] = {};
-    const double at0[] = { 200, 100 }, at1[] = { 175, 100 };
-    EXPECT_TRUE((call_slot<bool, double*, int, int, double>(camera, 5, q, 200, 100, 25.0)));
-    EXPECT_TRUE((call_slot<bool, double*, const double*, const double*>(camera, 6, p, at0, at1)));
-    EXPECT_TRUE((call_slot<bool, double*, double, const double*, const double*>(camera, 7, v, 1e-6, at0, at1)));
-    for (const double* point : { q, p, v }) {
-        EXPECT_NEAR(point[0], 80.0, 1e-6);
-        EXPECT_NEAR(point[1], -40.0, 1e-6);
-        EXPECT_NEAR(point[2], 1000.0, 1e-6);
-    }
-    call_slot<void>(camera, 0);
+    using S = iStereoCamera;
+    expect_slots(0, &S::destroy, &S::get_baseline_length, &S::get_inpimage_size, &S::get_outimage_size, &S::remap,
+        static_cast<bool (S::*)(double*, int, int, double)>(&S::get3dposition),
+        static_cast<bool (S::*)(double*, const double*, const double*)>(&S::get3dposition),
+        static_cast<bool (S::*)(double*, double, const double*, const double*)>(&S::get3dposition));
 }
 
-namespace {
-
-struct Receiver : PointCloudCallback {
-    int calls = 0, width = -1, height = -1, count = -1;
-    void receive(unsigned char*, std::size_t, int w, int h, cv::Point3_<float>*, int n) override
-    {
-        ++calls;
-        width = w;
-        height = h;
-        count = n;
-    }
-};
-
-/// Drives a generator through its slots with blank frames of the ideal pair.
-void drive_generator(void* generator, iStereoCamera* camera, void* record, int frames)
+TEST(Slots, OfPointCloudGenerators)
 {
-    call_slot<void, iStereoCamera*>(generator, 1, camera);
-    EXPECT_FALSE((call_slot<bool, std::string>(generator, 2, std::string("/nowhere/RT.yaml"))));
-    std::vector<double> identity { 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1 };
-    EXPECT_TRUE((call_slot<bool, std::vector<double>&>(generator, 3, identity)));
-    EXPECT_TRUE((call_slot<bool, void*>(generator, 4, record)));
-    EXPECT_EQ(call_slot<int>(generator, 5), frames);
-
-    cv::Mat_<uchar> frame(240, 320, uchar { 50 });
-    using Set = bool (*)(void*, void*, unsigned long, int, int);
-    auto setpict = reinterpret_cast<Set>((*static_cast<void***>(generator))[6]);
-    EXPECT_FALSE(setpict(generator, frame.data, 320, 3, 0));
-    for (int i = 0; i < frames; ++i)
-        for (int cam = 0; cam < 2; ++cam)
-            EXPECT_TRUE(setpict(generator, frame.data, 320, cam, i));
-    EXPECT_FALSE((call_slot<bool, std::string, int, int>(generator, 7, std::string("/nowhere/0.png"), 0, 0)));
-
-    uchar* data = nullptr;
-    int w = 0, h = 0;
-    unsigned long step = 0;
-    EXPECT_TRUE(
-        (call_slot<bool, uchar**, int*, int*, unsigned long*, int, int>(generator, 8, &data, &w, &h, &step, 0, 0)));
-    EXPECT_EQ(cv::Size(w, h), cv::Size(320, 240));
-    EXPECT_TRUE(call_slot<bool>(generator, 9));
-    call_slot<void, iPointCloudGenerator::Method3D, bool>(generator, 10, iPointCloudGenerator::MethodQ, false);
-
-    Receiver receiver;
-    const int count = call_slot<int, PointCloudCallback*>(generator, 11, &receiver);
-    EXPECT_EQ(receiver.calls, 1);
-    EXPECT_EQ(receiver.count, count);
-    EXPECT_EQ(cv::Size(receiver.width, receiver.height), cv::Size(320, 240));
-}
-
-} // namespace
-
-TEST_F(Slots, PointCloudGenerators)
-{
-    iStereoCamera* camera = ideal_pair(library);
-    ASSERT_NE(camera, nullptr);
-    auto* create = library.factory<decltype(CreatePointCloudGenerator)>("CreatePointCloudGenerator");
-    EXPECT_EQ(create(3), nullptr);
-    EXPECT_EQ(create(-1), nullptr);
-
-    SGBMatchingParam sgbm;
+    using G = iPointCloudGenerator;
+    expect_slots(0, &G::destroy, &G::init, static_cast<bool (G::*)(Text)>(&G::convert_coordinate),
+        static_cast<bool (G::*)(std::vector<double>&)>(&G::convert_coordinate), &G::setparams, &G::requiredframes,
+        &G::setpict, &G::loadpict, &G::getpict, &G::exec, &G::genPC, &G::get_pointcloud);
+    expect_slots(0, &PointCloudCallback::receive);
+    // Slots 12 and 13 are the destructor; the phase matchers add get_datatype() after it.
     GrayPhaseMatchingParam gray;
     MultiPhaseMatchingParam multi;
-    void* const records[] = { &sgbm, &gray, &multi };
-    const int frames[] = { 1, 13, 14 };
-    for (int selector = 0; selector < 3; ++selector) {
-        SCOPED_TRACE(selector);
-        void* generator = create(selector);
-        ASSERT_NE(generator, nullptr);
-        drive_generator(generator, camera, records[selector], frames[selector]);
-        // Slots 12 and 13 are the destructor; the phase matchers add get_datatype() behind it.
-        if (selector > 0) {
-            gray.datatype = multi.datatype = 1;
-            call_slot<bool, void*>(generator, 4, records[selector]);
-            EXPECT_EQ(call_slot<int>(generator, 14), 1);
-            gray.datatype = multi.datatype = 0;
-        }
-        call_slot<void>(generator, 0);
+    gray.datatype = multi.datatype = 1;
+    void* const records[] = { &gray, &multi };
+    for (int selector = 1; selector < 3; ++selector) {
+        const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(selector));
+        ASSERT_TRUE(generator && generator->setparams(records[selector - 1]));
+        void** table = *reinterpret_cast<void***>(generator.get());
+        EXPECT_EQ(reinterpret_cast<int (*)(void*)>(table[14])(generator.get()), 1) << selector;
     }
-    camera->destroy();
+    EXPECT_TRUE(CreatePointCloudGenerator(3) == nullptr && CreatePointCloudGenerator(-1) == nullptr);
 }
 
-TEST_F(Slots, BoardRecognizer)
+TEST(Slots, OfABoardRecognizer) // 1 and 2 are the destructor
 {
-    void* recognizer = library.factory<decltype(CreateCalibBoardRecognizer)>("CreateCalibBoardRecognizer")();
-    ASSERT_NE(recognizer, nullptr);
-
-    set_board(recognizer);
-
-    cv::Mat image(60, 80, CV_8UC1, cv::Scalar(200));
-    std::vector<cv::Point2f> points;
-    using Recognize = int (*)(void*, cv::Mat&, std::vector<cv::Point2f>&);
-    EXPECT_EQ(reinterpret_cast<Recognize>((*static_cast<void***>(recognizer))[4])(recognizer, image, points), 2);
-    EXPECT_EQ((call_slot<std::string, int>(recognizer, 5, 2)), "Few_Contours");
-    EXPECT_EQ(call_slot<cv::Size>(recognizer, 6), cv::Size(80, 60));
-    EXPECT_EQ(call_slot<cv::Rect>(recognizer, 7), cv::Rect(1, 1, 3, 2));
-    EXPECT_EQ((call_slot<int, cv::Point>(recognizer, 8, cv::Point(0, 0))), 2);
-
-    const std::vector<cv::Point2f> none(6, { FLT_MAX, FLT_MAX });
-    std::vector<cv::Point2f> out0, out1;
-    std::vector<cv::Point3f> object;
-    using Points = const std::vector<cv::Point2f>&;
-    using Out = std::vector<cv::Point2f>&;
-    using Object = std::vector<cv::Point3f>&;
-    EXPECT_EQ((call_slot<int, Points, Out, Object>(recognizer, 9, none, out0, object)), 0);
-    EXPECT_EQ((call_slot<int, Points, Points, Out, Out, Object>(recognizer, 10, none, none, out0, out1, object)), 0);
-
-    call_slot<void, std::string, int>(recognizer, 11, testing::TempDir() + "/no_such_kind.png", 1);
-    cv::Mat picture;
-    call_slot<void, cv::Mat&, int>(recognizer, 12, picture, 2);
-    EXPECT_EQ(picture.size(), cv::Size(80, 60));
-    call_slot<void>(recognizer, 0);
+    using R = iCalibBoardRecognizer;
+    expect_slots(0, &R::destroy);
+    expect_slots(3, &R::set_parameters, &R::recognize, &R::get_error_name, &R::image_size, &R::get_marker_range,
+        &R::get_marker_index, static_cast<int (R::*)(const Points&, Points&, Objects&)>(&R::corresponding_points),
+        static_cast<int (R::*)(const Points&, const Points&, Points&, Points&, Objects&)>(&R::corresponding_points),
+        &R::save_result_image, &R::copy_result_image, &R::show_result_image);
 }
 
-TEST_F(Slots, CameraCalibrator)
+TEST(Slots, OfTheCalibrators) // 0 and 1 are the destructor
 {
-    void* calibrator = library.factory<decltype(CreateCameraCalibrator)>("CreateCameraCalibrator")();
-    ASSERT_NE(calibrator, nullptr);
-
-    cv::Mat_<uchar> blank(60, 80, uchar { 200 });
-    using Put = int (*)(void*, uchar*, int, int, unsigned long, bool, std::string);
-    auto put_image = reinterpret_cast<Put>((*static_cast<void***>(calibrator))[4]);
-    EXPECT_EQ(put_image(calibrator, blank.data, 80, 60, 80, false, ""), -1) << "before set_parameters";
-    set_board(calibrator);
-    EXPECT_EQ(put_image(calibrator, blank.data, 80, 60, 80, false, ""), 2);
-    EXPECT_EQ((call_slot<int, std::string, bool, std::string>(calibrator, 5, "/nowhere.png", false, "")), 2);
-    CameraCalibParam param;
-    double rms = -7;
-    EXPECT_FALSE(
-        (call_slot<bool, CameraCalibParam&, std::vector<double>*, double*>(calibrator, 6, param, nullptr, &rms)));
-    EXPECT_EQ(rms, -7) << "no view";
-    EXPECT_FALSE((call_slot<bool, std::string, std::string>(calibrator, 7, "/nowhere/cam.yaml", "cam")));
-    call_slot<void>(calibrator, 2);
+    using C = iCameraCalibrator;
+    expect_slots(2, &C::destroy, &C::set_parameters,
+        static_cast<int (C::*)(Bytes, int, int, unsigned long, bool, Text)>(&C::put_image),
+        static_cast<int (C::*)(Text, bool, Text)>(&C::put_image), &C::do_calibrate, &C::save_calibfile);
+    using S = iStereoCalibrator;
+    expect_slots(2, &S::destroy, &S::set_parameters,
+        static_cast<int (S::*)(int, Bytes, int, int, unsigned long, bool, Text)>(&S::put_image),
+        static_cast<int (S::*)(int, Text, bool, Text)>(&S::put_image),
+        static_cast<int (S::*)(Text, bool, Text)>(&S::put_image), &S::do_calibrate, &S::save_calibfile,
+        &S::create_stereo_camera,
+        static_cast<bool (S::*)(Bytes, unsigned long, Bytes, unsigned long)>(&S::create_stereo_brdcrd),
+        static_cast<bool (S::*)(Text, Text)>(&S::create_stereo_brdcrd),
+        static_cast<bool (S::*)(Text)>(&S::create_stereo_brdcrd), &S::save_stereofile, &S::save_stereohmat,
+        &S::save_boardRT);
 }
 
-TEST_F(Slots, StereoCalibrator)
+TEST(Slots, OfAPoseSolver)
 {
-    void* calibrator = library.factory<decltype(CreateStereoCalibrator)>("CreateStereoCalibrator")();
-    ASSERT_NE(calibrator, nullptr);
-
-    set_board(calibrator);
-    cv::Mat_<uchar> blank(60, 80, uchar { 200 });
-    using Put = int (*)(void*, int, uchar*, int, int, unsigned long, bool, std::string);
-    auto put_image = reinterpret_cast<Put>((*static_cast<void***>(calibrator))[4]);
-    EXPECT_EQ(put_image(calibrator, 2, blank.data, 80, 60, 80, false, ""), -1) << "no third camera";
-    EXPECT_EQ(put_image(calibrator, 1, blank.data, 80, 60, 80, false, ""), 2);
-    EXPECT_EQ((call_slot<int, int, std::string, bool, std::string>(calibrator, 5, 0, "/nowhere.png", false, "")), 2);
-    EXPECT_EQ((call_slot<int, std::string, bool, std::string>(calibrator, 6, "/nowhere.png", false, "")), 2);
-
-    CameraCalibParam param;
-    using PerView = std::vector<std::vector<double>>*;
-    EXPECT_FALSE((call_slot<bool, CameraCalibParam&, PerView, double*>(calibrator, 7, param, nullptr, nullptr)));
-    EXPECT_FALSE((call_slot<bool, std::string, std::string>(calibrator, 8, "", "")));
-    RectifyParam rectify;
-    EXPECT_EQ((call_slot<double, RectifyParam&, int*, int*>(calibrator, 9, rectify, nullptr, nullptr)), -1.0);
-    EXPECT_FALSE((call_slot<bool, uchar*, unsigned long, uchar*, unsigned long>(
-        calibrator, 10, blank.data, 80ul, blank.data, 80ul)));
-    EXPECT_FALSE((call_slot<bool, std::string, std::string>(calibrator, 11, "/nowhere.png", "/nowhere.png")));
-    EXPECT_FALSE((call_slot<bool, std::string>(calibrator, 12, "/nowhere.png")));
-    EXPECT_FALSE((call_slot<bool, std::string, std::string, std::string>(calibrator, 13, "/nowhere/s.yaml", "", "")));
-    EXPECT_FALSE((call_slot<bool, std::string, std::string, std::string, bool>(
-        calibrator, 14, "/nowhere/a", "/nowhere/b", "/nowhere/c", false)));
-    EXPECT_FALSE((call_slot<bool, std::string>(calibrator, 15, "/nowhere/rt.yaml")));
-    call_slot<void>(calibrator, 2);
+    using P = iCalibBoardPoseSolver;
+    expect_slots(0, &P::destroy, &P::init_camera, &P::set_parameters,
+        static_cast<int (P::*)(Bytes, int, int, unsigned long, double*)>(&P::solve_pose),
+        static_cast<int (P::*)(Text, bool, double*)>(&P::solve_pose), &P::save_debug_image, &P::show_debug_image,
+        &P::ptr_debug_image, &P::get_size);
 }
