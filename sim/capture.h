@@ -14,7 +14,7 @@ namespace sim {
 ///     cam0/frame00.png ...   8-bit frames of camera 0 in capture order; cam1/ likewise
 ///     cameras.yaml           both cameras, keys cam0_... and cam1_...; world frame = raw camera-0 axes
 ///     truth.tiff             float, depth of each raw camera-0 pixel, mm, NaN where nothing is
-///     visible.png            255 where the pixel's point is seen by both cameras and lit by the lit frame: behind
+///     visible.png            255 where the pixel's point is seen by both cameras and lit by the lit frame: beyond
 ///                            the last column of multi-phase frames there is nothing to measure. Under flat light
 ///                            (block matching) everything is lit
 ///     visible1.png           the same of camera 1's pixels

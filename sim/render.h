@@ -69,7 +69,7 @@ struct Truth {
     cv::Mat_<uchar> visible; ///< 255 where that point is seen by both cameras and lit by the projector
 };
 
-/// @param lit_columns  of the pattern; surface behind them counts as unlit
+/// @param lit_columns  of the pattern; surface beyond them counts as unlit
 Truth make_truth(const View& camera0, int lit_columns);
 
 /// The pattern's rows as the rig's projector throws them.

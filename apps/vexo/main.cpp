@@ -44,7 +44,7 @@ int run(int argc, char** argv)
     app.set_version_flag("--version", VEXO_VERSION_STRING);
     app.require_subcommand(1);
     app.footer("Example:\n  vexo simulate bust --out scan && vexo measure scan --out result && "
-               "vexo compare result scan\n\nvexo COMMAND --help tells the options of a command.");
+               "vexo compare result scan\n\nvexo COMMAND --help lists the options of a command.");
     vexo::app::GlobalOptions options;
     vexo::app::add_simulate(app, options);
     vexo::app::add_measure(app, options);

@@ -71,7 +71,7 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
     o.multi = {
         cmd.add_option("--periods", o.request.periods,
                "multi-phase: three fringe periods, projector px (default: as scene.json or patterns.json "
-               "tells, else 9,10,11)")
+               "says, else 9,10,11)")
             ->delimiter(','),
         cmd.add_option("--steps", o.steps, "multi-phase: shifts a period: 4")->capture_default_str(),
     };
@@ -86,7 +86,7 @@ void declare(CLI::App& command, MeasureOptions& o)
     command
         .add_option("--method", o.files.method,
             "gray-phase (13 pictures of each camera), multi-phase (14) or sgbm (1); default: as scene.json or "
-            "patterns.json tells, else by the number of pictures")
+            "patterns.json says, else by the number of pictures")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }));
     command
         .add_option("--calib", o.calib,

@@ -17,7 +17,7 @@ struct Compared {
     cv::Mat errors; ///< CV_32F, mm, measured - true depth of each rectified pixel, NaN where there is none
 };
 
-/// Steps that compare() tells of.
+/// Steps that compare() announces.
 constexpr int compare_steps = 3;
 
 /// @param result_folder  of vexo measure

@@ -205,7 +205,7 @@ std::uint32_t png_crc(const unsigned char* bytes, std::size_t size)
     return ~crc;
 }
 
-/// Puts the chunk pHYs behind a PNG's header, so that programs print the picture at its true size.
+/// Puts the chunk pHYs after a PNG's header, so that programs print the picture at its true size.
 void state_resolution(std::vector<unsigned char>& png, double px_per_mm)
 {
     constexpr std::ptrdiff_t behind_header = 8 + 25; // signature, IHDR

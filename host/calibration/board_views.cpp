@@ -31,7 +31,7 @@ Numbered numbered(const std::string& where)
     Numbered files;
     for (const std::string& path : find_frames(where)) {
         const auto n = number_in_name(path);
-        if (!n) throw Failure(path + ": the name has no number that tells which view it is; name it like view07.png");
+        if (!n) throw Failure(path + ": the name has no number that says which view it is; name it like view07.png");
         const auto [other, added] = files.insert({ *n, path });
         if (!added)
             throw Failure(path + " and " + other->second + " both have the number " + std::to_string(*n)

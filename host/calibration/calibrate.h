@@ -20,7 +20,7 @@ struct CalibrateRequest {
 /// The board with the pitch that the printer really made: the mean of what the rulers say.
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request);
 
-/// Steps that calibrate() tells of.
+/// Steps that calibrate() announces.
 constexpr int calibrate_steps = 2;
 
 /// Calibrates the camera, or the pair, from the views in which the board was recognised by all cameras.

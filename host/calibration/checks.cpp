@@ -26,7 +26,7 @@ constexpr double good_rms = 0.2, poor_rms = 0.5;
 /// the match by some hundredths of a px.
 constexpr double good_row = 0.03, poor_row = 0.1;
 
-/// Of single markers: twice what their centres' noise makes of a pair, and far more.
+/// The row error of single markers: twice what their centres' noise makes of a pair, and far more.
 constexpr double good_row_rms = 0.25, poor_row_rms = 0.7;
 
 /// With enough views the other half is hit nearly as well as one's own.
@@ -38,7 +38,7 @@ constexpr double good_distance = 5e-4, poor_distance = 2e-3;
 /// Bend of the board over its size.
 constexpr double good_bend = 5e-4, poor_bend = 2e-3;
 
-/// Of the two rulers, over their length.
+/// Difference of the two rulers over their length.
 constexpr double good_square = 1e-3;
 
 Weight level(double value, double good, double poor)

@@ -55,7 +55,7 @@ struct RunLengths {
 RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& cam1);
 
 /// Share of the pixels that the noise lets expect to lose their fringe number, of multi-period phases: the number
-/// is found from differences of positions behind the fringes, rounded to whole pixels, so a difference that is off
+/// is found from differences of positions within the fringes, rounded to whole pixels, so a difference that is off
 /// by more than half a pixel finds a wrong entry of the table or none,
 ///
 ///     sum over pairs of erfc(0.5 / (sqrt(2) sigma))        sigma^2 = (T_i s_i)^2 + (T_k s_k)^2

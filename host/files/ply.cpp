@@ -25,7 +25,7 @@ std::size_t bytes_of(const std::string& type)
     return type == "double" || type == "float64" ? 8 : 0;
 }
 
-/// One line of the header; false when it makes no sense. `in_vertex` tells whose properties come now.
+/// One line of the header; false when it makes no sense. `in_vertex` says whose properties come now.
 bool take_line(const std::string& line, PlyHeader& header, bool& in_vertex)
 {
     std::istringstream words(line);

@@ -59,7 +59,7 @@ MatchingRecord lift_disparity(MatchingRecord record);
 CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, const PixelMasks& masks,
     const MatchingRecord& record, bool interpolate, const Cloud& cloud, const Cloud& any_disparity);
 
-/// Of block matching.
+/// The same for block matching.
 CauseMap find_block_causes(
     iStereoCamera& camera, const PairFrames& frames, const SGBMatchingParam& param, const Cloud& cloud);
 

@@ -41,7 +41,7 @@ struct Measured {
     std::vector<int> periods() const;
 };
 
-/// Steps that measure() tells of, at most.
+/// Steps that measure() announces, at most.
 constexpr int measure_steps = 4;
 
 /// Measures a capture with a stereo camera of its frames' size. Changes neither; several threads may measure at once,

@@ -21,7 +21,7 @@ struct Halves {
     cv::Mat frame(int grey = 0) const { return cv::Mat(size, CV_8U, cv::Scalar(grey)); }
 };
 
-/// Gray code tells runs of periods apart where the phase falls. For it to fall where the halves meet, the last
+/// Gray code distinguishes runs of periods where the phase falls. For it to fall where the halves meet, the last
 /// columns of the left half rise to 3/4 of a period, and the first of the right half begin at 1/4.
 struct FringeStep {
     explicit FringeStep(const Halves& halves)

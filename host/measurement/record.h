@@ -18,7 +18,7 @@ inline Method method_of(const MatchingRecord& record)
     return static_cast<Method>(record.index());
 }
 
-/// Of a phase method; zeros otherwise.
+/// The limits of a phase method; zeros otherwise.
 LightLimits light_limits(const MatchingRecord& record);
 
 /// Smallest and largest accepted disparity, px.

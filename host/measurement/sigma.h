@@ -20,10 +20,10 @@ struct PeriodNoise {
     double length_px = 0.0;            ///< of a fringe in camera 1
 };
 
-/// Of gray code + phase; the unit is a fringe period.
+/// The noise of gray code + phase; the unit is a fringe period.
 CoordinateNoise gray_noise(const PeriodNoise& noise);
 
-/// Of multi-period phase; the unit is a projector px. The coordinate is the mean over n periods T_f with
+/// The noise of multi-period phase; the unit is a projector px. The coordinate is the mean over n periods T_f with
 /// phase noises s_f: sigma^2 = sum (T_f s_f)^2 / n^2.
 CoordinateNoise multi_noise(const std::vector<PeriodNoise>& noise);
 

@@ -27,7 +27,7 @@ public:
     /// @param data    first pixel: 8-bit grey, or 32-bit float where the subclass says so; any alignment
     /// @param width   px, 1 to 32766
     /// @param height  px, 1 to 32766, and at most 2^26 pixels in all
-    /// @param step    bytes from row to row; 0: packed. Nothing behind the last pixel of the last row is read
+    /// @param step    bytes from row to row; 0: packed. Nothing after the last pixel of the last row is read
     /// @param index   which frame: 0 dark, 1 fully lit, the others as the subclass says
     /// @return        1; or 0, and nothing has changed: null data, an unknown index, a bad size or step, or
     ///                a size other than that of the frames held. Frames 0 and 1 may start a new size, which
