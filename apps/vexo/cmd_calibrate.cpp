@@ -3,8 +3,8 @@
 #include "host/calibration/calibrate.h"
 #include "host/calibration/checks.h"
 #include "host/files/output_folder.h"
+#include "host/reports/calibration_files.h"
 #include "host/reports/calibration_json.h"
-#include "host/reports/calibration_page.h"
 #include "host/reports/calibration_text.h"
 #include "options.h"
 
@@ -42,20 +42,6 @@ void complete(CalibrateOptions& o)
             throw UsageFailure("--ruler-x, --ruler-y: the measured length of a 100 mm ruler in mm, such as 99.6");
 }
 
-void add_files(OutputFolder& out, const Calibrated& c, const std::vector<Finding>& findings, const Json& json)
-{
-    for (const auto& [name, bytes] : c.files)
-        out.add(name, bytes);
-    out.add("board.yaml", board_yaml(c.board));
-    out.add("report.json", json_text(json));
-    out.add("report.html", calibration_html(c, findings));
-    for (const auto& pictures : c.views.cameras)
-        for (const BoardPicture& picture : pictures)
-            out.add(
-                "drawings/cam" + std::to_string(picture.camera) + "_" + fs::path(picture.name).stem().string() + ".jpg",
-                picture.drawing);
-}
-
 void say_result(
     const GlobalOptions& options, const std::string& out, const Calibrated& c, const std::vector<Finding>& findings)
 {
@@ -87,7 +73,7 @@ void run(CalibrateOptions o, const GlobalOptions& options)
     const Calibrated c = calibrate(views, board, printed.layout.pitch_mm, o.request, progress.on_step());
     const std::vector<Finding> findings = check_calibration(c);
     const Json json = calibration_json(c, findings);
-    add_files(out, c, findings, json);
+    add_files(out, c, findings);
     out.commit();
     progress.finish();
     say_result(options, o.out, c, findings);

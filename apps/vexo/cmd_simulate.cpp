@@ -2,9 +2,7 @@
 #include "base/text.h"
 #include "commands.h"
 #include "host/calibration/board_file.h"
-#include "host/captures/pattern_files.h"
 #include "host/files/output_folder.h"
-#include "patterns/fringes.h"
 #include "sim/capture.h"
 #include "simulate_options.h"
 
@@ -29,29 +27,6 @@ void write(sim::Files& files, const std::string& folder, const std::string& what
     out.commit();
 }
 
-/// Projects the pictures that `vexo patterns` wrote, and sets the rig to what they were made for.
-sim::Pattern pattern_of(const std::string& folder, sim::RigOptions& rig)
-{
-    PatternRequest request;
-    sim::Pattern pattern;
-    for (const PatternFrame& frame : read_patterns(folder, request))
-        pattern.frames.emplace_back(frame.row.begin<uchar>(), frame.row.end<uchar>());
-    rig.method = pattern.method = request.method;
-    rig.projector_size = request.projector;
-    if (request.method == Method::multi_phase)
-        rig.periods = pattern.periods = request.periods;
-    else
-        pattern.periods = { rig.fringe_period = request.period };
-    return pattern;
-}
-
-/// Refuses what cannot be decoded or simulated.
-void check_method(const sim::RigOptions& rig)
-{
-    if (rig.method == Method::multi_phase) check_periods(rig.periods);
-    if (const char* fault = sim::why_invalid(rig)) throw UsageFailure(std::string("simulate: ") + fault);
-}
-
 void say_capture(const GlobalOptions& global, const SimulateOptions& o, const sim::RigOptions& rig, const Json& result)
 {
     const long long surface = result["surface_pixels"], visible = result["visible_pixels"];
@@ -74,12 +49,7 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
 {
     reject(o.only_photos, "is for calibration photos, vexo simulate calibration");
     sim::RigOptions rig = rig_of(o);
-    const sim::Pattern pattern = [&] {
-        if (!o.patterns.empty()) return pattern_of(o.patterns, rig);
-        check_method(rig);
-        return sim::pattern_of(rig);
-    }();
-    check_method(rig);
+    const sim::Pattern pattern = pattern_of(o, rig);
     for (const int frame : rig.swapped)
         if (static_cast<std::size_t>(frame) >= pattern.frames.size())
             throw UsageFailure(

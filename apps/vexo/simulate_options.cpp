@@ -1,6 +1,8 @@
 #include "simulate_options.h"
 
 #include "base/failure.h"
+#include "host/captures/pattern_files.h"
+#include "patterns/fringes.h"
 #include "sim/scenes.h"
 
 #include <CLI/CLI.hpp>
@@ -75,6 +77,29 @@ void add_photo_options(CLI::App& command, SimulateOptions& o)
     add("--gradient", o.photos.gradient, "brightest over darkest light across the picture")->capture_default_str();
 }
 
+/// Projects the pictures that `vexo patterns` wrote, and sets the rig to what they were made for.
+sim::Pattern patterns_in(const std::string& folder, sim::RigOptions& rig)
+{
+    PatternRequest request;
+    sim::Pattern pattern;
+    for (const PatternFrame& frame : read_patterns(folder, request))
+        pattern.frames.emplace_back(frame.row.begin<uchar>(), frame.row.end<uchar>());
+    rig.method = pattern.method = request.method;
+    rig.projector_size = request.projector;
+    if (request.method == Method::multi_phase)
+        rig.periods = pattern.periods = request.periods;
+    else
+        pattern.periods = { rig.fringe_period = request.period };
+    return pattern;
+}
+
+/// Refuses what cannot be decoded or simulated.
+void check_method(const sim::RigOptions& rig)
+{
+    if (rig.method == Method::multi_phase) check_periods(rig.periods);
+    if (const char* fault = sim::why_invalid(rig)) throw UsageFailure(std::string("simulate: ") + fault);
+}
+
 } // namespace
 
 void declare(CLI::App& command, SimulateOptions& o)
@@ -101,6 +126,14 @@ sim::RigOptions rig_of(const SimulateOptions& o)
             throw UsageFailure("--swap " + o.swap + ": give the numbers of two frames, as in 10:11");
     }
     return rig;
+}
+
+sim::Pattern pattern_of(const SimulateOptions& o, sim::RigOptions& rig)
+{
+    if (o.patterns.empty()) check_method(rig);
+    sim::Pattern pattern = o.patterns.empty() ? sim::pattern_of(rig) : patterns_in(o.patterns, rig);
+    check_method(rig);
+    return pattern;
 }
 
 } // namespace vexo::app

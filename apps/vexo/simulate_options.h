@@ -2,6 +2,7 @@
 
 #include "options.h"
 #include "sim/calibration.h"
+#include "sim/pattern.h"
 #include "sim/rig.h"
 
 #include <string>
@@ -26,5 +27,9 @@ void declare(CLI::App& command, SimulateOptions& o);
 
 /// The rig, from options given in other words. Throws Failure.
 sim::RigOptions rig_of(const SimulateOptions& o);
+
+/// What the rig projects: the pattern of its method, or the pictures of --patterns, for which the rig is then set.
+/// Throws Failure.
+sim::Pattern pattern_of(const SimulateOptions& o, sim::RigOptions& rig);
 
 } // namespace vexo::app

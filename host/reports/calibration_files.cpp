@@ -1,0 +1,27 @@
+#include "host/reports/calibration_files.h"
+
+#include "host/files/json_file.h"
+#include "host/reports/calibration_json.h"
+#include "host/reports/calibration_page.h"
+
+#include <filesystem>
+
+namespace vexo {
+
+namespace fs = std::filesystem;
+
+void add_files(OutputFolder& out, const Calibrated& c, const std::vector<Finding>& findings)
+{
+    for (const auto& [name, bytes] : c.files)
+        out.add(name, bytes);
+    out.add("board.yaml", board_yaml(c.board));
+    out.add("report.json", json_text(calibration_json(c, findings)));
+    out.add("report.html", calibration_html(c, findings));
+    for (const auto& pictures : c.views.cameras)
+        for (const BoardPicture& picture : pictures)
+            out.add(
+                "drawings/cam" + std::to_string(picture.camera) + "_" + fs::path(picture.name).stem().string() + ".jpg",
+                picture.drawing);
+}
+
+} // namespace vexo
