@@ -253,7 +253,7 @@ inline const char* why_invalid(const CalibBoardParam& p) noexcept
 inline const char* why_invalid(const CameraCalibParam& p) noexcept
 {
     constexpr int32_t use_intrinsic_guess = 1;
-    if ((p.flags & use_intrinsic_guess) != 0 && !(p.focal_guess >= 0.0 && std::isfinite(p.focal_guess)))
+    if ((p.flags & use_intrinsic_guess) != 0 && !(std::isfinite(p.focal_guess) && p.focal_guess >= 0.0))
         return "focal_guess must be 0 or positive and finite with flag 1 (CALIB_USE_INTRINSIC_GUESS)";
     return nullptr;
 }
