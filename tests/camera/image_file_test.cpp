@@ -1,5 +1,5 @@
-#include "camera/image_file.h"
 #include "base/picture_header.h"
+#include "camera/image_file.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>

@@ -1,5 +1,5 @@
 // PinHoleCamera and DistortCamera.
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 
 #include "base/plain_yaml.h"
 
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 using rig::max_difference;
-using rig::same_bits;
 using vexo::DistortCamera;
 using vexo::PinHoleCamera;
 

@@ -1,8 +1,7 @@
-// The row kernel behind UndistortCamera::remap: the same bits as cv::remap and as its plain twin.
+// The row kernel behind UndistortCamera::remap: the same bits as cv::remap.
 #include "base/cpu.h"
 #include "camera/camera_undistort.h"
-#include "camera/rig.h"
-#include "reference/plain_remap.h"
+#include "camera/toed_in_pair.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
@@ -12,7 +11,6 @@
 #include <random>
 #include <vector>
 
-using rig::same_bits;
 using vexo::Cpu;
 using vexo::UndistortCamera;
 
@@ -104,7 +102,6 @@ template <class T> void expect_equal(const cv::Mat_<T>& src, const Tables& t, T 
     cv::Mat got;
     ASSERT_TRUE(camera_with(t).remap(src, got, cv::Scalar::all(static_cast<double>(fill))));
     EXPECT_TRUE(same_bits(got, opencv_remap(src, t, static_cast<double>(fill)))) << t.name << ' ' << src.size();
-    EXPECT_TRUE(same_bits(got, plain::remap(src, t.map1, t.map2, fill))) << t.name << ' ' << src.size();
 }
 
 class BothForms : public testing::TestWithParam<bool> {
@@ -117,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(PlainAndVector, RemapRows, testing::Bool());
 
 } // namespace
 
-TEST_P(RemapRows, EqualCvRemapAndThePlainTwinBitForBit)
+TEST_P(RemapRows, EqualCvRemapBitForBit)
 {
     std::mt19937 rng(4);
     for (const cv::Size raw : { cv::Size(1, 1), cv::Size(1, 40), cv::Size(40, 1), cv::Size(2, 2), cv::Size(9, 3),

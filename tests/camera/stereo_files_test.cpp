@@ -1,12 +1,11 @@
 // Stereo files, hmat sets and the creation functions.
 #include "base/plain_yaml.h"
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 #include "vexo/factories.h"
 
 using rig::max_difference;
 using rig::Pair;
 using rig::rectify;
-using rig::same_bits;
 using rig::Stereo;
 using vexo::StereoCamera;
 

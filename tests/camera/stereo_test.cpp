@@ -1,5 +1,5 @@
 // StereoCamera: rectification, triangulation, world frames.
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 
 #include <cfloat>
 #include <opencv2/imgproc.hpp>
@@ -8,7 +8,6 @@ using rig::max_difference;
 using rig::Pair;
 using rig::points;
 using rig::rectify;
-using rig::same_bits;
 using rig::Stereo;
 using vexo::StereoCamera;
 

@@ -1,14 +1,13 @@
 // UndistortCamera and its two binary formats.
 #include "base/plain_yaml.h"
 #include "camera/camera_undistort.h"
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 
 #include <cstring>
 #include <numeric>
 #include <opencv2/imgproc.hpp>
 #include <sys/stat.h>
 
-using rig::same_bits;
 using vexo::UndistortCamera;
 
 namespace {
