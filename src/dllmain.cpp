@@ -19,23 +19,18 @@ template <class Concrete, class Interface> Interface* make_new() noexcept
     return null_if_it_throws([]() -> Interface* { return new (std::nothrow) Concrete; });
 }
 
-cv::Scalar grey(int level)
-{
-    return { double(level), double(level), double(level), 0.0 };
-}
-
 iStereoCamera* from_hmat_set(const std::vector<std::string>& files, const StereoCameraParam& p)
 {
     if (files.size() < 3) return nullptr;
     return create_StereoCamera_from_Hmats(
-        files[0], files[1], files[2], cv::Size(p.inp_width, p.inp_height), grey(p.fill0), grey(p.fill1));
+        files[0], files[1], files[2], cv::Size(p.inp_width, p.inp_height), fill_colour(p.fill0), fill_colour(p.fill1));
 }
 
 iStereoCamera* from_calibration(const std::vector<std::string>& files, const StereoCameraParam& p)
 {
     if (why_invalid(p) != nullptr) return nullptr;
     StereoCamera* camera = create_StereoCamera(
-        files, cv::Size(p.out_width, p.out_height), p.alpha, p.flags, grey(p.fill0), grey(p.fill1));
+        files, cv::Size(p.out_width, p.out_height), p.alpha, p.flags, fill_colour(p.fill0), fill_colour(p.fill1));
     if (camera == nullptr || camera->input_size == cv::Size(p.inp_width, p.inp_height)) return camera;
     camera->destroy();
     return nullptr;

@@ -47,7 +47,7 @@ CalibratedCamera read_camera(const std::string& path, const std::string& name)
     cv::FileStorage file;
     if (!open_yaml(path, file)) throw Failure(path + ": is not a calibration file (YAML)");
     CalibratedCamera camera;
-    const bool read
+    const bool complete
         = failure_if_opencv_throws(path + ": the keys of " + name + " do not hold the matrices of a camera", [&] {
               const cv::FileNode size = file[name + "_size"];
               cv::Size read;

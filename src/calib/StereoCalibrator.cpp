@@ -26,11 +26,6 @@ bool split(const cv::Mat& both, cv::Mat& image0, cv::Mat& image1)
     return true;
 }
 
-cv::Scalar grey(int level)
-{
-    return cv::Scalar(level, level, level, 0);
-}
-
 void copy_rect(const cv::Rect& rect, int* numbers)
 {
     if (numbers == nullptr) return;
@@ -146,7 +141,7 @@ double StereoCalibrator::create_stereo_camera(RectifyParam& param, int* roi0, in
     const bool made = _calibrated && false_if_it_throws([&] {
         _stereo_cameras = _cameras;
         _stereo.reset(create_StereoCamera_from_pair(_stereo_cameras.data(), cv::Size(param.width, param.height),
-            param.alpha, param.flags, grey(param.fill0), grey(param.fill1)));
+            param.alpha, param.flags, fill_colour(param.fill0), fill_colour(param.fill1)));
         return _stereo != nullptr;
     });
     if (!made) return -1.0;

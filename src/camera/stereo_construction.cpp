@@ -146,8 +146,7 @@ StereoCamera* create_StereoCamera_from_raw(const double* K0, const double* D0, c
         for (DistortCamera& cam : cams)
             cam.compose();
         return create_StereoCamera_from_pair(cams, { param->out_width, param->out_height }, param->alpha, param->flags,
-            cv::Scalar(param->fill0, param->fill0, param->fill0, 0),
-            cv::Scalar(param->fill1, param->fill1, param->fill1, 0));
+            fill_colour(param->fill0), fill_colour(param->fill1));
     });
 }
 

@@ -10,10 +10,16 @@
 /// false. Results belong to the caller until destroy().
 namespace vexo {
 
+/// Colour of rectified pixels without a source, from the grey level of a record.
+inline cv::Scalar fill_colour(int level)
+{
+    return cv::Scalar(level, level, level, 0);
+}
+
 /// Rectifies two cameras: StereoCamera's constructor after all checks.
 ///
 /// @param cams      two composed cameras of one image size
-/// @param new_size  of the rectified images, px; 0 x 0: the input size
+/// @param new_size  size of the rectified images, px; 0 x 0: the input size
 /// @return          null for sizes out of limits (sides 1..32766, area 2^26), numbers that make no camera
 ///                  pair, or lack of memory
 StereoCamera* create_StereoCamera_from_pair(const DistortCamera* cams, cv::Size new_size, double alpha, int flags,

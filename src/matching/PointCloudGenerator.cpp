@@ -11,22 +11,12 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <numeric>
 
 namespace vexo {
 namespace {
 
 using Point = cv::Point3_<float>;
-
-/// The invalid point, down to its bits: hosts compare them.
-Point nan_point() noexcept
-{
-    const uint32_t bits = 0x7FC00000U;
-    float nan = 0.0F;
-    std::memcpy(&nan, &bits, sizeof nan);
-    return { nan, nan, nan };
-}
 
 Point to_point(const cv::Vec3d& v) noexcept
 {

@@ -17,9 +17,10 @@ namespace {
 template <int N, bool gapless>
 VEXO_INLINE void fit_spans(const int* columns, const float* phase, int count, double* slope, double* intercept) noexcept
 {
-    constexpr double n = N, gapless_D = N * N * (N * N - 1) / 12;
+    constexpr int middle = N / 2, D = N * N * (N * N - 1) / 12;
+    constexpr double n = N, gapless_D = D;
     for (int k = 0; k < count; ++k) {
-        const double m = columns[0] + k + N / 2;
+        const double m = columns[0] + k + middle;
         double Sx = gapless ? n * m : 0.0, Sxx = gapless ? n * m * m + gapless_D / n : 0.0;
         float sum_y = 0.0F, sum_xy = 0.0F;
         for (int i = 0; i < N; ++i) {
@@ -32,8 +33,8 @@ VEXO_INLINE void fit_spans(const int* columns, const float* phase, int count, do
         }
         const double Sy = static_cast<double>(sum_y), Sxy = static_cast<double>(sum_xy);
         const double inverse = 1.0 / (gapless ? gapless_D : n * Sxx - Sx * Sx); // columns differ: never 0
-        slope[k + N / 2] = (n * Sxy - Sx * Sy) * inverse;
-        intercept[k + N / 2] = (Sxx * Sy - Sx * Sxy) * inverse;
+        slope[k + middle] = (n * Sxy - Sx * Sy) * inverse;
+        intercept[k + middle] = (Sxx * Sy - Sx * Sxy) * inverse;
     }
 }
 

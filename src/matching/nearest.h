@@ -7,14 +7,15 @@ constexpr int search_window = 17; // values that are looked at together, and the
 
 /// A right row, as the search reads it.
 struct Searched {
-    const float* values;     ///< then infinities
+    const float* values;     ///< phases of the row, then infinities
     const float* thresholds; ///< see clamp_to_search_tree(); the values themselves where they rise
-    int last;                ///< position
-    bool rising;
+    int last;                ///< the last position
+    bool rising;             ///< each value is above the one before it
 };
 
 /// The nearest positions of many phases, each as PhaseStereoMatching::_nearest() finds it; -1 outside the row's range.
-/// @param phases     no NaN
+///
+/// @param phases     left phases, no NaN
 /// @param positions  out, `size` of them
 void find_nearest(const float* phases, int size, const Searched& row, int* positions) noexcept;
 
@@ -22,7 +23,8 @@ void find_nearest(const float* phases, int size, const Searched& row, int* posit
 /// that the entries above it in the search tree leave open decides like the bound of that range next to it. So the
 /// row, clamped from the top of the tree down, never falls, and the search ends between the same two entries. Only a
 /// phase that equals a threshold has to be searched for.
-/// @param phase       of the row's `size` positions, no NaN
+///
+/// @param phase       phases of the row's `size` positions, no NaN
 /// @param thresholds  out, `size` of them, then search_window infinities
 void clamp_to_search_tree(const float* phase, int size, float* thresholds) noexcept;
 

@@ -2,8 +2,6 @@
 
 #include "base/cpu.h"
 
-#include <cstdint>
-#include <cstring>
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
@@ -12,15 +10,6 @@ namespace vexo {
 namespace {
 
 using Point = cv::Point3_<float>;
-
-/// The invalid point, down to its bits: hosts compare them.
-VEXO_INLINE Point nan_point() noexcept
-{
-    const uint32_t bits = 0x7FC00000U;
-    float nan = 0.0F;
-    std::memcpy(&nan, &bits, sizeof nan);
-    return { nan, nan, nan };
-}
 
 VEXO_INLINE int reproject_plain(
     const cv::Matx44d& H, int row, const double* disparity, int begin, int cols, double invalid, Point* points) noexcept

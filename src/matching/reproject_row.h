@@ -1,8 +1,22 @@
 #pragma once
 
+#include "base/cpu.h"
+
 #include <opencv2/core.hpp>
 
+#include <cstdint>
+#include <cstring>
+
 namespace vexo {
+
+/// The invalid point, down to its bits: hosts compare them.
+VEXO_INLINE cv::Point3_<float> nan_point() noexcept
+{
+    const uint32_t bits = 0x7FC00000U;
+    float nan = 0.0F;
+    std::memcpy(&nan, &bits, sizeof nan);
+    return { nan, nan, nan };
+}
 
 /// Points of one row of disparities. @return how many are valid
 ///

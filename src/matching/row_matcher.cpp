@@ -148,9 +148,9 @@ bool RowMatcher::match(const PhaseMapRow& left, const PhaseMapRow& right, int co
     bool interpolate, double* out) noexcept
 {
     const int samples = limits.samples == 3 ? 3 : 5;
-    _right_size = take_valid(right, cols, _right_columns.data(), _right_phase.data());
+    _right_size = list_valid_pixels(right, cols, _right_columns.data(), _right_phase.data());
     if (_right_size < samples) return true;
-    _left_size = take_valid(left, cols, _left_columns.data(), _left_phase.data());
+    _left_size = list_valid_pixels(left, cols, _left_columns.data(), _left_phase.data());
     if (_left_size < (interpolate ? samples : 1)) return true;
     if (!_has_searchable_right() || !are_numbers(_left_phase.data(), _left_size)) return false;
     if (interpolate && !_interpolate(samples)) return false;

@@ -18,7 +18,7 @@ VEXO_INLINE int list_valid_columns_plain(const uchar* mask, int begin, int cols,
 }
 
 /// Columns and phases of the valid pixels from `begin` on, after `count` others.
-VEXO_INLINE int take_valid_plain(
+VEXO_INLINE int list_valid_pixels_plain(
     const PhaseMapRow& row, int begin, int cols, int* columns, float* phase, int count) noexcept
 {
     for (int x = begin; x < cols; ++x)
@@ -58,7 +58,7 @@ VEXO_AVX2 int list_valid_columns_avx2(const uchar* mask, int cols, int* columns)
 }
 
 /// 32 columns from x on, all valid.
-VEXO_AVX2 inline void take_all32(const float* from, int x, int* columns, float* phase) noexcept
+VEXO_AVX2 inline void list_all32(const float* from, int x, int* columns, float* phase) noexcept
 {
     const __m256i first = _mm256_add_epi32(_mm256_set1_epi32(x), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
     for (int i = 0; i < 32; i += 8) {
@@ -67,13 +67,13 @@ VEXO_AVX2 inline void take_all32(const float* from, int x, int* columns, float* 
     }
 }
 
-VEXO_AVX2 int take_valid_avx2(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept
+VEXO_AVX2 int list_valid_pixels_avx2(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept
 {
     int count = 0, x = 0;
     for (; x + 32 <= cols; x += 32) {
         auto valid = valid_bits32(row.mask + x);
         if (valid == 0xFFFFFFFFU) {
-            take_all32(row.phase, x, columns + count, phase + count);
+            list_all32(row.phase, x, columns + count, phase + count);
             count += 32;
             continue;
         }
@@ -83,7 +83,7 @@ VEXO_AVX2 int take_valid_avx2(const PhaseMapRow& row, int cols, int* columns, fl
             ++count;
         }
     }
-    return take_valid_plain(row, x, cols, columns, phase, count);
+    return list_valid_pixels_plain(row, x, cols, columns, phase, count);
 }
 #endif
 
@@ -97,12 +97,12 @@ int list_valid_columns(const uchar* mask, int cols, int* columns) noexcept
     return list_valid_columns_plain(mask, 0, cols, columns, 0);
 }
 
-int take_valid(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept
+int list_valid_pixels(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept
 {
 #if defined(__x86_64__)
-    if (Cpu::has_avx2()) return take_valid_avx2(row, cols, columns, phase);
+    if (Cpu::has_avx2()) return list_valid_pixels_avx2(row, cols, columns, phase);
 #endif
-    return take_valid_plain(row, 0, cols, columns, phase, 0);
+    return list_valid_pixels_plain(row, 0, cols, columns, phase, 0);
 }
 
 } // namespace vexo

@@ -15,7 +15,7 @@ struct PhaseMapRow {
 int list_valid_columns(const uchar* mask, int cols, int* columns) noexcept;
 
 /// The same, with the phase of each of those columns.
-int take_valid(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept;
+int list_valid_pixels(const PhaseMapRow& row, int cols, int* columns, float* phase) noexcept;
 
 /// Whether `size` ascending columns are neighbours, without one left out.
 inline bool is_gapless(const int* columns, int size) noexcept
