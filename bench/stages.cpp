@@ -4,8 +4,8 @@
 #include "decode/GrayPhaseDecoder.h"
 #include "matching/reproject_row.h"
 #include "matching/row_matcher.h"
-#include "reference/plain_gray_phase.h"
-#include "reference/plain_remap.h"
+#include "plain_decode.h"
+#include "plain_remap.h"
 #include "reference/plain_reprojection.h"
 #include "reference/readable_matcher.h"
 

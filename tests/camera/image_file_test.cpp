@@ -1,10 +1,9 @@
-#include "camera/image_file.h"
 #include "base/picture_header.h"
+#include "camera/image_file.h"
+#include "support/folder.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
-
-#include <fstream>
 
 using namespace vexo;
 
@@ -19,9 +18,9 @@ std::string encoded(const std::string& extension, cv::Size size, int type = CV_8
 
 std::string in_file(const std::string& bytes)
 {
-    const std::string path = testing::TempDir() + "vexo_image_file";
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
+    static const Folder folder;
+    put(folder / "picture", bytes);
+    return folder / "picture";
 }
 
 std::string with(std::string bytes, std::size_t at, const std::string& patch)

@@ -1,5 +1,5 @@
 // PinHoleCamera and DistortCamera.
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 
 #include "base/plain_yaml.h"
 
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 using rig::max_difference;
-using rig::same_bits;
 using vexo::DistortCamera;
 using vexo::PinHoleCamera;
 
@@ -30,27 +29,9 @@ cv::Mat_<double> projection(const PinHoleCamera& cam, double scale)
     return cv::Mat_<double>(cv::Mat_<double>(cam.P(cv::Rect(0, 0, 4, 3))) * scale);
 }
 
-// The virtual table slot of a member, from the Itanium C++ ABI's pointer to member: 1 + 8 * slot.
-template <class Member> std::size_t slot(Member member)
-{
-    std::ptrdiff_t word = 0;
-    std::memcpy(&word, &member, sizeof word);
-    return static_cast<std::size_t>(word - 1) / sizeof(void*);
-}
-
 class CameraFiles : public rig::Folder { };
 
 } // namespace
-
-TEST(PinHole, VirtualOperationsKeepTheirSlots)
-{
-    EXPECT_EQ(slot(&PinHoleCamera::save), 2U); // behind both destructors
-    EXPECT_EQ(slot(&PinHoleCamera::load), 3U);
-    EXPECT_EQ(slot(&PinHoleCamera::solvePnPRansac), 4U);
-    EXPECT_EQ(slot(&PinHoleCamera::solvePnP), 5U);
-    EXPECT_EQ(slot(&DistortCamera::solvePnP), 5U);
-    EXPECT_EQ(slot(&vexo::UndistortCamera::save), 2U);
-}
 
 TEST(PinHole, ComposedMembersAgree)
 {
@@ -69,14 +50,6 @@ TEST(PinHole, ComposedMembersAgree)
     const cv::Vec3d towards = cv::normalize(cv::Vec3d(X.x - centre(0), X.y - centre(1), X.z - centre(2)));
     EXPECT_LT(cv::norm(cam.get_sight_vector(pixel) - towards), 1e-12);
     EXPECT_NEAR(cv::norm(cam.get_sight_vector({ 1e5, -3 })), 1.0, 1e-15);
-}
-
-TEST(PinHole, PrincipalPointOfACameraAtTheOriginLooksAlongZ)
-{
-    PinHoleCamera cam({ 640, 480 }, "");
-    cam.K = (cv::Mat_<double>(3, 3) << 512, 0, 320, 0, 512, 240, 0, 0, 1); // powers of two: exact
-    cam.compose();
-    EXPECT_EQ(cam.project_back({ 320, 240 }), cv::Point3d(0, 0, 1));
 }
 
 TEST(PinHole, DecompositionGivesTheCameraBackAndTheScaleOfPInK)
@@ -113,33 +86,26 @@ TEST(PinHole, CentreIsALiveViewAndCopiesAreDeep)
     EXPECT_EQ(cam.get_sight_vector({ 3, 4 }), cv::Vec3d()); // no inverse, no ray
 }
 
-TEST(PinHole, HmatIsTwelveDoublesAndExact)
+TEST(PinHole, HmatIsTwelveDoublesAndUnusableOnesAreRefused)
 {
     const PinHoleCamera cam = posed_camera();
     std::ostringstream os;
     ASSERT_TRUE(cam.save_hmat(os));
     const std::string bytes = os.str();
-    ASSERT_EQ(bytes.size(), 96U);
-    EXPECT_EQ(std::memcmp(bytes.data(), cam.P.data, 96), 0);
-
+    EXPECT_EQ(bytes, std::string(cam.P.ptr<char>(), 96));
     PinHoleCamera other({ 640, 480 }, "left");
-    std::istringstream is(bytes);
-    ASSERT_TRUE(other.load_hmat(is));
+    std::istringstream good(bytes);
+    ASSERT_TRUE(other.load_hmat(good));
     EXPECT_TRUE(same_bits(other.P, cam.P));
-}
 
-TEST(PinHole, UnusableHmatIsRefusedAndTheCameraKept)
-{
-    std::ostringstream os;
-    ASSERT_TRUE(posed_camera().save_hmat(os));
     std::vector<std::string> bad { std::string(96, '\0'), std::string(96, '\xff') }; // singular, NaN
     for (std::size_t cut = 0; cut < 96; ++cut)
-        bad.push_back(os.str().substr(0, cut));
-    for (const std::string& bytes : bad) {
-        PinHoleCamera cam = posed_camera();
-        std::istringstream is(bytes);
-        EXPECT_FALSE(cam.load_hmat(is)) << bytes.size();
-        EXPECT_TRUE(same_bits(cam, posed_camera()));
+        bad.push_back(bytes.substr(0, cut));
+    for (const std::string& text : bad) {
+        PinHoleCamera kept = cam;
+        std::istringstream is(text);
+        EXPECT_FALSE(kept.load_hmat(is)) << text.size();
+        EXPECT_TRUE(same_bits(kept, cam));
     }
 }
 
@@ -187,16 +153,6 @@ TEST(PinHole, PoseIsFoundFromGoodPointsAndRefusedFromBadOnes)
     EXPECT_TRUE(same_bits(tvec, kept));
 }
 
-TEST(Distort, WithoutDistortionItProjectsLikeThePinhole)
-{
-    DistortCamera cam({ 640, 480 }, "");
-    static_cast<PinHoleCamera&>(cam) = posed_camera();
-    cam.K(0, 1) = 0; // no skew in the distortion model
-    cam.compose();
-    const cv::Point3d X(33, -21, 80);
-    EXPECT_LT(cv::norm(cam.project_forw(X) - cam.PinHoleCamera::project_forw(X)), 1e-4); // 2 ulp of 640.F
-}
-
 TEST(Distort, ProjectionPassesThroughSinglePrecision)
 {
     const DistortCamera cam = rig::camera("c", { 640, 480 }, 800, { -0.2, 0.1, 0.001, 0.002, 0 });
@@ -208,12 +164,7 @@ TEST(Distort, ProjectionPassesThroughSinglePrecision)
 TEST(Distort, ThereIsNoWayBack)
 {
     const DistortCamera cam = rig::camera("c", { 640, 480 }, 800, {});
-    try {
-        cam.get_sight_vector({ 1, 2 });
-        FAIL();
-    } catch (const std::logic_error& error) {
-        EXPECT_STREQ(error.what(), "Invert projection is not available in DistortCamera.");
-    }
+    EXPECT_THROW(cam.get_sight_vector({ 1, 2 }), std::logic_error);
     EXPECT_THROW(cam.project_back({ 1, 2 }), std::logic_error);
 }
 
@@ -252,20 +203,12 @@ TEST_F(CameraFiles, NamelessCameraIsCalledCamAndTheFileNamesDiffer)
     ASSERT_TRUE(nameless.load(nullptr)); // reads _param.yaml
     EXPECT_TRUE(same_bits(nameless.D, distorted.D));
     EXPECT_EQ(nameless.name, "cam");
-    DistortCamera absent({ 7, 7 }, "nobody");
+    DistortCamera absent({ 7, 7 }, "nobody"), refused({ 640, 480 }, "");
     EXPECT_FALSE(absent.load(nullptr));
     EXPECT_EQ(absent.size, cv::Size(7, 7));
-}
-
-TEST_F(CameraFiles, FailedSaveLeavesANamelessCameraNameless)
-{
-    ASSERT_EQ(chdir(folder.c_str()), 0);
-    ASSERT_EQ(mkdir("_param.yaml", 0755), 0); // nothing can be written there
-    DistortCamera distorted = rig::camera("", { 640, 480 }, 800, {});
-    vexo::UndistortCamera rectified({ 640, 480 }, "");
-    EXPECT_FALSE(distorted.save(nullptr) || rectified.save(nullptr));
-    EXPECT_EQ(distorted.name + rectified.name, "");
-    EXPECT_FALSE(exists("cam_param.yaml"));
+    ASSERT_TRUE(std::filesystem::remove("_param.yaml") && std::filesystem::create_directory("_param.yaml"));
+    EXPECT_FALSE(refused.save(nullptr)); // nothing can be written there: it stays nameless
+    EXPECT_EQ(refused.name, "");
 }
 
 TEST_F(CameraFiles, NamesThatAreNoKeysSaveNothing)
@@ -330,21 +273,18 @@ TEST_F(CameraFiles, UnusableEntriesAreRefusedAndTheCameraKept)
         return "!!opencv-matrix\n   rows: " + rows + "\n   cols: " + cols + "\n   dt: " + dt + "\n   data: " + data;
     };
     const std::string eye = "[ 1., 0., 0., 0., 1., 0., 0., 0., 1. ]";
+    const auto square = [&](const std::string& data) { return matrix("3", "3", "d", data); };
     const std::vector<std::pair<std::string, std::string>> bad { { "size", "[ 320 ]" }, { "size", "[ -1, 256 ]" },
-        { "size", "[ 40000, 256 ]" }, { "size", "[ 3.5, 256 ]" }, { "size", "big" }, { "K", "text" }, { "K", "5" },
-        { "K", "{ a:1 }" }, { "K", eye }, { "K", matrix("2", "2", "d", "[ 1., 0., 0., 1. ]") },
-        { "K", matrix("3", "3", "d", "[ 1., 0., 0. ]") }, { "K", matrix("2147483647", "2147483647", "d", eye) },
-        { "K", matrix("65536", "65536", "u", eye) }, { "K", matrix("-3", "-3", "d", eye) },
-        { "K", matrix("3", "3", "\"3d\"", eye) }, { "K", matrix("3", "3", "q", eye) },
-        { "K", matrix("3", "3", "d", "[ .Nan, 0., 0., 0., 1., 0., 0., 0., 1. ]") },
-        { "K", matrix("3", "3", "d", "[ .Inf, 0., 0., 0., 1., 0., 0., 0., 1. ]") },
-        { "K", matrix("3", "3", "d", "[ 0., 0., 0., 0., 1., 0., 0., 0., 1. ]") },
-        { "K", matrix("3", "3", "d", "[ a, b, c, d, e, f, g, h, i ]") },
-        { "K", matrix("3", "3", "d", "[ 1e308, 0., 1e308, 0., 1e308, 1e308, 0., 0., 1e-308 ]") },
-        { "R", matrix("3", "3", "d", "[ 0., 0., 0., 0., 0., 0., 0., 0., 0. ]") },
-        { "T", matrix("2", "2", "d", "[ 1., 2., 3., 4. ]") }, { "T", matrix("0", "0", "d", "[]") },
-        { "D", matrix("1", "3", "d", "[ 1., 2., 3. ]") }, { "D", matrix("2", "2", "d", "[ 1., 2., 3., 4. ]") },
-        { "D", matrix("1", "4", "d", "[ 1., .Inf, 3., 4. ]") }, { "D", "text" } };
+        { "size", "[ 40000, 256 ]" }, { "size", "[ 3.5, 256 ]" }, { "size", "big" }, { "K", "text" }, { "K", eye },
+        { "K", matrix("2", "2", "d", "[ 1., 0., 0., 1. ]") }, { "K", square("[ 1., 0., 0. ]") },
+        { "K", matrix("2147483647", "2147483647", "d", eye) }, { "K", matrix("65536", "65536", "u", eye) },
+        { "K", matrix("-3", "-3", "d", eye) }, { "K", matrix("3", "3", "\"3d\"", eye) },
+        { "K", square("[ .Nan, 0., 0., 0., 1., 0., 0., 0., 1. ]") },
+        { "K", square("[ 0., 0., 0., 0., 1., 0., 0., 0., 1. ]") },
+        { "K", square("[ 1e308, 0., 1e308, 0., 1e308, 1e308, 0., 0., 1e-308 ]") },
+        { "R", square("[ 0., 0., 0., 0., 0., 0., 0., 0., 0. ]") }, { "T", matrix("2", "2", "d", "[ 1., 2., 3., 4. ]") },
+        { "T", matrix("0", "0", "d", "[]") }, { "D", matrix("1", "3", "d", "[ 1., 2., 3. ]") },
+        { "D", matrix("2", "2", "d", "[ 1., 2., 3., 4. ]") }, { "D", matrix("1", "4", "d", "[ 1., .Inf, 3., 4. ]") } };
     for (const auto& [key, value] : bad) {
         DistortCamera kept = rig::pair()[1];
         kept.name = "cam0";

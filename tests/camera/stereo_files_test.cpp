@@ -1,12 +1,11 @@
 // Stereo files, hmat sets and the creation functions.
 #include "base/plain_yaml.h"
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 #include "vexo/factories.h"
 
 using rig::max_difference;
 using rig::Pair;
 using rig::rectify;
-using rig::same_bits;
 using rig::Stereo;
 using vexo::StereoCamera;
 
@@ -100,24 +99,20 @@ TEST_F(StereoFiles, NamesThatAreNoKeysAndTwoCamerasOfOneNameAreNotSaved)
     EXPECT_FALSE(exists("stereo_param.yaml"));
 }
 
-TEST_F(StereoFiles, StereoFileCutAtAnyLineOrWithoutAnyKeyIsRefusedAndTheCameraKept)
+TEST_F(StereoFiles, StereoFileWithoutAnyKeyIsRefusedAndTheCameraKept)
 {
     const Stereo stereo = rectify(rig::pair());
     const std::string text = rig::yaml(*stereo);
     const StereoCamera before = *rectify(rig::pair(true, { 40, 32 }));
     testing::internal::CaptureStderr(); // there are no tables
-    int refused = 0;
     auto check = [&](const std::string& changed) {
         StereoCamera kept = before;
         cv::FileStorage fs;
         if (open_text(changed, fs) && kept.load(&fs)) return false;
         EXPECT_TRUE(same_bits(kept, before));
-        ++refused;
         return true;
     };
     EXPECT_FALSE(check(text));
-    for (std::size_t end = text.find('\n'); end + 1 < text.size(); end = text.find('\n', end + 1))
-        EXPECT_TRUE(check(text.substr(0, end + 1))) << text.substr(0, end + 1);
     for (const std::string key : { "StereoName", "stereoL_size", "stereoR_size", "Q", "cam0_R2", "cam1_R2" }) {
         std::string changed = text;
         changed.replace(changed.find("\n" + key + ":") + 1, 1, "x");
@@ -133,7 +128,6 @@ TEST_F(StereoFiles, StereoFileCutAtAnyLineOrWithoutAnyKeyIsRefusedAndTheCameraKe
     EXPECT_FALSE(check(sizes));
 
     testing::internal::GetCapturedStderr();
-    EXPECT_GT(refused, 50);
 }
 
 TEST_F(StereoFiles, CamerasUnderTheirPresentNamesAreFoundInAFileWithAnotherStereoName)

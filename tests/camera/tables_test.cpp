@@ -1,14 +1,13 @@
 // UndistortCamera and its two binary formats.
 #include "base/plain_yaml.h"
 #include "camera/camera_undistort.h"
-#include "camera/rig.h"
+#include "camera/toed_in_pair.h"
 
 #include <cstring>
 #include <numeric>
 #include <opencv2/imgproc.hpp>
 #include <sys/stat.h>
 
-using rig::same_bits;
 using vexo::UndistortCamera;
 
 namespace {
@@ -42,51 +41,33 @@ class TableFiles : public rig::Folder { };
 
 } // namespace
 
-TEST(Tables, RecordsOfATableFileLieWhereTheFormatSays)
+TEST(Tables, RecordsLieWhereTheFormatsSayAndAreReadBack)
 {
-    cv::Mat map = noise({ 3, 3 }, CV_32FC1);
-    std::ostringstream os;
-    ASSERT_TRUE(vexo::save_map(os, map) && vexo::save_map(os, map));
-    const std::string bytes = os.str();
-    ASSERT_EQ(bytes.size(), 2 * (16U + 36U + 4U));
-    for (const std::size_t record : { std::size_t { 0 }, std::size_t { 56 } }) {
-        EXPECT_EQ(int_at(bytes, record), CV_32FC1);
-        EXPECT_EQ(int_at(bytes, record + 4), 3);
-        EXPECT_EQ(int_at(bytes, record + 8), 3);
-        EXPECT_EQ(int_at(bytes, record + 12), 0);
-        EXPECT_EQ(std::memcmp(&bytes[record + 16], map.data, 36), 0);
-        EXPECT_EQ(int_at(bytes, record + 52), 0);
-    }
-    std::ostringstream empty;
+    const cv::Mat map = noise({ 9, 5 }, CV_32FC1).colRange(2, 5); // rows apart in memory
+    const std::string pixels(map.clone().ptr<char>(), 60);
+    std::ostringstream os, bare, empty;
+    ASSERT_TRUE(vexo::save_map(os, map) && vexo::save_map(os, map) && vexo::_save_rtable(bare, map));
     EXPECT_FALSE(vexo::save_map(empty, cv::Mat()));
     EXPECT_TRUE(empty.str().empty());
-
-    const cv::Mat columns = noise({ 9, 5 }, CV_32FC1).colRange(2, 5); // rows apart in memory
-    std::ostringstream strided;
-    ASSERT_TRUE(vexo::save_map(strided, columns));
-    std::istringstream is(strided.str());
-    cv::Mat read;
-    ASSERT_TRUE(vexo::load_map(is, read));
-    EXPECT_TRUE(same_bits(read, columns.clone()));
-}
-
-TEST(Tables, RecordsOfABareStreamLieWhereTheFormatSays)
-{
-    const cv::Mat map = noise({ 9, 5 }, CV_32FC1).colRange(2, 5);
-    std::ostringstream os;
-    ASSERT_TRUE(vexo::_save_rtable(os, map));
     const std::string bytes = os.str();
-    ASSERT_EQ(bytes.size(), 8U + 60U + 4U);
-    EXPECT_EQ(int_at(bytes, 0), 15);
-    EXPECT_EQ(int_at(bytes, 4), 0);
-    EXPECT_EQ(std::memcmp(&bytes[8], map.clone().data, 60), 0);
+    ASSERT_EQ(bytes.size(), 2 * (16U + 60U + 4U));
+    for (const std::size_t record : { std::size_t { 0 }, std::size_t { 80 } }) {
+        EXPECT_EQ(int_at(bytes, record), CV_32FC1);
+        EXPECT_EQ(int_at(bytes, record + 4), 3);
+        EXPECT_EQ(int_at(bytes, record + 8), 5);
+        EXPECT_EQ(int_at(bytes, record + 12), 0);
+        EXPECT_EQ(bytes.substr(record + 16, 60), pixels);
+        EXPECT_EQ(int_at(bytes, record + 76), 0);
+    }
+    ASSERT_EQ(bare.str().size(), 8U + 60U + 4U);
+    EXPECT_EQ(int_at(bare.str(), 0), 15);
+    EXPECT_EQ(int_at(bare.str(), 4), 0);
+    EXPECT_EQ(bare.str().substr(8, 60), pixels);
 
-    cv::Mat read(map.size(), CV_32FC1);
-    std::istringstream is(bytes);
-    ASSERT_TRUE(vexo::_load_rtable(is, read));
-    EXPECT_TRUE(same_bits(read, map.clone()));
-    cv::Mat other(2, 7, CV_32FC1);
-    std::istringstream again(bytes);
+    cv::Mat read, bare_read(map.size(), CV_32FC1), other(2, 7, CV_32FC1);
+    std::istringstream is(bytes), bare_is(bare.str()), again(bare.str());
+    ASSERT_TRUE(vexo::load_map(is, read) && vexo::_load_rtable(bare_is, bare_read));
+    EXPECT_TRUE(same_bits(read, map) && same_bits(bare_read, map));
     EXPECT_FALSE(vexo::_load_rtable(again, other));
     EXPECT_EQ(again.tellg(), 4); // just behind the count
 }

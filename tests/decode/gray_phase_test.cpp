@@ -124,20 +124,6 @@ TEST(GrayPhase, ACoordinateEqualToItsNeighbourIsNotAssigned)
     EXPECT_EQ(unwrap_row(p, { 4, 4, 4 }, { .1F, .2F, .3F }).cols, (std::vector<int> {})) << "too short";
 }
 
-TEST(GrayPhase, AWildLoadedPhaseNeverBecomesACoordinate)
-{
-    GrayPhaseMatchingParam p;
-    p.anchor_length = 0;
-    p.reject_length = 0;
-    for (const float wild : { not_a_number, infinite, -infinite, 1e30F, -1e30F, 2.0F, -1.0F }) {
-        const LoadedRow row = unwrap_row(p, { 1, 1, 1, 2 }, { .1F, .2F, wild, .3F });
-        EXPECT_EQ(std::count(row.cols.begin(), row.cols.end(), 2), 0) << wild;
-        EXPECT_EQ(row.map(0, 2), 0.0F) << wild;
-    }
-    const LoadedRow row = unwrap_row(p, { 1, 2 }, { 1.0F, 0.0F });
-    EXPECT_EQ(row.cols.size(), 2U) << "0 and 1 are phases";
-}
-
 TEST(GrayPhase, LoaderTakesFourFramesAndUnalignedFloats)
 {
     const GrayPhaseMatchingParam params = everything_valid();

@@ -3,7 +3,7 @@
 #include "decode/GrayPhaseLoader.h"
 #include "decode/MultiPhaseDecoder.h"
 
-#include "base/whole_file.h"
+#include "support/folder.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
@@ -123,26 +123,21 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
 {
     const cv::Mat map = (cv::Mat_<float>(2, 3) << 1, 2.5, 3, -4, 5, 1e9);
     const cv::Mat mask = (cv::Mat_<uchar>(2, 3) << 255, 0, 255, 0, 0, 255);
-    std::string folder = testing::TempDir() + "vexo_dumps_XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    ASSERT_EQ(chdir(folder.c_str()), 0);
-
+    const Folder folder;
+    ASSERT_EQ(chdir((folder / "").c_str()), 0);
     Positions positions;
     positions.camera_id = 1;
     positions.unwrapped = map;
     positions.vmask = mask;
     positions.save_unwrap();
-    std::string bytes;
-    ASSERT_TRUE(read_file("unwrap1.raw", 1000, bytes));
-    EXPECT_EQ(bytes, std::string(map.ptr<char>(), 24));
+    EXPECT_EQ(content("unwrap1.raw"), std::string(map.ptr<char>(), 24));
     EXPECT_TRUE(same_bits(cv::imread("vumask1.pgm", cv::IMREAD_UNCHANGED), mask));
 
     positions.phase = cv::Mat(map, cv::Rect(1, 0, 2, 2)); // rows that do not follow one another
     positions.white = cv::Mat_<uchar>(2, 3, uchar { 0 });
     positions.valid = { { 1 }, {} };
     positions._save_decode();
-    ASSERT_TRUE(read_file("phase1.raw", 1000, bytes));
-    EXPECT_EQ(bytes, std::string(map.ptr<char>(0, 1), 8) + std::string(map.ptr<char>(1, 1), 8));
+    EXPECT_EQ(content("phase1.raw"), std::string(map.ptr<char>(0, 1), 8) + std::string(map.ptr<char>(1, 1), 8));
     EXPECT_EQ(cv::countNonZero(cv::imread("vmask1.pgm", cv::IMREAD_UNCHANGED)), 1);
 
     MultiPhaseDecoder periods(0, nullptr, nullptr, 4, 2);
@@ -151,15 +146,11 @@ TEST(ProjectorPositions, DebugDumpsAreRawFloatRowsAndAMask)
     periods.white = positions.white;
     periods.valid = { {}, { 0, 2 } };
     periods._save_decode();
-    ASSERT_TRUE(read_file("phase_0_1.raw", 1000, bytes));
-    EXPECT_EQ(bytes, std::string(periods.phases[1].ptr<char>(), 24));
+    EXPECT_EQ(content("phase_0_1.raw"), std::string(periods.phases[1].ptr<char>(), 24));
     EXPECT_EQ(cv::countNonZero(cv::imread("vmask0.pgm", cv::IMREAD_UNCHANGED)), 2);
-
     positions.clear();
     positions.save_unwrap();
-    struct stat info = {};
-    ASSERT_EQ(stat("unwrap1.raw", &info), 0);
-    EXPECT_EQ(info.st_size, 0);
+    EXPECT_EQ(content("unwrap1.raw"), "");
 }
 
 } // namespace

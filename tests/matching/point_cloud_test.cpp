@@ -1,11 +1,11 @@
 #include "matching/PointCloudGenerator.h"
+#include "support/folder.h"
 #include "support/plane_rig.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/core/affine.hpp>
 
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <random>
 
@@ -55,11 +55,11 @@ bool is_nan_point(const cv::Point3f& p)
     return bits[0] == 0x7FC00000U && bits[1] == 0x7FC00000U && bits[2] == 0x7FC00000U;
 }
 
-std::string write_text(const std::string& name, const std::string& text)
+std::string write_text(const std::string& text)
 {
-    const std::string path = testing::TempDir() + "vexo_matching_" + name;
-    std::ofstream(path) << text;
-    return path;
+    static const Folder folder;
+    put(folder / "rt.yaml", text);
+    return folder / "rt.yaml";
 }
 
 std::string yaml_matrix(int rows, int cols, const std::string& type, const std::string& data)
@@ -183,7 +183,7 @@ TEST(PointCloud, AFileGivesTheTransformOfItsNumbers)
     std::vector<double> numbers { 0, -1, 0, 10, 1, 0, 0, 20, 0, 0, 1, 30, 0, 0, 0, 1 };
     ASSERT_TRUE(from_numbers.convert_coordinate(numbers));
     for (const char* type : { "d", "f" }) {
-        ASSERT_TRUE(from_file.convert_coordinate(write_text("rt.yaml", yaml_matrix(4, 4, type, text))));
+        ASSERT_TRUE(from_file.convert_coordinate(write_text(yaml_matrix(4, 4, type, text))));
         EXPECT_EQ(from_file.transform, from_numbers.transform) << type;
     }
 }
@@ -202,16 +202,15 @@ TEST(PointCloud, RefusedTransformsLeaveTheOldOne)
         EXPECT_FALSE(generator.convert_coordinate(*rt));
 
     const std::string sixteen = "1., 0., 0., 10., 0., 1., 0., 20., 0., 0., 1., 30., 0., 0., 0., 1.";
-    for (const std::string& text : { std::string(), std::string("%YAML:1.0\n---\n"), std::string("RT: 1\n"),
-             std::string("%YAML:1.0\n---\nRT: 7\n"), std::string("%YAML:1.0\n---\nRT: \"4x4\"\n"),
-             std::string("%YAML:1.0\n---\nRT: [ 1, 2, 3 ]\n"),
-             std::string("%YAML:1.0\n---\nRT: { rows: 4, cols: 4 }\n"), std::string("%YAML:1.0\n---\nRT: !!binary |\n"),
-             yaml_matrix(3, 4, "d", "1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 1, 2"), yaml_matrix(2, 8, "d", sixteen),
-             yaml_matrix(4, 4, "d", "1, 2, 3"), yaml_matrix(4, 4, "2d", sixteen),
-             yaml_matrix(4, 4, "d", "1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1"),
-             yaml_matrix(4, 4, "d", ".Nan, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1"),
-             yaml_matrix(2000000000, 2000000000, "d", sixteen), yaml_matrix(4, 4, "", sixteen) })
-        EXPECT_FALSE(generator.convert_coordinate(write_text("bad.yaml", text))) << text;
+    const std::string head = "%YAML:1.0\n---\n";
+    for (const std::string& text :
+        { std::string(), head, std::string("RT: 1\n"), head + "RT: 7\n", head + "RT: \"4x4\"\n",
+            head + "RT: { rows: 4, cols: 4 }\n", yaml_matrix(3, 4, "d", "1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 1, 2"),
+            yaml_matrix(2, 8, "d", sixteen), yaml_matrix(4, 4, "d", "1, 2, 3"), yaml_matrix(4, 4, "2d", sixteen),
+            yaml_matrix(4, 4, "d", "1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1"),
+            yaml_matrix(4, 4, "d", ".Nan, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1"),
+            yaml_matrix(2000000000, 2000000000, "d", sixteen) })
+        EXPECT_FALSE(generator.convert_coordinate(write_text(text))) << text;
     EXPECT_FALSE(generator.convert_coordinate(testing::TempDir()));
     EXPECT_FALSE(generator.convert_coordinate(std::string("/nonexistent.yaml")));
     EXPECT_EQ(std::memcmp(before.val, generator.transform.val, sizeof before.val), 0);

@@ -1,7 +1,7 @@
-#include "sim/render.h"
 #include "patterns/fringes.h"
 #include "sim/capture.h"
 #include "sim/noise.h"
+#include "sim/render.h"
 #include "sim/scenes.h"
 
 #include <gtest/gtest.h>

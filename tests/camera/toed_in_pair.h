@@ -3,21 +3,15 @@
 #include "base/plain_yaml.h"
 #include "camera/camera_distort.h"
 #include "camera/stereo_construction.h"
+#include "support/bits.h"
+#include "support/folder.h"
 #include "vexo/owned.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
 
 #include <array>
-#include <fstream>
-#include <memory>
 #include <random>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <stdlib.h>
-#include <unistd.h>
 
 /// A calibrated pair with distortion, and helpers shared by the camera tests.
 namespace rig {
@@ -102,11 +96,34 @@ inline double max_difference(const cv::Mat& a, const cv::Mat& b)
     return a.size() == b.size() ? cv::norm(a, b, cv::NORM_INF) : HUGE_VAL;
 }
 
-inline bool same_bits(const cv::Mat& a, const cv::Mat& b)
+/// A folder of the test's own.
+class Folder : public testing::Test {
+protected:
+    std::string path(const std::string& file) const { return _folder / file; }
+    static bool exists(const std::string& file) { return std::filesystem::exists(file); }
+
+private:
+    ::Folder _folder;
+
+protected:
+    const std::string folder = _folder / "";
+};
+
+/// YAML text of whatever saves itself into a storage.
+template <class Camera> std::string yaml(Camera& camera)
 {
-    if (a.size() != b.size() || a.type() != b.type()) return false;
-    return a.empty() || std::equal(a.datastart, a.dataend, b.datastart);
+    cv::FileStorage fs = vexo::memory_yaml();
+    EXPECT_TRUE(camera.save(&fs));
+    return fs.releaseAndGetString();
 }
+
+template <class Camera> bool load_text(Camera& camera, const std::string& text)
+{
+    cv::FileStorage fs(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
+    return camera.load(&fs);
+}
+
+} // namespace rig
 
 inline bool same_bits(const vexo::PinHoleCamera& a, const vexo::PinHoleCamera& b)
 {
@@ -126,54 +143,3 @@ inline bool same_bits(const vexo::StereoCamera& a, const vexo::StereoCamera& b)
         && same_bits(a.cam0, b.cam0) && same_bits(a.cam1, b.cam1) && same_bits(a.cam0_R2, b.cam0_R2)
         && same_bits(a.cam1_R2, b.cam1_R2) && same_bits(a.Q, b.Q) && same_bits(a.T, b.T);
 }
-
-/// A folder of the test's own.
-class Folder : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string pattern = testing::TempDir() + "vexo_camera_XXXXXX";
-        start.reset(getcwd(nullptr, 0), free);
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern + "/";
-    }
-    void TearDown() override
-    {
-        ASSERT_EQ(chdir(start.get()), 0);
-        const int done = std::system(("rm -rf '" + folder + "'").c_str());
-        EXPECT_EQ(done, 0);
-    }
-    std::string path(const std::string& file) const { return folder + file; }
-
-    static std::string content(const std::string& file)
-    {
-        std::ifstream is(file, std::ios::binary);
-        return { std::istreambuf_iterator<char>(is), {} };
-    }
-    static void put(const std::string& file, const std::string& bytes)
-    {
-        std::ofstream(file, std::ios::binary) << bytes;
-    }
-    static bool exists(const std::string& file) { return std::ifstream(file).good(); }
-
-    std::string folder;
-
-private:
-    std::shared_ptr<char> start;
-};
-
-/// YAML text of whatever saves itself into a storage.
-template <class Camera> std::string yaml(Camera& camera)
-{
-    cv::FileStorage fs = vexo::memory_yaml();
-    EXPECT_TRUE(camera.save(&fs));
-    return fs.releaseAndGetString();
-}
-
-template <class Camera> bool load_text(Camera& camera, const std::string& text)
-{
-    cv::FileStorage fs(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
-    return camera.load(&fs);
-}
-
-} // namespace rig
