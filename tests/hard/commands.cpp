@@ -3,6 +3,7 @@
 
 #include "support/child.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -179,7 +180,8 @@ bool one_line(const std::string& err)
 /// A failure as it should be; `before` is what OUT was.
 std::string judge(const std::string& what, const Stage& stage, const Outcome& outcome, const Tree& before)
 {
-    if (outcome.code != 1 && outcome.code != 2) return text_of(what + " ended otherwise", stage, outcome);
+    const int codes[] = { 1, 2, 3, 75 };
+    if (std::find(std::begin(codes), std::end(codes), outcome.code) == std::end(codes)) return text_of(what + " ended otherwise", stage, outcome);
     if (!one_line(outcome.err)) return text_of(what + " is not told in one line", stage, outcome);
     if (tree_of(stage.out) != before) return text_of(what + " left something", stage, outcome);
     return fs::is_empty(stage.folder / "tmp") ? "" : text_of(what + " left a temporary folder", stage, outcome);
