@@ -50,7 +50,7 @@ protected:
     {
         for (const Json& finding : json["findings"])
             if (finding["name"] == name && finding["where"] == (camera < 0 ? "" : "camera " + std::to_string(camera)))
-                return finding["text"];
+                return finding["text"].get<std::string>() + "; " + finding["advice"].get<std::string>();
         return "";
     }
 };
