@@ -22,7 +22,7 @@ step "build, warnings are errors"
 cmake --preset dev > build.log 2>&1 || { cat build.log; exit 1; }
 cmake --build --preset dev
 step "sizes: no function above 50 lines, no file above 400"
-scripts/check_sizes.sh build/dev
+scripts/check_sizes.sh
 step "tests"
 ctest --preset dev
 for sanitizer in asan tsan; do

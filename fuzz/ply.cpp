@@ -1,6 +1,7 @@
 // The PLY header that `vexo info` and `vexo compare` read.
 
 #include "host/files/ply.h"
+#include "base/failure.h"
 #include "target.h"
 
 #include <cmath>

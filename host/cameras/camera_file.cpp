@@ -47,16 +47,16 @@ CalibratedCamera read_camera(const std::string& path, const std::string& name)
     cv::FileStorage file;
     if (!open_yaml(path, file)) throw Failure(path + ": is not a calibration file (YAML)");
     CalibratedCamera camera;
-    const bool complete
-        = failure_if_opencv_throws(path + ": the keys of " + name + " do not hold the matrices of a camera", [&] {
-              const cv::FileNode size = file[name + "_size"];
-              cv::Size read;
-              if (size.isSeq() && size.size() == 2 && read_whole(size[0], read.width) && read_whole(size[1], read.height))
-                  camera.size = read;
-              file[name + "_D"] >> camera.D;
-              if (!camera.D.empty()) camera.D.convertTo(camera.D, CV_64F);
-              return read_projection(file, name, camera);
-          });
+    const bool complete = failure_if_opencv_throws(
+        path + ": the keys of " + name + " do not hold the matrices of a camera", [&] {
+            const cv::FileNode size = file[name + "_size"];
+            cv::Size read;
+            if (size.isSeq() && size.size() == 2 && read_whole(size[0], read.width) && read_whole(size[1], read.height))
+                camera.size = read;
+            file[name + "_D"] >> camera.D;
+            if (!camera.D.empty()) camera.D.convertTo(camera.D, CV_64F);
+            return read_projection(file, name, camera);
+        });
     if (complete) return camera;
     throw Failure(path + ": has no camera \"" + name + "\" (keys " + name + "_K, " + name + "_R, " + name
         + "_T); calibrate with vexo's own format");

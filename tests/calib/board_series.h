@@ -73,7 +73,7 @@ public:
         return photo;
     }
 
-    const Board board;
+    const Board board {};
     const std::vector<Pose> poses = board_series::poses(board, views, 7); ///< rig from board
 
 private:

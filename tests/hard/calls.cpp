@@ -5,6 +5,7 @@
 #include "support/child.h"
 #include "support/guarded_buffer.h"
 #include "support/mutate.h"
+#include "support/reached.h"
 #include "support/samples.h"
 #include "support/station.h"
 
@@ -15,19 +16,6 @@ using namespace vexo;
 using namespace hard;
 
 namespace {
-
-/// What the calls must have reached at least once, counted over all child processes.
-const char* const reached_names[] = { "exec of block matching", "exec of gray code", "exec of multi-period",
-    "a cloud with points", "remap", "a board", "a calibration", "a calibration of a pair", "a stereo camera" };
-enum Reached { executed, points = 3, remapped, recognised, one_calibrated, pair_calibrated, rectified, reached_count };
-long* reached = nullptr;
-
-/// Counts and hands through.
-bool note(int what, bool happened)
-{
-    if (happened) ++reached[what];
-    return happened;
-}
 
 /// A host that makes no promise but this: its buffers are as large as it says.
 class Host {
@@ -387,7 +375,7 @@ int main(int argc, char** argv)
     const Options options(argc, argv);
     const Folder folder;
     if (in_child([&] { return write_samples(folder) ? 0 : 1; }) != 0) return 1;
-    reached = static_cast<long*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    count_over_children();
     const auto trial = [&](long i) {
         Rng rng = rng_of(options.seed, i);
         Host host(rng, folder);
@@ -398,10 +386,6 @@ int main(int argc, char** argv)
     };
     long found = run_trials(
         "calls: sequences of 100 interface calls", argv[0], options, 200, trial, { 30, std::size_t { 3 } << 30 });
-    for (int i = 0; i < reached_count && options.only < 0; ++i) {
-        if (reached[i] > 0) continue;
-        ++found;
-        std::printf("  never reached: %s\n", reached_names[i]);
-    }
+    if (options.only < 0) found += never_reached();
     return found == 0 ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-#include "patterns/fringes.h"
 #include "base/failure.h"
+#include "patterns/fringes.h"
 #include "patterns/method.h"
 
 #include <gtest/gtest.h>
