@@ -49,11 +49,6 @@ TEST(PreProcessor, GammaFollowsItsFormulaAtBothEndsAndBetween)
         for (int i = 0; i < 256; ++i)
             ASSERT_EQ(out.at<uchar>(4, i), std::floor(std::pow(i / 255.0, gamma) * 255 + 0.5)) << gamma;
     }
-    for (const double hostile : { -3.0, 1e300, std::numeric_limits<double>::quiet_NaN() }) {
-        PreProcParam p;
-        p.gamma = hostile;
-        EXPECT_EQ(preprocessed(p, ramp()).size(), ramp().size()) << hostile;
-    }
 }
 
 TEST(PreProcessor, StepsComeInTheirOrderAndTheInputStays)
@@ -217,10 +212,6 @@ TEST(CircleMarkerSearcher, LimitsOfLengthAndRadiusAreInclusive)
         f.init_searcher(p);
         EXPECT_EQ(f.fit_ellipse(contours, verdict, fitted), error == 0 ? 1 : 0);
         EXPECT_EQ(verdict[0], error == 0 ? 0 : 3);
-    }
-    for (const double hostile : { 1e300, -1e300, std::numeric_limits<double>::quiet_NaN() }) {
-        p.max_radius = p.min_radius = hostile;
-        f.init_searcher(p);
     }
 }
 

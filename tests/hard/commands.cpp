@@ -7,10 +7,8 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
-#include <sstream>
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -136,14 +134,7 @@ struct Stage {
         std::string line = command.line + more;
         replace_all(line, "OUT", to);
         replace_all(line, "IN/", in + "/");
-        std::istringstream words(line);
-        std::vector<std::string> arguments { VEXO_PROGRAM };
-        arguments.insert(arguments.end(), std::istream_iterator<std::string>(words), {});
-        std::vector<char*> pointers;
-        for (std::string& a : arguments)
-            pointers.push_back(a.data());
-        pointers.push_back(nullptr);
-        execv(VEXO_PROGRAM, pointers.data());
+        execl("/bin/sh", "sh", "-c", ("exec " VEXO_PROGRAM " " + line).c_str(), nullptr);
         _exit(98);
     }
     Outcome end(pid_t child) const

@@ -2,8 +2,8 @@
 // does everything that a host does. Our own code raises none of them; each that OpenCV raises is counted and let pass,
 // by one instruction with the exceptions masked.
 
+#include "support/loaders.h"
 #include "support/run.h"
-#include "support/samples.h"
 #include "support/station.h"
 
 #include <atomic>
@@ -70,18 +70,10 @@ void install(int signal, void (*handler)(int, siginfo_t*, void*))
 
 bool cameras_from_files(const Folder& folder)
 {
-    const std::vector<std::string> sets[]
-        = { { folder / "p0.hmat", folder / "p1.hmat", folder / "tables.bin" }, { folder / "cams.yaml" } };
-    const StereoCameraParam param = sample_param();
     bool good = true;
-    for (const int selector : { 1, 2 }) {
-        const Owned<iStereoCamera> camera(CreateStereoCamera(selector, &sets[selector - 1], &param));
-        cv::Mat raw(height, 2 * width, CV_8U, cv::Scalar(7)), out = raw.clone();
-        good = good && camera && camera->remap(raw.data, 0, out.data, 0, 2);
-        double xyz[3];
-        const double pixel0[] = { 20, 18 }, pixel1[] = { 9, 18 };
-        good = good && camera->get3dposition(xyz, 20, 18, 11.0) && camera->get3dposition(xyz, pixel0, pixel1)
-            && camera->get3dposition(xyz, 100.0, pixel0, pixel1);
+    for (auto* load : { load_pair, load_hmat_set, load_stereo, load_transform }) {
+        const Outcome outcome = load(Paths(folder, "", ""));
+        good = good && outcome.taken && outcome.fault == nullptr;
     }
     return good;
 }
