@@ -78,7 +78,9 @@ VEXO_AVX2 int reproject_avx2(
         const __m256d w = component4(H, 3, column, from_row[3], d);
         const __m256d at_infinity = _mm256_cmp_pd(w, _mm256_setzero_pd(), _CMP_EQ_OQ);
         const __m256d bad = _mm256_or_pd(absent, at_infinity);
-        const __m256d s = _mm256_div_pd(unit, _mm256_blendv_pd(w, unit, at_infinity)); // no exception for a host
+        // Zeros become +-1 by their bits, so that no host sees an exception: clang turns the division by a blend into
+        // the blend of two divisions.
+        const __m256d s = _mm256_div_pd(unit, _mm256_or_pd(w, _mm256_and_pd(at_infinity, unit)));
         const __m128 bad4 = _mm_castsi128_ps(_mm256_castsi256_si128(
             _mm256_permutevar8x32_epi32(_mm256_castpd_si256(bad), _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6))));
         const __m128 x = _mm256_cvtpd_ps(_mm256_mul_pd(component4(H, 0, column, from_row[0], d), s));
