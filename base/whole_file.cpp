@@ -58,6 +58,7 @@ int take_temporary(const std::string& temporary)
         ::close(fd);
         ::usleep(10000); // another process or thread writes the same target: let it finish
     }
+    errno = EBUSY;
     return -1;
 }
 
@@ -73,6 +74,13 @@ std::string without_links(std::string path)
         path = (std::filesystem::path(path).parent_path() / named).string(); // an absolute one stands alone
     }
     return {};
+}
+
+/// False, with errno saying why.
+bool refused(int error) noexcept
+{
+    errno = error;
+    return false;
 }
 
 } // namespace
@@ -113,11 +121,11 @@ std::string read_bytes(const std::string& path, std::size_t limit)
 
 bool write_file(const std::string& path, const void* bytes, std::size_t size)
 {
-    if (path.empty() || path.find('\0') != std::string::npos) return false;
+    if (path.empty() || path.find('\0') != std::string::npos) return refused(EINVAL);
     struct stat old = {};
-    if (::stat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) return false;
+    if (::stat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) return refused(EISDIR);
     const std::string target = without_links(path);
-    if (target.empty() || target.back() == '/') return false;
+    if (target.empty() || target.back() == '/') return refused(target.empty() ? ELOOP : EISDIR);
 
     const std::string temporary = target + ".vexo-tmp";
     Descriptor file(take_temporary(temporary));
@@ -134,8 +142,10 @@ bool write_file(const std::string& path, const void* bytes, std::size_t size)
     // Renamed while locked: another writer of the same target waits for the lock, then finds the name gone.
     const bool whole = done == size && ::fsync(file.get()) == 0;
     if (whole && ::rename(temporary.c_str(), target.c_str()) == 0) return file.close();
+    const int error = errno;
     ::unlink(temporary.c_str());
-    return false;
+    file.close();
+    return refused(error);
 }
 
 bool write_file(const std::string& path, const std::string& bytes)

@@ -19,6 +19,7 @@ std::string read_bytes(const std::string& path, std::size_t limit);
 /// into a temporary file beside the target, reach the disk, and only then take the target's name. A full disk,
 /// a read-only folder or a kill at any moment leaves the old file or the new one, never a mixture.
 /// A symbolic link is followed: the file that it names is replaced, or made, and the link stays. False for a loop.
+/// Where it answers false errno says why.
 bool write_file(const std::string& path, const void* bytes, std::size_t size);
 bool write_file(const std::string& path, const std::string& bytes);
 bool write_file(const std::string& path, const std::vector<unsigned char>& bytes);
