@@ -68,8 +68,10 @@ void run(BoardOptions o, const GlobalOptions& options)
     const auto [board, page] = design_board(o.request);
     const Sheet sheet = make_sheet(board, page);
 
-    OutputFolder folder(out.has_parent_path() ? out.parent_path().string() : ".");
-    folder.add(out.filename().string(), drawn(sheet, extension, o.dpi));
+    const std::string name = out.filename().string();
+    OutputFolder folder(out.has_parent_path() ? out.parent_path().string() : ".",
+        { "board " + name, { "board.yaml" }, {}, true, options.force });
+    folder.add(name, drawn(sheet, extension, o.dpi));
     folder.add("board.yaml", board_yaml(board));
     folder.commit();
 
@@ -106,6 +108,7 @@ void add_board(CLI::App& app, GlobalOptions& options)
     command->add_option("--margin", o->request.margin, "white paper around the discs, mm (default: 0.75 pitches)");
     command->add_option("--origin", o->origin, "X,Y: columns right of the O ring, rows above it (default: middle)");
     command->add_option("--dpi", o->dpi, "resolution of a PNG")->check(CLI::Range(50.0, 2400.0))->capture_default_str();
+    add_force(*command, options);
     finish_command(*command, options,
         "vexo board --out board.pdf\n  prints 19 x 15 markers on A4 and writes board.yaml, which calibrate and pose "
         "take as --board",

@@ -59,7 +59,7 @@ void say_result(
 void run(CalibrateOptions o, const GlobalOptions& options)
 {
     complete(o);
-    OutputFolder out(o.out);
+    OutputFolder out(o.out, { "calibrate", { "cameras.yaml", "report.json" }, {}, false, options.force });
     const BoardFile printed = load_board(o.board);
     const BoardFile board = corrected_board(printed, o.request);
     BoardViews views = find_views(o.cam0, o.cam1, o.request.dropped);
@@ -74,8 +74,9 @@ void run(CalibrateOptions o, const GlobalOptions& options)
     const std::vector<Finding> findings = check_calibration(c);
     const Json json = calibration_json(c, findings);
     add_files(out, c, findings);
-    out.commit();
+    const std::vector<std::string> kept = out.commit();
     progress.finish();
+    say_kept(options, kept);
     say_result(options, o.out, c, findings);
     put_json(options, json);
 }
@@ -103,6 +104,7 @@ void add_calibrate(CLI::App& app, GlobalOptions& options)
         ->check(CLI::Range(-1.0, 1.0))
         ->capture_default_str();
     command->add_flag("!--no-hold-out", o->request.hold_out, "skip the hold-out check, which calibrates twice more");
+    add_force(*command, options);
     finish_command(*command, options,
         "vexo calibrate photos --board board.yaml --ruler-x 99.6 --ruler-y 99.8 --out calib\n  says for every picture "
         "what was "

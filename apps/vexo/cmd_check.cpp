@@ -25,7 +25,7 @@ void run(CheckOptions o, const GlobalOptions& options)
     CaptureFiles& files = o.request.files;
     complete_cameras(files.folder, files.cam0, files.cam1);
     if (o.out.empty()) o.out = (std::filesystem::path(files.folder) / "check").string();
-    OutputFolder out(o.out);
+    OutputFolder out(o.out, { "check", { "check.json" }, {}, false, options.force });
     for (const std::string& where : { files.cam0, files.cam1 }) {
         const std::vector<std::string> pictures = find_frames(where);
         if (pictures.empty()) throw Failure(where + ": no pictures found");
@@ -36,8 +36,9 @@ void run(CheckOptions o, const GlobalOptions& options)
     const Checked checked = check_capture(o.request, progress.on_step());
     progress.step("pictures");
     add_files(out, checked);
-    out.commit();
+    const std::vector<std::string> kept = out.commit();
     progress.finish();
+    say_kept(options, kept);
     say(options, capture_lines(checked));
     say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
     put_json(options, capture_json(checked));
@@ -63,6 +64,7 @@ void add_check(CLI::App& app, GlobalOptions& options)
         ->delimiter(',');
     command->add_option(
         "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: FOLDER/check)");
+    add_force(*command, options);
     finish_command(*command, options,
         "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\", or, as "
         "an "

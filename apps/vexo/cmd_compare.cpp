@@ -15,7 +15,7 @@ namespace {
 
 void run(const GlobalOptions& global, const std::string& result, const std::string& scan)
 {
-    OutputFolder out(result);
+    OutputFolder out(result, { "compare", { "compare.json" }, {}, true, global.force });
     Progress progress(global, compare_steps + 1);
     const Compared compared = compare(result, scan, progress.on_step());
     progress.step("making the picture");
@@ -39,6 +39,7 @@ void add_compare(CLI::App& app, GlobalOptions& global)
     CLI::App* cmd = app.add_subcommand("compare", "error of a measured cloud against the truth of a simulated scan");
     cmd->add_option("result", o->result, "folder that vexo measure wrote")->required();
     cmd->add_option("scan", o->scan, "folder that vexo simulate wrote")->required();
+    add_force(*cmd, global);
     finish_command(*cmd, global,
         "vexo compare result scan\n"
         "  prints rms, coverage, bias and outliers; writes result/compare.json and result/compare_view.png",

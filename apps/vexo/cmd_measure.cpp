@@ -25,7 +25,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     reject_foreign(o, choice.method);
     record_of(
         o.request, choice.method, o.files.decoded, periods_said_in(o.files.folder)); // refuses what nothing can be
-    OutputFolder out(o.out);
+    OutputFolder out(o.out, { "measure", { "report.json" }, { "compare" }, false, global.force });
     for (const std::string& pictures : { o.files.cam0, o.files.cam1 })
         out.stay_out_of(find_frames(pictures));
 
@@ -45,8 +45,9 @@ void run(const GlobalOptions& global, MeasureOptions o)
     Json report = make_report(capture, stereo, o.request, measured, read_seconds);
     add_files(out, measured, report);
     progress.step("writing " + o.out);
-    out.commit();
+    const std::vector<std::string> kept = out.commit();
     progress.finish();
+    say_kept(global, kept);
     say(global, summary_lines(measured, report));
     say(global,
         "result       " + o.out
@@ -62,6 +63,7 @@ void add_measure(CLI::App& app, GlobalOptions& global)
     auto o = std::make_shared<MeasureOptions>();
     CLI::App* cmd = app.add_subcommand("measure", "frames of both cameras -> point cloud, depth and disparity maps");
     declare(*cmd, *o);
+    add_force(*cmd, global);
     finish_command(*cmd, global,
         "vexo measure scan --out result --depth 500:700\n"
         "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it",

@@ -52,16 +52,16 @@ void run(PatternOptions o, const GlobalOptions& options)
     request.method = *method_named(o.method);
     request.projector = projector_size(o.projector);
     if (!o.gamma_table.empty()) request.gamma = load_gamma_table(o.gamma_table);
+    OutputFolder folder(o.out, { "patterns", { "patterns.json" }, {}, false, options.force });
     const std::vector<PatternFrame> frames = make_patterns(request);
     const cv::Size size = request.projector;
 
-    OutputFolder folder(o.out);
     for (std::size_t i = 0; i < frames.size(); ++i)
         folder.add(frame_name(i), encode(".png", cv::repeat(frames[i].row, size.height, 1)));
     const Json json = patterns_json(request, frames);
     folder.add("patterns.json", json_text(json));
     folder.add("contact_sheet.png", encode(".png", contact_sheet(frames, size.height)));
-    folder.commit();
+    say_kept(options, folder.commit());
 
     say(options,
         o.out + ": " + std::to_string(frames.size()) + " frames, " + frame_name(0) + " to "
@@ -92,6 +92,7 @@ void add_patterns(CLI::App& app, GlobalOptions& options)
         ->capture_default_str();
     command->add_option("--steps", o->steps, "shifts a period: 4")->capture_default_str();
     command->add_option("--gamma-table", o->gamma_table, "gamma_table.json of vexo check: makes the projector linear");
+    add_force(*command, options);
     finish_command(*command, options,
         "vexo patterns --method gray-phase --projector 1024x768 --out patterns\n  writes frame00.png (dark), "
         "frame01.png (lit), seven gray code frames and four fringe frames",

@@ -35,7 +35,8 @@ void run(const PoseOptions& o, const GlobalOptions& options)
     const BoardFile board = load_board(o.board);
     const CalibratedCamera camera = read_camera(o.calib, "cam" + std::to_string(o.camera));
     std::unique_ptr<OutputFolder> out;
-    if (!o.out.empty()) out = std::make_unique<OutputFolder>(o.out);
+    if (!o.out.empty())
+        out = std::make_unique<OutputFolder>(o.out, Owner { "pose", { "poses.json" }, {}, false, options.force });
 
     Progress progress(options, static_cast<int>(o.images.size()));
     const std::vector<PosedPicture> all = find_poses(o.images, camera, board, progress.on_step());
@@ -52,7 +53,7 @@ void run(const PoseOptions& o, const GlobalOptions& options)
     }
     if (out) {
         out->add("poses.json", json_text(json));
-        out->commit();
+        say_kept(options, out->commit());
     }
     put_json(options, json);
     if (!solved) throw BelowLimit("no pose: " + o.images[0] + ": " + all[0].reason);
@@ -72,6 +73,7 @@ void add_pose(CLI::App& app, GlobalOptions& options)
         ->check(CLI::Range(0, 1))
         ->capture_default_str();
     command->add_option("--out", o->out, "folder for poses.json and drawings with the board's axes (default: none)");
+    add_force(*command, options);
     finish_command(*command, options,
         "vexo pose view07.png --calib calib/cameras.yaml --board calib/board.yaml\n  prints where the O marker is in "
         "the camera's axes; --json gives the 4x4 matrix board -> camera",

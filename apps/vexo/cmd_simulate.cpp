@@ -14,17 +14,16 @@ namespace vexo::app {
 
 namespace {
 
-/// Also removes pictures called `what` of an earlier, longer series.
-void write(sim::Files& files, const std::string& folder, const std::string& what)
+OutputFolder folder_of(const SimulateOptions& o, const GlobalOptions& global)
 {
-    constexpr int most_pictures = 100; // two digits
-    OutputFolder out(folder);
+    return { o.out, { "simulate", { "truth.json", "scene.json" }, {}, false, global.force } };
+}
+
+void write(sim::Files& files, OutputFolder& out, const GlobalOptions& global)
+{
     for (auto& [name, bytes] : files)
         out.add(name, std::move(bytes));
-    for (int camera = 0; camera < 2; ++camera)
-        for (int k = 0; k < most_pictures; ++k)
-            out.drop(sim::picture_name(camera, what, k));
-    out.commit();
+    say_kept(global, out.commit());
 }
 
 void say_capture(const GlobalOptions& global, const SimulateOptions& o, const sim::RigOptions& rig, const Json& result)
@@ -54,12 +53,12 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
         if (static_cast<std::size_t>(frame) >= pattern.frames.size())
             throw UsageFailure(
                 "--swap " + o.swap + ": there are frames 0 to " + std::to_string(pattern.frames.size() - 1));
-    check_output_folder(o.out);
+    OutputFolder out = folder_of(o, global);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
     sim::Capture capture = sim::make_capture(o.scene, rig, pattern, progress.on_step());
     progress.step("writing");
-    write(capture.files, o.out, "frame");
+    write(capture.files, out, global);
     progress.finish();
 
     auto result = Json::parse(capture.scene_json);
@@ -76,13 +75,13 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
     photos.rig = rig_of(o);
     photos.board = board.layout;
     if (const char* fault = sim::why_invalid(photos)) throw UsageFailure(std::string("simulate: ") + fault);
-    check_output_folder(o.out);
+    OutputFolder out = folder_of(o, global);
 
     Progress progress(global, photos.views + 1);
     sim::Files files = sim::make_calibration(photos, progress.on_step());
     sim::add_text("board.yaml", board_yaml(board), files);
     progress.step("writing");
-    write(files, o.out, "view");
+    write(files, out, global);
     progress.finish();
 
     say(global,
@@ -109,6 +108,7 @@ void add_simulate(CLI::App& app, GlobalOptions& options)
     CLI::App* command = app.add_subcommand(
         "simulate", "a virtual rig records a scene or photos of a calibration board, and the truth");
     declare(*command, *o);
+    add_force(*command, options);
     finish_command(*command, options,
         "vexo simulate bust --out scan\n"
         "  renders 13 frames of each camera into scan/cam0 and scan/cam1, beside the cameras' calibration and "

@@ -68,6 +68,17 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
     });
 }
 
+void add_force(CLI::App& command, GlobalOptions& options)
+{
+    command.add_flag("--force", options.force, "replace files of these names that others wrote or changed");
+}
+
+void say_kept(const GlobalOptions& options, const std::vector<std::string>& names)
+{
+    for (const std::string& name : names)
+        say(options, "kept: " + name + " of an earlier run, since it was changed; it says nothing of this one");
+}
+
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option)
 {
     const std::size_t at = text.find(between);

@@ -19,6 +19,12 @@ namespace vexo::app {
 /// @param example  command line to paste, and what it does; ends the command's --help
 void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run);
 
+/// Gives a command that writes files the option --force.
+void add_force(CLI::App& command, GlobalOptions& options);
+
+/// One line for each file that commit() left alone.
+void say_kept(const GlobalOptions& options, const std::vector<std::string>& names);
+
 /// "A:B" as two finite numbers that ascend; throws Failure naming `option` otherwise.
 std::pair<double, double> parse_range(const std::string& text, const std::string& option);
 

@@ -15,6 +15,7 @@ namespace vexo::app {
 struct GlobalOptions {
     bool json = false;  ///< the result as JSON on the standard output, and nothing else there
     bool quiet = false; ///< no lines for people; errors still go to the standard error stream
+    bool force = false; ///< replace files of others that have the names of a command's own
     int threads = 0;    ///< threads of OpenMP and OpenCV; 0: as many as the machine has
 };
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
@@ -63,7 +62,7 @@ void make_with_parents(const fs::path& folder, std::vector<std::string>& made)
     if (::mkdir(folder.c_str(), 0777) == 0)
         made.push_back(folder.string());
     else if (errno != EEXIST)
-        throw Failure(folder.string() + ": the folder cannot be made: " + std::strerror(errno));
+        fail_with(errno, folder.string() + ": the folder cannot be made");
 }
 
 } // namespace
@@ -83,6 +82,7 @@ TemporaryFolder::TemporaryFolder()
 TemporaryFolder::TemporaryFolder(const std::string& folder)
 {
     constexpr int attempts = 3000, pause_us = 10000; // half a minute: another process needs it for a moment only
+    int why = EBUSY;
     for (int attempt = 0; attempt < attempts && _lock < 0; ++attempt) {
         if (attempt > 0) ::usleep(pause_us);
         const Uninterrupted alone;
@@ -92,7 +92,8 @@ TemporaryFolder::TemporaryFolder(const std::string& folder)
         }
         _path = (fs::path(folder) / ".vexo-tmp").string();
         const bool made = ::mkdir(_path.c_str(), 0777) == 0;
-        if (!made && errno != EEXIST) break;
+        why = made ? EBUSY : errno;
+        if (!made && why != EEXIST) break;
         _lock = lock_folder(_path);
         if (_lock < 0) continue;
         registry().folders.push_back(this);
@@ -103,7 +104,8 @@ TemporaryFolder::TemporaryFolder(const std::string& folder)
     if (_lock >= 0) return;
     const Uninterrupted alone;
     _remove_made();
-    throw Failure(_path + ": cannot be made; is the disk full, the folder read-only, or another vexo at work in it?");
+    if (why == EEXIST || why == EBUSY) throw TemporaryFailure(_path + ": another vexo is at work in it; try again");
+    fail_with(why, _path + ": cannot be made");
 }
 
 TemporaryFolder::~TemporaryFolder()

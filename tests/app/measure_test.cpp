@@ -77,8 +77,8 @@ TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
 
 TEST_F(Measure, SimulatedFramesReplaceALongerCaptureAndLeaveTheUsersOwnFiles)
 {
-    fs::create_directories(at("again/cam0"));
-    program::write(at("again/cam0/frame13.png"), "left by a longer capture");
+    ASSERT_EQ(run("simulate plane --method multi-phase --size 64x48 --quiet --out " + at("again")).code, 0);
+    ASSERT_TRUE(fs::exists(at("again/cam0/frame13.png")));
     program::write(at("again/cam0/notes.txt"), "the user's own");
     ASSERT_EQ(run("simulate spheres --size 64x48 --quiet --out " + at("again")).code, 0);
     EXPECT_FALSE(fs::exists(at("again/cam0/frame13.png")));
@@ -173,7 +173,8 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
         { "measure " + at("scan") + " --depth -5:500" + out, "depths must be positive" },
         { "measure " + at("scan") + " --fit-points 4" + out, "--fit-points" },
         { "measure " + at("scan") + " --max-phase-diff nan" + out, "nan is no finite number" },
-        { "measure " + at("scan") + " --out " + at("scan/cam1/"), "holds the frames" },
+        { "measure " + at("scan") + " --out " + at("scan/cam1/"), "holds frame00.png" },
+        { "measure " + at("scan") + " --force --out " + at("scan/cam1/"), "holds the frames" },
         { "measure " + at("scan") + " --out " + at("loop/result"), "loop/result: Too many levels of symbolic links" },
         { "measure " + at("scan"), "--out is required" },
         { "compare " + at("scan") + " " + at("scan"), "report.json: there is no such file" },
