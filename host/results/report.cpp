@@ -2,6 +2,7 @@
 
 #include "base/parallel.h"
 #include "base/statistics.h"
+#include "host/results/provenance.h"
 #include "vexo/version.h"
 
 #include <array>
@@ -9,6 +10,9 @@
 namespace vexo {
 
 namespace {
+
+/// Counts up when a key of report.json changes its meaning or goes.
+constexpr int report_schema = 1;
 
 Json to_json(const FringeFigures& f)
 {
@@ -64,6 +68,7 @@ Json make_report(
     const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const Measured& m, double read_seconds)
 {
     Json report;
+    report["schema"] = report_schema;
     report["program"] = "vexo " VEXO_VERSION_STRING;
     report["method"] = name_of(m.method());
     report["recognised_by"] = m.choice.reason;
@@ -73,6 +78,10 @@ Json make_report(
     report["parameters"] = to_json(m.record);
     report["parameters"]["min_modulation"] = request.min_modulation;
     report["parameters"]["interpolate"] = request.interpolate;
+    report["made_from"]
+        = { { "cam0", hashes_of(capture.frames.paths[0]) }, { "cam1", hashes_of(capture.frames.paths[1]) },
+              { "calibration", hashes_of(stereo.files) }, { "parameters", hash_of(report["parameters"]) } };
+    report["unit"] = nullptr; // of lengths; the calibration files do not say it yet
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
     if (m.method() == Method::gray_phase)
