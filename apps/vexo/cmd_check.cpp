@@ -8,8 +8,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <filesystem>
 #include <memory>
+#include <optional>
 
 namespace vexo::app {
 
@@ -24,23 +24,24 @@ void run(CheckOptions o, const GlobalOptions& options)
 {
     CaptureFiles& files = o.request.files;
     complete_cameras(files.folder, files.cam0, files.cam1);
-    if (o.out.empty()) o.out = (std::filesystem::path(files.folder) / "check").string();
-    OutputFolder out(o.out, { "check", { "check.json" }, {}, false, options.force });
+    std::optional<OutputFolder> out;
+    if (!o.out.empty()) out.emplace(o.out);
     for (const std::string& where : { files.cam0, files.cam1 }) {
         const std::vector<std::string> pictures = find_frames(where);
         if (pictures.empty()) throw Failure(where + ": no pictures found");
-        out.stay_out_of(pictures);
+        if (out) out->stay_out_of(pictures);
     }
 
     Progress progress(options, 3);
     const Checked checked = check_capture(o.request, progress.on_step());
     progress.step("pictures");
-    add_files(out, checked);
-    const std::vector<std::string> kept = out.commit();
+    if (out) {
+        add_files(*out, checked);
+        out->commit();
+    }
     progress.finish();
-    say_kept(options, kept);
     say(options, capture_lines(checked));
-    say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
+    if (out) say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
     put_json(options, capture_json(checked));
     const std::string verdict = "verdict: " + capture_verdict(checked.findings);
     if (heaviest(checked.findings) == Weight::spoils) throw BelowLimit(verdict);
@@ -63,12 +64,11 @@ void add_check(CLI::App& app, GlobalOptions& options)
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
         ->delimiter(',');
     command->add_option(
-        "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: FOLDER/check)");
-    add_force(*command, options);
+        "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: nothing is written)");
     finish_command(*command, options,
-        "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\", or, as "
-        "an "
-        "error with exit code 1,\n  \"verdict: not usable: out-of-order (camera 0: frame04.png and frame05.png are "
+        "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\",\n"
+        "  or, as an error with exit code 1,\n  \"verdict: not usable: out-of-order (camera 0: frame04.png and "
+        "frame05.png are "
         "exchanged)\"",
         [o, &options] { run(*o, options); });
 }

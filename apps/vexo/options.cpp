@@ -42,6 +42,25 @@ std::string why_not_finite(const std::string& text)
     return CLI::detail::lexical_cast(text, value) && !std::isfinite(value) ? text + " is no finite number" : "";
 }
 
+/// Whole numbers are decimal, as `seq -w` writes them: 010 is ten. Left to itself the parser reads octal and
+/// hexadecimal ones.
+std::string make_decimal(std::string& text)
+{
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::string digits = text.substr(negative ? 1 : 0);
+    if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos)
+        return text + " is no whole decimal number";
+    text = (negative ? "-" : "") + digits.substr(std::min(digits.find_first_not_of('0'), digits.size() - 1));
+    return "";
+}
+
+/// Whether an option's values are whole numbers.
+bool is_whole(const CLI::Option& option)
+{
+    const std::string type = option.get_type_name();
+    return type.compare(0, 3, "INT") == 0 || type.compare(0, 4, "UINT") == 0;
+}
+
 /// The whole text as a finite number, whatever the locale.
 bool read_number(const std::string& text, double& value)
 {
@@ -54,12 +73,14 @@ bool read_number(const std::string& text, double& value)
 
 void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run)
 {
-    for (CLI::Option* option : command.get_options())
-        if (option->get_type_name().compare(0, 5, "FLOAT") == 0) option->check(why_not_finite);
     command.add_flag("--json", options.json, "print the result as JSON, and nothing else");
     command.add_flag("--quiet", options.quiet, "print nothing but errors");
     command.add_option("--threads", options.threads, "number of threads (default: all cores)")
         ->check(CLI::Range(1, 1024));
+    for (CLI::Option* option : command.get_options()) {
+        if (option->get_type_name().compare(0, 5, "FLOAT") == 0) option->check(why_not_finite);
+        if (is_whole(*option)) option->transform(CLI::Validator(make_decimal, ""));
+    }
     command.footer("Example:\n  " + example + "\n\n" + exit_codes);
     command.callback([&options, run = std::move(run)] {
         use_threads(options.threads);

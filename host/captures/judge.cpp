@@ -4,18 +4,15 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 
 namespace vexo {
 
 namespace {
 
 /// A clipped fringe frame flattens the sinusoid: phases there are off by up to a twentieth of a period. From one
-/// pixel in fifty on that shows as stripes and holes in the cloud.
+/// pixel in fifty on that shows as stripes and holes in the cloud. Where all of them clip there is no modulation left,
+/// so that what is lost is seen as a hole, and never as a wrong point.
 constexpr double most_saturated = 0.02;
-
-/// With more than half of them clipped, what is left are islands.
-constexpr double hopelessly_saturated = 0.5;
 
 /// Phase noise is noise / (sqrt(2) modulation) rad. At 10 it is a 90th of a period, and differences of periods up to
 /// 11 px still round safely: 0.5 px is 2.9 standard deviations of x1 - x0.
@@ -23,6 +20,12 @@ constexpr double least_modulation_per_noise = 10.0;
 
 /// Below, rounding to 8 bits alone is a noticeable part of the noise, and shadows drop out.
 constexpr double weak_modulation = 15.0;
+
+/// Of what the projector lights: with less than a tenth nothing is left but islands; in good captures, nine tenths.
+constexpr double least_measurable = 0.1, most_measurable = 0.7;
+
+/// Modulation over lit - dark is 120 / 255 where the fringes are sharp, half of it at a blur of a sixth of a fringe.
+constexpr double least_sharpness = 0.24;
 
 /// Four steps cancel the second harmonic, and the third, which bends the phase, stays below 2 % of the first up to a
 /// gamma of 3. What a gamma costs is contrast in the dark half of the fringes: at a second harmonic of 10 %, a gamma
@@ -40,96 +43,206 @@ constexpr double least_fitting = 0.5;
 constexpr double most_lighting_up = 0.0004;
 
 /// Blur and noise move the edges of the gray code by 0.02 to 0.04 of a fringe against the phase, motion between the two
-/// moves all of them.
-constexpr double most_slip = 0.08;
+/// moves all of them. A fringe keeps its number while most of it has one code. Where the edges lie beside the start
+/// of the phase by one distance everywhere, the fringes were projected so; what moves in depth moves unevenly.
+constexpr double most_slip = 0.08, hopeless_slip = 0.3, most_spread = 0.5, even_spread = 0.1;
 
 /// Noise of the fringes over that of the dark frame: shot noise makes it 1.5 to 3.
 constexpr double strange_noise = 4.0;
 
 /// Glare and interreflection raise the fringes' residual to a tenth of their modulation; a quarter is left when their
-/// frames do not belong together.
+/// frames do not belong together. Where things move besides, a tenth is enough.
 constexpr double hopeless_modulation_per_noise = 4.0;
 
-/// Lamps on mains power flicker by some per cent; the phase error is a quarter of the change, in rad.
-constexpr double most_brightness_change = 0.06;
+/// Lamps on mains power flicker by some per cent. A frame that is brighter by a share c shifts the phase by up to
+/// c / (4 pi) of a fringe, as the mean is about the modulation: 0.01 at a tenth, 0.03 at 0.4, a third of a pixel of
+/// fringes that are 11 px long.
+constexpr double most_brightness_change = 0.06, hopeless_brightness_change = 0.4;
 
 constexpr double least_pixels = 0.002; ///< share of the image; less is a stray reflection
+
+constexpr double pi = 3.14159265358979323846;
 
 std::string percent_of(double share)
 {
     return number(100 * share, share < 0.0095 ? 2 : 1) + " %";
 }
 
-/// Faults that leave nothing to measure; the first explains the others.
-void judge_frames(const CameraFigures& f, const std::array<std::size_t, 2>& exchange,
-    const std::vector<std::string>& names, const std::function<void(const char*, Weight, const std::string&)>& add)
-{
-    if (exchange[1] != 0)
-        add("out-of-order", Weight::spoils, names[exchange[0]] + " and " + names[exchange[1]] + " are exchanged");
-    else if (f.pixels < least_pixels)
-        add("pattern-unseen", Weight::spoils,
-            "hardly a pixel shows the fringes (" + percent_of(f.pixels) + " of the image)");
-    else if (f.lighting_up > most_lighting_up)
-        add("moving-scene", Weight::spoils,
-            "in " + names[f.lighting_up_frame] + " pixels light up that are dark in the lit frame ("
-                + percent_of(f.lighting_up) + " of those that show fringes)");
-    else if (f.slip > most_slip)
-        add("moving-scene", Weight::spoils,
-            "the gray code lies " + number(f.slip, 2) + " of a fringe beside the fringes");
-    else if (f.fitting < least_fitting)
-        add("moving-scene", Weight::spoils,
-            "only " + percent_of(f.fitting)
-                + " of the fringes agree with the other frames: the scene moved, or these are other patterns");
-    else if (f.modulation < hopeless_modulation_per_noise * f.fringe_noise
-        && f.fringe_noise > strange_noise * std::max(f.dark_noise, 0.3))
-        add("moving-scene", Weight::spoils,
-            "the four frames of a fringe do not belong together: they are " + number(f.fringe_noise, 1)
-                + " grey levels off a sinusoid, the dark frame's noise is " + number(f.dark_noise, 1));
-    else if (f.brightness_change > most_brightness_change)
-        add("unsteady-light", Weight::spoils,
-            names[f.brightness_frame] + " is " + percent_of(f.brightness_change)
-                + " brighter or darker than the fringe frames around it");
-}
+/// Judges one camera.
+class Judge {
+public:
+    Judge(const CameraFigures& figures, const FringeMethod& method, int camera, const std::vector<std::string>& names)
+        : f(figures)
+        , _method(method)
+        , _names(names)
+        , _where("camera " + std::to_string(camera))
+    {
+    }
+
+    std::vector<Finding> judge(const FrameOrder& order)
+    {
+        if (!_wrong_frames(order) && _light()) {
+            _fit();
+            _motion();
+            _brightness();
+            _exposure();
+            _noise();
+            _response();
+        }
+        for (const std::size_t k : f.odd.unused)
+            _add("blank-frame", Weight::note, _names[k] + " has one grey value all over, as the others allow");
+        return std::move(_found);
+    }
+
+private:
+    void _add(const char* name, Weight weight, const std::string& text, const std::string& advice = {})
+    {
+        _found.push_back({ name, weight, _where, text, advice });
+    }
+
+    /// Frames that are not what they should be; figures of wrong frames mean nothing.
+    bool _wrong_frames(const FrameOrder& order)
+    {
+        const bool of_dark_or_lit = order.kind == FrameOrder::exchanged && order.pair[0] < 2;
+        if (order && (of_dark_or_lit || f.odd.empty.empty())) { // without an empty frame another order may fit better
+            const auto [text, advice] = words_of(order, _names);
+            const bool shifted = order.kind == FrameOrder::late || order.kind == FrameOrder::early;
+            _add(shifted ? "shifted-frames" : "out-of-order", Weight::spoils, text, advice);
+            return true;
+        }
+        for (const std::size_t k : f.odd.empty)
+            _add("blank-frame", Weight::spoils, _names[k] + " shows no pattern, and the others need it",
+                "record it again");
+        if (f.lit < least_pixels) return false; // all are as dark as the dark frame
+        for (const auto& [i, k] : f.odd.equal)
+            _add("equal-frames", Weight::spoils, _names[i] + " and " + _names[k] + " are the same picture",
+                "record the one that is wrong again");
+        return !f.odd.empty.empty() || !f.odd.equal.empty();
+    }
+
+    /// Whether enough is left to judge by.
+    bool _light()
+    {
+        if (f.lit < least_pixels) {
+            _add("pattern-unseen", Weight::spoils,
+                "the lit frame is brighter than the dark one on " + percent_of(f.lit) + " of the image only",
+                "check projector, exposure and the order of the frames");
+            return false;
+        }
+        const double left = measurable(f);
+        if (left >= most_measurable && f.sharpness >= least_sharpness) return true;
+        const bool hopeless = left < least_measurable || f.pixels < least_pixels;
+        const bool blurred = f.sharpness > 0 && f.sharpness < least_sharpness;
+        const std::string lost = percent_of(left) + " of what the projector lights can be measured";
+        if (blurred)
+            _add("out-of-focus", hopeless ? Weight::spoils : Weight::worse,
+                "the fringes modulate " + percent_of(f.sharpness) + " of the light, sharp ones 47 %; " + lost,
+                "focus projector and cameras, or project longer fringes");
+        else if (hopeless || f.lit_median < 2 * weak_modulation)
+            _add("under-exposed", hopeless ? Weight::spoils : Weight::worse, "only " + lost, "expose more");
+        return !hopeless;
+    }
+
+    void _fit()
+    {
+        if (f.fitting < least_fitting)
+            _add("moving-scene", Weight::spoils,
+                "only " + percent_of(f.fitting)
+                    + " of the fringes agree with the other frames: the scene moved, or these are other patterns",
+                "let nothing move, check the patterns, and record again");
+        else if (f.modulation
+                < (f.lighting_up > most_lighting_up ? least_modulation_per_noise : hopeless_modulation_per_noise)
+                    * f.fringe_noise
+            && f.fringe_noise > strange_noise * std::max(f.dark_noise, 0.3))
+            _add("moving-scene", Weight::spoils,
+                "the four frames of a fringe do not belong together: they are " + number(f.fringe_noise, 1)
+                    + " grey levels off a sinusoid, the dark frame's noise is " + number(f.dark_noise, 1),
+                "let nothing move, and record again");
+    }
+
+    void _motion()
+    {
+        const double slip = std::abs(f.slip);
+        const std::string beside = "the gray code lies " + number(slip, 2) + " of a fringe beside the fringes";
+        const bool wanders = f.slip_spread > most_spread, even = f.slip_spread < even_spread && slip < hopeless_slip;
+        if (wanders || (slip > hopeless_slip && !even))
+            _add("moving-scene", Weight::spoils, beside + (wanders ? ", here more and there less" : ""),
+                "let nothing move, and record again");
+        else if (slip > most_slip)
+            _add(even ? "fringe-start" : "moving-scene", even ? Weight::note : Weight::worse, beside,
+                even ? "" : "let nothing move");
+        if (f.lighting_up > most_lighting_up)
+            _add("moving-scene", Weight::worse,
+                "in " + _names[f.lighting_up_frame] + " pixels light up that are dark in the lit frame ("
+                    + percent_of(f.lighting_up) + " of those that show fringes)",
+                "let nothing move, and keep other light away");
+    }
+
+    void _brightness()
+    {
+        if (f.brightness_change <= most_brightness_change) return;
+        _add("unsteady-light", f.brightness_change > hopeless_brightness_change ? Weight::spoils : Weight::worse,
+            _names[f.brightness_frame] + " is " + percent_of(f.brightness_change)
+                + " brighter or darker than the fringe frames around it: phases are off by up to "
+                + number(f.brightness_change / (4 * pi), 3) + " of a fringe",
+            "expose for whole periods of the lamps, and switch automatic exposure off");
+    }
+
+    void _exposure()
+    {
+        if (f.saturated_fringes > most_saturated)
+            _add("over-exposed", Weight::worse,
+                percent_of(f.saturated_fringes) + " of the pixels are at 255 in a fringe frame", "expose less");
+        const bool said
+            = std::any_of(_found.begin(), _found.end(), [](const Finding& x) { return x.name == "under-exposed"; });
+        if (f.modulation < weak_modulation && f.saturated_fringes <= most_saturated && !said
+            && f.sharpness >= least_sharpness)
+            _add("under-exposed", Weight::worse,
+                "modulation " + number(f.modulation, 1) + " grey levels; " + number(weak_modulation, 0)
+                    + " or more are needed",
+                "expose more");
+    }
+
+    void _noise()
+    {
+        const int longest = _method.multi() ? *std::max_element(_method.periods.begin(), _method.periods.end()) : 0;
+        const double needed = std::max(least_modulation_per_noise, 0.95 * longest); // grows with the period, see above
+        if (f.modulation >= needed * f.fringe_noise) return;
+        const bool strange = f.fringe_noise > strange_noise * std::max(f.dark_noise, 0.3);
+        _add("noisy", Weight::worse,
+            "the fringes' modulation is " + number(f.modulation / f.fringe_noise, 1) + " times their noise of "
+                + number(f.fringe_noise, 1) + " grey levels, " + number(needed, 0)
+                + " times is needed: the phase's noise is " + number(phase_noise(f), 3) + " of a fringe"
+                + (strange ? "; the dark frame's is " + number(f.dark_noise, 1)
+                            + " grey levels only: motion during these frames, or clipping"
+                           : ""),
+            "expose more, or keep other light away");
+    }
+
+    void _response()
+    {
+        const std::string response
+            = "gamma " + number(f.gamma, 2) + ", second harmonic " + percent_of(std::abs(f.second_harmonic));
+        const std::string linear = "vexo patterns --gamma-table makes the projector linear";
+        if (std::abs(f.second_harmonic) > most_second_harmonic)
+            _add("non-linear", Weight::worse, response, linear);
+        else if (std::abs(f.gamma - 1) > noted_gamma)
+            _add("gamma", Weight::note, response, linear);
+    }
+
+    const CameraFigures& f;
+    const FringeMethod& _method;
+    const std::vector<std::string>& _names;
+    std::string _where;
+    std::vector<Finding> _found;
+};
 
 } // namespace
 
-std::vector<Finding> judge(const CameraFigures& f, const FringeMethod& method, int camera,
-    const std::array<std::size_t, 2>& exchange, const std::vector<std::string>& names)
+std::vector<Finding> judge(const CameraFigures& figures, const FringeMethod& method, int camera,
+    const FrameOrder& exchange, const std::vector<std::string>& names)
 {
-    std::vector<Finding> found;
-    const auto add = [&](const char* name, Weight weight, const std::string& text, const std::string& advice = {}) {
-        found.push_back({ name, weight, "camera " + std::to_string(camera), text, advice });
-    };
-    judge_frames(f, exchange, names, add);
-    for (const std::size_t k : f.blank)
-        add("blank-frame", Weight::note, names[k] + " has one grey value all over");
-    if (exchange[1] != 0 || f.pixels < least_pixels) return found; // figures of wrong frames mean nothing
-
-    if (f.saturated_fringes > most_saturated)
-        add("over-exposed", f.saturated_fringes > hopelessly_saturated ? Weight::spoils : Weight::worse,
-            percent_of(f.saturated_fringes) + " of the pixels are at 255 in a fringe frame", "expose less");
-    if (f.modulation < weak_modulation && f.saturated_fringes <= most_saturated)
-        add("under-exposed", Weight::worse,
-            "modulation " + number(f.modulation, 1) + " grey levels; " + number(weak_modulation, 0)
-                + " or more are needed",
-            "expose more");
-    const int longest = method.multi() ? *std::max_element(method.periods.begin(), method.periods.end()) : 0;
-    const double needed = std::max(least_modulation_per_noise, 0.95 * longest); // grows with the period, see above
-    if (f.modulation < needed * f.fringe_noise)
-        add("noisy", Weight::worse,
-            "the fringes' modulation is " + number(f.modulation / f.fringe_noise, 1) + " times their noise of "
-                + number(f.fringe_noise, 1) + " grey levels; " + number(needed, 0) + " times is needed"
-                + (f.fringe_noise > strange_noise * std::max(f.dark_noise, 0.3) ? "; the dark frame's is "
-                            + number(f.dark_noise, 1) + " only: motion during these frames, or clipping"
-                                                                                : ""));
-    const std::string response
-        = "gamma " + number(f.gamma, 2) + ", second harmonic " + percent_of(std::abs(f.second_harmonic));
-    const std::string linear = "vexo patterns --gamma-table makes the projector linear";
-    if (std::abs(f.second_harmonic) > most_second_harmonic)
-        add("non-linear", Weight::worse, response, linear);
-    else if (std::abs(f.gamma - 1) > noted_gamma)
-        add("gamma", Weight::note, response, linear);
-    return found;
+    return Judge(figures, method, camera, names).judge(exchange);
 }
 
 } // namespace vexo

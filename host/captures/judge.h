@@ -1,10 +1,9 @@
 #pragma once
 
+#include "host/captures/order.h"
 #include "host/captures/quality.h"
 #include "host/verdict/finding.h"
 
-#include <array>
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -12,11 +11,13 @@ namespace vexo {
 
 /// What the figures of a camera say. The limits stand with their reasons in the source.
 ///
-/// spoils: "out-of-order", "pattern-unseen", "moving-scene", "unsteady-light"; worse: "over-exposed" (spoils above one
-/// half), "under-exposed", "noisy", "non-linear"; note: "blank-frame", "gamma".
+/// spoils: "out-of-order", "shifted-frames", "blank-frame" and "equal-frames" (of frames that are needed),
+/// "pattern-unseen", "under-exposed" and "out-of-focus" (of which hardly a pixel is left), "moving-scene",
+/// "unsteady-light"; worse: the last four when less of it is lost, "over-exposed", "noisy", "non-linear"; note:
+/// "blank-frame" (of a plane without use), "fringe-start", "gamma".
 /// @param exchange  as find_exchange() answers
 /// @param names     of the frames' files
 std::vector<Finding> judge(const CameraFigures& figures, const FringeMethod& method, int camera,
-    const std::array<std::size_t, 2>& exchange, const std::vector<std::string>& names);
+    const FrameOrder& exchange, const std::vector<std::string>& names);
 
 } // namespace vexo

@@ -1,207 +1,164 @@
 #include "host/captures/order.h"
 
-#include "base/statistics.h"
-#include "host/captures/fringe_steps.h"
+#include "host/captures/agreement.h"
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
+#include <filesystem>
 
 namespace vexo {
 
 namespace {
 
-constexpr double pi = 3.14159265358979323846;
+/// Another order must explain two fifths of the pixels that do not agree, and some at least. In order, no other
+/// explains any: each breaks what agreed.
+constexpr double explained = 0.4, least_explained = 0.02;
 
-/// An exchange must explain two fifths of the fringes that do not fit, and ten at least. In order, no exchange explains
-/// any: each breaks what fitted.
-constexpr double explained = 0.4, least_explained = 10;
+/// So many agree only in order.
+constexpr double in_order = 0.9;
 
 constexpr std::size_t first_fringe = 9; ///< of gray code + phase
 
-/// Rows that are looked at, and which of their pixels see the pattern in whatever order the frames are.
-struct Sample {
-    std::vector<int> rows;
-    std::vector<std::vector<bool>> seen; ///< [row][column]
-};
+using Frames = std::vector<cv::Mat>;
 
-Sample make_sample(const std::vector<cv::Mat>& frames)
+/// The fourth of four steps of a quarter period by the other three: I0 + I2 = I1 + I3.
+cv::Mat fourth_step(const Frames& frames, std::size_t first)
 {
-    constexpr int rows_looked_at = 48, least_range = 20;
-    Sample sample;
-    const int height = frames[0].rows, width = frames[0].cols;
-    for (int y = 0; y < height; y += std::max(1, height / rows_looked_at)) {
-        std::vector<bool> seen(static_cast<std::size_t>(width));
-        for (int x = 0; x < width; ++x) {
-            int low = 255, high = 0;
-            for (const cv::Mat& frame : frames) {
-                low = std::min<int>(low, frame.at<uchar>(y, x));
-                high = std::max<int>(high, frame.at<uchar>(y, x));
-            }
-            seen[static_cast<std::size_t>(x)] = high - low >= least_range;
-        }
-        sample.rows.push_back(y);
-        sample.seen.push_back(seen);
-    }
-    return sample;
+    cv::Mat sum, step;
+    cv::add(frames[first], frames[first + 2], sum, {}, CV_16S);
+    cv::subtract(sum, frames[first + 1], step, {}, CV_8U);
+    return step;
 }
 
-/// The middle half of one fringe in a row.
-struct Fringe {
-    int begin, end; ///< columns [begin, end)
-    int code;       ///< number by the gray code; -1: its pixels disagree, or the phase does not rise
-};
-
-/// What agrees, and out of how many.
-struct Agreement {
-    double agreeing = 0, all = 0;
-    /// NaN when there is too little to judge by.
-    double share() const { return all >= 20 ? agreeing / all : std::numeric_limits<double>::quiet_NaN(); }
-};
-
-int gray_code(const std::vector<cv::Mat>& frames, int y, int x)
+/// The frames one place earlier; the last, which was not recorded, is made from the others.
+Frames one_earlier(const Frames& frames, Method method)
 {
-    const int twice_middle = frames[0].at<uchar>(y, x) + frames[1].at<uchar>(y, x);
-    int code = 0, bit = 0;
-    for (std::size_t k = 2; k < 9; ++k) {
-        bit ^= 2 * frames[k].at<uchar>(y, x) > twice_middle ? 1 : 0;
-        code = 2 * code + bit;
-    }
-    return code;
+    Frames moved(frames.begin() + 1, frames.end());
+    moved.push_back(frames.back());
+    moved.back() = fourth_step(moved, phase_sets(method).back());
+    return moved;
 }
 
-std::vector<Fringe> fringes_of_row(const std::vector<cv::Mat>& frames, int y, const std::vector<bool>& seen)
+/// The frames one place later; the dark frame, which was not recorded, is the darkest of each pixel.
+Frames one_later(const Frames& frames)
 {
-    std::vector<Fringe> found;
-    double before = -1;
-    for (int x = 0; x < frames[0].cols; ++x) {
-        const double phase = seen[static_cast<std::size_t>(x)] ? FringeSteps(frames, first_fringe, y, x).phase() : -1;
-        const bool middle = phase >= 0.25 && phase <= 0.75;
-        if (middle) {
-            const int code = gray_code(frames, y, x);
-            const bool goes_on = !found.empty() && found.back().end == x;
-            if (!goes_on)
-                found.push_back({ x, x + 1, code });
-            else if (found.back().code != code || phase < before - 0.05)
-                found.back().code = -1;
-            found.back().end = x + 1;
-            before = phase;
-        }
-    }
-    return found;
+    cv::Mat dark = frames[0].clone();
+    for (const cv::Mat& frame : frames)
+        cv::min(dark, frame, dark);
+    Frames moved { dark };
+    moved.insert(moved.end(), frames.begin(), frames.end() - 1);
+    return moved;
 }
 
-/// Neighbouring fringes of which the second has the next number. The middle half of a fringe has one number, its
-/// phase rises, and the next begins about as far away as it is wide.
-Agreement agreement_gray(const std::vector<cv::Mat>& frames, const Sample& sample)
+Frames in(const FrameOrder& order, const Frames& frames, Method method)
 {
-    Agreement a;
-    for (std::size_t i = 0; i < sample.rows.size(); ++i) {
-        const std::vector<Fringe> fringes = fringes_of_row(frames, sample.rows[i], sample.seen[i]);
-        for (std::size_t k = 1; k < fringes.size(); ++k) {
-            const Fringe &left = fringes[k - 1], &right = fringes[k];
-            const int width = left.end - left.begin;
-            if (right.begin - left.end > 2 * width + 2) continue; // a gap in the surface
-            ++a.all;
-            a.agreeing += left.code >= 0 && right.code == left.code + 1 ? 1 : 0;
-        }
+    Frames other = frames;
+    switch (order.kind) {
+    case FrameOrder::late:
+        return one_earlier(frames, method);
+    case FrameOrder::early:
+        return one_later(frames);
+    case FrameOrder::exchanged:
+        std::swap(other[order.pair[0]], other[order.pair[1]]);
+        break;
+    case FrameOrder::fringes:
+        for (std::size_t k = 0; k < 4; ++k)
+            other[first_fringe + k] = frames[first_fringe + order.four[k]];
+        break;
+    case FrameOrder::right:
+        break;
     }
-    return a;
+    return other;
 }
 
-/// Projector coordinate of a pixel by trying all fringes of the first period; -1 when the three periods disagree.
-double multi_position(const std::vector<cv::Mat>& frames, const std::vector<int>& periods, int y, int x)
+/// Likely ones first: of several that explain the same the first counts.
+std::vector<FrameOrder> orders_of(Method method)
 {
-    constexpr double tolerance = 0.35; // px; chance agreement of some fringe is then still about one in two
-    constexpr int columns = 912;
-    std::array<double, 3> within {};
-    for (std::size_t f = 0; f < 3; ++f) {
-        const FringeSteps s(frames, 2 + 4 * f, y, x);
-        const double angle = std::atan2(s.i3 - s.i1, s.i0 - s.i2) + pi - pi / periods[f];
-        within[f] = periods[f] * angle / (2 * pi);
-    }
-    double best = -1, least = tolerance;
-    for (int start = 0; start < columns; start += periods[0]) {
-        double worst = 0;
-        for (std::size_t f = 1; f < 3; ++f) {
-            const double apart = (start + within[0] - within[f]) / periods[f];
-            worst = std::max(worst, std::abs(apart - std::round(apart)) * periods[f]);
+    std::vector<FrameOrder> orders;
+    for (std::size_t i = 0; i < frame_count(method); ++i)
+        for (std::size_t k = std::max<std::size_t>(i + 1, 2); k < frame_count(method); ++k)
+            orders.push_back({ FrameOrder::exchanged, { i, k }, {} });
+    orders.push_back({ FrameOrder::late, {}, {} });
+    orders.push_back({ FrameOrder::early, {}, {} });
+    std::array<std::size_t, 4> four { 0, 1, 2, 3 };
+    while (method == Method::gray_phase && std::next_permutation(four.begin(), four.end()))
+        orders.push_back({ FrameOrder::fringes, {}, four });
+    return orders;
+}
+
+/// The best order for all of the cameras; `right` when none explains enough of each.
+FrameOrder best_order(const std::vector<const Frames*>& cameras, const FringeMethod& method)
+{
+    const auto agreement_of = [&](const FrameOrder& order) {
+        std::vector<Agreement> all;
+        for (const Frames* frames : cameras)
+            all.push_back(agreement(in(order, *frames, method.method), method));
+        return all;
+    };
+    const std::vector<Agreement> given = agreement_of({});
+    FrameOrder best;
+    double most = 0;
+    for (const FrameOrder& order : orders_of(method.method)) {
+        const std::vector<Agreement> found = agreement_of(order);
+        double gain = 0;
+        bool enough = true;
+        for (std::size_t c = 0; c < given.size(); ++c) {
+            const double all = std::max(given[c].all, found[c].all), more = found[c].exact - given[c].exact;
+            enough = enough && all >= 100 && more >= explained * (all - given[c].agreeing)
+                && more >= least_explained * all;
+            gain += more;
         }
-        if (worst >= least) continue;
-        least = worst;
-        best = start + within[0];
+        if (!enough || gain <= 1.02 * most) continue;
+        most = gain;
+        best = order;
     }
     return best;
 }
 
-/// Pairs of pixels two columns apart whose positions rise by a few projector columns.
-Agreement agreement_multi(const std::vector<cv::Mat>& frames, const std::vector<int>& periods, const Sample& sample)
+bool agrees(const Frames& frames, const FringeMethod& method)
 {
-    constexpr int every = 16;
-    Agreement a;
-    for (std::size_t i = 0; i < sample.rows.size(); ++i) {
-        const std::vector<bool>& seen = sample.seen[i];
-        for (int x = every; x + 2 < frames[0].cols; x += every) {
-            const auto at = static_cast<std::size_t>(x);
-            if (!seen[at] || !seen[at + 1] || !seen[at + 2]) continue;
-            ++a.all;
-            const double left = multi_position(frames, periods, sample.rows[i], x);
-            const double right = multi_position(frames, periods, sample.rows[i], x + 2);
-            a.agreeing += left >= 0 && right > left && right < left + 8 ? 1 : 0;
-        }
-    }
-    return a;
-}
-
-Agreement agreement(const std::vector<cv::Mat>& frames, const FringeMethod& method, const Sample& sample)
-{
-    return method.multi() ? agreement_multi(frames, method.periods, sample) : agreement_gray(frames, sample);
+    constexpr double brighter = 1.02; // than the lit frame, on the whole, no other can be
+    const double lit = cv::mean(frames[1])[0];
+    for (const cv::Mat& frame : frames)
+        if (cv::mean(frame)[0] > brighter * lit + 1) return false;
+    return agreement(frames, method).share() >= in_order; // false for NaN
 }
 
 } // namespace
 
-double fitting_share(const std::vector<cv::Mat>& frames, const FringeMethod& method)
+FrameOrder find_exchange(const Frames& frames, const FringeMethod& method, const Frames* other)
 {
-    return agreement(frames, method, make_sample(frames)).share();
+    if (cv::mean(frames[0])[0] > cv::mean(frames[1])[0]) {
+        const FrameOrder dark_lit { FrameOrder::exchanged, { 0, 1 }, {} };
+        if (agrees(in(dark_lit, frames, method.method), method)) return dark_lit;
+    }
+    if (agrees(frames, method)) return {};
+    if (other != nullptr && !agrees(*other, method))
+        if (const FrameOrder both = best_order({ &frames, other }, method)) return both;
+    return best_order({ &frames }, method);
 }
 
-double code_slip(const std::vector<cv::Mat>& frames)
+std::array<std::string, 2> words_of(const FrameOrder& order, const std::vector<std::string>& names)
 {
-    const Sample sample = make_sample(frames);
-    std::vector<float> slips;
-    for (std::size_t i = 0; i < sample.rows.size(); ++i) {
-        const int y = sample.rows[i];
-        for (int x = 1; x < frames[0].cols; ++x) {
-            const auto at = static_cast<std::size_t>(x);
-            if (!sample.seen[i][at - 1] || !sample.seen[i][at]) continue;
-            if (gray_code(frames, y, x) != gray_code(frames, y, x - 1) + 1) continue;
-            const double left = FringeSteps(frames, first_fringe, y, x - 1).phase(),
-                         step = FringeSteps(frames, first_fringe, y, x).phase() - left;
-            const double slip = left + 0.5 * (step - std::round(step)); // between the two pixels
-            slips.push_back(static_cast<float>(std::abs(slip - std::round(slip))));
-        }
+    const auto stem = [&](std::size_t k) { return std::filesystem::path(names[k]).stem().string(); };
+    std::string list;
+    switch (order.kind) {
+    case FrameOrder::exchanged:
+        return { names[order.pair[0]] + " and " + names[order.pair[1]] + " are exchanged", "exchange their names" };
+    case FrameOrder::fringes:
+        for (const std::size_t k : order.four)
+            list += (list.empty() ? "" : ", ") + stem(first_fringe + k);
+        return { "the four fringe frames are in another order",
+            "reorder " + stem(first_fringe) + " to " + stem(first_fringe + 3) + " as " + list };
+    case FrameOrder::late:
+        return { "every frame is one late: " + names[1] + " is the dark one, and the last fringe frame is missing",
+            "start the camera with the projector, and record again" };
+    case FrameOrder::early:
+        return { "every frame is one early: " + names[0] + " is the lit one, and the dark one is missing",
+            "start the camera before the projector, and record again" };
+    case FrameOrder::right:
+        break;
     }
-    return slips.empty() ? 0 : quantile(slips, 0.5);
-}
-
-std::array<std::size_t, 2> find_exchange(const std::vector<cv::Mat>& frames, const FringeMethod& method)
-{
-    if (cv::mean(frames[0])[0] > cv::mean(frames[1])[0]) return { 0, 1 };
-    const Sample sample = make_sample(frames);
-    const Agreement given = agreement(frames, method, sample);
-    std::array<std::size_t, 2> best { 0, 0 };
-    double most = given.agreeing + std::max(least_explained, explained * (given.all - given.agreeing));
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        for (std::size_t k = std::max<std::size_t>(i + 1, 2); k < frames.size(); ++k) {
-            std::vector<cv::Mat> other = frames;
-            std::swap(other[i], other[k]);
-            const Agreement a = agreement(other, method, sample);
-            if (a.agreeing <= most) continue;
-            most = a.agreeing;
-            best = { i, k };
-        }
-    }
-    return best;
+    return {};
 }
 
 } // namespace vexo

@@ -6,19 +6,30 @@
 
 #include <array>
 #include <cstddef>
+#include <string>
 #include <vector>
 
-/// Whether the frames of a camera belong together, and in this order.
+/// Whether the frames of a camera stand in this order.
 namespace vexo {
 
-/// Share of the fringes (multi-phase: of the pixels) whose frames agree with one another; NaN: too few to judge by.
-double fitting_share(const std::vector<cv::Mat>& frames, const FringeMethod& method);
+/// What is wrong with the order of a camera's frames.
+struct FrameOrder {
+    enum Kind { right, exchanged, fringes, late, early };
 
-/// Gray-phase: how far from the start of the phase the gray code changes its number, in fringes, the median.
-double code_slip(const std::vector<cv::Mat>& frames);
+    Kind kind = right;
+    std::array<std::size_t, 2> pair { 0, 0 };       ///< exchanged: these two
+    std::array<std::size_t, 4> four { 0, 1, 2, 3 }; ///< fringes: the frame, from the first fringe frame on, for each
 
-/// The exchange of two frames that makes many more fringes fit than the order given; {0, 0} when there is none.
-/// Dark and lit frame exchanged count, too.
-std::array<std::size_t, 2> find_exchange(const std::vector<cv::Mat>& frames, const FringeMethod& method);
+    explicit operator bool() const { return kind != right; }
+};
+
+/// The order that makes many more pixels agree than the order given: with two frames exchanged, dark and lit frame
+/// included; gray-phase: the four fringe frames in any other order; all frames one place too late or too early.
+/// @param other  frames of the other camera, which count as well when they do not agree either; may be null
+FrameOrder find_exchange(
+    const std::vector<cv::Mat>& frames, const FringeMethod& method, const std::vector<cv::Mat>* other = nullptr);
+
+/// In words, with what is to be done.
+std::array<std::string, 2> words_of(const FrameOrder& order, const std::vector<std::string>& names);
 
 } // namespace vexo

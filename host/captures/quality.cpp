@@ -1,8 +1,8 @@
 #include "host/captures/quality.h"
 
 #include "base/statistics.h"
+#include "host/captures/agreement.h"
 #include "host/captures/fringe_steps.h"
-#include "host/captures/order.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,10 +13,6 @@ namespace vexo {
 namespace {
 
 constexpr double pi = 3.14159265358979323846;
-
-constexpr int least_contrast = 16; ///< grey levels, lit - dark: as the library's default
-
-constexpr double least_modulation = 6.0; ///< grey levels: as `vexo measure` has it
 
 constexpr int clipped = 255;
 
@@ -204,14 +200,25 @@ void measure_lighting_up(const std::vector<cv::Mat>& frames, CameraFigures& f)
     }
 }
 
-/// A plane of the gray code that the projector has no use for may be recorded as an empty picture.
-void find_blank(const std::vector<cv::Mat>& frames, CameraFigures& f)
+/// What the projector lights, and how much of that light the fringes modulate.
+void measure_light(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
 {
-    for (std::size_t k = 2; k < frames.size(); ++k) {
-        double low = 0, high = 0;
-        cv::minMaxLoc(frames[k], &low, &high);
-        if (low == high) f.blank.push_back(k);
+    const double dim = std::max(3.0, 4.0 * f.dark_noise);
+    std::vector<float> sharpness;
+    double lit = 0;
+    for (int y = 0; y < f.size.height; ++y) {
+        for (int x = 0; x < f.size.width; ++x) {
+            const int light = frames[1].at<uchar>(y, x) - frames[0].at<uchar>(y, x);
+            lit += light >= dim ? 1 : 0;
+            if (light < least_contrast || f.kinds.at<uchar>(y, x) > good) continue;
+            double least = 1;
+            for (const std::size_t first : groups)
+                least = std::min(least, FringeSteps(frames, first, y, x).modulation() / light);
+            sharpness.push_back(static_cast<float>(least));
+        }
     }
+    f.lit = lit / static_cast<double>(f.size.area());
+    f.sharpness = sharpness.empty() ? 0 : quantile(std::move(sharpness), 0.5);
 }
 
 /// Fringe frames of one group are equally bright on the whole, whatever the scene.
@@ -255,12 +262,21 @@ CameraFigures measure_capture(const std::vector<cv::Mat>& frames, const FringeMe
     measure_pixels(frames, groups, f);
     summarize_pixels(frames, f);
     measure_response(frames, groups, f);
-    find_blank(frames, f);
+    measure_light(frames, groups, f);
+    f.odd = find_odd_frames(frames, method);
     measure_lighting_up(frames, f);
     measure_brightness(frames, groups, f);
-    f.fitting = fitting_share(frames, method);
-    if (!method.multi()) f.slip = code_slip(frames);
+    f.fitting = agreement(frames, method).share();
+    if (method.multi()) return f;
+    const CodeSlip slip = code_slip(frames);
+    f.slip = slip.middle;
+    f.slip_spread = slip.spread;
     return f;
+}
+
+double phase_noise(const CameraFigures& f)
+{
+    return f.modulation > 0 ? f.fringe_noise / (std::sqrt(2.0) * f.modulation) / (2 * pi) : 0;
 }
 
 } // namespace vexo

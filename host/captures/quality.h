@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/captures/fringe_method.h"
+#include "host/captures/odd_frames.h"
 
 #include <opencv2/core.hpp>
 
@@ -16,11 +17,13 @@ namespace vexo {
 struct CameraFigures {
     cv::Size size;
     double pixels = 0;            ///< share of the image that shows the fringes
+    double lit = 0;               ///< share of the image that the projector lights, however dimly
     double lit_median = 0;        ///< grey value of the lit frame there
     double lit_bright = 0;        ///< its 99 % quantile
     double saturated = 0;         ///< share of the image at 255 in any frame
     double saturated_fringes = 0; ///< share of the pixels at 255 in a fringe frame: their phase is wrong
     double modulation = 0;        ///< median amplitude of the fringes
+    double sharpness = 0; ///< median of modulation / (lit - dark) where these differ by 16 or more; in focus 0.47
     std::array<double, 32> modulation_histogram {}; ///< shares; bins of 4 grey levels
     double dark_noise = 0;                          ///< standard deviation, from the dark frame
     double fringe_noise = 0;    ///< standard deviation at fringe brightness, from the residual without its gamma part
@@ -28,13 +31,14 @@ struct CameraFigures {
     double second_harmonic = 0; ///< amplitude of the fringes' second harmonic over the first; 0 when linear
     double gamma = 1;           ///< of projector and camera together: light read = grey^gamma; NaN: not measured
     double fitting = 0;         ///< share of fringes (multi-phase: pixels) whose frames agree with one another
-    double slip = 0;            ///< gray-phase: median distance of code edges from the fringes, in fringes
+    double slip = 0;            ///< gray-phase: mean distance of code edges from the start of the phase, in fringes
+    double slip_spread = 0;     ///< of that distance: 0 everywhere the same, 1 anywhere
     double lighting_up = 0;     ///< pixels that are dark in the lit frame and bright in another, per pixel
     std::size_t lighting_up_frame = 0; ///< the frame with the most of them
     double brightness_change = 0;      ///< largest relative deviation of a fringe frame's mean brightness
     std::size_t brightness_frame = 0;  ///< that frame
 
-    std::vector<std::size_t> blank; ///< frames after the lit one that have one grey value all over
+    OddFrames odd; ///< frames that show nothing, or what another one shows
 
     cv::Mat kinds;          ///< CV_8U, index into pixel_kinds()
     cv::Mat modulation_map; ///< CV_32F, NaN where no fringes are seen
@@ -43,6 +47,15 @@ struct CameraFigures {
 
 /// Names of the values of CameraFigures::kinds.
 const std::vector<std::string>& pixel_kinds();
+
+/// Share of what the projector lights that can be measured.
+inline double measurable(const CameraFigures& f)
+{
+    return f.lit > 0 ? f.pixels / f.lit : 0;
+}
+
+/// Standard deviation of the phase by the noise of the frames, in fringes: noise / (sqrt(2) modulation) rad.
+double phase_noise(const CameraFigures& f);
 
 /// Figures of one camera's frames, all of one size and as many as the method has.
 CameraFigures measure_capture(const std::vector<cv::Mat>& frames, const FringeMethod& method);

@@ -81,6 +81,8 @@ Json to_json(const CameraFigures& f, const std::vector<std::string>& names)
         { "noise", { { "dark", n(f.dark_noise) }, { "fringes", n(f.fringe_noise) } } },
         { "residual", { { "rms", n(f.residual_rms) }, { "second_harmonic", n(f.second_harmonic) } } },
         { "gamma", n(f.gamma) }, { "fringes_that_fit", n(f.fitting) }, { "code_slip", n(f.slip) },
+        { "code_slip_spread", n(f.slip_spread) }, { "lit_share", n(f.lit) }, { "measurable_share", n(measurable(f)) },
+        { "sharpness", n(f.sharpness) }, { "phase_noise", n(phase_noise(f)) },
         { "lighting_up", { { "share", n(f.lighting_up) }, { "frame", names[f.lighting_up_frame] } } },
         { "brightness_change", { { "share", n(f.brightness_change) }, { "frame", names[f.brightness_frame] } } } };
 }

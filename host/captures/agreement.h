@@ -1,0 +1,46 @@
+#pragma once
+
+#include "host/captures/fringe_method.h"
+
+#include <opencv2/core.hpp>
+
+#include <limits>
+#include <vector>
+
+/// Whether the frames of a camera say the same.
+namespace vexo {
+
+/// Smallest lit - dark, and smallest modulation, of the pixels that are measured; grey levels.
+constexpr int least_contrast = 16;
+constexpr double least_modulation = 6.0;
+
+/// Pixels on some rows that show the fringes.
+struct Agreement {
+    double all = 0;      ///< that can be judged
+    double agreeing = 0; ///< whose frames agree with one another
+    double exact = 0;    ///< gray-phase: of these, whose own code is that of their fringe; multi-phase: the same number
+
+    /// NaN when there is too little to judge by.
+    double share() const { return all >= 100 ? agreeing / all : std::numeric_limits<double>::quiet_NaN(); }
+};
+
+/// Gray-phase: a fringe agrees when its phase rises, most of its pixels have one code, and a neighbour has the next
+/// one; that is how the decoder numbers fringes. Multi-phase: a pixel agrees when the periods name one position, which
+/// rises along the row.
+Agreement agreement(const std::vector<cv::Mat>& frames, const FringeMethod& method);
+
+/// Gray-phase: where in the phase the code changes its number.
+struct CodeSlip {
+    double middle = 0; ///< circular mean, -0.5 to 0.5 of a fringe; 0: at the start of the phase
+    double spread = 0; ///< 0: everywhere the same; 1: anywhere
+};
+
+CodeSlip code_slip(const std::vector<cv::Mat>& frames);
+
+/// Gray-phase: whether the code says 1 at a pixel of plane `k`.
+inline bool code_bit(const std::vector<cv::Mat>& frames, std::size_t k, int y, int x)
+{
+    return 2 * frames[k].at<uchar>(y, x) > frames[0].at<uchar>(y, x) + frames[1].at<uchar>(y, x);
+}
+
+} // namespace vexo
