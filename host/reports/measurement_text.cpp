@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace vexo {
 
@@ -89,6 +90,18 @@ void add_causes(std::vector<std::string>& lines, const Measured& m, double total
     }
 }
 
+/// What most of the lit pixels have. Only when next to nothing is lit is it that: a background is dark in every
+/// capture.
+Cause likeliest_cause(const CauseMap& causes)
+{
+    constexpr double least_lit = 0.01;
+    const auto lit = causes.counts.begin() + static_cast<std::ptrdiff_t>(Cause::contrast) + 1;
+    const auto count = static_cast<double>(std::accumulate(lit, causes.counts.end(), 0LL));
+    const auto dark = static_cast<double>(causes[Cause::contrast]);
+    if (count < least_lit * (count + dark)) return Cause::contrast;
+    return static_cast<Cause>(std::max_element(lit, causes.counts.end()) - causes.counts.begin());
+}
+
 } // namespace
 
 std::string why_nothing(const Measured& m)
@@ -99,9 +112,10 @@ std::string why_nothing(const Measured& m)
     if (m.method() == Method::sgbm)
         return "no pixel of the two pictures matches at disparities " + limits_text(m)
             + "; pass --disparity or --depth, and check that cam0 and cam1 are not swapped";
-    const auto first = m.causes.counts.begin() + static_cast<std::ptrdiff_t>(Cause::contrast);
-    const auto worst = static_cast<Cause>(std::max_element(first, m.causes.counts.end()) - m.causes.counts.begin());
-    std::string text = "no point was measured; most pixels: " + std::string(words_of(worst));
+    const Cause worst = likeliest_cause(m.causes);
+    std::string text = (worst == Cause::contrast ? "no point was measured; most pixels: "
+                                                 : "no point was measured; most lit pixels: ")
+        + std::string(words_of(worst));
     if (worst == Cause::contrast)
         text += "; check the exposure and the order of the frames (dark, lit, patterns), or lower --min-contrast";
     if (worst == Cause::modulation) text += "; check the fringe frames, or lower --min-modulation";
