@@ -47,6 +47,12 @@ void scale(cv::Mat& frame, double by)
     frame.convertTo(frame, CV_8U, by);
 }
 
+void expose(Frames& frames, double by, double room = 0)
+{
+    for (cv::Mat& frame : frames)
+        frame.convertTo(frame, CV_8U, by, room);
+}
+
 void blacken(Frames& f, std::size_t k)
 {
     f[k] = cv::Mat::zeros(f[k].size(), CV_8U);
@@ -96,10 +102,10 @@ TEST(Captures, AreJudgedByWhatTheyLeaveToMeasure)
         = [](const std::function<void(Rig&)>& change) { return [change](Frames& f) { f = simulate(change); }; };
     const std::vector<Case> cases {
         { "as it is", [](Frames&) {}, Weight::good, nullptr },
-        { "3x over-exposed", rig([](Rig& r) { r.exposure = 3; }), Weight::worse, "over-exposed" },
-        { "exposure 0.08", rig([](Rig& r) { r.exposure = 0.08; }), Weight::spoils, "under-exposed", "expose more" },
-        { "exposure 0.2", rig([](Rig& r) { r.exposure = 0.2; }), Weight::worse, nullptr },
-        { "room light", rig([](Rig& r) { r.ambient = 60; }), Weight::good, nullptr },
+        { "3x over-exposed", [](Frames& f) { expose(f, 3); }, Weight::worse, "over-exposed" },
+        { "exposure 0.08", [](Frames& f) { expose(f, 0.08); }, Weight::spoils, "under-exposed", "expose more" },
+        { "exposure 0.2", [](Frames& f) { expose(f, 0.2); }, Weight::worse, nullptr },
+        { "room light", [](Frames& f) { expose(f, 1, 50); }, Weight::good, nullptr },
         { "gamma", rig([](Rig& r) { r.gamma = 2.2; }), Weight::worse, "non-linear" },
         { "projector out of focus", rig([](Rig& r) { r.defocus = 12; }), Weight::spoils, "out-of-focus" },
         { "motion of 0.2 mm", [](Frames& f) { follow(f, 11, [](Rig& r) { r.distance_mm += 0.2; }); }, Weight::good,
