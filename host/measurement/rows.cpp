@@ -1,0 +1,268 @@
+#include "host/measurement/rows.h"
+
+#include "base/parallel.h"
+#include "base/statistics.h"
+#include "base/text.h"
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <optional>
+#include <vector>
+
+namespace vexo {
+
+namespace {
+
+constexpr int half_height = 15, half_width = 5; ///< of a window of 31 x 11 px
+
+constexpr int reach = 8; ///< px, the largest shift along y
+
+constexpr double most_windows = 1500; ///< on the grid: enough for a median to 0.01 px, in some 20 ms
+
+/// Grey levels, standard deviation along y: three times what the noise of an ordinary camera leaves after smoothing.
+constexpr double least_texture = 3.0;
+
+/// Right windows of textured surfaces correlate by 0.9 and more, wrong ones seldom by more than a half.
+constexpr double least_correlation = 0.8;
+
+/// Share of a window that is measured: the outline of a surface is no texture of it, and lies elsewhere for each
+/// camera.
+constexpr double least_measured = 0.9;
+
+constexpr int least_textured = 20; ///< windows; fewer say nothing of a picture
+
+/// Share of the windows. On plain plaster and on a white wall up to a twentieth has it: outlines and shadows, which
+/// each camera sees elsewhere. Painted and modelled surfaces have a quarter and more.
+constexpr double least_share_textured = 0.1;
+
+/// px from one edge of the picture to the other. Right pairs of modelled surfaces read up to 0.8, where windows see
+/// slopes; a roll of 0.3 degrees reads 3 in a picture of 640 px.
+constexpr double warn_run = 1.5, most_run = 4.0;
+
+constexpr double spoil_above = 1.0; ///< px of the median
+
+constexpr double most_scatter = 1.5; ///< px
+
+constexpr double least_found = 0.1;
+
+/// What is left of a picture without its slow run along y, which correlates with itself at any shift, and with less
+/// noise.
+cv::Mat structure_along_y(const cv::Mat& picture)
+{
+    cv::Mat fine, smooth, slow;
+    picture.convertTo(fine, CV_32F);
+    cv::blur(fine, smooth, { 3, 3 });
+    cv::blur(smooth, slow, { 1, 2 * half_height + 1 });
+    return smooth - slow;
+}
+
+struct Pictures {
+    cv::Mat left, right; ///< structure along y
+    cv::Mat disparity;
+
+    /// Camera 1 where camera 0 sees (x, y), by the disparity there, or by `otherwise` where none was measured.
+    std::optional<float> partner(int x, int y, float otherwise) const
+    {
+        const float measured = disparity.at<float>(y, x);
+        const float at = static_cast<float>(x) - (std::isnan(measured) ? otherwise : measured);
+        if (!(at >= 0.0F && at < static_cast<float>(right.cols - 1))) return std::nullopt;
+        const int column = static_cast<int>(at);
+        const float part = at - static_cast<float>(column);
+        const auto* row = right.ptr<float>(y);
+        return (1.0F - part) * row[column] + part * row[column + 1];
+    }
+};
+
+/// A window that was compared.
+struct Window {
+    cv::Point at { -1, -1 };
+    bool textured = false;
+    std::optional<double> shift; ///< px; nothing: no match near the row
+};
+
+/// Correlation of two equally long runs of values without means.
+double correlation(const float* one, const float* other, std::size_t count)
+{
+    double mixed = 0, own = 0, others = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        mixed += static_cast<double>(one[i] * other[i]);
+        own += static_cast<double>(one[i] * one[i]);
+        others += static_cast<double>(other[i] * other[i]);
+    }
+    return mixed / std::sqrt(std::max(own * others, 1e-12));
+}
+
+/// The highest inner correlation, to sub-pixels.
+std::optional<double> peak_of(const std::array<double, 2 * reach + 1>& values)
+{
+    const auto best = std::max_element(values.begin(), values.end());
+    if (*best < least_correlation || best == values.begin() || best + 1 == values.end()) return std::nullopt;
+    const double before = best[-1], after = best[1], bend = before - 2 * *best + after;
+    return static_cast<double>(best - values.begin()) - reach + (bend < 0 ? 0.5 * (before - after) / bend : 0.0);
+}
+
+Window compare(const Pictures& p, cv::Point middle)
+{
+    constexpr std::size_t width = 2 * half_width + 1, height = 2 * half_height + 1;
+    Window window;
+    const float disparity = p.disparity.at<float>(middle);
+    std::vector<float> own, other;
+    double squares = 0;
+    for (int y = middle.y - half_height - reach; y <= middle.y + half_height + reach; ++y)
+        for (int x = middle.x - half_width; x <= middle.x + half_width; ++x) {
+            const std::optional<float> seen = p.partner(x, y, disparity);
+            if (!seen) return window;
+            other.push_back(*seen);
+            if (std::abs(y - middle.y) > half_height) continue;
+            own.push_back(p.left.at<float>(y, x));
+            squares += static_cast<double>(own.back() * own.back());
+        }
+    const cv::Mat around
+        = p.disparity(cv::Rect(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1));
+    if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return window;
+    window.at = middle;
+    window.textured = std::sqrt(squares / static_cast<double>(own.size())) >= least_texture;
+    if (!window.textured) return window;
+    std::array<double, 2 * reach + 1> values {};
+    for (std::size_t shift = 0; shift < values.size(); ++shift)
+        values[shift] = correlation(own.data(), other.data() + shift * width, width * height);
+    window.shift = peak_of(values);
+    return window;
+}
+
+/// On a grid, with a step by which there are as many of them as wanted; the first measured pixel of each cell's row.
+std::vector<Window> compare_all(const Pictures& p)
+{
+    const int margin = half_height + reach, rows = p.left.rows - 2 * margin, columns = p.left.cols - 2 * half_width;
+    if (rows <= 0 || columns <= 0) return {};
+    const double area = std::max(1, cv::countNonZero(p.disparity == p.disparity));
+    const int step = std::max(4, static_cast<int>(std::sqrt(area / most_windows)));
+    std::vector<std::vector<Window>> found(static_cast<std::size_t>((rows + step - 1) / step));
+    in_parallel(found.size(), [&](std::size_t i) {
+        const int y = margin + static_cast<int>(i) * step;
+        for (int x = half_width; x < p.left.cols - half_width; x += step)
+            if (!std::isnan(p.disparity.at<float>(y, x))) found[i].push_back(compare(p, { x, y }));
+    });
+    std::vector<Window> all;
+    for (const std::vector<Window>& row : found)
+        std::copy_if(
+            row.begin(), row.end(), std::back_inserter(all), [](const Window& window) { return window.at.x >= 0; });
+    return all;
+}
+
+/// The plane through the row errors, by least squares over those within three standard deviations of the last one.
+void fit_plane(const std::vector<Window>& windows, cv::Size size, RowError& e)
+{
+    e.a = e.median;
+    double deviation = std::max(e.scatter, 0.1);
+    for (int round = 0; round < 3; ++round) {
+        cv::Matx33d normal = cv::Matx33d::eye() * 1e-6; // none of the windows may have another x or y
+        cv::Vec3d right;
+        std::vector<double> rests;
+        for (const Window& window : windows) {
+            if (!window.shift) continue;
+            const cv::Vec3d at(1.0, window.at.x / static_cast<double>(size.width) - 0.5,
+                window.at.y / static_cast<double>(size.height) - 0.5);
+            const double rest = *window.shift - at.dot({ e.a, e.b, e.c });
+            rests.push_back(std::abs(rest));
+            if (std::abs(rest) > 3 * deviation) continue;
+            normal += at * at.t();
+            right += at * *window.shift;
+        }
+        const cv::Vec3d plane = normal.inv(cv::DECOMP_CHOLESKY) * right;
+        e.a = plane[0];
+        e.b = plane[1];
+        e.c = plane[2];
+        deviation = std::max(1.4826 * median(rests), 0.1);
+    }
+}
+
+double run_of(const RowError& e)
+{
+    return std::max(std::abs(e.b), std::abs(e.c));
+}
+
+bool spoilt(const RowError& e)
+{
+    return e.found <= least_found || std::abs(e.median) > spoil_above || e.scatter > most_scatter
+        || run_of(e) > most_run;
+}
+
+std::string figures_of(const RowError& e)
+{
+    std::string text = percent(e.found, 1.0) + " of " + std::to_string(e.textured)
+        + " windows with texture are found in the other camera near their row";
+    if (e.found > 0) text += ", by median " + number(e.median, 2) + " px off, scatter " + number(e.scatter, 2) + " px";
+    return text;
+}
+
+/// The likeliest cause in words, and what to do.
+std::pair<std::string, std::string> cause_of(const RowError& e, bool exchanged_fits)
+{
+    if (exchanged_fits)
+        return { "the cameras are exchanged: the frames fit the calibration the other way round",
+            "exchange cam0 and cam1" };
+    if (e.found <= least_found)
+        return { "the cameras do not see the same surface: a mixed capture, or a foreign calibration",
+            "record both cameras' frames at once, and measure with the calibration of these cameras" };
+    if (std::abs(e.c) > warn_run && std::abs(e.c) > std::abs(e.b))
+        return { "row errors run by " + number(std::abs(e.c), 1)
+                + " px from top to bottom: a mixed capture (the scene moved between the cameras' frames), or a foreign "
+                  "calibration",
+            "record both cameras' frames at once, and measure with the calibration of these cameras" };
+    return { std::abs(e.b) > warn_run ? "a foreign or stale calibration: one camera has rolled against the other, by "
+                + number(std::abs(e.b), 1) + " px over the picture"
+                                      : "a foreign or stale calibration: one camera has turned up or down since",
+        "calibrate again, and fasten the cameras" };
+}
+
+} // namespace
+
+bool RowError::tested() const
+{
+    return textured >= std::max<double>(least_textured, least_share_textured * windows);
+}
+
+bool RowError::fits() const
+{
+    return tested() && !spoilt(*this);
+}
+
+Finding judge_rows(const RowError& e, bool exchanged_fits)
+{
+    if (!e.tested())
+        return { "rows", Weight::unknown, "",
+            "rows not tested: no texture (" + std::to_string(e.textured) + " of " + std::to_string(e.windows)
+                + " windows have enough to compare the cameras by)",
+            "measure something with texture from time to time" };
+    if (e.fits() && std::abs(e.median) < rows_warn_from && run_of(e) < warn_run)
+        return { "rows", Weight::good, "", figures_of(e), "" };
+    const auto [cause, advice] = cause_of(e, exchanged_fits);
+    return { "rows", e.fits() ? Weight::worse : Weight::spoils, "", figures_of(e) + "; " + cause, advice };
+}
+
+RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity)
+{
+    const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity };
+    const std::vector<Window> windows = compare_all(pictures);
+    RowError e;
+    std::vector<double> shifts;
+    for (const Window& window : windows) {
+        ++e.windows;
+        e.textured += window.textured ? 1 : 0;
+        if (window.shift) shifts.push_back(*window.shift);
+    }
+    if (shifts.empty()) return e;
+    e.found = static_cast<double>(shifts.size()) / e.textured;
+    e.median = median(shifts);
+    for (double& shift : shifts)
+        shift = std::abs(shift - e.median);
+    e.scatter = 1.4826 * median(shifts);
+    fit_plane(windows, left.size(), e);
+    return e;
+}
+
+} // namespace vexo
