@@ -54,6 +54,8 @@ void run(const GlobalOptions& global, MeasureOptions o)
             + ": cloud.ply, report.json, texture, disparity, depth and validity, "
               "each with a picture *_view.png");
     put_json(global, report);
+    const std::string spoilt = why_spoilt(measured);
+    if (!spoilt.empty() && !o.accept_verdict) throw BelowLimit(spoilt);
 }
 
 } // namespace
@@ -66,7 +68,8 @@ void add_measure(CLI::App& app, GlobalOptions& global)
     add_force(*cmd, global);
     finish_command(*cmd, global,
         "vexo measure scan --out result --depth 500:700\n"
-        "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it",
+        "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it\n"
+        "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured",
         [o, &global] { run(global, *o); });
 }
 

@@ -99,6 +99,7 @@ void declare(CLI::App& command, MeasureOptions& o)
         ->check(CLI::Range(-1.0, 1.0));
     command.add_option("--flags", o.camera.flags, "rectification flags; 1024: same principal point in both pictures")
         ->capture_default_str();
+    command.add_flag("--accept-verdict", o.accept_verdict, "exit code 0 also where a finding spoils the result");
     add_range_options(command, o);
     add_phase_options(command, o);
     add_light_options(command, o);

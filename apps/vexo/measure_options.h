@@ -17,6 +17,7 @@ struct MeasureOptions {
     std::vector<std::string> calib;
     StereoCameraParam camera;
     int steps = 4;
+    bool accept_verdict = false; ///< exit code 0 whatever the findings say
     MeasureRequest request;
     /// Options that other methods have are mistakes, not wishes to be passed over.
     std::vector<CLI::Option*> phases, gray, multi, sgbm;

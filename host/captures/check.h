@@ -37,4 +37,10 @@ struct Checked {
 /// capture has no fringes.
 Checked check_capture(const CheckRequest& request, const OnStep& on_step = {});
 
+/// What the frames of one camera, as many as the method has, say of themselves; by judge(). Looks at some rows only:
+/// quick enough to be asked with each measurement.
+/// @param names  of the frames' files
+std::vector<Finding> judge_frames_of(
+    const std::vector<cv::Mat>& frames, const FringeMethod& method, int camera, const std::vector<std::string>& names);
+
 } // namespace vexo

@@ -4,9 +4,11 @@
 #include "base/parallel.h"
 #include "base/stopwatch.h"
 #include "host/cameras/rectification.h"
+#include "host/captures/check.h"
 #include "host/measurement/disparity_range.h"
 
 #include <cmath>
+#include <filesystem>
 #include <utility>
 
 namespace vexo {
@@ -129,20 +131,65 @@ void measure_blocks(Work& w)
     m.causes_seconds = clock.lap();
 }
 
+cv::Mat disparity_map(const Cloud& cloud, const Geometry& geometry)
+{
+    cv::Mat disparity(cloud.size, CV_32F, cv::Scalar(static_cast<double>(std::nanf(""))));
+    in_parallel(static_cast<std::size_t>(disparity.rows), [&](std::size_t row) {
+        const int y = static_cast<int>(row);
+        for (int x = 0; x < disparity.cols; ++x)
+            if (cloud.measured(y, x))
+                disparity.at<float>(y, x)
+                    = static_cast<float>(geometry.disparity(static_cast<double>(cloud.point(y, x).z)));
+    });
+    return disparity;
+}
+
 void make_maps(Measured& m)
 {
-    const auto nothing = static_cast<double>(std::nanf(""));
-    m.depth = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(nothing));
-    m.disparity = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(nothing));
-    in_parallel(static_cast<std::size_t>(m.depth.rows), [&m](std::size_t row) {
-        const int y = static_cast<int>(row);
-        for (int x = 0; x < m.depth.cols; ++x) {
-            if (!m.cloud.measured(y, x)) continue;
-            const float z = m.cloud.point(y, x).z;
-            m.depth.at<float>(y, x) = z;
-            m.disparity.at<float>(y, x) = static_cast<float>(m.geometry.disparity(static_cast<double>(z)));
-        }
+    m.disparity = disparity_map(m.cloud, m.geometry);
+    m.depth = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(static_cast<double>(std::nanf(""))));
+    for (int y = 0; y < m.depth.rows; ++y)
+        for (int x = 0; x < m.depth.cols; ++x)
+            if (m.cloud.measured(y, x)) m.depth.at<float>(y, x) = m.cloud.point(y, x).z;
+}
+
+/// What the frames say of themselves; maps of other decoders and block matching's pictures have no fringes to ask.
+void judge_frames(Work& w)
+{
+    if (w.decoded() || w.m.method() == Method::sgbm) return;
+    std::array<std::vector<Finding>, 2> found;
+    in_parallel(2, [&](std::size_t camera) {
+        std::vector<std::string> names;
+        for (const std::string& path : w.capture.frames.paths[camera])
+            names.push_back(std::filesystem::path(path).filename().string());
+        found[camera] = judge_frames_of(
+            w.capture.frames.frames[camera], { w.m.method(), w.m.periods() }, static_cast<int>(camera), names);
     });
+    for (const std::vector<Finding>& of_camera : found)
+        w.m.findings.insert(w.m.findings.end(), of_camera.begin(), of_camera.end());
+}
+
+const cv::Mat& lit_frame(const Work& w, std::size_t camera)
+{
+    return w.capture.frames.frames[camera][w.m.method() == Method::sgbm ? 0 : 1];
+}
+
+/// The same frames with the cameras exchanged: when their rows fit, that is what happened.
+bool fits_exchanged(const Work& w)
+{
+    if (w.m.method() == Method::sgbm) return false; // it matches something in any two pictures
+    const Cloud cloud = match(w.camera(), { w.frames[1], w.frames[0] }, lift_disparity(w.m.record), false);
+    return test_rows(rectified(w.camera(), lit_frame(w, 1), 0), rectified(w.camera(), lit_frame(w, 0), 1),
+        disparity_map(cloud, w.m.geometry))
+        .fits();
+}
+
+void judge_result(Work& w)
+{
+    Measured& m = w.m;
+    m.rows = test_rows(m.texture, rectified(w.camera(), lit_frame(w, 1), 1), m.disparity);
+    const bool suspect = m.rows.tested() && !m.rows.fits();
+    m.findings.push_back(judge_rows(m.rows, suspect && fits_exchanged(w)));
 }
 
 } // namespace
@@ -162,13 +209,17 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     m.geometry = stereo.geometry;
     m.baseline = stereo.camera->get_baseline_length();
     Stopwatch clock;
-    m.texture = rectified(*stereo.camera, work.frames[0][m.method() == Method::sgbm ? 0 : 1], 0);
+    m.texture = rectified(*stereo.camera, lit_frame(work, 0), 0);
     m.rectify_seconds = clock.lap();
     if (m.method() == Method::sgbm)
         measure_blocks(work);
     else
         measure_phases(work);
     make_maps(m);
+    clock.lap();
+    judge_frames(work);
+    judge_result(work);
+    m.checks_seconds = clock.lap();
     return std::move(work.m);
 }
 

@@ -8,6 +8,8 @@
 #include "host/measurement/causes.h"
 #include "host/measurement/match.h"
 #include "host/measurement/parameters.h"
+#include "host/measurement/rows.h"
+#include "host/verdict/finding.h"
 
 #include <opencv2/core.hpp>
 
@@ -33,8 +35,11 @@ struct Measured {
     Cloud cloud;                      ///< rectified camera 0; may hold no point
     CauseMap causes;
     cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
+    RowError rows;
+    std::vector<Finding> findings; ///< of the frames (fringes, not decoded) and of the rows; one "rows" at least
     StageTimes times;
     double rectify_seconds = 0.0, first_pass_seconds = 0.0, causes_seconds = 0.0;
+    double checks_seconds = 0.0; ///< of what the findings cost
 
     Method method() const { return choice.method; }
     /// Fringe periods in projector px; empty for other methods.

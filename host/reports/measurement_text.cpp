@@ -78,6 +78,14 @@ void add_noise(std::vector<std::string>& lines, const Measured& m)
     }
 }
 
+void add_findings(std::vector<std::string>& lines, const Measured& m)
+{
+    for (const Finding& finding : m.findings) {
+        const bool warns = finding.weight >= Weight::worse, says_rows = finding.weight == Weight::good;
+        lines.push_back((warns ? "warning      " : says_rows ? "rows         " : "note         ") + sentence(finding));
+    }
+}
+
 void add_causes(std::vector<std::string>& lines, const Measured& m, double total)
 {
     lines.push_back("not measured");
@@ -103,6 +111,17 @@ Cause likeliest_cause(const CauseMap& causes)
 }
 
 } // namespace
+
+std::string why_spoilt(const Measured& m)
+{
+    std::string text;
+    for (const Finding& finding : m.findings)
+        if (finding.weight == Weight::spoils) {
+            text = sentence(finding); // rows come last: they speak of the result, the others of its input
+            if (finding.name == "rows") break;
+        }
+    return text.empty() ? "" : "the result cannot be trusted: " + text + "; --accept-verdict takes it all the same";
+}
 
 std::string why_nothing(const Measured& m)
 {
@@ -154,6 +173,7 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
             + std::to_string(light_limits(m.record).min_contrast) + " alone; the noise allows --min-contrast "
             + std::to_string(m.weak.contrast));
     add_noise(lines, m);
+    add_findings(lines, m);
     return lines;
 }
 

@@ -46,6 +46,29 @@ Json describe_fringes(const Measured& m, std::size_t camera)
     return { { "periods", periods }, { "expected_loss", expected_loss(figures, m.periods()) } };
 }
 
+Json to_json(const RowError& e)
+{
+    Json rows { { "windows", e.windows }, { "textured", e.textured }, { "tested", e.tested() } };
+    if (e.textured == 0) return rows;
+    rows["found"] = e.found;
+    if (e.found == 0) return rows;
+    rows["median"] = e.median;
+    rows["scatter"] = e.scatter;
+    rows["middle"] = e.a;
+    rows["left_to_right"] = e.b;
+    rows["upper_to_lower"] = e.c;
+    return rows;
+}
+
+void add_findings(const Measured& m, Json& report)
+{
+    report["verdict"] = word_of(heaviest(m.findings));
+    report["findings"] = Json::array();
+    for (const Finding& finding : m.findings)
+        report["findings"].push_back(vexo::to_json(finding));
+    report["rows"] = to_json(m.rows);
+}
+
 /// Quantiles of depth and disparity, and the disparities that were accepted.
 void add_ranges(const Measured& m, Json& report)
 {
@@ -91,9 +114,10 @@ Json make_report(
     report["pixels"] = { { "total", m.depth.total() }, { "measured", m.cloud.count },
         { "share", m.cloud.count / total }, { "not_measured", to_json(m.causes, m.method()) } };
     add_ranges(m, report);
+    add_findings(m, report);
     report["seconds"] = { { "set_frames", m.times.frames }, { "decode_and_rectify", m.times.decode },
         { "match_and_triangulate", m.times.triangulate }, { "read", read_seconds + m.rectify_seconds },
-        { "first_pass", m.first_pass_seconds }, { "causes", m.causes_seconds } };
+        { "first_pass", m.first_pass_seconds }, { "causes", m.causes_seconds }, { "checks", m.checks_seconds } };
     return report;
 }
 
