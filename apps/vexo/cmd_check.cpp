@@ -3,13 +3,15 @@
 #include "host/captures/check.h"
 #include "host/captures/frames.h"
 #include "host/files/output_folder.h"
+#include "host/measurement/measure.h"
 #include "host/reports/capture_report.h"
+#include "host/reports/measurement_text.h"
 #include "options.h"
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <memory>
-#include <optional>
 
 namespace vexo::app {
 
@@ -18,30 +20,48 @@ namespace {
 struct CheckOptions {
     CheckRequest request;
     std::string out;
+    std::vector<std::string> calib; ///< to test the rows with; may be empty
 };
+
+/// Whether the frames fit the calibration: measured with it as `vexo measure` does. Frames that are not whole have
+/// findings of their own.
+void add_rows(const CheckOptions& o, Checked& checked)
+{
+    if (o.calib.empty() || !checked.cameras[0].figures || !checked.cameras[1].figures) return;
+    const Capture capture = read_capture(o.request.files, choose_method(o.request.files));
+    StereoCameraParam param;
+    param.inp_width = capture.frames.size.width;
+    param.inp_height = capture.frames.size.height;
+    MeasureRequest request;
+    request.periods = checked.method.periods;
+    const Measured measured = measure(capture, open_stereo(o.calib, param), request);
+    if (measured.cloud.count == 0)
+        checked.findings.push_back({ "rows", Weight::spoils, "", why_nothing(measured), "" });
+    else
+        checked.findings.push_back(measured.findings.back());
+}
 
 void run(CheckOptions o, const GlobalOptions& options)
 {
     CaptureFiles& files = o.request.files;
     complete_cameras(files.folder, files.cam0, files.cam1);
-    std::optional<OutputFolder> out;
-    if (!o.out.empty()) out.emplace(o.out);
+    if (o.out.empty()) o.out = (std::filesystem::path(files.folder) / "check").string();
+    OutputFolder out(o.out);
     for (const std::string& where : { files.cam0, files.cam1 }) {
         const std::vector<std::string> pictures = find_frames(where);
         if (pictures.empty()) throw Failure(where + ": no pictures found");
-        if (out) out->stay_out_of(pictures);
+        out.stay_out_of(pictures);
     }
 
     Progress progress(options, 3);
-    const Checked checked = check_capture(o.request, progress.on_step());
-    progress.step("pictures");
-    if (out) {
-        add_files(*out, checked);
-        out->commit();
-    }
+    Checked checked = check_capture(o.request, progress.on_step());
+    progress.step("rows and pictures");
+    add_rows(o, checked);
+    add_files(out, checked);
+    out.commit();
     progress.finish();
     say(options, capture_lines(checked));
-    if (out) say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
+    say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
     put_json(options, capture_json(checked));
     const std::string verdict = "verdict: " + capture_verdict(checked.findings);
     if (heaviest(checked.findings) == Weight::spoils) throw BelowLimit(verdict);
@@ -63,12 +83,16 @@ void add_check(CLI::App& app, GlobalOptions& options)
         ->check(CLI::IsMember({ "gray-phase", "multi-phase" }));
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
         ->delimiter(',');
+    command
+        ->add_option("--calib", o->calib,
+            "test, too, whether both cameras see the surface in the same rows with this calibration, as for measure")
+        ->expected(1, 3);
     command->add_option(
-        "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: nothing is written)");
+        "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: FOLDER/check)");
     finish_command(*command, options,
-        "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\",\n"
-        "  or, as an error with exit code 1,\n  \"verdict: not usable: out-of-order (camera 0: frame04.png and "
-        "frame05.png are "
+        "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\", or, as "
+        "an "
+        "error with exit code 1,\n  \"verdict: not usable: out-of-order (camera 0: frame04.png and frame05.png are "
         "exchanged)\"",
         [o, &options] { run(*o, options); });
 }

@@ -144,18 +144,19 @@ std::vector<std::string> capture_lines(const Checked& checked)
 std::string capture_verdict(const std::vector<Finding>& findings)
 {
     const Weight worst = heaviest(findings);
-    if (worst < Weight::worse) return "good";
+    if (worst < Weight::unknown) return "good";
     std::vector<std::string> names;
     const Finding* first = nullptr;
     for (const Finding& finding : findings) {
-        if (finding.weight < Weight::worse) continue;
+        if (finding.weight < std::min(worst, Weight::worse)) continue;
         if (std::find(names.begin(), names.end(), finding.name) == names.end()) names.push_back(finding.name);
         if (first == nullptr && finding.weight == worst) first = &finding;
     }
     std::string all;
     for (const std::string& name : names)
         all += (all.empty() ? "" : ", ") + name;
-    return std::string(worst == Weight::spoils ? "not usable: " : "usable, but ") + all + " (" + sentence(*first) + ")";
+    const char* const judged[] = { "", "", "usable, but not known: ", "usable, but ", "not usable: " };
+    return std::string(judged[static_cast<std::size_t>(worst)]) + all + " (" + sentence(*first) + ")";
 }
 
 } // namespace vexo
