@@ -1,0 +1,34 @@
+#pragma once
+
+#include "host/files/json_file.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+/// How the row error of a rig runs over its measurements: mounts creep and warm up long before a cloud looks wrong.
+namespace vexo {
+
+/// One result's word on its rows, as report.json has it.
+struct RowsOfResult {
+    std::string folder;
+    double days = 0.0; ///< since the first of the series
+    std::string date;  ///< when report.json was written, UTC, "2026-11-26 03:22"
+    bool tested = false;
+    double found = 0.0, median = 0.0, scatter = 0.0; ///< as RowError has them
+};
+
+struct Drift {
+    std::vector<RowsOfResult> results; ///< by date
+    /// Of the medians, px a day, by least squares, and its standard deviation; nothing: fewer than three results that
+    /// were tested, or all of one minute.
+    std::optional<double> slope, slope_sigma;
+    std::optional<std::size_t> alarm; ///< the first result whose median is off by rows_warn_from or more
+};
+
+/// Reads report.json of each folder. Throws Failure that names the one that holds no rows.
+Drift find_drift(const std::vector<std::string>& folders);
+
+Json to_json(const Drift& drift);
+
+} // namespace vexo
