@@ -10,8 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <filesystem>
 #include <memory>
+#include <optional>
 
 namespace vexo::app {
 
@@ -45,23 +45,27 @@ void run(CheckOptions o, const GlobalOptions& options)
 {
     CaptureFiles& files = o.request.files;
     complete_cameras(files.folder, files.cam0, files.cam1);
-    if (o.out.empty()) o.out = (std::filesystem::path(files.folder) / "check").string();
-    OutputFolder out(o.out);
+    std::optional<OutputFolder> out;
+    if (!o.out.empty()) out.emplace(o.out, Owner { "check", { "check.json" }, {}, false, options.force });
     for (const std::string& where : { files.cam0, files.cam1 }) {
         const std::vector<std::string> pictures = find_frames(where);
         if (pictures.empty()) throw Failure(where + ": no pictures found");
-        out.stay_out_of(pictures);
+        if (out) out->stay_out_of(pictures);
     }
 
     Progress progress(options, 3);
     Checked checked = check_capture(o.request, progress.on_step());
     progress.step("rows and pictures");
     add_rows(o, checked);
-    add_files(out, checked);
-    out.commit();
+    std::vector<std::string> kept;
+    if (out) {
+        add_files(*out, checked);
+        kept = out->commit();
+    }
     progress.finish();
+    say_kept(options, kept);
     say(options, capture_lines(checked));
-    say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
+    if (out) say(options, o.out + ": check.json, gamma_table.json, pictures of exposure, modulation and residual");
     put_json(options, capture_json(checked));
     const std::string verdict = "verdict: " + capture_verdict(checked.findings);
     if (heaviest(checked.findings) == Weight::spoils) throw BelowLimit(verdict);
@@ -88,12 +92,12 @@ void add_check(CLI::App& app, GlobalOptions& options)
             "test, too, whether both cameras see the surface in the same rows with this calibration, as for measure")
         ->expected(1, 3);
     command->add_option(
-        "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: FOLDER/check)");
+        "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: nothing is written)");
+    add_force(*command, options);
     finish_command(*command, options,
-        "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\", or, as "
-        "an "
-        "error with exit code 1,\n  \"verdict: not usable: out-of-order (camera 0: frame04.png and frame05.png are "
-        "exchanged)\"",
+        "vexo check scan\n  ends with one line: \"verdict: good\", \"verdict: usable, but over-exposed (...)\",\n"
+        "  or, as an error with exit code 1,\n  \"verdict: not usable: out-of-order (camera 0: frame04.png and "
+        "frame05.png are exchanged)\"",
         [o, &options] { run(*o, options); });
 }
 

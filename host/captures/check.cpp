@@ -115,10 +115,12 @@ LoadedCamera load_camera(
     return c;
 }
 
+/// @param other  the other camera's frames; null: not known
 std::vector<Finding> judge_figures(const std::vector<cv::Mat>& frames, const CameraFigures& figures,
-    const FringeMethod& method, int camera, const std::vector<std::string>& names)
+    const FringeMethod& method, int camera, const std::vector<std::string>& names,
+    const std::vector<cv::Mat>* other = nullptr)
 {
-    return judge(figures, method, camera, find_exchange(frames, method), names);
+    return judge(figures, method, camera, find_exchange(frames, method, other), names);
 }
 
 /// One row of several, without copying: fringes are compared along rows, and some dozens say what all do.
@@ -134,16 +136,41 @@ std::vector<cv::Mat> some_rows(const std::vector<cv::Mat>& frames)
     return thinned;
 }
 
-CheckedCamera check_camera(LoadedCamera& c, std::size_t camera, Checked& checked)
+CheckedCamera check_camera(
+    const LoadedCamera& c, const std::vector<cv::Mat>* other, std::size_t camera, Checked& checked)
 {
     checked.findings.insert(checked.findings.end(), c.faults.begin(), c.faults.end());
     CheckedCamera result { c.names, {} };
     if (!c.faults.empty()) return result;
     result.figures = measure_capture(c.frames, checked.method);
     for (const Finding& finding :
-        judge_figures(c.frames, *result.figures, checked.method, static_cast<int>(camera), c.names))
+        judge_figures(c.frames, *result.figures, checked.method, static_cast<int>(camera), c.names, other))
         checked.findings.push_back(finding);
     return result;
+}
+
+bool same_frames(const std::vector<cv::Mat>& a, const std::vector<cv::Mat>& b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), same_picture);
+}
+
+/// Periods that were asked for, against those that the capture's folder says: when the fringes do not agree it is
+/// these, and no motion.
+void judge_periods(const CheckRequest& request, Checked& checked)
+{
+    const std::vector<int> said = periods_said_in(request.files.folder);
+    if (!checked.method.multi() || request.periods.empty() || said.empty() || request.periods == said) return;
+    const Weight weight = heaviest(checked.findings) == Weight::spoils ? Weight::spoils : Weight::note;
+    const auto text = [](const std::vector<int>& periods) {
+        std::string list;
+        for (const int period : periods)
+            list += (list.empty() ? "" : ",") + std::to_string(period);
+        return list;
+    };
+    checked.findings.insert(checked.findings.begin(),
+        { "wrong-periods", weight, "",
+            "--periods " + text(request.periods) + " are not those that the capture was made with, " + text(said),
+            "leave --periods out" });
 }
 
 } // namespace
@@ -155,7 +182,7 @@ std::vector<Finding> judge_frames_of(
     const CameraFigures figures = measure_capture(rows, method);
     constexpr double none_to_look_for = 0.9; // of fringes that fit: exchanged frames leave far fewer
     const bool in_order = figures.fitting > none_to_look_for && cv::mean(rows[0])[0] < cv::mean(rows[1])[0];
-    if (in_order) return judge(figures, method, camera, { 0, 0 }, names);
+    if (in_order) return judge(figures, method, camera, {}, names);
     return judge_figures(rows, figures, method, camera, names);
 }
 
@@ -175,16 +202,21 @@ Checked check_capture(const CheckRequest& request, const OnStep& on_step)
     const std::array<std::string, 2> where { request.files.cam0, request.files.cam1 };
     Checked checked;
     checked.method = find_method(request);
-    cv::Size size;
+    std::array<LoadedCamera, 2> loaded;
+    for (std::size_t c = 0; c < 2; ++c)
+        loaded[c] = load_camera(where[c], find_frames(where[c]), frame_count(checked.method.method), c);
+    const bool both = !loaded[0].frames.empty() && !loaded[1].frames.empty();
+    if (both && loaded[0].frames[0].size() != loaded[1].frames[0].size())
+        checked.findings.push_back(
+            { "mixed-size", Weight::spoils, "", "the two cameras' frames have different sizes", {} });
+    if (both && same_frames(loaded[0].frames, loaded[1].frames))
+        checked.findings.push_back({ "equal-frames", Weight::spoils, "", "both cameras' frames are the same pictures",
+            "give the other camera's" });
     for (std::size_t c = 0; c < 2; ++c) {
         next_step(on_step, name_of_camera(c));
-        LoadedCamera loaded = load_camera(where[c], find_frames(where[c]), frame_count(checked.method.method), c);
-        if (!loaded.frames.empty() && size.empty()) size = loaded.frames[0].size();
-        if (!loaded.frames.empty() && loaded.frames[0].size() != size)
-            checked.findings.push_back(
-                { "mixed-size", Weight::spoils, "", "the two cameras' frames have different sizes", {} });
-        checked.cameras[c] = check_camera(loaded, c, checked);
+        checked.cameras[c] = check_camera(loaded[c], both ? &loaded[1 - c].frames : nullptr, c, checked);
     }
+    judge_periods(request, checked);
     return checked;
 }
 

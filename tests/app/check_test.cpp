@@ -48,9 +48,12 @@ protected:
 
     static std::string text_of(const Json& json, const std::string& name, int camera)
     {
-        for (const Json& finding : json["findings"])
-            if (finding["name"] == name && finding["where"] == (camera < 0 ? "" : "camera " + std::to_string(camera)))
-                return finding["text"].get<std::string>() + "; " + finding["advice"].get<std::string>();
+        const std::string where = camera < 0 ? "" : "camera " + std::to_string(camera);
+        for (const Json& finding : json["findings"]) {
+            if (finding["name"] != name || finding["where"] != where) continue;
+            const std::string text = finding["text"], advice = finding["advice"];
+            return advice.empty() ? text : text + "; " + advice;
+        }
         return "";
     }
 };
