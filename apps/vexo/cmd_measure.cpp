@@ -3,7 +3,7 @@
 #include "base/failure.h"
 #include "base/stopwatch.h"
 #include "commands.h"
-#include "host/captures/frames.h"
+#include "host/captures/frame_files.h"
 #include "host/files/output_folder.h"
 #include "host/measurement/measure.h"
 #include "host/reports/measurement_pictures.h"
@@ -26,8 +26,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     record_of(
         o.request, choice.method, o.files.decoded, periods_said_in(o.files.folder)); // refuses what nothing can be
     OutputFolder out(o.out, { "measure", { "report.json" }, { "compare" }, false, global.force });
-    for (const std::string& pictures : { o.files.cam0, o.files.cam1 })
-        out.stay_out_of(find_frames(pictures));
+    out.stay_out_of(all_pictures(o.files));
 
     constexpr int other_steps = 3;
     Progress progress(global, measure_steps + other_steps);

@@ -13,6 +13,7 @@ namespace vexo::app {
 
 struct MeasureOptions {
     CaptureFiles files;
+    FrameOptions frames;
     std::string out, disparity, depth; ///< the ranges as typed
     std::vector<std::string> calib;
     StereoCameraParam camera;
