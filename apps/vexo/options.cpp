@@ -122,6 +122,12 @@ void add_force(CLI::App& command, GlobalOptions& options)
     command.add_flag("--force", options.force, "replace files of these names that others wrote or changed");
 }
 
+void add_unit(CLI::App& command, std::string& unit)
+{
+    command.add_option("--unit", unit, "of the calibration's lengths: um, mm, cm, m or in (default: as its file says)")
+        ->check(CLI::IsMember({ "um", "mm", "cm", "m", "in" }));
+}
+
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names)
 {
     for (const std::string& name : names)

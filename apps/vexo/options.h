@@ -25,6 +25,9 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
 /// Gives a command that writes files the option --force.
 void add_force(CLI::App& command, GlobalOptions& options);
 
+/// Gives a command that opens a calibration the option --unit.
+void add_unit(CLI::App& command, std::string& unit);
+
 /// One line for each file that commit() left alone.
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names);
 

@@ -104,7 +104,9 @@ Json make_report(
     report["made_from"]
         = { { "cam0", hashes_of(capture.frames.paths[0]) }, { "cam1", hashes_of(capture.frames.paths[1]) },
               { "calibration", hashes_of(stereo.files) }, { "parameters", hash_of(report["parameters"]) } };
-    report["unit"] = nullptr; // of lengths; the calibration files do not say it yet
+    report["unit"] = stereo.notes.unit.name;
+    report["unit_stated"] = stereo.notes.unit.stated;
+    report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
     if (m.method() == Method::gray_phase)
