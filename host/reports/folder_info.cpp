@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/text.h"
+#include "host/cameras/calibration_notes.h"
 #include "host/cameras/camera_file.h"
 #include "host/cameras/rectification.h"
 #include "host/captures/frames.h"
@@ -93,7 +94,10 @@ void add_cameras(const InfoRequest& o, Json& info)
 {
     const std::string file = (fs::path(o.file) / "cameras.yaml").string();
     const auto cameras = read_cameras({ file });
-    info["unit"] = "mm";
+    const CalibrationNotes notes = read_notes({ file });
+    info["unit"] = notes.unit.name;
+    info["unit_stated"] = notes.unit.stated;
+    if (!notes.verdict.empty()) info["calibration_verdict"] = notes.verdict;
     const Rectification r = rectify(cameras, cameras[0].size, -1.0, 0, cameras[0].size);
     const double depth = o.depth ? 0.5 * (o.depth->first + o.depth->second) : depth_of_crossing(cameras);
     if (depth > 0.0)
@@ -106,7 +110,7 @@ void add_result(const InfoRequest& o, Json& info)
 {
     const Result result = read_result(o.file);
     const Json& report = result.report;
-    for (const char* key : { "method", "unit", "verdict" })
+    for (const char* key : { "method", "unit", "unit_stated", "calibration_verdict", "verdict" })
         if (report.contains(key)) info[key] = report[key];
     const Json::json_pointer middle("/depth/q50");
     const bool measured = report.contains(middle) && report[middle].is_number();
@@ -151,20 +155,23 @@ std::vector<std::string> folder_lines(const Json& info)
         what.resize(std::max<std::size_t>(what.size() + 1, 18), ' ');
         lines.push_back(what + text);
     };
-    const std::string unit
-        = info.contains("unit") && info["unit"].is_string() ? " " + info["unit"].get<std::string>() : "";
-    const auto length = [&](const Json& value, int decimals) { return number(value.get<double>(), decimals) + unit; };
+    const std::string name = text_in(info, "unit", "");
+    const Unit unit = name.empty() ? Unit {} : unit_named(name, "");
+    const auto length = [&](const Json& value, int decimals) { return unit.length(value.get<double>(), decimals); };
     add("kind", info["kind"]);
     add("whole", whole_in_words(info));
-    for (const char* key : { "method", "verdict" })
-        if (info.contains(key)) add(key, info[key]);
+    if (!name.empty()) add("unit", name + (info.value("unit_stated", false) ? "" : " (assumed: nothing says it)"));
+    for (const auto& [key, what] :
+        { std::pair("method", "method"), { "calibration_verdict", "calibration" }, { "verdict", "verdict" } })
+        if (info.contains(key) && info[key].is_string()) add(what, info[key]);
     if (info.contains("pictures")) add("pictures", info["pictures"][0].dump() + " and " + info["pictures"][1].dump());
     if (info.contains("points")) add("points", grouped(info["points"].get<long long>()));
     if (info.contains("baseline")) add("baseline", length(info["baseline"], 2));
     if (info.contains("depth")) {
         add("at depth", length(info["depth"], 1));
         add("  field of view",
-            number(info["field_of_view"][0].get<double>(), 1) + " x " + length(info["field_of_view"][1], 1));
+            number(info["field_of_view"][0].get<double>(), unit.decimals(1)) + " x "
+                + length(info["field_of_view"][1], 1));
         add("  a pixel is", length(info["per_px"], 4) + " wide");
         add("  0.1 px are", length(info["depth_of_a_tenth_px"], 4) + " of depth");
     }

@@ -38,6 +38,7 @@ TEST_F(ExitCodes, StandInTheHelpOfEachCommandWhichFits100Columns)
     while (line != "Subcommands:" && std::getline(commands, line)) { }
     int count = 0;
     for (; std::getline(commands, line) && !line.empty(); ++count) {
+        if (line[2] == ' ') continue; // goes on
         const std::string command = line.substr(2, line.find(' ', 2) - 2);
         const std::string help = run(command + " --help").out;
         EXPECT_NE(help.find("75 temporary"), std::string::npos) << command;

@@ -57,12 +57,12 @@ TEST(Info, TellsTheKindOfEachFileTheLibraryWritesAndItsFigures)
 TEST(Info, SaysWhatAFolderIsWhetherItIsWholeAndWhatItsCamerasSee)
 {
     const program::Folder work;
-    ASSERT_EQ(program::run(work, "simulate plane --size 160x128 --quiet --out " + work / "scan").code, 0);
+    ASSERT_EQ(program::run(work, "simulate plane --size 320x256 --quiet --out " + work / "scan").code, 0);
     ASSERT_EQ(program::run(work, "measure --quiet " + work / "scan --out " + work / "result").code, 0);
     Json info = Json::parse(program::run(work, "info --json " + work / "scan").out);
     EXPECT_EQ(info["whole"], true);
     EXPECT_NEAR(info["depth"].get<double>(), 600, 15); // the rig looks at the plane's middle, 600 mm away
-    EXPECT_NEAR(info["field_of_view"][0].get<double>(), 160 * info["per_px"].get<double>(), 1e-6);
+    EXPECT_NEAR(info["field_of_view"][0].get<double>(), 320 * info["per_px"].get<double>(), 1e-6);
     info = Json::parse(program::run(work, "info --json " + work / "result").out);
     EXPECT_EQ(info["kind"], "result of a measurement");
     EXPECT_GT(info["expected_sigma"].get<double>(), 0.0);
