@@ -18,6 +18,15 @@ namespace vexo::app {
 
 namespace {
 
+/// The calibration; the capture's manifest says its unit where neither option nor files do.
+Stereo open_calibration(const MeasureOptions& o, const Capture& capture)
+{
+    Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
+    if (!stereo.notes.unit.stated && capture.manifest && !capture.manifest->unit.empty())
+        return open_stereo(o.calib, o.camera, capture.manifest->unit);
+    return stereo;
+}
+
 void run(const GlobalOptions& global, MeasureOptions o)
 {
     complete(o);
@@ -35,7 +44,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Capture capture = read_capture(o.files, choice);
     o.camera.inp_width = capture.frames.size.width;
     o.camera.inp_height = capture.frames.size.height;
-    const Stereo stereo = open_stereo(o.calib, o.camera);
+    const Stereo stereo = open_calibration(o, capture);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
     if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));

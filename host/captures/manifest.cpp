@@ -95,10 +95,10 @@ private:
 
     void _unit(const Json& v)
     {
-        const std::array<const char*, 5> units { "um", "mm", "cm", "m", "inch" };
+        const std::array<const char*, 5> units { "um", "mm", "cm", "m", "in" };
         if (v.is_string()) _manifest.unit = v.get<std::string>();
         _refuse_unless(std::find(units.begin(), units.end(), _manifest.unit) != units.end(), "unit",
-            "must be um, mm, cm, m or inch");
+            "must be um, mm, cm, m or in");
     }
 
     void _inverted(const Json& v)

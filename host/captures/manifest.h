@@ -17,7 +17,7 @@ struct Manifest {
     std::vector<int> periods;          ///< of the fringes, projector px; empty: not said
     std::optional<int> bits;           ///< of the grey values
     std::optional<double> exposure_ms; ///< of each frame
-    std::string unit;                  ///< of the lengths of calibration and result; empty: not said
+    std::string unit;                  ///< of the calibration's lengths; empty: not said
     bool inverted_code = false;        ///< the planes of the gray code are bright where they say 0
     /// [camera][frame of the method]: path of the file, "" for a frame that was not recorded; empty: not said
     std::array<std::vector<std::string>, 2> frames;

@@ -208,6 +208,8 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     m.record = record_of(request, capture.method(), capture.files.decoded, capture.periods);
     m.geometry = stereo.geometry;
     m.baseline = stereo.camera->get_baseline_length();
+    m.unit = stereo.notes.unit;
+    m.findings = judge_calibration(stereo);
     Stopwatch clock;
     m.texture = rectified(*stereo.camera, lit_frame(work, 0), 0);
     m.rectify_seconds = clock.lap();

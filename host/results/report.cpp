@@ -113,8 +113,12 @@ Json make_report(
     report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
         { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
         { "parameters", hash_of(report["parameters"]) } };
+    if (capture.manifest && capture.manifest->exposure_ms)
+        report["input"]["exposure_ms"] = *capture.manifest->exposure_ms;
     if (capture.manifest) report["made_from"]["capture"] = hashes_of({ capture.manifest->path });
-    report["unit"] = nullptr; // of lengths; the calibration files do not say it yet
+    report["unit"] = stereo.notes.unit.name;
+    report["unit_stated"] = stereo.notes.unit.stated;
+    report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
     if (m.method() == Method::gray_phase)
