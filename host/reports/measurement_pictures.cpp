@@ -74,7 +74,7 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
     const auto texture_view = [&] {
         cv::Mat grey;
         m.texture.convertTo(grey, CV_32F);
-        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]"));
+        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]", Ramp::Grey));
     };
     const auto valid_view = [&] {
         const std::vector<Label> legend = counted_legend(m.causes, m.method());
