@@ -36,7 +36,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Capture capture = read_capture(o.files, choice);
     o.camera.inp_width = capture.frames.size.width;
     o.camera.inp_height = capture.frames.size.height;
-    const Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
+    const Stereo stereo = open_typed(o.calib, o.camera);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
     if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
