@@ -14,6 +14,7 @@ namespace vexo::app {
 
 struct MeasureOptions {
     CaptureFiles files;
+    FrameOptions frames;
     std::string out, disparity, depth; ///< the ranges as typed
     TypedCalibration calib;
     StereoCameraParam camera;

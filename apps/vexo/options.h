@@ -1,8 +1,10 @@
 #pragma once
 
+#include "host/captures/choose_method.h"
 #include "terminal.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,6 +42,18 @@ std::pair<double, double> parse_pair(const std::string& text, char between, cons
 /// So many finite numbers with that character between them; throws Failure naming `option` and its `form` otherwise.
 std::vector<double> parse_numbers(
     const std::string& text, char between, std::size_t count, const std::string& option, const std::string& form);
+
+/// Which recorded frames are which, and how many bits they have, of commands that read captures.
+struct FrameOptions {
+    std::string order; ///< as typed
+    std::optional<int> bits;
+};
+
+/// Gives a command --order and --bits.
+void add_frame_options(CLI::App& command, FrameOptions& options);
+
+/// Puts what was typed into `files`. Throws UsageFailure.
+void complete_frames_of(const FrameOptions& options, CaptureFiles& files);
 
 /// Throws Failure with `why` for the first of the options that was given.
 void reject(const std::vector<CLI::Option*>& options, const std::string& why);
