@@ -13,8 +13,10 @@ namespace vexo::app {
 
 struct MeasureOptions {
     CaptureFiles files;
+    FrameOptions frames;
     std::string out, disparity, depth; ///< the ranges as typed
     std::vector<std::string> calib;
+    std::string unit; ///< of the calibration; empty: as its files say
     StereoCameraParam camera;
     int steps = 4;
     bool accept_verdict = false; ///< exit code 0 whatever the findings say

@@ -8,7 +8,6 @@
 #include "host/measurement/disparity_range.h"
 
 #include <cmath>
-#include <filesystem>
 #include <utility>
 
 namespace vexo {
@@ -160,8 +159,9 @@ void judge_frames(Work& w)
     std::array<std::vector<Finding>, 2> found;
     in_parallel(2, [&](std::size_t camera) {
         std::vector<std::string> names;
-        for (const std::string& path : w.capture.frames.paths[camera])
-            names.push_back(std::filesystem::path(path).filename().string());
+        const std::vector<std::string>& paths = w.capture.frames.paths[camera];
+        for (std::size_t k = 0; k < paths.size(); ++k)
+            names.push_back(name_of_frame(paths[k], k));
         found[camera] = judge_frames_of(
             w.capture.frames.frames[camera], { w.m.method(), w.m.periods() }, static_cast<int>(camera), names);
     });
@@ -214,6 +214,8 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     m.record = record_of(request, capture.method(), capture.files.decoded, capture.periods);
     m.geometry = stereo.geometry;
     m.baseline = stereo.camera->get_baseline_length();
+    m.unit = stereo.notes.unit;
+    m.findings = judge_calibration(stereo);
     Stopwatch clock;
     m.texture = rectified(*stereo.camera, lit_frame(work, 0), 0);
     m.rectify_seconds = clock.lap();
@@ -223,6 +225,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     make_maps(m);
     clock.lap();
+    m.findings = capture.frames.notes;
     judge_frames(work);
     judge_result(work);
     m.checks_seconds = clock.lap();

@@ -24,7 +24,8 @@ struct Measured {
     Choice choice;
     MatchingRecord record;
     Geometry geometry;     ///< of rectified camera 0
-    double baseline = 0.0; ///< in the unit of the calibration
+    double baseline = 0.0; ///< in `unit`
+    Unit unit;             ///< of every length
     std::array<PixelMasks, 2> masks;
     std::array<std::vector<FringeFigures>, 2> fringes; ///< of each camera, one for each period
     RunLengths runs;
@@ -36,7 +37,7 @@ struct Measured {
     CauseMap causes;
     cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
     RowError rows;
-    std::vector<Finding> findings; ///< of the frames (fringes, not decoded) and of the rows; one "rows" at least
+    std::vector<Finding> findings; ///< of calibration, frames (fringes, not decoded) and rows; one "rows" at least
     StageTimes times;
     double rectify_seconds = 0.0, first_pass_seconds = 0.0, causes_seconds = 0.0;
     double checks_seconds = 0.0; ///< of what the findings cost

@@ -59,7 +59,8 @@ void add_pictures(OutputFolder& out, const CameraFigures& f, std::size_t camera)
         "modulation" + end, encode(".png", false_colour(f.modulation_map, 0, bright, "modulation" + of + " [grey]")));
     const double wide = std::clamp(4 * f.residual_rms, 2.0, 40.0);
     out.add("residual" + end,
-        encode(".png", false_colour(f.residual_map, -wide, wide, "residual (I0+I2-I1-I3)/4" + of + " [grey]")));
+        encode(".png",
+            false_colour(f.residual_map, -wide, wide, "residual (I0+I2-I1-I3)/4" + of + " [grey]", Ramp::Signed)));
 }
 
 /// Rounded to five decimals; JSON has no NaN.
@@ -106,6 +107,7 @@ Json capture_json(const Checked& checked)
 {
     Json json { { "verdict", capture_verdict(checked.findings) }, { "method", name_of(checked.method.method) } };
     if (checked.method.multi()) json["periods"] = checked.method.periods;
+    json["bits"] = checked.bits;
     json["gamma"] = number_or_null(checked.gamma());
     json["findings"] = Json::array();
     for (const Finding& finding : checked.findings)

@@ -17,7 +17,9 @@ std::string range_text(const Measured& m, double low, double high)
 {
     const double a = m.geometry.depth(low), b = m.geometry.depth(high);
     // beyond infinity the depth is negative
-    const auto text = [](double depth) { return depth > 0.0 && depth < 1e7 ? number(depth, 0) : "infinity"; };
+    const auto text = [&m](double depth) {
+        return depth > 0.0 && depth * m.unit.in_mm < 1e7 ? m.unit.length(depth, 0) : "infinity";
+    };
     const bool rising = a > 0.0 && (b < 0.0 || a < b);
     return number(low, 0) + " ... " + number(high, 0) + " (depth " + text(rising ? a : b) + " ... "
         + text(rising ? b : a) + ")";
@@ -98,6 +100,12 @@ void add_causes(std::vector<std::string>& lines, const Measured& m, double total
     }
 }
 
+std::string quantile_text(const Json& q, int decimals)
+{
+    const auto text = [&](const char* key) { return number(q[key].get<double>(), decimals); };
+    return text("q01") + " / " + text("q50") + " / " + text("q99");
+}
+
 /// What most of the lit pixels have. Only when next to nothing is lit is it that: a background is dark in every
 /// capture.
 Cause likeliest_cause(const CauseMap& causes)
@@ -151,19 +159,16 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
     const auto total = static_cast<double>(m.depth.total());
     lines.push_back("method       " + std::string(name_of(m.method())) + " (by " + m.choice.reason + ")");
     lines.push_back(
-        "rig          baseline " + number(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
+        "rig          baseline " + m.unit.length(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
     add_fringes(lines, m);
     const auto [low, high] = disparity_limits(m.record);
     lines.push_back("range        disparity " + range_text(m, low, high) + ", " + m.range_origin);
     lines.push_back("measured     " + grouped(m.cloud.count) + " of " + grouped(static_cast<long long>(total))
         + " pixels (" + percent(m.cloud.count, total) + ")");
     add_causes(lines, m, total);
-    for (const char* what : { "disparity", "depth" }) {
-        const Json& q = report[what];
-        lines.push_back(std::string(what) + (std::string(what) == "depth" ? "        " : "    ")
-            + number(q["q01"].get<double>(), 2) + " / " + number(q["q50"].get<double>(), 2) + " / "
-            + number(q["q99"].get<double>(), 2) + " (1 / 50 / 99 %)");
-    }
+    lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
+    lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
+        + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
     const auto lost = static_cast<double>(m.causes[Cause::disparity]);
     if (lost > 0.01 * (m.cloud.count + lost))
         lines.push_back("note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside "
