@@ -174,20 +174,26 @@ const cv::Mat& lit_frame(const Work& w, std::size_t camera)
     return w.capture.frames.frames[camera][w.m.method() == Method::sgbm ? 0 : 1];
 }
 
+/// Of the camera whose is larger.
+double noise_of(const Work& w)
+{
+    return std::max(grey_noise(lit_frame(w, 0)), grey_noise(lit_frame(w, 1)));
+}
+
 /// The same frames with the cameras exchanged: when their rows fit, that is what happened.
 bool fits_exchanged(const Work& w)
 {
     if (w.m.method() == Method::sgbm) return false; // it matches something in any two pictures
     const Cloud cloud = match(w.camera(), { w.frames[1], w.frames[0] }, lift_disparity(w.m.record), false);
     return test_rows(rectified(w.camera(), lit_frame(w, 1), 0), rectified(w.camera(), lit_frame(w, 0), 1),
-        disparity_map(cloud, w.m.geometry))
+        disparity_map(cloud, w.m.geometry), noise_of(w))
         .fits();
 }
 
 void judge_result(Work& w)
 {
     Measured& m = w.m;
-    m.rows = test_rows(m.texture, rectified(w.camera(), lit_frame(w, 1), 1), m.disparity);
+    m.rows = test_rows(m.texture, rectified(w.camera(), lit_frame(w, 1), 1), m.disparity, noise_of(w));
     const bool suspect = m.rows.tested() && !m.rows.fits();
     m.findings.push_back(judge_rows(m.rows, suspect && fits_exchanged(w)));
 }

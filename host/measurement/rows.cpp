@@ -22,8 +22,12 @@ constexpr int reach = 8; ///< px, the largest shift along y
 
 constexpr double most_windows = 1500; ///< on the grid: enough for a median to 0.01 px, in some 20 ms
 
-/// Grey levels, standard deviation along y: three times what the noise of an ordinary camera leaves after smoothing.
+/// Grey levels, standard deviation along y: shading alone has as much.
 constexpr double least_texture = 3.0;
+
+/// Rectification and smoothing leave 0.3 of a grey value's noise. Texture of three times that, and it, correlate by
+/// 0.9.
+constexpr double least_texture_per_noise = 0.95;
 
 /// Right windows of textured surfaces correlate by 0.9 and more, wrong ones seldom by more than a half.
 constexpr double least_correlation = 0.8;
@@ -62,6 +66,7 @@ cv::Mat structure_along_y(const cv::Mat& picture)
 struct Pictures {
     cv::Mat left, right; ///< structure along y
     cv::Mat disparity;
+    double least_texture = 0; ///< grey levels
 
     /// Camera 1 where camera 0 sees (x, y), by the disparity there, or by `otherwise` where none was measured.
     std::optional<float> partner(int x, int y, float otherwise) const
@@ -124,7 +129,7 @@ Window compare(const Pictures& p, cv::Point middle)
         = p.disparity(cv::Rect(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1));
     if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return window;
     window.at = middle;
-    window.textured = std::sqrt(squares / static_cast<double>(own.size())) >= least_texture;
+    window.textured = std::sqrt(squares / static_cast<double>(own.size())) >= p.least_texture;
     if (!window.textured) return window;
     std::array<double, 2 * reach + 1> values {};
     for (std::size_t shift = 0; shift < values.size(); ++shift)
@@ -244,9 +249,26 @@ Finding judge_rows(const RowError& e, bool exchanged_fits)
     return { "rows", e.fits() ? Weight::worse : Weight::spoils, "", figures_of(e) + "; " + cause, advice };
 }
 
-RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity)
+double grey_noise(const cv::Mat& picture)
 {
-    const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity };
+    constexpr int rows_looked_at = 64;
+    constexpr double to_sigma = 1 / (0.6745 * 6); // the mask's squares sum to 36
+    const double mean = cv::mean(picture)[0];
+    std::vector<double> rests;
+    for (int y = 1; y + 1 < picture.rows; y += std::max(1, picture.rows / rows_looked_at)) {
+        const uchar *above = picture.ptr(y - 1), *row = picture.ptr(y), *below = picture.ptr(y + 1);
+        for (int x = 1; x + 1 < picture.cols; ++x)
+            if (row[x] >= mean && row[x] < 255)
+                rests.push_back(std::abs(above[x - 1] + above[x + 1] + below[x - 1] + below[x + 1]
+                    - 2 * (above[x] + below[x] + row[x - 1] + row[x + 1]) + 4 * row[x]));
+    }
+    return rests.empty() ? 0 : to_sigma * median(rests);
+}
+
+RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise)
+{
+    const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity,
+        std::max(least_texture, least_texture_per_noise * noise) };
     const std::vector<Window> windows = compare_all(pictures);
     RowError e;
     std::vector<double> shifts;

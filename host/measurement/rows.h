@@ -36,7 +36,12 @@ struct RowError {
 /// normalized cross-correlation).
 /// @param left, right  CV_8U, rectified lit frames of cameras 0 and 1, of one size
 /// @param disparity    CV_32F, of that size, x0 - x1 in px, NaN where nothing was measured
-RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity);
+/// @param noise        of the frames as recorded, grey levels: weaker texture than it allows is none
+RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise);
+
+/// Standard deviation of the grey values where a picture is brighter than its mean and not saturated, from what a
+/// Laplacian mask leaves; its median, which edges do not move. Immerkaer 1996, Fast noise variance estimation.
+double grey_noise(const cv::Mat& picture);
 
 /// What it means, as one finding "rows": good, unknown (no texture to test by: never good), worse or spoils. The
 /// limits stand with their reasons in the source.
