@@ -81,7 +81,7 @@ std::string cameras_yaml(const Rig& rig)
         cv::write(storage, name + "_P", cv::Mat(camera.K * pose));
         cv::write(storage, name + "_D", cv::Mat(camera.D, true).reshape(1, 1));
     }
-    return storage.releaseAndGetString();
+    return storage.releaseAndGetString() + "unit: mm\n"; // last, since the first key names a nameless camera
 }
 
 int capture_steps(const Pattern& pattern)

@@ -1,4 +1,5 @@
 #include "base/failure.h"
+#include "base/text.h"
 #include "commands.h"
 #include "host/calibration/board_preset.h"
 #include "host/calibration/board_sheet.h"
@@ -79,6 +80,10 @@ void run(BoardOptions o, const GlobalOptions& options)
     say(options,
         o.out + ": " + describe(board) + ", on a page of " + short_number(page.width) + " x "
             + short_number(page.height) + " mm");
+    const cv::Size2d widths = fitting_widths(board.layout);
+    say(options,
+        "It is for pictures that show " + number(widths.width, 0) + " to " + number(widths.height, 0)
+            + " mm of width (1280 px); --preset A3 is larger, coarse has larger discs.");
     say(options, yaml + ": its parameters, for --board of the other commands");
     say(options, "Print it at 100 %, then measure both rulers: 0 to 100 must be 100 mm apart.");
     const BoardLayout& b = board.layout;

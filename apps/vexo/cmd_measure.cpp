@@ -36,7 +36,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Capture capture = read_capture(o.files, choice);
     o.camera.inp_width = capture.frames.size.width;
     o.camera.inp_height = capture.frames.size.height;
-    const Stereo stereo = open_stereo(o.calib, o.camera);
+    const Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
     if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
@@ -69,7 +69,9 @@ void add_measure(CLI::App& app, GlobalOptions& global)
     finish_command(*cmd, global,
         "vexo measure scan --out result --depth 500:700\n"
         "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it\n"
-        "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured",
+        "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured\n"
+        "  no check sees a camera that turned about the vertical axis (yaw), or a wrong baseline: measure a body of\n"
+        "  known size from time to time",
         [o, &global] { run(global, *o); });
 }
 

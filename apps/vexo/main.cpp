@@ -1,4 +1,5 @@
 #include "commands.h"
+#include "options.h"
 #include "signals.h"
 #include "terminal.h"
 #include "vexo/version.h"
@@ -43,6 +44,7 @@ int run(int argc, char** argv)
     CLI::App app("vexo: structured-light 3D, from camera frames to metric point clouds", "vexo");
     app.set_version_flag("--version", VEXO_VERSION_STRING);
     app.require_subcommand(1);
+    vexo::app::use_narrow_help(app); // and of all commands, which inherit it
     app.footer("Example:\n  vexo simulate bust --out scan && vexo measure scan --out result && "
                "vexo compare result scan\n\nvexo COMMAND --help lists the options of a command.");
     vexo::app::GlobalOptions options;

@@ -92,6 +92,7 @@ void declare(CLI::App& command, MeasureOptions& o)
         .add_option("--calib", o.calib,
             "calibration: one YAML file of both cameras, two of one each, or the three files of an hmat set")
         ->expected(1, 3);
+    add_unit(command, o.unit);
     command.add_option("--cam0", o.files.cam0, "pictures of camera 0: a folder, or a pattern such as 'left_*.png'");
     command.add_option("--cam1", o.files.cam1, "pictures of camera 1");
     command.add_option("--alpha", o.camera.alpha, "rectification: 0 only valid pixels, 1 all, -1 OpenCV's default")

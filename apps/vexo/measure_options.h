@@ -15,6 +15,7 @@ struct MeasureOptions {
     CaptureFiles files;
     std::string out, disparity, depth; ///< the ranges as typed
     std::vector<std::string> calib;
+    std::string unit; ///< of the calibration; empty: as its files say
     StereoCameraParam camera;
     int steps = 4;
     bool accept_verdict = false; ///< exit code 0 whatever the findings say

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <filesystem>
 #include <locale>
+#include <memory>
 #include <sstream>
 
 #include <omp.h>
@@ -61,6 +62,28 @@ bool is_whole(const CLI::Option& option)
     return type.compare(0, 3, "INT") == 0 || type.compare(0, 4, "UINT") == 0;
 }
 
+/// Help of at most 100 columns: what is longer goes on below its description.
+class NarrowHelp : public CLI::Formatter {
+public:
+    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override
+    {
+        std::istringstream lines(CLI::Formatter::make_help(app, std::move(name), mode));
+        std::string text;
+        for (std::string line; std::getline(lines, line); text += line + "\n")
+            while (line.size() > widest) {
+                const std::size_t indent = line[0] == ' ' ? get_column_width() : 0;
+                const std::size_t space = line.rfind(' ', widest);
+                if (space == std::string::npos || space <= indent) break;
+                text += line.substr(0, space) + "\n";
+                line = std::string(indent, ' ') + line.substr(space + 1);
+            }
+        return text;
+    }
+
+private:
+    static constexpr std::size_t widest = 100;
+};
+
 /// The whole text as a finite number, whatever the locale.
 bool read_number(const std::string& text, double& value)
 {
@@ -70,6 +93,11 @@ bool read_number(const std::string& text, double& value)
 }
 
 } // namespace
+
+void use_narrow_help(CLI::App& app)
+{
+    app.formatter(std::make_shared<NarrowHelp>());
+}
 
 void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run)
 {
@@ -92,6 +120,12 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
 void add_force(CLI::App& command, GlobalOptions& options)
 {
     command.add_flag("--force", options.force, "replace files of these names that others wrote or changed");
+}
+
+void add_unit(CLI::App& command, std::string& unit)
+{
+    command.add_option("--unit", unit, "of the calibration's lengths: um, mm, cm, m or in (default: as its file says)")
+        ->check(CLI::IsMember({ "um", "mm", "cm", "m", "in" }));
 }
 
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names)

@@ -15,12 +15,18 @@ class Option;
 /// Options of commands, and their texts made into numbers.
 namespace vexo::app {
 
+/// Lets the help of `app`, and of the commands that are added from now on, fit 100 columns.
+void use_narrow_help(CLI::App& app);
+
 /// Gives `command` the options --json, --quiet and --threads, and `run` as its work.
 /// @param example  command line to paste, and what it does; ends the command's --help
 void finish_command(CLI::App& command, GlobalOptions& options, const std::string& example, std::function<void()> run);
 
 /// Gives a command that writes files the option --force.
 void add_force(CLI::App& command, GlobalOptions& options);
+
+/// Gives a command that opens a calibration the option --unit.
+void add_unit(CLI::App& command, std::string& unit);
 
 /// One line for each file that commit() left alone.
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names);

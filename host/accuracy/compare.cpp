@@ -1,6 +1,7 @@
 #include "host/accuracy/compare.h"
 
 #include "base/failure.h"
+#include "host/cameras/unit.h"
 #include "host/clouds/sphere_fit.h"
 
 #include <cmath>
@@ -54,12 +55,23 @@ Json compare_balls(const Errors& e, const Truth& t)
     return result;
 }
 
+/// The truth is in mm.
+Result in_mm(Result r)
+{
+    const double factor = unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit").in_mm;
+    r.baseline *= factor;
+    for (cv::Point3f& point : r.cloud)
+        point *= factor;
+    if (r.predicted_noise) *r.predicted_noise *= factor;
+    return r;
+}
+
 } // namespace
 
 Compared compare(const std::string& result_folder, const std::string& scan_folder, const OnStep& on_step)
 {
     next_step(on_step, "reading the result");
-    const Result r = read_result(result_folder);
+    const Result r = in_mm(read_result(result_folder));
     next_step(on_step, "reading the truth");
     const Truth t = read_truth(scan_folder);
     next_step(on_step, "comparing");

@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/pictures.h"
+#include "host/cameras/calibration_notes.h"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -35,6 +36,9 @@ Truth read_truth(const std::string& folder)
     const auto cameras = read_cameras({ (scan / "cameras.yaml").string() });
     t.camera0 = cameras[0];
     t.camera1 = cameras[1];
+    const double in_mm = read_notes({ (scan / "cameras.yaml").string() }).unit.in_mm;
+    t.camera0.T *= in_mm;
+    t.camera1.T *= in_mm;
     t.depth = read_map((scan / "truth.tiff").string(), CV_32FC1);
     t.visible = read_map((scan / "visible.png").string(), CV_8UC1);
     t.visible1 = read_map((scan / "visible1.png").string(), CV_8UC1);

@@ -20,7 +20,7 @@ namespace {
 // Lengths of the page, mm.
 constexpr double unprintable = 5.0; ///< along the edges of the paper, for most printers
 
-constexpr double strip = 6.0; ///< below the board: the ruler along x
+constexpr double strip = 8.0; ///< below the board: the ruler along x and its figures
 
 constexpr double side = 44.0; ///< right of the board: the ruler along y, and the words
 
@@ -31,8 +31,6 @@ constexpr double line_width = 0.2;
 constexpr double typeface = 2.6;
 
 constexpr double line_distance = 4.1;
-
-constexpr double text_grey = 0.78; ///< 1 is white: well above the threshold between paper and ink
 
 constexpr double points_per_mm = 72.0 / 25.4;
 
@@ -65,19 +63,47 @@ void add_ruler(Sheet& sheet, cv::Point2d start, bool vertical)
     bar(-0.5 * line_width, ruler_length + line_width, 0.0, line_width);
     for (int mm = 0; mm <= static_cast<int>(ruler_length); ++mm)
         bar(mm - 0.5 * line_width, line_width, 0.0, mm % 10 == 0 ? 4.2 : mm % 5 == 0 ? 2.8 : 1.6);
+    const double size = 0.7 * typeface;
+    for (int mm = 0; mm <= static_cast<int>(ruler_length); mm += 10) {
+        const std::string figure = std::to_string(mm);
+        const double half = 0.28 * size * static_cast<double>(figure.size()); // of the figure's width
+        const cv::Point2d at = vertical ? cv::Point2d(4.6, mm + 0.35 * size) : cv::Point2d(mm - half, 4.6 + 0.7 * size);
+        sheet.texts.push_back({ start + at, size, figure });
+    }
+}
+
+/// The letters of the three rings, in the margin: O and X below their columns, O and Y left of their rows. Inside the
+/// board they would touch the discs.
+void name_rings(Sheet& sheet, const BoardFile& board, cv::Size2d page)
+{
+    const BoardLayout& b = board.layout;
+    const cv::Rect2d paper = board_paper(b);
+    const double size = std::min(typeface, 0.6 * b.margin_mm);
+    const auto below = [&](cv::Point2d ring) {
+        return on_page(board, page, { ring.x, paper.y }) + cv::Point2d(-0.38 * size, -0.3);
+    };
+    const auto beside = [&](cv::Point2d ring) {
+        return on_page(board, page, { paper.x, ring.y }) + cv::Point2d(0.3, 0.36 * size);
+    };
+    sheet.texts.push_back({ below({ 0.0, 0.0 }), size, "O" });
+    sheet.texts.push_back({ below({ 2.0 * b.pitch_mm, 0.0 }), size, "X" });
+    sheet.texts.push_back({ beside({ 0.0, 0.0 }), size, "O" });
+    sheet.texts.push_back({ beside({ 0.0, b.pitch_mm }), size, "Y" });
 }
 
 void add_words(Sheet& sheet, const BoardFile& board, cv::Point2d at)
 {
     const BoardLayout& b = board.layout;
+    const cv::Size2d widths = fitting_widths(b);
     const std::string lines[]
         = { "vexo calibration board", std::to_string(b.columns) + " x " + std::to_string(b.rows) + " markers",
               "pitch " + short_number(b.pitch_mm) + " mm", "discs " + short_number(b.diameter_mm) + " mm",
               "holes " + short_number(b.hole_mm) + " mm",
-              "origin " + std::to_string(b.origin_x) + ", " + std::to_string(b.origin_y), "", "Print at 100 %,",
-              "not fitted to the page.", "Mount it on a flat,", "stiff plate.", "", "Measure both rulers,",
-              "0 to 100. Not 100 mm?", "vexo calibrate", "--ruler-x --ruler-y", "correct for it.", "",
-              "Parameters also in", "board.yaml" };
+              "origin " + std::to_string(b.origin_x) + ", " + std::to_string(b.origin_y), "", "For pictures that show",
+              number(widths.width, 0) + " to " + number(widths.height, 0) + " mm of", "width (1280 px).", "",
+              "Print at 100 %,", "not fitted to the page.", "Mount it on a flat,", "stiff plate.", "",
+              "Measure both rulers,", "0 to 100. Not 100 mm?", "vexo calibrate", "--ruler-x --ruler-y",
+              "correct for it.", "", "Parameters also in", "board.yaml" };
     for (const std::string& line : lines) {
         if (!line.empty()) sheet.texts.push_back({ at, typeface, line });
         at.y += line_distance;
@@ -115,7 +141,6 @@ void draw(HPDF_Doc document, HPDF_Page page, const Sheet& sheet)
         HPDF_Page_Fill(page);
     }
     const HPDF_Font font = HPDF_GetFont(document, "Helvetica", nullptr);
-    HPDF_Page_SetGrayFill(page, static_cast<HPDF_REAL>(text_grey));
     HPDF_Page_BeginText(page);
     for (const Sheet::Text& text : sheet.texts) {
         HPDF_Page_SetFontAndSize(page, font, points(text.size_mm));
@@ -182,7 +207,7 @@ void draw(cv::Mat& picture, const Sheet& sheet, double px_per_mm)
         const double scale = 0.7 * text.size_mm * px_per_mm / capital_px;
         const cv::Point at(static_cast<int>(std::lround(text.left_mm.x * px_per_mm)),
             static_cast<int>(std::lround(text.left_mm.y * px_per_mm)));
-        cv::putText(picture, text.text, at, cv::FONT_HERSHEY_SIMPLEX, scale, cv::Scalar(255 * text_grey),
+        cv::putText(picture, text.text, at, cv::FONT_HERSHEY_SIMPLEX, scale, cv::Scalar(0),
             std::max(1, static_cast<int>(std::lround(2 * scale))), cv::LINE_AA);
     }
 }
@@ -230,6 +255,12 @@ cv::Point2d on_page(const BoardFile& board, cv::Size2d page_mm, cv::Point2d poin
     return { corner.x + point.x - paper.x, corner.y + paper.y + paper.height - point.y };
 }
 
+cv::Size2d fitting_widths(const BoardLayout& board)
+{
+    constexpr double least_disc_px = 16.0, picture_px = 1280.0;
+    return { board_paper(board).width, board.diameter_mm * picture_px / least_disc_px };
+}
+
 Sheet make_sheet(const BoardFile& board, cv::Size2d page_mm)
 {
     Sheet sheet { page_mm, {}, {}, {} };
@@ -241,11 +272,12 @@ Sheet make_sheet(const BoardFile& board, cv::Size2d page_mm)
     const cv::Point2d corner = place(paper, board.layout.margin_mm, page_mm);
     const cv::Point2d below(std::max(corner.x, unprintable) + 1.0, corner.y + paper.height + 0.5);
     add_ruler(sheet, below, false);
-    sheet.texts.push_back({ below + cv::Point2d(ruler_length + 2.0, 3.2), typeface, "100 mm, ruler x" });
+    sheet.texts.push_back({ below + cv::Point2d(ruler_length + 5.0, 3.2), typeface, "100 mm, ruler x" });
     const cv::Point2d beside(corner.x + paper.width + 1.5, std::max(corner.y, unprintable) + 5.0);
     add_ruler(sheet, beside, true);
     sheet.texts.push_back({ beside + cv::Point2d(0.0, -2.0), typeface, "100 mm, ruler y" });
-    add_words(sheet, board, beside + cv::Point2d(8.0, 5.0));
+    add_words(sheet, board, beside + cv::Point2d(9.0, 5.0));
+    name_rings(sheet, board, page_mm);
     return sheet;
 }
 
@@ -280,11 +312,9 @@ std::string sheet_as_svg(const Sheet& sheet)
     for (const Sheet::Bar& bar : sheet.bars)
         svg += "<rect x=\"" + mm(bar.x) + "\" y=\"" + mm(bar.y) + "\" width=\"" + mm(bar.width) + "\" height=\""
             + mm(bar.height) + "\"/>\n";
-    const std::string grey = number(100.0 * text_grey, 0) + "%";
     for (const Sheet::Text& text : sheet.texts)
         svg += "<text x=\"" + mm(text.left_mm.x) + "\" y=\"" + mm(text.left_mm.y) + "\" font-size=\"" + mm(text.size_mm)
-            + "\" font-family=\"Helvetica, Arial, sans-serif\" fill=\"rgb(" + grey + "," + grey + "," + grey + ")\">"
-            + text.text + "</text>\n";
+            + "\" font-family=\"Helvetica, Arial, sans-serif\">" + text.text + "</text>\n";
     return svg + "</svg>\n";
 }
 

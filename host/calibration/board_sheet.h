@@ -20,7 +20,7 @@ struct Sheet {
     };
     /// A black bar, along the page's axes.
     using Bar = cv::Rect2d;
-    /// A line of letters. Grey, and so light that it counts as paper: a black 0 is a ring to the recogniser.
+    /// A line of black letters, small against the discs: in a photo a 0 is too small for one of the rings.
     struct Text {
         cv::Point2d left_mm; ///< left end of the base line
         double size_mm;      ///< of the typeface; capitals are about 0.7 of it
@@ -37,6 +37,10 @@ struct Sheet {
 /// direction, outside the board's margin, and the board's parameters in words.
 /// Throws Failure when the page is too small, saying how large it must be.
 Sheet make_sheet(const BoardFile& board, cv::Size2d page_mm);
+
+/// Widths of the scene, mm, in pictures of 1280 px for which a board is good: in `width` the paper fills the picture,
+/// in `height` a disc is 16 px wide, which recognition still reads well when it is tilted.
+cv::Size2d fitting_widths(const BoardLayout& board);
 
 /// Board frame to page: where a point of the board lies on the sheet, mm.
 cv::Point2d on_page(const BoardFile& board, cv::Size2d page_mm, cv::Point2d point_in_board_mm);

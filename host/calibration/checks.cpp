@@ -1,6 +1,7 @@
 #include "host/calibration/checks.h"
 
 #include "base/text.h"
+#include "host/cameras/calibration_notes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -249,7 +250,7 @@ std::string question_of(const Finding& finding)
 std::string calibration_verdict(const std::vector<Finding>& findings)
 {
     const Weight worst = heaviest(findings);
-    return worst == Weight::spoils ? "not good enough" : worst == Weight::worse ? "usable" : "good";
+    return worst == Weight::spoils ? bad_calibration : worst == Weight::worse ? usable_calibration : good_calibration;
 }
 
 } // namespace vexo

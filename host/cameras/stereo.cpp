@@ -14,6 +14,10 @@ namespace vexo {
 
 namespace {
 
+/// No rig for structured light has its cameras closer together or farther apart; a baseline in metres that is taken for
+/// mm is nearly always below.
+constexpr double least_baseline_mm = 2.0, most_baseline_mm = 20e3;
+
 Owned<iStereoCamera> open_camera(const std::vector<std::string>& files, const StereoCameraParam& param)
 {
     const int selector = files.size() >= 3 ? 1 : 2;
@@ -38,9 +42,10 @@ Owned<iStereoCamera> open_camera(const std::vector<std::string>& files, const St
 
 } // namespace
 
-Stereo open_stereo(const std::vector<std::string>& files, const StereoCameraParam& param)
+Stereo open_stereo(const std::vector<std::string>& files, const StereoCameraParam& param, const std::string& unit)
 {
-    Stereo stereo { files, param, open_camera(files, param), {}, {} };
+    Stereo stereo { files, param, open_camera(files, param), {}, {}, read_notes(files) };
+    if (!unit.empty()) stereo.notes.unit = unit_named(unit, "--unit");
     stereo.geometry = probe_geometry(*stereo.camera);
     if (files.size() >= 3) return stereo;
     int width = 0, height = 0;
@@ -49,6 +54,24 @@ Stereo open_stereo(const std::vector<std::string>& files, const StereoCameraPara
     stereo.rectifying_rotation
         = rectify(read_cameras(files), input, param.alpha, param.flags, { width, height }).rotation0;
     return stereo;
+}
+
+std::vector<Finding> judge_calibration(const Stereo& stereo)
+{
+    std::vector<Finding> findings;
+    const Unit& unit = stereo.notes.unit;
+    const double baseline = stereo.camera->get_baseline_length(), in_mm = baseline * unit.in_mm;
+    if (in_mm < least_baseline_mm || in_mm > most_baseline_mm)
+        findings.push_back({ "unit", Weight::worse, "calibration",
+            "a baseline of " + number(baseline, 4) + " " + unit.name + (in_mm < least_baseline_mm ? ": metres?" : "?")
+                + (unit.stated ? "" : " No unit is stated, and mm is assumed"),
+            "pass --unit m, or end " + stereo.files.front() + " with the line \"unit: m\", or what the unit is" });
+    const std::string& verdict = stereo.notes.verdict;
+    if (verdict.empty() || verdict == good_calibration) return findings;
+    findings.push_back({ "calibration", verdict == bad_calibration ? Weight::spoils : Weight::worse, "calibration",
+        "vexo calibrate found it " + verdict,
+        "see report.html of the calibration, and calibrate again as its advice says" });
+    return findings;
 }
 
 } // namespace vexo

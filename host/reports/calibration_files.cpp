@@ -1,5 +1,7 @@
 #include "host/reports/calibration_files.h"
 
+#include "host/calibration/checks.h"
+#include "host/cameras/calibration_notes.h"
 #include "host/files/json_file.h"
 #include "host/reports/calibration_json.h"
 #include "host/reports/calibration_page.h"
@@ -12,8 +14,9 @@ namespace fs = std::filesystem;
 
 void add_files(OutputFolder& out, const Calibrated& c, const std::vector<Finding>& findings)
 {
+    const CalibrationNotes notes { unit_named("mm", "board.yaml"), calibration_verdict(findings) };
     for (const auto& [name, bytes] : c.files)
-        out.add(name, bytes);
+        out.add(name, name == "cameras.yaml" ? with_notes(bytes, notes) : bytes);
     out.add("board.yaml", board_yaml(c.board));
     out.add("report.json", json_text(calibration_json(c, findings)));
     out.add("report.html", calibration_html(c, findings));

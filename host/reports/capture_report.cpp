@@ -59,7 +59,8 @@ void add_pictures(OutputFolder& out, const CameraFigures& f, std::size_t camera)
         "modulation" + end, encode(".png", false_colour(f.modulation_map, 0, bright, "modulation" + of + " [grey]")));
     const double wide = std::clamp(4 * f.residual_rms, 2.0, 40.0);
     out.add("residual" + end,
-        encode(".png", false_colour(f.residual_map, -wide, wide, "residual (I0+I2-I1-I3)/4" + of + " [grey]")));
+        encode(".png",
+            false_colour(f.residual_map, -wide, wide, "residual (I0+I2-I1-I3)/4" + of + " [grey]", Ramp::Signed)));
 }
 
 /// Rounded to five decimals; JSON has no NaN.

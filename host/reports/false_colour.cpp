@@ -58,12 +58,25 @@ double tick_distance(double span)
     return power * (lead <= 1.0 ? 1.0 : lead <= 2.0 ? 2.0 : lead <= 5.0 ? 5.0 : 10.0);
 }
 
-cv::Mat colour_table()
+/// From blue over white to red, light to dark on both sides. Source of the five colours: Brewer, RdBu, 2003.
+cv::Vec3b signed_colour(double level)
 {
-    cv::Mat levels(1, 256, CV_8U), colours;
-    for (int i = 0; i < 256; ++i)
+    static const cv::Vec3d colours[] // BGR
+        = { { 97, 48, 5 }, { 195, 147, 67 }, { 255, 255, 255 }, { 77, 96, 214 }, { 31, 0, 103 } };
+    const double at = std::clamp(4.0 * level, 0.0, 4.0);
+    const int below = std::min(3, static_cast<int>(at));
+    return colours[below] + (at - below) * (colours[below + 1] - colours[below]);
+}
+
+cv::Mat colour_table(Ramp ramp)
+{
+    cv::Mat levels(1, 256, CV_8U), colours(1, 256, CV_8UC3);
+    for (int i = 0; i < 256; ++i) {
         levels.at<uchar>(0, i) = static_cast<uchar>(i);
-    cv::applyColorMap(levels, colours, cv::COLORMAP_TURBO);
+        colours.at<cv::Vec3b>(0, i) = ramp == Ramp::Signed ? signed_colour((i - (i > 127 ? 1 : 0)) / 254.0)
+                                                           : cv::Vec3b::all(static_cast<uchar>(i));
+    }
+    if (ramp == Ramp::Rainbow) cv::applyColorMap(levels, colours, cv::COLORMAP_TURBO);
     return colours;
 }
 
@@ -87,13 +100,13 @@ void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv
 
 } // namespace
 
-cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::string& title)
+cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::string& title, Ramp kind)
 {
     if (!(high - low > 1e-9 * std::max(std::abs(low), std::abs(high)))) { // one value, or none at all
         low = std::isfinite(low) ? low - 0.5 : 0.0;
         high = low + 1.0;
     }
-    const cv::Mat colours = colour_table();
+    const cv::Mat colours = colour_table(kind);
     const cv::Vec3b* const ramp = colours.ptr<cv::Vec3b>();
     cv::Mat picture(values.size(), CV_8UC3);
     for (int y = 0; y < values.rows; ++y) {

@@ -5,6 +5,7 @@
 #include "base/plain_yaml.h"
 #include "base/text.h"
 #include "base/whole_file.h"
+#include "host/cameras/calibration_notes.h"
 #include "host/cameras/camera_file.h"
 #include "host/cameras/rectification.h"
 #include "host/files/ply.h"
@@ -119,6 +120,9 @@ Json describe_camera_yaml(const cv::FileStorage& yaml, const InfoRequest& o)
         && std::find(names.begin(), names.end(), "cam1") != names.end();
     if (!pair && o.depth) throw Failure(o.file + ": --depth needs a file of a camera pair, cam0 and cam1");
     if (!pair) return info;
+    const CalibrationNotes notes = read_notes({ o.file });
+    info["unit"] = notes.unit.name + (notes.unit.stated ? "" : " (assumed: the file does not say)");
+    if (!notes.verdict.empty()) info["calibration_verdict"] = notes.verdict;
     const auto cameras = read_cameras({ o.file });
     const Rectification r = rectify(cameras, cameras[0].size, -1.0, 0, cameras[0].size);
     add_rectified(info, r.P0(0, 0), r.baseline, r.P0(0, 2) - r.P1(0, 2), o.depth);

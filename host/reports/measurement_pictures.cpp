@@ -74,7 +74,7 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
     const auto texture_view = [&] {
         cv::Mat grey;
         m.texture.convertTo(grey, CV_32F);
-        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]"));
+        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]", Ramp::Grey));
     };
     const auto valid_view = [&] {
         const std::vector<Label> legend = counted_legend(m.causes, m.method());
@@ -84,9 +84,9 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
     const std::vector<std::pair<const char*, std::function<Bytes()>>> files {
         { "cloud.ply",
             [&] {
-                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit of the calibration");
+                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit " + m.unit.name);
             } },
-        { "depth_view.png", [&] { return png(view_of(m.depth, "depth [mm]")); } },
+        { "depth_view.png", [&] { return png(view_of(m.depth, "depth [" + m.unit.name + "]")); } },
         { "disparity_view.png", [&] { return png(view_of(m.disparity, "disparity [px]")); } },
         { "depth.png", [&] { return png(depth_image(m.depth, step)); } },
         { "texture_view.png", texture_view },

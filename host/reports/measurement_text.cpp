@@ -17,7 +17,9 @@ std::string range_text(const Measured& m, double low, double high)
 {
     const double a = m.geometry.depth(low), b = m.geometry.depth(high);
     // beyond infinity the depth is negative
-    const auto text = [](double depth) { return depth > 0.0 && depth < 1e7 ? number(depth, 0) : "infinity"; };
+    const auto text = [&m](double depth) {
+        return depth > 0.0 && depth * m.unit.in_mm < 1e7 ? m.unit.length(depth, 0) : "infinity";
+    };
     const bool rising = a > 0.0 && (b < 0.0 || a < b);
     return number(low, 0) + " ... " + number(high, 0) + " (depth " + text(rising ? a : b) + " ... "
         + text(rising ? b : a) + ")";
@@ -81,8 +83,11 @@ void add_noise(std::vector<std::string>& lines, const Measured& m)
 void add_findings(std::vector<std::string>& lines, const Measured& m)
 {
     for (const Finding& finding : m.findings) {
-        const bool warns = finding.weight >= Weight::worse, says_rows = finding.weight == Weight::good;
-        lines.push_back((warns ? "warning      " : says_rows ? "rows         " : "note         ") + sentence(finding));
+        std::string label = finding.weight >= Weight::worse ? "warning"
+            : finding.weight == Weight::good                ? finding.name // rows, projector
+                                                            : "note";
+        label.resize(13, ' ');
+        lines.push_back(label + sentence(finding));
     }
 }
 
@@ -98,29 +103,21 @@ void add_causes(std::vector<std::string>& lines, const Measured& m, double total
     }
 }
 
-/// What most of the lit pixels have. Only when next to nothing is lit is it that: a background is dark in every
-/// capture.
-Cause likeliest_cause(const CauseMap& causes)
+std::string quantile_text(const Json& q, int decimals)
 {
-    constexpr double least_lit = 0.01;
-    const auto lit = causes.counts.begin() + static_cast<std::ptrdiff_t>(Cause::contrast) + 1;
-    const auto count = static_cast<double>(std::accumulate(lit, causes.counts.end(), 0LL));
-    const auto dark = static_cast<double>(causes[Cause::contrast]);
-    if (count < least_lit * (count + dark)) return Cause::contrast;
-    return static_cast<Cause>(std::max_element(lit, causes.counts.end()) - causes.counts.begin());
+    const auto text = [&](const char* key) { return number(q[key].get<double>(), decimals); };
+    return text("q01") + " / " + text("q50") + " / " + text("q99");
 }
 
 } // namespace
 
 std::string why_spoilt(const Measured& m)
 {
-    std::string text;
-    for (const Finding& finding : m.findings)
-        if (finding.weight == Weight::spoils) {
-            text = sentence(finding); // rows come last: they speak of the result, the others of its input
-            if (finding.name == "rows") break;
-        }
-    return text.empty() ? "" : "the result cannot be trusted: " + text + "; --accept-verdict takes it all the same";
+    const auto spoils = [](const Finding& finding) { return finding.weight == Weight::spoils; };
+    const auto first = std::find_if(m.findings.begin(), m.findings.end(), spoils); // causes come before what they cause
+    return first == m.findings.end()
+        ? ""
+        : "the result cannot be trusted: " + sentence(*first) + "; --accept-verdict takes it all the same";
 }
 
 std::string why_nothing(const Measured& m)
@@ -132,17 +129,9 @@ std::string why_nothing(const Measured& m)
         return "no pixel of the two pictures matches at disparities " + limits_text(m)
             + "; pass --disparity or --depth, and check that cam0 and cam1 are not swapped";
     const Cause worst = likeliest_cause(m.causes);
-    std::string text = (worst == Cause::contrast ? "no point was measured; most pixels: "
-                                                 : "no point was measured; most lit pixels: ")
-        + std::string(words_of(worst));
-    if (worst == Cause::contrast)
-        text += "; check the exposure and the order of the frames (dark, lit, patterns), or lower --min-contrast";
-    if (worst == Cause::modulation) text += "; check the fringe frames, or lower --min-modulation";
-    if (worst == Cause::unwrapping && m.method() == Method::multi_phase)
-        text += "; check that the fringes have these --periods";
-    else if (worst == Cause::no_partner || worst == Cause::unwrapping || worst == Cause::phase_difference)
-        text += "; check that cam0 and cam1 are not swapped and that the calibration belongs to these cameras";
-    return text;
+    const std::string text = worst == Cause::contrast ? "no point was measured; most pixels: "
+                                                      : "no point was measured; most lit pixels: ";
+    return text + words_of(worst) + "; " + remedy_of(worst, m.method());
 }
 
 std::vector<std::string> summary_lines(const Measured& m, const Json& report)
@@ -151,19 +140,16 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
     const auto total = static_cast<double>(m.depth.total());
     lines.push_back("method       " + std::string(name_of(m.method())) + " (by " + m.choice.reason + ")");
     lines.push_back(
-        "rig          baseline " + number(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
+        "rig          baseline " + m.unit.length(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
     add_fringes(lines, m);
     const auto [low, high] = disparity_limits(m.record);
     lines.push_back("range        disparity " + range_text(m, low, high) + ", " + m.range_origin);
     lines.push_back("measured     " + grouped(m.cloud.count) + " of " + grouped(static_cast<long long>(total))
         + " pixels (" + percent(m.cloud.count, total) + ")");
     add_causes(lines, m, total);
-    for (const char* what : { "disparity", "depth" }) {
-        const Json& q = report[what];
-        lines.push_back(std::string(what) + (std::string(what) == "depth" ? "        " : "    ")
-            + number(q["q01"].get<double>(), 2) + " / " + number(q["q50"].get<double>(), 2) + " / "
-            + number(q["q99"].get<double>(), 2) + " (1 / 50 / 99 %)");
-    }
+    lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
+    lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
+        + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
     const auto lost = static_cast<double>(m.causes[Cause::disparity]);
     if (lost > 0.01 * (m.cloud.count + lost))
         lines.push_back("note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside "

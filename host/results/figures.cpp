@@ -16,23 +16,26 @@ namespace {
 struct Figure {
     const char* name;
     const char* pointer;
-    const char* unit; ///< "mm", "%" (of a share) or ""
+    const char* unit; ///< "mm", "s", "x" (a ratio), "%" (of a share) or ""
     int decimals;
 };
 
 constexpr Figure figures[] = {
     { "points", "/error/points", "", 0 },
     { "coverage of the visible surface", "/coverage/coverage", "%", 2 },
-    { "coverage inside its edges", "/coverage/inner_coverage", "%", 2 },
-    { "rms of the depth error", "/error/rms_without_outliers", "mm", 4 },
+    { "  on whole pixels of both pictures", "/coverage/common_coverage", "%", 2 },
+    { "  away from its edges", "/coverage/inner_coverage", "%", 2 },
+    { "rms of the depth error", "/error/rms", "mm", 4 },
+    { "  without those over 1 mm", "/error/rms_without_outliers", "mm", 4 },
     { "  predicted from the noise", "/predicted_noise", "mm", 4 },
+    { "  measured / predicted", "/rms_over_predicted", "x", 2 },
     { "95 % of the errors below", "/error/p95", "mm", 4 },
     { "bias", "/error/bias", "mm", 4 },
     { "wrong by more than 1 mm", "/error/outliers", "%", 3 },
     { "time to decode and match", "/decode_and_match_seconds", "s", 3 },
     { "diameter of ball 0", "/balls/diameters/0", "mm", 4 },
     { "diameter of ball 1", "/balls/diameters/1", "mm", 4 },
-    { "  true diameter", "/balls/true_diameter", "mm", 4 },
+    { "  true diameter of both", "/balls/true_diameter", "mm", 4 },
     { "distance of the balls", "/balls/distance", "mm", 4 },
     { "  true distance", "/balls/true_distance", "mm", 4 },
 };
@@ -46,7 +49,7 @@ std::string cell(const Json& result, const Figure& figure)
     if (figure.decimals == 0) return grouped(static_cast<long long>(value));
     const std::string unit = figure.unit;
     if (unit == "%") return number(100.0 * value, figure.decimals) + " %";
-    return number(value, figure.decimals) + " " + unit;
+    return number(value, figure.decimals) + (unit == "x" ? "" : " " + unit);
 }
 
 } // namespace

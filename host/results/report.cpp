@@ -67,6 +67,9 @@ void add_findings(const Measured& m, Json& report)
     for (const Finding& finding : m.findings)
         report["findings"].push_back(vexo::to_json(finding));
     report["rows"] = to_json(m.rows);
+    const ProjectorFit& p = m.projector;
+    report["projector"] = { { "points", p.points }, { "tested", p.tested() } };
+    if (p.tested()) report["projector"].update({ { "scatter", p.scatter }, { "outside", p.outside } });
 }
 
 /// Quantiles of depth and disparity, and the disparities that were accepted.
@@ -104,7 +107,9 @@ Json make_report(
     report["made_from"]
         = { { "cam0", hashes_of(capture.frames.paths[0]) }, { "cam1", hashes_of(capture.frames.paths[1]) },
               { "calibration", hashes_of(stereo.files) }, { "parameters", hash_of(report["parameters"]) } };
-    report["unit"] = nullptr; // of lengths; the calibration files do not say it yet
+    report["unit"] = stereo.notes.unit.name;
+    report["unit_stated"] = stereo.notes.unit.stated;
+    report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
     if (m.method() == Method::gray_phase)

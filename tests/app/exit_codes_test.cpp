@@ -31,4 +31,22 @@ TEST_F(ExitCodes, SayWhetherTheCallTheInputTheLimitOrTheMomentWasWrong)
     }
 }
 
+TEST_F(ExitCodes, StandInTheHelpOfEachCommandWhichFits100Columns)
+{
+    std::istringstream commands(run("--help").out);
+    std::string line;
+    while (line != "Subcommands:" && std::getline(commands, line)) { }
+    int count = 0;
+    for (; std::getline(commands, line) && !line.empty(); ++count) {
+        if (line[2] == ' ') continue; // goes on
+        const std::string command = line.substr(2, line.find(' ', 2) - 2);
+        const std::string help = run(command + " --help").out;
+        EXPECT_NE(help.find("75 temporary"), std::string::npos) << command;
+        std::istringstream lines(help);
+        for (std::string l; std::getline(lines, l);)
+            EXPECT_LE(l.size(), 100U) << command << ": " << l;
+    }
+    EXPECT_GT(count, 9);
+}
+
 } // namespace

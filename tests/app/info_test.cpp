@@ -54,6 +54,28 @@ TEST(Info, TellsTheKindOfEachFileTheLibraryWritesAndItsFigures)
     EXPECT_NEAR(stereo["disparity_range"]["max_disparity"].get<double>(), 100, 1e-9);
 }
 
+TEST(Info, SaysWhatAFolderIsWhetherItIsWholeAndWhatItsCamerasSee)
+{
+    const program::Folder work;
+    ASSERT_EQ(program::run(work, "simulate plane --size 320x256 --quiet --out " + work / "scan").code, 0);
+    ASSERT_EQ(program::run(work, "measure --quiet " + work / "scan --out " + work / "result").code, 0);
+    Json info = Json::parse(program::run(work, "info --json " + work / "scan").out);
+    EXPECT_EQ(info["whole"], true);
+    EXPECT_NEAR(info["depth"].get<double>(), 600, 15); // the rig looks at the plane's middle, 600 mm away
+    EXPECT_NEAR(info["field_of_view"][0].get<double>(), 320 * info["per_px"].get<double>(), 1e-6);
+    info = Json::parse(program::run(work, "info --json " + work / "result").out);
+    EXPECT_EQ(info["kind"], "result of a measurement");
+    EXPECT_GT(info["expected_sigma"].get<double>(), 0.0);
+
+    program::write(work / "scan/cam1/frame04.png", "x");
+    std::filesystem::remove(work / "result/report.json");
+    const Outcome changed = program::run(work, "info " + work / "scan");
+    EXPECT_EQ(changed.code, 1);
+    EXPECT_NE(changed.out.find("changed: cam1/frame04.png"), std::string::npos) << changed.out;
+    EXPECT_EQ(program::run(work, "info " + work / "result").code, 1);
+    program::expect_refused(work, "info " + work / "scan/cam0", "holds nothing");
+}
+
 TEST(Info, HostileFilesGetOneLineAndExitCodeOne)
 {
     const program::Folder work;
