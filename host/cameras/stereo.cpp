@@ -87,7 +87,7 @@ std::vector<Finding> doubts_of_size(const std::array<CalibratedCamera, 2>& camer
     for (const CalibratedCamera& c : cameras) {
         const double x = c.K(0, 2) / c.size.width - 0.5, y = c.K(1, 2) / c.size.height - 0.5;
         if (std::max(std::abs(x), std::abs(y)) <= usual) continue;
-        return { { "calibration", Weight::worse, "calibration",
+        return { { "calibration", Weight::worse, "",
             "the principal point " + number(c.K(0, 2), 0) + ", " + number(c.K(1, 2), 0)
                 + " lies far from the middle of " + size_text(c.size.width, c.size.height)
                 + ": of pictures of another size?",
@@ -139,15 +139,16 @@ std::vector<Finding> judge_calibration(const Stereo& stereo)
     const Unit& unit = stereo.notes.unit;
     const double baseline = stereo.camera->get_baseline_length(), in_mm = baseline * unit.in_mm;
     if (in_mm < least_baseline_mm || in_mm > most_baseline_mm)
-        findings.push_back({ "unit", Weight::worse, "calibration",
-            "a baseline of " + number(baseline, 4) + " " + unit.name + (in_mm < least_baseline_mm ? ": metres?" : "?")
+        findings.push_back({ "unit", Weight::worse, "",
+            "the calibration has a baseline of " + number(baseline, 4) + " " + unit.name
+                + (in_mm < least_baseline_mm ? ": metres?" : "?")
                 + (unit.stated ? "" : " No unit is stated, and mm is assumed"),
             "pass --unit m, or end " + (stereo.files.empty() ? "the camera file" : stereo.files.front())
                 + " with the line \"unit: m\", or what the unit is" });
     const std::string& verdict = stereo.notes.verdict;
     if (verdict.empty() || verdict == good_calibration) return findings;
-    findings.push_back({ "calibration", verdict == bad_calibration ? Weight::spoils : Weight::worse, "calibration",
-        "vexo calibrate found it " + verdict,
+    findings.push_back({ "calibration", verdict == bad_calibration ? Weight::spoils : Weight::worse, "",
+        "vexo calibrate found this calibration " + verdict,
         "see report.html of the calibration, and calibrate again as its advice says" });
     return findings;
 }

@@ -106,6 +106,14 @@ TEST_F(Calibrate, WritesFilesThatOtherCommandsReadAndAPageThatNeedsNoOtherFile)
     EXPECT_EQ(computed["pixels"], from_tables["pixels"]);
     EXPECT_EQ(computed["made_from"]["calibration"][0]["file"], "cameras.yaml");
     EXPECT_EQ(from_tables["made_from"]["calibration"].size(), 3U);
+    std::string bad = program::read(at("files/cameras.yaml"));
+    bad.erase(bad.find("verdict:"));
+    program::write(at("bad.yaml"), bad + "verdict: \"not good enough\"\n");
+    const Outcome repeated
+        = run("measure --json " + photos + " --calib " + at("bad.yaml") + " --out " + at("repeated"));
+    EXPECT_EQ(repeated.code, 1);
+    EXPECT_NE(repeated.err.find("found this calibration not good enough"), std::string::npos) << repeated.err;
+    EXPECT_EQ(Json::parse(repeated.out)["calibration_verdict"], "not good enough");
     EXPECT_FALSE(cv::imread(at("files/drawings/cam1_view03.jpg")).empty());
 
     const std::string page = program::read(at("files/report.html"));
