@@ -2,7 +2,6 @@
 #include "commands.h"
 #include "host/calibration/calibrate.h"
 #include "host/calibration/checks.h"
-#include "host/cameras/calibration_notes.h"
 #include "host/files/output_folder.h"
 #include "host/reports/calibration_files.h"
 #include "host/reports/calibration_json.h"
@@ -43,44 +42,24 @@ void complete(CalibrateOptions& o)
             throw UsageFailure("--ruler-x, --ruler-y: the measured length of a 100 mm ruler in mm, such as 99.6");
 }
 
-void say_result(const GlobalOptions& options, const Calibrated& c, const std::vector<Finding>& findings)
+void say_result(
+    const GlobalOptions& options, const std::string& out, const Calibrated& c, const std::vector<Finding>& findings)
 {
     const bool hmat = std::any_of(c.files.begin(), c.files.end(), [](const auto& f) { return f.first == "hmat0.bin"; });
     if (c.is_pair() && !hmat)
         say(options, "no hmat set: it cannot express a rectified size that differs from the pictures'");
     say(options, view_lines(c));
     say(options, finding_lines(findings));
-}
-
-std::string written(const std::string& out, const Calibrated& c)
-{
-    return out + ": cameras.yaml" + (c.is_pair() ? ", stereo.yaml, map*.bin, hmat*.bin, boardRT.yaml" : "")
-        + ", board.yaml, drawings/, report.json; look at report.html";
-}
-
-/// What the folder's present calibration was found to be; empty when there is none.
-std::string present_verdict(const std::string& folder)
-{
-    const std::string file = (fs::path(folder) / "cameras.yaml").string();
-    std::error_code ignored;
-    if (!fs::exists(file, ignored)) return "";
-    const std::string verdict = read_notes({ file }).verdict;
-    return verdict.empty() ? "present" : verdict;
-}
-
-/// The gravest thing that was found, and what to do.
-std::string why_bad(const std::vector<Finding>& findings)
-{
-    for (const Finding& finding : findings)
-        if (finding.weight == Weight::spoils) return question_of(finding) + " " + sentence(finding);
-    return "";
+    say(options,
+        out + ": cameras.yaml" + (c.is_pair() ? ", stereo.yaml, map*.bin, hmat*.bin, boardRT.yaml" : "")
+            + ", board.yaml, drawings/, report.json; look at report.html");
+    say(options, "calibration: " + calibration_verdict(findings));
 }
 
 void run(CalibrateOptions o, const GlobalOptions& options)
 {
     complete(o);
     OutputFolder out(o.out, { "calibrate", { "cameras.yaml", "report.json" }, {}, false, options.force });
-    const std::string present = present_verdict(o.out);
     const BoardFile printed = load_board(o.board);
     const BoardFile board = corrected_board(printed, o.request);
     BoardViews views = find_views(o.cam0, o.cam1, o.request.dropped);
@@ -94,22 +73,12 @@ void run(CalibrateOptions o, const GlobalOptions& options)
     const Calibrated c = calibrate(views, board, printed.layout.pitch_mm, o.request, progress.on_step());
     const std::vector<Finding> findings = check_calibration(c);
     const Json json = calibration_json(c, findings);
-    const bool bad = calibration_verdict(findings) == bad_calibration;
-    const bool replace = !bad || options.force || present.empty() || present == bad_calibration;
-    std::vector<std::string> kept;
-    if (replace) {
-        add_files(out, c, findings);
-        kept = out.commit();
-    }
+    add_files(out, c, findings);
+    const std::vector<std::string> kept = out.commit();
     progress.finish();
     say_kept(options, kept);
-    say_result(options, c, findings);
-    if (replace) say(options, written(o.out, c));
+    say_result(options, o.out, c, findings);
     put_json(options, json);
-    if (bad)
-        throw BelowLimit("calibration: " + std::string(bad_calibration) + ": " + why_bad(findings)
-            + (replace ? "" : "; the " + present + " calibration in " + o.out + " stays, --force replaces it"));
-    say(options, "calibration: " + calibration_verdict(findings));
 }
 
 } // namespace

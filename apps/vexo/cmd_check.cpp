@@ -1,7 +1,7 @@
 #include "base/failure.h"
 #include "commands.h"
 #include "host/captures/check.h"
-#include "host/captures/frame_files.h"
+#include "host/captures/frames.h"
 #include "host/files/output_folder.h"
 #include "host/measurement/measure.h"
 #include "host/reports/capture_report.h"
@@ -19,7 +19,6 @@ namespace {
 
 struct CheckOptions {
     CheckRequest request;
-    FrameOptions frames;
     std::string out;
     std::vector<std::string> calib; ///< to test the rows with; may be empty
 };
@@ -38,18 +37,21 @@ void add_rows(const CheckOptions& o, Checked& checked)
     const Measured measured = measure(capture, open_stereo(o.calib, param), request);
     if (measured.cloud.count == 0)
         checked.findings.push_back({ "rows", Weight::spoils, "", why_nothing(measured), "" });
-    else
-        checked.findings.push_back(measured.findings.back());
+    for (const Finding& finding : measured.findings)
+        if (finding.where.empty() && measured.cloud.count > 0) checked.findings.push_back(finding); // of both cameras
 }
 
 void run(CheckOptions o, const GlobalOptions& options)
 {
     CaptureFiles& files = o.request.files;
     complete_cameras(files.folder, files.cam0, files.cam1);
-    complete_frames_of(o.frames, files);
     std::optional<OutputFolder> out;
     if (!o.out.empty()) out.emplace(o.out, Owner { "check", { "check.json" }, {}, false, options.force });
-    if (out) out->stay_out_of(all_pictures(files));
+    for (const std::string& where : { files.cam0, files.cam1 }) {
+        const std::vector<std::string> pictures = find_frames(where);
+        if (pictures.empty()) throw Failure(where + ": no pictures found");
+        if (out) out->stay_out_of(pictures);
+    }
 
     Progress progress(options, 3);
     Checked checked = check_capture(o.request, progress.on_step());
@@ -83,7 +85,6 @@ void add_check(CLI::App& app, GlobalOptions& options)
         ->add_option("--method", o->request.files.method,
             "gray-phase or multi-phase (default: by scene.json or the number of frames)")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase" }));
-    add_frame_options(*command, o->frames);
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
         ->delimiter(',');
     command

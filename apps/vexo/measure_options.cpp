@@ -85,8 +85,7 @@ void declare(CLI::App& command, MeasureOptions& o)
     command.add_option("--out", o.out, "folder for the results")->required();
     command
         .add_option("--method", o.files.method,
-            "gray-phase (13 pictures of each camera), multi-phase (14) or sgbm (1); default: as capture.json, "
-            "scene.json or "
+            "gray-phase (13 pictures of each camera), multi-phase (14) or sgbm (1); default: as scene.json or "
             "patterns.json says, else by the number of pictures")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }));
     command
@@ -96,7 +95,6 @@ void declare(CLI::App& command, MeasureOptions& o)
     add_unit(command, o.unit);
     command.add_option("--cam0", o.files.cam0, "pictures of camera 0: a folder, or a pattern such as 'left_*.png'");
     command.add_option("--cam1", o.files.cam1, "pictures of camera 1");
-    add_frame_options(command, o.frames);
     command.add_option("--alpha", o.camera.alpha, "rectification: 0 only valid pixels, 1 all, -1 OpenCV's default")
         ->capture_default_str()
         ->check(CLI::Range(-1.0, 1.0));
@@ -122,9 +120,6 @@ void complete(MeasureOptions& o)
     if (o.files.folder.empty() && (o.calib.empty() || o.files.cam0.empty() || o.files.cam1.empty()))
         throw UsageFailure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
-    complete_frames_of(o.frames, o.files);
-    if (o.files.decoded && (!o.files.order.empty() || o.files.bits))
-        throw UsageFailure("--decoded: maps have neither --order nor --bits");
     if (o.calib.empty()) o.calib = { (fs::path(o.files.folder) / "cameras.yaml").string() };
     std::error_code ignored;
     for (const std::string& file : o.calib)

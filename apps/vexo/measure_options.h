@@ -13,7 +13,6 @@ namespace vexo::app {
 
 struct MeasureOptions {
     CaptureFiles files;
-    FrameOptions frames;
     std::string out, disparity, depth; ///< the ranges as typed
     std::vector<std::string> calib;
     std::string unit; ///< of the calibration; empty: as its files say

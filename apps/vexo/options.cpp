@@ -159,36 +159,6 @@ std::pair<double, double> parse_depths(const std::string& text, const std::strin
     return range;
 }
 
-void add_frame_options(CLI::App& command, FrameOptions& options)
-{
-    command.add_option("--order", options.order,
-        "which recorded frame, counted from 0 by name, is the method's first, second, ...: as in "
-        "9,10,11,12,0,1,...; - for one that was not recorded (default: as capture.json says, else by name)");
-    command
-        .add_option("--bits", options.bits,
-            "bits of the grey values in files of 16 (default: as capture.json says, else 10, 12, 14 or 16 by the "
-            "largest value)")
-        ->check(CLI::Range(8, 16));
-}
-
-void complete_frames_of(const FrameOptions& options, CaptureFiles& files)
-{
-    constexpr std::size_t most_digits = 4;
-    files.bits = options.bits;
-    if (options.order.empty()) return;
-    std::istringstream list(options.order + ",");
-    for (std::string entry; std::getline(list, entry, ',');) {
-        const bool number = !entry.empty() && entry.size() <= most_digits
-            && entry.find_first_not_of("0123456789") == std::string::npos;
-        if (!number && entry != "-")
-            throw UsageFailure("--order " + options.order + ": write the numbers of frames, or -, with commas between");
-        const int frame = number ? std::stoi(entry) : -1;
-        if (number && std::count(files.order.begin(), files.order.end(), frame) > 0)
-            throw UsageFailure("--order " + options.order + ": frame " + entry + " is named twice");
-        files.order.push_back(frame);
-    }
-}
-
 void reject(const std::vector<CLI::Option*>& options, const std::string& why)
 {
     for (const CLI::Option* option : options)

@@ -1,10 +1,8 @@
 #pragma once
 
-#include "host/captures/choose_method.h"
 #include "terminal.h"
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,18 +39,6 @@ std::pair<double, double> parse_depths(const std::string& text, const std::strin
 
 /// Two finite numbers with a letter or comma between them, as "297x210"; throws Failure naming `option` otherwise.
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option);
-
-/// Which recorded frames are which, and how many bits they have, of commands that read captures.
-struct FrameOptions {
-    std::string order; ///< as typed
-    std::optional<int> bits;
-};
-
-/// Gives a command --order and --bits.
-void add_frame_options(CLI::App& command, FrameOptions& options);
-
-/// Puts what was typed into `files`. Throws UsageFailure.
-void complete_frames_of(const FrameOptions& options, CaptureFiles& files);
 
 /// Throws Failure with `why` for the first of the options that was given.
 void reject(const std::vector<CLI::Option*>& options, const std::string& why);

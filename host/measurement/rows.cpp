@@ -42,9 +42,9 @@ constexpr int least_textured = 20; ///< windows; fewer say nothing of a picture
 /// each camera sees elsewhere. Painted and modelled surfaces have a quarter and more.
 constexpr double least_share_textured = 0.1;
 
-/// px from one edge of the picture to the other. Right pairs of modelled surfaces read up to 0.8, where windows see
-/// slopes; a roll of 0.3 degrees reads 3 in a picture of 640 px.
-constexpr double warn_run = 1.5, most_run = 4.0;
+/// Degrees by which rows run off over the picture, and four standard deviations of that: a roll of 0.1 degrees moves a
+/// seventh of a bust's points by more than 1 mm at 600 mm, one of 0.3 degrees three quarters.
+constexpr double warn_turn = 0.06, most_turn = 0.15, sure = 4.0;
 
 constexpr double spoil_above = 1.0; ///< px of the median
 
@@ -185,15 +185,26 @@ void fit_plane(const std::vector<Window>& windows, cv::Size size, RowError& e)
     }
 }
 
-double run_of(const RowError& e)
+/// Whether the rows run off by more than `degrees` and `px`, along x or along y, beyond chance.
+bool runs(const RowError& e, double degrees, double px)
 {
-    return std::max(std::abs(e.b), std::abs(e.c));
+    constexpr double radians = 3.14159265358979323846 / 180;
+    const double deviation = e.scatter * std::sqrt(12 / std::max(1.0, e.found * e.textured));
+    const auto off = [&](double run, int length) {
+        return std::abs(run) > std::max({ std::tan(degrees * radians) * length, px, sure * deviation });
+    };
+    return off(e.b, e.size.width) || off(e.c, e.size.height);
+}
+
+bool runs_off(const RowError& e)
+{
+    return runs(e, warn_turn, rows_warn_from);
 }
 
 bool spoilt(const RowError& e)
 {
     return e.found <= least_found || std::abs(e.median) > spoil_above || e.scatter > most_scatter
-        || run_of(e) > most_run;
+        || runs(e, most_turn, spoil_above);
 }
 
 std::string figures_of(const RowError& e)
@@ -213,14 +224,14 @@ std::pair<std::string, std::string> cause_of(const RowError& e, bool exchanged_f
     if (e.found <= least_found)
         return { "the cameras do not see the same surface: a mixed capture, or a foreign calibration",
             "record both cameras' frames at once, and measure with the calibration of these cameras" };
-    if (std::abs(e.c) > warn_run && std::abs(e.c) > std::abs(e.b))
+    if (runs_off(e) && std::abs(e.c) > std::abs(e.b))
         return { "row errors run by " + number(std::abs(e.c), 1)
                 + " px from top to bottom: a mixed capture (the scene moved between the cameras' frames), or a foreign "
                   "calibration",
             "record both cameras' frames at once, and measure with the calibration of these cameras" };
-    return { std::abs(e.b) > warn_run ? "a foreign or stale calibration: one camera has rolled against the other, by "
+    return { runs_off(e) ? "a foreign or stale calibration: one camera has rolled against the other, by "
                 + number(std::abs(e.b), 1) + " px over the picture"
-                                      : "a foreign or stale calibration: one camera has turned up or down since",
+                         : "a foreign or stale calibration: one camera has turned up or down since",
         "calibrate again, and fasten the cameras" };
 }
 
@@ -241,12 +252,23 @@ Finding judge_rows(const RowError& e, bool exchanged_fits)
     if (!e.tested())
         return { "rows", Weight::unknown, "",
             "rows not tested: no texture (" + std::to_string(e.textured) + " of " + std::to_string(e.windows)
-                + " windows have enough to compare the cameras by)",
+                + " windows have enough to compare the cameras by); a stale calibration, or frames of two scenes, may "
+                  "not "
+                  "show here",
             "measure something with texture from time to time" };
-    if (e.fits() && std::abs(e.median) < rows_warn_from && run_of(e) < warn_run)
+    if (e.fits() && std::abs(e.median) < rows_warn_from && !runs_off(e))
         return { "rows", Weight::good, "", figures_of(e), "" };
     const auto [cause, advice] = cause_of(e, exchanged_fits);
     return { "rows", e.fits() ? Weight::worse : Weight::spoils, "", figures_of(e) + "; " + cause, advice };
+}
+
+cv::Mat textured_pixels(const cv::Mat& picture, double noise)
+{
+    const cv::Mat structure = structure_along_y(picture);
+    cv::Mat squares;
+    cv::blur(structure.mul(structure), squares, { 2 * half_width + 1, 2 * half_height + 1 });
+    const double least = std::max(least_texture, least_texture_per_noise * noise);
+    return squares >= least * least;
 }
 
 double grey_noise(const cv::Mat& picture)
@@ -271,6 +293,7 @@ RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& dis
         std::max(least_texture, least_texture_per_noise * noise) };
     const std::vector<Window> windows = compare_all(pictures);
     RowError e;
+    e.size = left.size();
     std::vector<double> shifts;
     for (const Window& window : windows) {
         ++e.windows;

@@ -82,9 +82,6 @@ TEST_F(Calibrate, FindsThePairThatWasRendered)
     EXPECT_LT(std::abs(report["hold_out"]["pair"]["distances_along_x"]["bias_mm"].get<double>()), 0.1);
     EXPECT_TRUE(report["outlying_views"].empty());
     EXPECT_EQ(answer(report, "Is the printed board true to scale?", "level"), "unknown");
-    const Json& apart = report["hold_out"]["halves_apart"]; // an error of 1 px in 875 of the focal length is 0.7 mm
-    EXPECT_LT(apart["depth_mm"].get<double>(), 1.5);
-    EXPECT_NEAR(apart["distance_mm"].get<double>(), 600, 100);
     EXPECT_EQ(report, Json::parse(program::read(at("calib/report.json"))));
 }
 
@@ -108,48 +105,20 @@ TEST_F(Calibrate, WritesFilesThatOtherCommandsReadAndAPageThatNeedsNoOtherFile)
         EXPECT_NE(page.find(question), std::string::npos) << question;
 }
 
-TEST_F(Calibrate, NamesPicturesThatWereExchangedAndReplacesNoBetterCalibrationByABadOne)
+TEST_F(Calibrate, NamesTheViewsWhosePicturesWereMixedUpAndIsGoodWithoutThem)
 {
     copy("photos", "spoilt");
     fs::rename(picture("spoilt", 1, 3), at("moved.png"));
     fs::rename(picture("spoilt", 1, 6), picture("spoilt", 1, 3));
     fs::rename(at("moved.png"), picture("spoilt", 1, 6));
-    const Json better = calibrated(at("spoilt") + " --drop-view 3,6 --out " + at("mixed"));
+    const Json report = calibrated(at("spoilt") + " --out " + at("mixed"));
+    EXPECT_EQ(report["outlying_views"], Json({ 3, 6 }));
+    EXPECT_EQ(report["verdict"], "not good enough");
+    EXPECT_NE(answer(report, "Does a view spoil it?", "advice").find("--drop-view 3,6"), std::string::npos);
+
+    const Json better = calibrated(at("spoilt") + " --drop-view 3,6 --out " + at("better"));
     EXPECT_TRUE(better["outlying_views"].empty());
     EXPECT_NEAR(better["baseline_mm"].get<double>(), truth["baseline_mm"], 0.3);
-    const std::string before = program::read(at("mixed/cameras.yaml"));
-
-    const std::string again
-        = "calibrate --json --no-hold-out --board " + at("board.yaml") + " " + at("spoilt") + " --out " + at("mixed");
-    for (const bool force : { false, true }) {
-        const Outcome outcome = run(again + (force ? " --force" : ""));
-        EXPECT_EQ(outcome.code, 1);
-        EXPECT_TRUE(outcome.one_line_of_error()) << outcome.err;
-        EXPECT_NE(
-            outcome.err.find("view03.png and view06.png of camera 1 (or of camera 0) are exchanged"), std::string::npos)
-            << outcome.err;
-        EXPECT_EQ(program::read(at("mixed/cameras.yaml")) == before, !force);
-        const Json report = Json::parse(outcome.out);
-        EXPECT_EQ(report["outlying_views"], Json({ 3, 6 }));
-        EXPECT_NE(answer(report, "Does a view spoil it?", "advice").find("--drop-view 3,6"), std::string::npos);
-    }
-    EXPECT_NE(program::read(at("mixed/cameras.yaml")).find("verdict: \"not good enough\""), std::string::npos);
-}
-
-TEST_F(Calibrate, AsksAboutExchangedCamerasAndARowThatNobodySawAndCallsNothingGoodThatTwoPhotosShow)
-{
-    const std::string photos = "--cam0 '" + at("photos/cam1") + "' --cam1 '" + at("photos/cam0") + "' --no-hold-out";
-    const std::string board = program::read(at("board.yaml")), rows = "rows: 9";
-    program::write(at("taller.yaml"), std::string(board).replace(board.find(rows), rows.size(), "rows: 10"));
-    const Json asked = told("calibrate", photos + " --board " + at("taller.yaml") + " --out " + at("asked"));
-    EXPECT_EQ(answer(asked, "Is camera 1 to the right of camera 0?", "level"), "worse");
-    EXPECT_EQ(answer(asked, "Is board.yaml that of this board?", "answer"), "row 10 of board.yaml: never seen");
-
-    const Outcome two = run("calibrate --json " + photos + " --drop-view 2,3,4,5,6,7,8,9 --board " + at("board.yaml")
-        + " --out " + at("two"));
-    EXPECT_EQ(two.code, 1);
-    for (const Json& check : Json::parse(two.out)["checks"])
-        EXPECT_NE(check["level"], "good") << check;
 }
 
 TEST_F(Calibrate, SaysWhyAPictureWasNotRecognisedAndKeepsThePairsInStep)
