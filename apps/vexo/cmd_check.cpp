@@ -38,8 +38,8 @@ void add_rows(const CheckOptions& o, Checked& checked)
     const Measured measured = measure(capture, open_stereo(o.calib, param), request);
     if (measured.cloud.count == 0)
         checked.findings.push_back({ "rows", Weight::spoils, "", why_nothing(measured), "" });
-    else
-        checked.findings.push_back(measured.findings.back());
+    for (const Finding& finding : measured.findings)
+        if (finding.where.empty() && measured.cloud.count > 0) checked.findings.push_back(finding); // of both cameras
 }
 
 void run(CheckOptions o, const GlobalOptions& options)

@@ -77,7 +77,9 @@ void add_measure(CLI::App& app, GlobalOptions& global)
     finish_command(*cmd, global,
         "vexo measure scan --out result --depth 500:700\n"
         "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it\n"
-        "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured",
+        "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured\n"
+        "  no check sees a camera that turned about the vertical axis (yaw), or a wrong baseline:\n"
+        "  measure a body of known size from time to time",
         [o, &global] { run(global, *o); });
 }
 

@@ -2,9 +2,9 @@
 
 #include "base/statistics.h"
 #include "host/captures/fringe_steps.h"
+#include "host/captures/positions.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <complex>
 
@@ -48,16 +48,6 @@ Sample make_sample(const std::vector<cv::Mat>& frames, Method method)
     if (!residuals.empty())
         sample.noise = std::clamp(to_noise * quantile(std::move(residuals), 0.5), least_noise, most_noise);
     return sample;
-}
-
-int gray_code(const std::vector<cv::Mat>& frames, int y, int x)
-{
-    int code = 0, bit = 0;
-    for (std::size_t k = 2; k < first_fringe; ++k) {
-        bit ^= code_bit(frames, k, y, x) ? 1 : 0;
-        code = 2 * code + bit;
-    }
-    return code;
 }
 
 /// Pixels of one fringe in a row.
@@ -145,31 +135,6 @@ Agreement agreement_gray(const std::vector<cv::Mat>& frames, const Sample& sampl
         }
     }
     return a;
-}
-
-/// Projector coordinate of a pixel by trying all fringes of the first period; -1 when the three periods disagree.
-double multi_position(const std::vector<cv::Mat>& frames, const std::vector<int>& periods, int y, int x)
-{
-    constexpr double tolerance = 0.35; // px; chance agreement of some fringe is then still about one in two
-    constexpr int columns = 912;
-    std::array<double, 3> within {};
-    for (std::size_t f = 0; f < 3; ++f) {
-        const FringeSteps s(frames, 2 + 4 * f, y, x);
-        const double angle = std::atan2(s.i3 - s.i1, s.i0 - s.i2) + pi - pi / periods[f];
-        within[f] = periods[f] * angle / (2 * pi);
-    }
-    double best = -1, least = tolerance;
-    for (int start = 0; start < columns; start += periods[0]) {
-        double worst = 0;
-        for (std::size_t f = 1; f < 3; ++f) {
-            const double apart = (start + within[0] - within[f]) / periods[f];
-            worst = std::max(worst, std::abs(apart - std::round(apart)) * periods[f]);
-        }
-        if (worst >= least) continue;
-        least = worst;
-        best = start + within[0];
-    }
-    return best;
 }
 
 /// Pairs of pixels two columns apart whose positions rise by a few projector columns.

@@ -148,7 +148,7 @@ std::vector<Finding> judge_figures(const std::vector<cv::Mat>& frames, const Cam
 /// One row of several, without copying: fringes are compared along rows, and some dozens say what all do.
 std::vector<cv::Mat> some_rows(const std::vector<cv::Mat>& frames)
 {
-    constexpr int enough = 64;
+    constexpr int enough = 40;
     std::vector<cv::Mat> thinned;
     for (const cv::Mat& frame : frames) {
         const int every = std::max(1, frame.rows / enough);

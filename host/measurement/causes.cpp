@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace vexo {
 
@@ -123,6 +124,57 @@ const char* key_of(Cause cause)
         "low_modulation", "removed_by_unwrapping", "out_of_phase_range", "phase_difference", "disparity_limits",
         "outside_overlap", "no_match", "ambiguous", "speckle" };
     return keys[static_cast<std::size_t>(cause)];
+}
+
+const char* words_of(Cause cause)
+{
+    static const char* const words[cause_count]
+        = { "measured", "outside the camera's picture", "too dark or low contrast", "fringes too weak or saturated",
+              "removed by unwrapping", "out of the other camera's phase range", "phase difference too large",
+              "disparity outside the limits", "range leads out of the other picture", "no match in the other picture",
+              "other disparities fit as well", "patch too small" };
+    return words[static_cast<std::size_t>(cause)];
+}
+
+std::string remedy_of(Cause cause, Method method)
+{
+    const char* const fit
+        = "check that cam0 and cam1 are not swapped and that the calibration belongs to these cameras";
+    switch (cause) {
+    case Cause::contrast:
+        return "check the exposure and the order of the frames (dark, lit, patterns), or lower --min-contrast";
+    case Cause::modulation:
+        return "focus and expose the fringes, check their frames, or lower --min-modulation";
+    case Cause::unwrapping:
+        return method == Method::multi_phase ? "check that the fringes have these --periods" : fit;
+    case Cause::disparity:
+        return "pass --disparity or --depth";
+    case Cause::no_partner:
+    case Cause::phase_difference:
+    case Cause::outside_overlap:
+    case Cause::no_match:
+    case Cause::ambiguous:
+    case Cause::speckle:
+        return fit;
+    default:
+        return "";
+    }
+}
+
+long long lit_pixels(const CauseMap& map)
+{
+    const auto total = static_cast<long long>(map.causes.total());
+    return total - map[Cause::outside_image] - map[Cause::contrast] - map[Cause::outside_overlap];
+}
+
+Cause likeliest_cause(const CauseMap& map)
+{
+    constexpr double least_lit = 0.01;
+    const auto lit = map.counts.begin() + static_cast<std::ptrdiff_t>(Cause::contrast) + 1;
+    const auto count = static_cast<double>(std::accumulate(lit, map.counts.end(), 0LL));
+    const auto dark = static_cast<double>(map[Cause::contrast]);
+    if (count < least_lit * (count + dark)) return Cause::contrast;
+    return static_cast<Cause>(std::max_element(lit, map.counts.end()) - map.counts.begin());
 }
 
 Json to_json(const CauseMap& map, Method method)

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string>
 #include <vector>
 
 /// Why pixels were not measured. The library does not say, so it is asked: the same frames are matched again
@@ -39,12 +40,25 @@ std::vector<Cause> causes_of(Method method);
 /// The key in report.json.
 const char* key_of(Cause cause);
 
+/// In words for people.
+const char* words_of(Cause cause);
+
+/// What to do about it; empty: nothing is wrong.
+std::string remedy_of(Cause cause, Method method);
+
 struct CauseMap {
     cv::Mat causes; ///< CV_8U, Cause of each rectified pixel
     std::array<long long, cause_count> counts {};
 
     long long operator[](Cause cause) const { return counts[static_cast<std::size_t>(cause)]; }
 };
+
+/// Pixels that the projector lights; block matching: that both pictures hold.
+long long lit_pixels(const CauseMap& map);
+
+/// What most of the lit pixels have. Only when next to nothing is lit is it that: a background is dark in every
+/// capture.
+Cause likeliest_cause(const CauseMap& map);
 
 /// Pixels by cause.
 Json to_json(const CauseMap& map, Method method);

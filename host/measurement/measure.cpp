@@ -4,8 +4,8 @@
 #include "base/parallel.h"
 #include "base/stopwatch.h"
 #include "host/cameras/rectification.h"
-#include "host/captures/check.h"
 #include "host/measurement/disparity_range.h"
+#include "host/measurement/judge.h"
 
 #include <cmath>
 #include <utility>
@@ -152,44 +152,9 @@ void make_maps(Measured& m)
             if (m.cloud.measured(y, x)) m.depth.at<float>(y, x) = m.cloud.point(y, x).z;
 }
 
-/// What the frames say of themselves; maps of other decoders and block matching's pictures have no fringes to ask.
-void judge_frames(Work& w)
-{
-    if (w.decoded() || w.m.method() == Method::sgbm) return;
-    std::array<std::vector<Finding>, 2> found;
-    in_parallel(2, [&](std::size_t camera) {
-        std::vector<std::string> names;
-        const std::vector<std::string>& paths = w.capture.frames.paths[camera];
-        for (std::size_t k = 0; k < paths.size(); ++k)
-            names.push_back(name_of_frame(paths[k], k));
-        found[camera] = judge_frames_of(
-            w.capture.frames.frames[camera], { w.m.method(), w.m.periods() }, static_cast<int>(camera), names);
-    });
-    for (const std::vector<Finding>& of_camera : found)
-        w.m.findings.insert(w.m.findings.end(), of_camera.begin(), of_camera.end());
-}
-
 const cv::Mat& lit_frame(const Work& w, std::size_t camera)
 {
     return w.capture.frames.frames[camera][w.m.method() == Method::sgbm ? 0 : 1];
-}
-
-/// The same frames with the cameras exchanged: when their rows fit, that is what happened.
-bool fits_exchanged(const Work& w)
-{
-    if (w.m.method() == Method::sgbm) return false; // it matches something in any two pictures
-    const Cloud cloud = match(w.camera(), { w.frames[1], w.frames[0] }, lift_disparity(w.m.record), false);
-    return test_rows(rectified(w.camera(), lit_frame(w, 1), 0), rectified(w.camera(), lit_frame(w, 0), 1),
-        disparity_map(cloud, w.m.geometry))
-        .fits();
-}
-
-void judge_result(Work& w)
-{
-    Measured& m = w.m;
-    m.rows = test_rows(m.texture, rectified(w.camera(), lit_frame(w, 1), 1), m.disparity);
-    const bool suspect = m.rows.tested() && !m.rows.fits();
-    m.findings.push_back(judge_rows(m.rows, suspect && fits_exchanged(w)));
 }
 
 } // namespace
@@ -220,8 +185,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     make_maps(m);
     clock.lap();
     m.findings = capture.frames.notes;
-    judge_frames(work);
-    judge_result(work);
+    judge_measured(m, capture, stereo, request);
     m.checks_seconds = clock.lap();
     return std::move(work.m);
 }

@@ -8,6 +8,7 @@
 #include "host/measurement/causes.h"
 #include "host/measurement/match.h"
 #include "host/measurement/parameters.h"
+#include "host/measurement/projector.h"
 #include "host/measurement/rows.h"
 #include "host/verdict/finding.h"
 
@@ -37,7 +38,8 @@ struct Measured {
     CauseMap causes;
     cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
     RowError rows;
-    std::vector<Finding> findings; ///< of calibration, frames (fringes, not decoded) and rows; one "rows" at least
+    ProjectorFit projector;        ///< asked only where the rows do not settle it
+    std::vector<Finding> findings; ///< of the calibration and by judge_measured(); causes before what they cause
     StageTimes times;
     double rectify_seconds = 0.0, first_pass_seconds = 0.0, causes_seconds = 0.0;
     double checks_seconds = 0.0; ///< of what the findings cost

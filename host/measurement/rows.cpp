@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <numeric>
 #include <optional>
 #include <vector>
 
@@ -22,8 +23,12 @@ constexpr int reach = 8; ///< px, the largest shift along y
 
 constexpr double most_windows = 1500; ///< on the grid: enough for a median to 0.01 px, in some 20 ms
 
-/// Grey levels, standard deviation along y: three times what the noise of an ordinary camera leaves after smoothing.
+/// Grey levels, standard deviation along y: shading alone has as much.
 constexpr double least_texture = 3.0;
+
+/// Rectification and smoothing leave 0.3 of a grey value's noise. Texture of three times that, and it, correlate by
+/// 0.9.
+constexpr double least_texture_per_noise = 0.95;
 
 /// Right windows of textured surfaces correlate by 0.9 and more, wrong ones seldom by more than a half.
 constexpr double least_correlation = 0.8;
@@ -38,9 +43,9 @@ constexpr int least_textured = 20; ///< windows; fewer say nothing of a picture
 /// each camera sees elsewhere. Painted and modelled surfaces have a quarter and more.
 constexpr double least_share_textured = 0.1;
 
-/// px from one edge of the picture to the other. Right pairs of modelled surfaces read up to 0.8, where windows see
-/// slopes; a roll of 0.3 degrees reads 3 in a picture of 640 px.
-constexpr double warn_run = 1.5, most_run = 4.0;
+/// Degrees by which rows run off over the picture, and four standard deviations of that: a roll of 0.1 degrees moves a
+/// seventh of a bust's points by more than 1 mm at 600 mm, one of 0.3 degrees three quarters.
+constexpr double warn_turn = 0.06, most_turn = 0.15, sure = 4.0;
 
 constexpr double spoil_above = 1.0; ///< px of the median
 
@@ -62,6 +67,7 @@ cv::Mat structure_along_y(const cv::Mat& picture)
 struct Pictures {
     cv::Mat left, right; ///< structure along y
     cv::Mat disparity;
+    double least_texture = 0; ///< grey levels
 
     /// Camera 1 where camera 0 sees (x, y), by the disparity there, or by `otherwise` where none was measured.
     std::optional<float> partner(int x, int y, float otherwise) const
@@ -104,31 +110,45 @@ std::optional<double> peak_of(const std::array<double, 2 * reach + 1>& values)
     return static_cast<double>(best - values.begin()) - reach + (bend < 0 ? 0.5 * (before - after) / bend : 0.0);
 }
 
-Window compare(const Pictures& p, cv::Point middle)
+/// What camera 0 has in a window of a measured surface, row by row; empty where it is not measured well enough.
+std::vector<float> own_values(const Pictures& p, cv::Point middle)
 {
-    constexpr std::size_t width = 2 * half_width + 1, height = 2 * half_height + 1;
-    Window window;
+    const cv::Rect window(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1);
+    const cv::Mat around = p.disparity(window);
+    if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return {};
+    const cv::Mat own = p.left(window).clone();
+    return { own.begin<float>(), own.end<float>() };
+}
+
+/// The same of camera 1, by `reach` rows higher; empty where some of it lies beside the picture.
+std::vector<float> others_values(const Pictures& p, cv::Point middle)
+{
     const float disparity = p.disparity.at<float>(middle);
-    std::vector<float> own, other;
-    double squares = 0;
+    std::vector<float> values;
     for (int y = middle.y - half_height - reach; y <= middle.y + half_height + reach; ++y)
         for (int x = middle.x - half_width; x <= middle.x + half_width; ++x) {
             const std::optional<float> seen = p.partner(x, y, disparity);
-            if (!seen) return window;
-            other.push_back(*seen);
-            if (std::abs(y - middle.y) > half_height) continue;
-            own.push_back(p.left.at<float>(y, x));
-            squares += static_cast<double>(own.back() * own.back());
+            if (!seen) return {};
+            values.push_back(*seen);
         }
-    const cv::Mat around
-        = p.disparity(cv::Rect(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1));
-    if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return window;
+    return values;
+}
+
+Window compare(const Pictures& p, cv::Point middle)
+{
+    Window window;
+    const std::vector<float> own = own_values(p, middle);
+    if (own.empty()) return window;
+    const double squares = std::inner_product(own.begin(), own.end(), own.begin(), 0.0);
+    const bool textured = std::sqrt(squares / static_cast<double>(own.size())) >= p.least_texture;
+    const std::vector<float> other = textured ? others_values(p, middle) : std::vector<float>();
+    if (textured && other.empty()) return window;
     window.at = middle;
-    window.textured = std::sqrt(squares / static_cast<double>(own.size())) >= least_texture;
-    if (!window.textured) return window;
+    window.textured = textured;
+    if (!textured) return window;
     std::array<double, 2 * reach + 1> values {};
     for (std::size_t shift = 0; shift < values.size(); ++shift)
-        values[shift] = correlation(own.data(), other.data() + shift * width, width * height);
+        values[shift] = correlation(own.data(), other.data() + shift * (2 * half_width + 1), own.size());
     window.shift = peak_of(values);
     return window;
 }
@@ -180,15 +200,26 @@ void fit_plane(const std::vector<Window>& windows, cv::Size size, RowError& e)
     }
 }
 
-double run_of(const RowError& e)
+/// Whether the rows run off by more than `degrees` and `px`, along x or along y, beyond chance.
+bool runs(const RowError& e, double degrees, double px)
 {
-    return std::max(std::abs(e.b), std::abs(e.c));
+    constexpr double radians = 3.14159265358979323846 / 180;
+    const double deviation = e.scatter * std::sqrt(12 / std::max(1.0, e.found * e.textured));
+    const auto off = [&](double run, int length) {
+        return std::abs(run) > std::max({ std::tan(degrees * radians) * length, px, sure * deviation });
+    };
+    return off(e.b, e.size.width) || off(e.c, e.size.height);
+}
+
+bool runs_off(const RowError& e)
+{
+    return runs(e, warn_turn, rows_warn_from);
 }
 
 bool spoilt(const RowError& e)
 {
     return e.found <= least_found || std::abs(e.median) > spoil_above || e.scatter > most_scatter
-        || run_of(e) > most_run;
+        || runs(e, most_turn, spoil_above);
 }
 
 std::string figures_of(const RowError& e)
@@ -208,14 +239,14 @@ std::pair<std::string, std::string> cause_of(const RowError& e, bool exchanged_f
     if (e.found <= least_found)
         return { "the cameras do not see the same surface: a mixed capture, or a foreign calibration",
             "record both cameras' frames at once, and measure with the calibration of these cameras" };
-    if (std::abs(e.c) > warn_run && std::abs(e.c) > std::abs(e.b))
+    if (runs_off(e) && std::abs(e.c) > std::abs(e.b))
         return { "row errors run by " + number(std::abs(e.c), 1)
                 + " px from top to bottom: a mixed capture (the scene moved between the cameras' frames), or a foreign "
                   "calibration",
             "record both cameras' frames at once, and measure with the calibration of these cameras" };
-    return { std::abs(e.b) > warn_run ? "a foreign or stale calibration: one camera has rolled against the other, by "
+    return { runs_off(e) ? "a foreign or stale calibration: one camera has rolled against the other, by "
                 + number(std::abs(e.b), 1) + " px over the picture"
-                                      : "a foreign or stale calibration: one camera has turned up or down since",
+                         : "a foreign or stale calibration: one camera has turned up or down since",
         "calibrate again, and fasten the cameras" };
 }
 
@@ -236,19 +267,48 @@ Finding judge_rows(const RowError& e, bool exchanged_fits)
     if (!e.tested())
         return { "rows", Weight::unknown, "",
             "rows not tested: no texture (" + std::to_string(e.textured) + " of " + std::to_string(e.windows)
-                + " windows have enough to compare the cameras by)",
+                + " windows have enough to compare the cameras by); a stale calibration, or frames of two scenes, may "
+                  "not "
+                  "show here",
             "measure something with texture from time to time" };
-    if (e.fits() && std::abs(e.median) < rows_warn_from && run_of(e) < warn_run)
+    if (e.fits() && std::abs(e.median) < rows_warn_from && !runs_off(e))
         return { "rows", Weight::good, "", figures_of(e), "" };
     const auto [cause, advice] = cause_of(e, exchanged_fits);
     return { "rows", e.fits() ? Weight::worse : Weight::spoils, "", figures_of(e) + "; " + cause, advice };
 }
 
-RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity)
+cv::Mat textured_pixels(const cv::Mat& picture, double noise)
 {
-    const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity };
+    const cv::Mat structure = structure_along_y(picture);
+    cv::Mat squares;
+    cv::blur(structure.mul(structure), squares, { 2 * half_width + 1, 2 * half_height + 1 });
+    const double least = std::max(least_texture, least_texture_per_noise * noise);
+    return squares >= least * least;
+}
+
+double grey_noise(const cv::Mat& picture)
+{
+    constexpr int rows_looked_at = 64;
+    constexpr double to_sigma = 1 / (0.6745 * 6); // the mask's squares sum to 36
+    const double mean = cv::mean(picture)[0];
+    std::vector<double> rests;
+    for (int y = 1; y + 1 < picture.rows; y += std::max(1, picture.rows / rows_looked_at)) {
+        const uchar *above = picture.ptr(y - 1), *row = picture.ptr(y), *below = picture.ptr(y + 1);
+        for (int x = 1; x + 1 < picture.cols; ++x)
+            if (row[x] >= mean && row[x] < 255)
+                rests.push_back(std::abs(above[x - 1] + above[x + 1] + below[x - 1] + below[x + 1]
+                    - 2 * (above[x] + below[x] + row[x - 1] + row[x + 1]) + 4 * row[x]));
+    }
+    return rests.empty() ? 0 : to_sigma * median(rests);
+}
+
+RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise)
+{
+    const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity,
+        std::max(least_texture, least_texture_per_noise * noise) };
     const std::vector<Window> windows = compare_all(pictures);
     RowError e;
+    e.size = left.size();
     std::vector<double> shifts;
     for (const Window& window : windows) {
         ++e.windows;

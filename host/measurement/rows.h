@@ -24,6 +24,7 @@ struct RowError {
     /// Of the plane a + b x + c y through the row errors, px: a in the middle of the picture, b from its left to its
     /// right edge, c from its upper to its lower one.
     double a = 0.0, b = 0.0, c = 0.0;
+    cv::Size size; ///< of the picture
 
     /// Enough windows have texture for the others to mean something.
     bool tested() const;
@@ -36,7 +37,15 @@ struct RowError {
 /// normalized cross-correlation).
 /// @param left, right  CV_8U, rectified lit frames of cameras 0 and 1, of one size
 /// @param disparity    CV_32F, of that size, x0 - x1 in px, NaN where nothing was measured
-RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity);
+/// @param noise        of the frames as recorded, grey levels: weaker texture than it allows is none
+RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise);
+
+/// CV_8U, 255 where a picture has texture enough to be matched by; noise as above.
+cv::Mat textured_pixels(const cv::Mat& picture, double noise);
+
+/// Standard deviation of the grey values where a picture is brighter than its mean and not saturated, from what a
+/// Laplacian mask leaves; its median, which edges do not move. Immerkaer 1996, Fast noise variance estimation.
+double grey_noise(const cv::Mat& picture);
 
 /// What it means, as one finding "rows": good, unknown (no texture to test by: never good), worse or spoils. The
 /// limits stand with their reasons in the source.

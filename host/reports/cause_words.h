@@ -7,9 +7,6 @@
 
 namespace vexo {
 
-/// A cause in words for people.
-const char* words_of(Cause cause);
-
 /// One colour each, of all causes; the text is words_of().
 std::vector<Label> cause_legend();
 

@@ -83,8 +83,11 @@ void add_noise(std::vector<std::string>& lines, const Measured& m)
 void add_findings(std::vector<std::string>& lines, const Measured& m)
 {
     for (const Finding& finding : m.findings) {
-        const bool warns = finding.weight >= Weight::worse, says_rows = finding.weight == Weight::good;
-        lines.push_back((warns ? "warning      " : says_rows ? "rows         " : "note         ") + sentence(finding));
+        std::string label = finding.weight >= Weight::worse ? "warning"
+            : finding.weight == Weight::good                ? finding.name // rows, projector
+                                                            : "note";
+        label.resize(13, ' ');
+        lines.push_back(label + sentence(finding));
     }
 }
 
@@ -106,29 +109,15 @@ std::string quantile_text(const Json& q, int decimals)
     return text("q01") + " / " + text("q50") + " / " + text("q99");
 }
 
-/// What most of the lit pixels have. Only when next to nothing is lit is it that: a background is dark in every
-/// capture.
-Cause likeliest_cause(const CauseMap& causes)
-{
-    constexpr double least_lit = 0.01;
-    const auto lit = causes.counts.begin() + static_cast<std::ptrdiff_t>(Cause::contrast) + 1;
-    const auto count = static_cast<double>(std::accumulate(lit, causes.counts.end(), 0LL));
-    const auto dark = static_cast<double>(causes[Cause::contrast]);
-    if (count < least_lit * (count + dark)) return Cause::contrast;
-    return static_cast<Cause>(std::max_element(lit, causes.counts.end()) - causes.counts.begin());
-}
-
 } // namespace
 
 std::string why_spoilt(const Measured& m)
 {
-    std::string text;
-    for (const Finding& finding : m.findings)
-        if (finding.weight == Weight::spoils) {
-            text = sentence(finding); // rows come last: they speak of the result, the others of its input
-            if (finding.name == "rows") break;
-        }
-    return text.empty() ? "" : "the result cannot be trusted: " + text + "; --accept-verdict takes it all the same";
+    const auto spoils = [](const Finding& finding) { return finding.weight == Weight::spoils; };
+    const auto first = std::find_if(m.findings.begin(), m.findings.end(), spoils); // causes come before what they cause
+    return first == m.findings.end()
+        ? ""
+        : "the result cannot be trusted: " + sentence(*first) + "; --accept-verdict takes it all the same";
 }
 
 std::string why_nothing(const Measured& m)
@@ -143,17 +132,9 @@ std::string why_nothing(const Measured& m)
         return "no pixel of the two pictures matches at disparities " + limits_text(m)
             + "; pass --disparity or --depth, and check that cam0 and cam1 are not swapped";
     const Cause worst = likeliest_cause(m.causes);
-    std::string text = (worst == Cause::contrast ? "no point was measured; most pixels: "
-                                                 : "no point was measured; most lit pixels: ")
-        + std::string(words_of(worst));
-    if (worst == Cause::contrast)
-        text += "; check the exposure and the order of the frames (dark, lit, patterns), or lower --min-contrast";
-    if (worst == Cause::modulation) text += "; check the fringe frames, or lower --min-modulation";
-    if (worst == Cause::unwrapping && m.method() == Method::multi_phase)
-        text += "; check that the fringes have these --periods";
-    else if (worst == Cause::no_partner || worst == Cause::unwrapping || worst == Cause::phase_difference)
-        text += "; check that cam0 and cam1 are not swapped and that the calibration belongs to these cameras";
-    return text;
+    const std::string text = worst == Cause::contrast ? "no point was measured; most pixels: "
+                                                      : "no point was measured; most lit pixels: ";
+    return text + words_of(worst) + "; " + remedy_of(worst, m.method());
 }
 
 std::vector<std::string> summary_lines(const Measured& m, const Json& report)

@@ -67,6 +67,9 @@ void add_findings(const Measured& m, Json& report)
     for (const Finding& finding : m.findings)
         report["findings"].push_back(vexo::to_json(finding));
     report["rows"] = to_json(m.rows);
+    const ProjectorFit& p = m.projector;
+    report["projector"] = { { "points", p.points }, { "tested", p.tested() } };
+    if (p.tested()) report["projector"].update({ { "scatter", p.scatter }, { "outside", p.outside } });
 }
 
 /// Quantiles of depth and disparity, and the disparities that were accepted.

@@ -21,13 +21,14 @@ class Measuring : public testing::Test {
 protected:
     static constexpr int width = 320, height = 256;
 
-    Capture capture(Method method)
+    Capture capture(Method method, const char* scene = "bust", double defocus = 0.5)
     {
         sim::RigOptions rig;
         rig.image_size = { width, height };
         rig.method = method;
-        const std::string scan = folder / std::string(name_of(method));
-        for (const auto& [name, bytes] : sim::make_capture("bust", rig).files) {
+        rig.defocus = defocus;
+        const std::string scan = folder / (scene + std::string(name_of(method)));
+        for (const auto& [name, bytes] : sim::make_capture(scene, rig).files) {
             std::filesystem::create_directories(std::filesystem::path(scan + "/" + name).parent_path());
             EXPECT_TRUE(write_file(scan + "/" + name, bytes));
         }
@@ -85,6 +86,35 @@ TEST_F(Measuring, EndsAtAnyStepWhenItsCallerSaysSo)
         EXPECT_THROW(measure(scan, pair, {}, [&](const std::string&) { return ++step < last; }), Stopped) << last;
         EXPECT_EQ(step, last);
     }
+}
+
+TEST_F(Measuring, SpoilsWithCamerasExchangedAndNotAsTheyAre)
+{
+    const std::pair<Method, const char*> captures[] = { { Method::gray_phase, "plane" },
+        { Method::gray_phase, "steps" }, { Method::multi_phase, "plane" }, { Method::sgbm, "bust" } };
+    for (const auto& [method, scene] : captures) {
+        const std::string what = scene + std::string(" ") + name_of(method) + ": ";
+        Capture scan = capture(method, scene);
+        const Stereo pair = stereo(scan);
+        const Measured right = measure(scan, pair, {});
+        EXPECT_NE(heaviest(right.findings), Weight::spoils) << what << sentence(right.findings.back());
+        std::swap(scan.frames.frames[0], scan.frames.frames[1]);
+        const Measured wrong = measure(scan, pair, {});
+        EXPECT_EQ(heaviest(wrong.findings), Weight::spoils) << what << wrong.cloud.count;
+        for (const Finding& finding : wrong.findings)
+            EXPECT_TRUE(finding.weight != Weight::spoils || !finding.advice.empty()) << what << finding.text;
+    }
+}
+
+TEST_F(Measuring, SpoilsWhenNextToNothingOfTheLitPixelsIsMeasured)
+{
+    const Capture scan = capture(Method::gray_phase, "plane", 2.8);
+    const Measured measured = measure(scan, stereo(scan), {});
+    ASSERT_GT(measured.cloud.count, 0);
+    EXPECT_LT(measured.cloud.count, 0.01 * width * height); // else the capture does not ask what is meant
+    const Finding& coverage = measured.findings.back();
+    EXPECT_TRUE(coverage.name == "coverage" && coverage.weight == Weight::spoils) << sentence(coverage);
+    EXPECT_NE(coverage.advice.find("focus"), std::string::npos) << coverage.advice;
 }
 
 } // namespace

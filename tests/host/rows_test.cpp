@@ -23,10 +23,10 @@ protected:
         left = surface.colRange(20, 20 + width).clone();
     }
 
-    static cv::Mat noisy(const cv::Mat& picture)
+    static cv::Mat noisy(const cv::Mat& picture, double sigma = 1.5)
     {
         cv::Mat noise(picture.size(), CV_32F), out;
-        cv::randn(noise, 0, 1.5);
+        cv::randn(noise, 0, sigma);
         cv::add(picture, noise, out, {}, CV_8U);
         return out;
     }
@@ -40,7 +40,7 @@ protected:
                 map_y.at<float>(y, x) = static_cast<float>(y - rows - (rows_right - rows) * x / width);
             }
         cv::remap(surface, right, map_x, map_y, cv::INTER_CUBIC);
-        return test_rows(noisy(left), noisy(right), cv::Mat(height, width, CV_32F, cv::Scalar(12.5)));
+        return test_rows(noisy(left), noisy(right), cv::Mat(height, width, CV_32F, cv::Scalar(12.5)), 1.5);
     }
 
     cv::Mat surface, left;
@@ -69,7 +69,7 @@ TEST_F(Rows, OfAnotherSurfaceAreNotFoundAndSpoil)
     const cv::Mat disparity(height, width, CV_32F, cv::Scalar(12.5));
     cv::Mat other;
     cv::rotate(left, other, cv::ROTATE_180);
-    const RowError e = test_rows(left, other, disparity);
+    const RowError e = test_rows(left, other, disparity, 0);
     EXPECT_LT(e.found, 0.05);
     EXPECT_EQ(judge_rows(e).weight, Weight::spoils);
     EXPECT_NE(judge_rows(e).text.find("mixed capture"), std::string::npos);
@@ -82,8 +82,10 @@ TEST_F(Rows, OfAPlainWallOrOfNothingAreUnknownAndNeverGood)
     for (int y = 0; y < height; ++y)
         wall.row(y).setTo(200 - y / 3);
     const cv::Mat everywhere(height, width, CV_32F, cv::Scalar(12.5)), nowhere(height, width, CV_32F, std::nanf(""));
-    for (const RowError& e : { test_rows(noisy(wall), noisy(wall), everywhere), test_rows(left, left, nowhere),
-             test_rows(left.rowRange(0, 20), left.rowRange(0, 20), everywhere.rowRange(0, 20)) }) {
+    for (const RowError& e : { test_rows(noisy(wall), noisy(wall), everywhere, 1.5),
+             test_rows(noisy(wall, 11), noisy(wall, 11), everywhere, grey_noise(noisy(wall, 11))),
+             test_rows(left, left, nowhere, 0),
+             test_rows(left.rowRange(0, 20), left.rowRange(0, 20), everywhere.rowRange(0, 20), 0) }) {
         EXPECT_FALSE(e.tested() || e.fits()) << e.textured;
         EXPECT_EQ(judge_rows(e).weight, Weight::unknown);
         EXPECT_NE(judge_rows(e).text.find("not tested: no texture"), std::string::npos);
