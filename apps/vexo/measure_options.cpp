@@ -54,6 +54,9 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
                            ->check(CLI::IsMember({ 3, 5 })));
     o.phases.push_back(
         cmd.add_flag("--interpolate", o.request.interpolate, "also fill columns between measured ones, by line fits"));
+    o.phases.push_back(cmd.add_flag("!--no-refine", o.request.refine,
+        "keep the points as they are matched: do not look once more at the fringes around each; with --decoded and "
+        "--interpolate always so"));
     o.phases.push_back(cmd.add_flag("--decoded", o.files.decoded,
         "cam0 and cam1 hold maps of another decoder instead of pictures: black.png, white.png and, gray-phase, "
         "period.png or period.tiff (0 to 255) and phase.tiff, or, multi-phase, phase0.tiff to phase2.tiff; "

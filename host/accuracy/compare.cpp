@@ -1,6 +1,7 @@
 #include "host/accuracy/compare.h"
 
 #include "base/failure.h"
+#include "host/accuracy/sigma_check.h"
 #include "host/cameras/unit.h"
 #include "host/clouds/sphere_fit.h"
 
@@ -62,6 +63,8 @@ Result in_mm(Result r)
     r.baseline *= factor;
     for (cv::Point3f& point : r.cloud)
         point *= factor;
+    for (float& sigma : r.sigma)
+        sigma *= static_cast<float>(factor);
     if (r.predicted_noise) *r.predicted_noise *= factor;
     return r;
 }
@@ -86,8 +89,10 @@ Compared compare(const std::string& result_folder, const std::string& scan_folde
     if (c["error"]["points"] == c["error"]["points_beside_the_surface"])
         throw Failure(result_folder + ": no point lies where the truth of " + scan_folder
             + " has a surface; was it measured from this capture?");
-    c["coverage"] = coverage(e, r, t);
-    if (r.predicted_noise) {
+    c["coverage"] = coverage(e);
+    if (!r.sigma.empty())
+        c["sigma"] = check_sigma(e);
+    else if (r.predicted_noise) {
         c["predicted_noise"] = *r.predicted_noise;
         c["rms_over_predicted"] = c["error"]["rms_without_outliers"].get<double>() / *r.predicted_noise;
     }

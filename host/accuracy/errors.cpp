@@ -26,12 +26,6 @@ uchar mask_at(const cv::Mat& mask, const cv::Point2d& p)
     return cv::countNonZero(four == 255) == 4 ? 255 : 0;
 }
 
-/// Rectified pixels that look at surface which both cameras see and the projector lights.
-struct VisibleSurface {
-    cv::Mat all;       ///< CV_8U, 255: such pixels
-    cv::Mat in_common; ///< those whose point lies in the rectified picture of camera 1, too, on whole pixels of it
-};
-
 VisibleSurface rectified_visible(const Result& r, const Truth& t)
 {
     const cv::Matx33d cam1_from_cam0 = t.camera1.R * t.camera0.R.t();
@@ -74,21 +68,26 @@ Errors find_errors(const Result& r, const Truth& t)
     const std::vector<cv::Point2d> pixels = project(e.points, t.camera0);
     e.picture = cv::Mat(r.size, CV_32F, cv::Scalar(static_cast<double>(std::nanf(""))));
     e.measured = cv::Mat::zeros(r.size, CV_8U);
+    e.visible = rectified_visible(r, t);
+    e.on_visible.resize(r.cloud.size());
     for (std::size_t i = 0; i < pixels.size(); ++i) {
         const double error = e.points[i].z - depth_at(t.depth, pixels[i]);
         e.errors.push_back(static_cast<float>(error));
         const cv::Point3d p(r.cloud[i]);
+        if (!r.sigma.empty()) // both depths are of one ray
+            e.sigmas.push_back(static_cast<float>(static_cast<double>(r.sigma[i]) * e.points[i].z / p.z));
         const double x = std::round(r.f * p.x / p.z + r.cx), y = std::round(r.f * p.y / p.z + r.cy);
         if (!(x >= 0 && y >= 0 && x < r.size.width && y < r.size.height)) continue;
         e.picture.at<float>(static_cast<int>(y), static_cast<int>(x)) = static_cast<float>(error);
         e.measured.at<uchar>(static_cast<int>(y), static_cast<int>(x)) = 255;
+        e.on_visible[i] = e.visible.all.at<uchar>(static_cast<int>(y), static_cast<int>(x)) != 0;
     }
     return e;
 }
 
-Json coverage(const Errors& e, const Result& r, const Truth& t)
+Json coverage(const Errors& e)
 {
-    const VisibleSurface visible = rectified_visible(r, t);
+    const VisibleSurface& visible = e.visible;
     cv::Mat inner; // the pixels well inside what both rectified pictures hold
     const int side = 2 * inner_margin_px + 1;
     cv::erode(

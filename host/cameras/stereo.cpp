@@ -45,9 +45,11 @@ constexpr double least_baseline_mm = 2.0, most_baseline_mm = 20e3;
         calibration.files[0] + ": these cameras make no stereo pair; check baseline, focal lengths and sizes");
 }
 
-/// The library reads files alone, and of two kinds; those of other kinds are written for it.
-Owned<iStereoCamera> open_camera(const CalibrationFiles& calibration, const StereoCameraParam& param)
+/// The library reads files alone, and of two kinds; those of other kinds are written for it. Sets the camera and, of
+/// files that hold them, the tables.
+void open_camera(const CalibrationFiles& calibration, Stereo& stereo)
 {
+    const StereoCameraParam& param = stereo.param;
     std::vector<std::string> files = calibration.files;
     std::optional<TemporaryFolder> temporary;
     if (calibration.kind == Kind::opencv || calibration.kind == Kind::stereo) temporary.emplace();
@@ -57,9 +59,10 @@ Owned<iStereoCamera> open_camera(const CalibrationFiles& calibration, const Ster
         const cv::Size frames(param.inp_width, param.inp_height);
         if (!write_file(files[0], camera_yaml(read_cameras(calibration, frames)))) fail_with(errno, files[0]);
     }
-    Owned<iStereoCamera> camera(CreateStereoCamera(files.size() >= 3 ? 1 : 2, &files, &param));
-    if (!camera) refuse(calibration, param);
-    return camera;
+    const bool has_tables = files.size() >= 3;
+    stereo.camera.reset(CreateStereoCamera(has_tables ? 1 : 2, &files, &param));
+    if (!stereo.camera) refuse(calibration, param);
+    if (has_tables) stereo.tables = read_tables(files[2], { param.inp_width, param.inp_height });
 }
 
 /// Rectified files say nothing of themselves; the camera file beside them does, when it is of the same pair.
@@ -71,13 +74,16 @@ CalibrationNotes notes_of(const CalibrationFiles& calibration, double baseline)
     return same ? read_notes({ beside }) : CalibrationNotes();
 }
 
-std::optional<cv::Matx33d> rotation_of(
-    const std::array<CalibratedCamera, 2>& cameras, const StereoCameraParam& param, iStereoCamera& camera)
+/// The same rectification that the library computed from these cameras.
+void rectify_alike(const std::array<CalibratedCamera, 2>& cameras, Stereo& stereo)
 {
-    int width = 0, height = 0;
-    camera.get_outimage_size(&width, &height);
-    const cv::Size input(param.inp_width, param.inp_height);
-    return rectify(cameras, input, param.alpha, param.flags, { width, height }).rotation0;
+    cv::Size output;
+    stereo.camera->get_outimage_size(&output.width, &output.height);
+    const StereoCameraParam& param = stereo.param;
+    const Rectification rectification
+        = rectify(cameras, { param.inp_width, param.inp_height }, param.alpha, param.flags, output);
+    stereo.rectifying_rotation = rectification.rotation0;
+    stereo.tables = make_tables(cameras, rectification, output);
 }
 
 /// Files that say no size may be of pictures of another one, and lenses sit in front of the middle.
@@ -101,7 +107,8 @@ std::vector<Finding> doubts_of_size(const std::array<CalibratedCamera, 2>& camer
 Stereo open_stereo(const std::vector<std::string>& named, const StereoCameraParam& param, const std::string& unit)
 {
     const CalibrationFiles calibration = find_calibration(named);
-    Stereo stereo { calibration.files, param, open_camera(calibration, param), {}, {}, {}, {} };
+    Stereo stereo { calibration.files, param, {}, {}, {}, {}, {}, {} };
+    open_camera(calibration, stereo);
     stereo.notes = notes_of(calibration, stereo.camera->get_baseline_length());
     if (!unit.empty()) stereo.notes.unit = unit_named(unit, "--unit");
     stereo.geometry = probe_geometry(*stereo.camera);
@@ -109,7 +116,7 @@ Stereo open_stereo(const std::vector<std::string>& named, const StereoCameraPara
     if (calibration.kind == Kind::stereo) stereo.rectifying_rotation = read_stereo_file(stereo.files[0]).rotation0;
     if (calibration.kind == Kind::cameras || calibration.kind == Kind::opencv) {
         const auto cameras = read_cameras(calibration, frames);
-        stereo.rectifying_rotation = rotation_of(cameras, param, *stereo.camera);
+        rectify_alike(cameras, stereo);
         if (calibration.kind == Kind::opencv) stereo.doubts = doubts_of_size(cameras);
     }
     return stereo;
@@ -125,11 +132,16 @@ Stereo open_rectified(const RectifiedPair& pair, const StereoCameraParam& param,
             + size_text(param.inp_width, param.inp_height));
     const cv::Matx33d K(pair.f, 0, pair.cx, 0, pair.f, pair.cy, 0, 0, 1), R = cv::Matx33d::eye();
     const double none[5] = {}, T[3] = { -pair.baseline, 0, 0 };
-    Stereo stereo { {}, param, {}, {}, R, {}, {} };
+    Stereo stereo { {}, param, {}, {}, R, {}, {}, {} };
     stereo.camera.reset(CreateStereoCameraFromRaw(K.val, none, K.val, none, R.val, T, &param));
     if (!stereo.camera) throw Failure("--rectified: these numbers make no stereo camera for the frames");
     if (!unit.empty()) stereo.notes.unit = unit_named(unit, "--unit");
     stereo.geometry = probe_geometry(*stereo.camera);
+    std::array<CalibratedCamera, 2> cameras;
+    for (CalibratedCamera& camera : cameras)
+        camera = { { param.inp_width, param.inp_height }, K, {}, R, {} };
+    cameras[1].T = cv::Vec3d(T);
+    rectify_alike(cameras, stereo);
     return stereo;
 }
 

@@ -2,6 +2,7 @@
 
 #include "host/cameras/calibration_notes.h"
 #include "host/cameras/geometry.h"
+#include "host/cameras/rectifying_tables.h"
 #include "host/verdict/finding.h"
 #include "vexo/owned.h"
 #include "vexo/records.h"
@@ -23,6 +24,7 @@ struct Stereo {
     Geometry geometry;
     /// x_rectified = rectifying_rotation * x_raw of camera 0; nothing for an hmat set, which does not say
     std::optional<cv::Matx33d> rectifying_rotation;
+    RectifyingTables tables;     ///< of the library's rectification
     std::vector<Finding> doubts; ///< whether the files belong to these frames
     CalibrationNotes notes;      ///< the unit of all lengths, and how good the calibration was found
 };

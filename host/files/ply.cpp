@@ -83,46 +83,57 @@ PlyHeader parse_ply_header(const std::string& bytes, const std::string& path)
     return header;
 }
 
-std::vector<cv::Point3f> read_ply(const std::string& path)
+PlyCloud read_ply_cloud(const std::string& path)
 {
     const std::string bytes = read_bytes(path, max_ply_bytes);
     const PlyHeader header = parse_ply_header(bytes, path);
     const PlyHeader::Property* const axes[3] = { find(header, "x"), find(header, "y"), find(header, "z") };
+    const PlyHeader::Property* const sigma = find(header, "sigma");
     if (header.format != "binary_little_endian" || !axes[0] || !axes[1] || !axes[2])
         throw Failure(path + ": only binary little-endian PLY with float x y z can be read");
     if (header.vertices > (bytes.size() - header.body) / header.stride)
         throw Failure(path + ": the file is cut short; its header promises more points than it holds");
 
-    std::vector<cv::Point3f> points(header.vertices);
-    for (std::size_t i = 0; i < points.size(); ++i) {
+    PlyCloud cloud { std::vector<cv::Point3f>(header.vertices), std::vector<float>(sigma ? header.vertices : 0) };
+    for (std::size_t i = 0; i < cloud.points.size(); ++i) {
         const char* vertex = bytes.data() + header.body + i * header.stride;
         float xyz[3];
         for (int k = 0; k < 3; ++k)
             std::memcpy(&xyz[k], vertex + axes[k]->offset, sizeof(float));
-        points[i] = { xyz[0], xyz[1], xyz[2] };
+        cloud.points[i] = { xyz[0], xyz[1], xyz[2] };
+        if (sigma) std::memcpy(&cloud.sigma[i], vertex + sigma->offset, sizeof(float));
     }
-    return points;
+    return cloud;
+}
+
+std::vector<cv::Point3f> read_ply(const std::string& path)
+{
+    return read_ply_cloud(path).points;
 }
 
 std::vector<unsigned char> make_ply(
-    const std::vector<cv::Point3f>& points, const cv::Mat& texture, const std::string& comment)
+    const std::vector<cv::Point3f>& points, const cv::Mat& texture, const std::string& comment, const cv::Mat& sigma)
 {
     const auto measured = [](const cv::Point3f& p) { return !std::isnan(p.z); };
     const auto count = std::count_if(points.begin(), points.end(), measured);
     const std::string header = "ply\nformat binary_little_endian 1.0\ncomment " + comment + "\nelement vertex "
         + std::to_string(count)
         + "\nproperty float x\nproperty float y\nproperty float z\n"
-          "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";
+          "property uchar red\nproperty uchar green\nproperty uchar blue\n"
+        + (sigma.empty() ? "" : "property float sigma\n") + "end_header\n";
 
-    constexpr std::size_t stride = 15;
+    constexpr std::size_t of_sigma = 15;
+    const std::size_t stride = of_sigma + (sigma.empty() ? 0 : sizeof(float));
     std::vector<unsigned char> bytes(header.size() + static_cast<std::size_t>(count) * stride);
     std::memcpy(bytes.data(), header.data(), header.size());
     unsigned char* out = bytes.data() + header.size();
     const auto width = static_cast<std::size_t>(texture.cols);
     for (std::size_t i = 0; i < points.size(); ++i) {
         if (!measured(points[i])) continue;
+        const int y = static_cast<int>(i / width), x = static_cast<int>(i % width);
         std::memcpy(out, &points[i], 3 * sizeof(float)); // x86-64 is little-endian
-        std::memset(out + 12, texture.at<uchar>(static_cast<int>(i / width), static_cast<int>(i % width)), 3);
+        std::memset(out + 12, texture.at<uchar>(y, x), 3);
+        if (!sigma.empty()) std::memcpy(out + of_sigma, sigma.ptr<float>(y) + x, sizeof(float));
         out += stride;
     }
     return bytes;

@@ -27,12 +27,23 @@ struct PlyHeader {
 /// Reads a header; throws Failure that names `path`.
 PlyHeader parse_ply_header(const std::string& bytes, const std::string& path);
 
-/// x y z of a binary little-endian PLY with float coordinates; throws Failure.
+/// The points of a file.
+struct PlyCloud {
+    std::vector<cv::Point3f> points;
+    std::vector<float> sigma; ///< of each, the property `sigma`; empty: the file has none
+};
+
+/// Reads a binary little-endian PLY with float coordinates; throws Failure.
+PlyCloud read_ply_cloud(const std::string& path);
+
+/// Its x y z alone.
 std::vector<cv::Point3f> read_ply(const std::string& path);
 
-/// Binary little-endian PLY of the points that are not NaN: x y z as float, the grey as red green blue.
+/// Binary little-endian PLY of the points that are not NaN: x y z as float, the grey as red green blue, and where it is
+/// known the float `sigma`, NaN for points that have none.
 /// @param texture  8-bit grey, as many pixels as points
-std::vector<unsigned char> make_ply(
-    const std::vector<cv::Point3f>& points, const cv::Mat& texture, const std::string& comment);
+/// @param sigma    CV_32F, as many pixels; empty: not known
+std::vector<unsigned char> make_ply(const std::vector<cv::Point3f>& points, const cv::Mat& texture,
+    const std::string& comment, const cv::Mat& sigma = cv::Mat());
 
 } // namespace vexo

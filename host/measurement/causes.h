@@ -29,6 +29,7 @@ enum class Cause : unsigned char {
     no_match,         ///< block matching: hidden from the other camera, or the two directions disagree
     ambiguous,        ///< block matching: other disparities fit nearly as well
     speckle,          ///< block matching: a patch that is small and apart from its surroundings
+    refinement,       ///< matched, but no line through the fringes around the match can be trusted
     count
 };
 

@@ -143,13 +143,30 @@ cv::Mat disparity_map(const Cloud& cloud, const Geometry& geometry)
     return disparity;
 }
 
-void make_maps(Measured& m)
+/// Points by phases of frames get their sigma, and are refined if that is asked for.
+void make_precise(Work& w)
 {
-    m.disparity = disparity_map(m.cloud, m.geometry);
-    m.depth = cv::Mat(m.cloud.size, CV_32F, cv::Scalar(static_cast<double>(std::nanf(""))));
-    for (int y = 0; y < m.depth.rows; ++y)
-        for (int x = 0; x < m.depth.cols; ++x)
-            if (m.cloud.measured(y, x)) m.depth.at<float>(y, x) = m.cloud.point(y, x).z;
+    Measured& m = w.m;
+    if (m.method() == Method::sgbm)
+        m.precision.why_none = "block matching has no model of its noise";
+    else if (w.decoded())
+        m.precision.why_none = "maps of another decoder do not show their noise";
+    else if (w.request.interpolate)
+        m.precision.why_none = "filled columns are not measured";
+    if (!m.precision.why_none.empty()) return;
+    next_step(w.on_step, "looking once more around each match");
+    m.precision = make_precise(w.stereo,
+        { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes },
+        w.request.refine);
+}
+
+cv::Mat depth_map(const Cloud& cloud)
+{
+    cv::Mat depth(cloud.size, CV_32F);
+    for (int y = 0; y < depth.rows; ++y)
+        for (int x = 0; x < depth.cols; ++x)
+            depth.at<float>(y, x) = cloud.point(y, x).z;
+    return depth;
 }
 
 const cv::Mat& lit_frame(const Work& w, std::size_t camera)
@@ -182,7 +199,9 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_blocks(work);
     else
         measure_phases(work);
-    make_maps(m);
+    m.disparity = disparity_map(m.cloud, m.geometry);
+    make_precise(work);
+    m.depth = depth_map(m.cloud);
     clock.lap();
     m.findings.insert(m.findings.end(), capture.frames.notes.begin(), capture.frames.notes.end());
     judge_measured(m, capture, stereo, request);

@@ -8,6 +8,7 @@
 #include "host/measurement/causes.h"
 #include "host/measurement/match.h"
 #include "host/measurement/parameters.h"
+#include "host/measurement/precision.h"
 #include "host/measurement/projector.h"
 #include "host/measurement/rows.h"
 #include "host/verdict/finding.h"
@@ -37,6 +38,7 @@ struct Measured {
     Cloud cloud;                      ///< rectified camera 0; may hold no point
     CauseMap causes;
     cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
+    Precision precision;      ///< how far off the points may be, and whether they were refined
     RowError rows;
     ProjectorFit projector;        ///< asked only where the rows do not settle it
     std::vector<Finding> findings; ///< of the calibration and by judge_measured(); causes before what they cause
@@ -50,7 +52,7 @@ struct Measured {
 };
 
 /// Steps that measure() announces, at most.
-constexpr int measure_steps = 4;
+constexpr int measure_steps = 5;
 
 /// Measures a capture with a stereo camera of its frames' size. Changes neither; several threads may measure at once,
 /// each with a stereo camera of its own. That nothing was measured is no failure: the cloud is empty then, and the

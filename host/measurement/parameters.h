@@ -26,6 +26,7 @@ struct MeasureRequest {
     int block = 5;                      ///< sgbm, px
     std::optional<int> num_disparities; ///< sgbm, px
     bool interpolate = false;           ///< phases: fill columns between measured ones
+    bool refine = true;                 ///< phases of frames, not interpolated: measure each match anew
 };
 
 /// The library's parameters for a request, disparity limits and run lengths not yet chosen. Throws Failure.

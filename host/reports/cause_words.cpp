@@ -20,6 +20,7 @@ std::vector<Label> cause_legend()
         { 60, 76, 231 },
         { 18, 156, 243 },
         { 155, 89, 142 },
+        { 113, 204, 46 },
     };
     std::vector<Label> legend;
     for (std::size_t i = 0; i < cause_count; ++i)

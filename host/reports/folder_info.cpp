@@ -119,7 +119,11 @@ void add_result(const InfoRequest& o, Json& info)
                                  : 0.0;
     info["points"] = result.cloud.size();
     if (depth > 0.0) add_view(info, result.size, result.f, result.baseline, depth);
-    if (result.predicted_noise) info["expected_sigma"] = *result.predicted_noise;
+    const Json::json_pointer sigma("/sigma/q50");
+    if (!result.sigma.empty() && report.contains(sigma) && report[sigma].is_number())
+        info["expected_sigma"] = report[sigma];
+    else if (result.predicted_noise)
+        info["expected_sigma"] = *result.predicted_noise;
 }
 
 void add_frames(const std::string& folder, Json& info)

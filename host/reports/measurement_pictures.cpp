@@ -81,10 +81,11 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
         return png(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
     };
     // The longest first: they are made on all threads.
-    const std::vector<std::pair<const char*, std::function<Bytes()>>> files {
+    std::vector<std::pair<const char*, std::function<Bytes()>>> files {
         { "cloud.ply",
             [&] {
-                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit " + m.unit.name);
+                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit " + m.unit.name,
+                    m.precision.sigma);
             } },
         { "depth_view.png", [&] { return png(view_of(m.depth, "depth [" + m.unit.name + "]")); } },
         { "disparity_view.png", [&] { return png(view_of(m.disparity, "disparity [px]")); } },
@@ -96,6 +97,8 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
         { "depth.tiff", [&] { return encode(".tiff", m.depth); } },
         { "valid.png", [&] { return png(m.depth == m.depth); } },
     };
+    if (!m.precision.sigma.empty())
+        files.emplace_back("sigma.tiff", [&] { return encode(".tiff", m.precision.sigma); });
     std::vector<Bytes> bytes(files.size());
     in_parallel(files.size(), [&](std::size_t i) { bytes[i] = files[i].second(); });
     for (std::size_t i = 0; i < files.size(); ++i)

@@ -80,6 +80,27 @@ void add_noise(std::vector<std::string>& lines, const Measured& m)
     }
 }
 
+std::string quantile_text(const Json& q, int decimals)
+{
+    const auto text = [&](const char* key) { return number(q[key].get<double>(), decimals); };
+    return text("q01") + " / " + text("q50") + " / " + text("q99");
+}
+
+/// How the points were refined, and what their noise is.
+void add_precision(std::vector<std::string>& lines, const Measured& m, const Json& report)
+{
+    const Precision& p = m.precision;
+    if (p.refined)
+        lines.push_back("refined      " + grouped(p.samples[5]) + " points by 5 pixels of camera 1, "
+            + grouped(p.samples[3]) + " by 3, " + grouped(p.samples[2]) + " by 2; " + grouped(p.samples[0])
+            + " fit nowhere");
+    if (p.sigma.empty())
+        lines.push_back("sigma        none: " + p.why_none);
+    else
+        lines.push_back("sigma        " + quantile_text(report["sigma"], m.unit.decimals(4)) + " " + m.unit.name
+            + " (1 / 50 / 99 %), of the noise alone");
+}
+
 void add_findings(std::vector<std::string>& lines, const Measured& m)
 {
     for (const Finding& finding : m.findings) {
@@ -101,12 +122,6 @@ void add_causes(std::vector<std::string>& lines, const Measured& m, double total
         count.insert(0, 10 - std::min<std::size_t>(10, count.size()), ' ');
         lines.push_back("  " + words + count + "  " + percent(static_cast<double>(m.causes[cause]), total));
     }
-}
-
-std::string quantile_text(const Json& q, int decimals)
-{
-    const auto text = [&](const char* key) { return number(q[key].get<double>(), decimals); };
-    return text("q01") + " / " + text("q50") + " / " + text("q99");
 }
 
 } // namespace
@@ -153,6 +168,7 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
     lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
     lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
         + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
+    add_precision(lines, m, report);
     const auto lost = static_cast<double>(m.causes[Cause::disparity]);
     if (lost > 0.01 * (m.cloud.count + lost))
         lines.push_back("note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside "

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <utility>
 
 namespace vexo {
 
@@ -65,7 +66,9 @@ Result read_result(const std::string& folder)
         throw Failure(r.report_path + ": f, baseline or size make no sense; run vexo measure again");
     r.size = { static_cast<int>(width), static_cast<int>(height) };
     r.raw_from_rectified = rotation_in(r.report, r.report_path).t();
-    r.cloud = read_ply((fs::path(folder) / "cloud.ply").string());
+    PlyCloud cloud = read_ply_cloud((fs::path(folder) / "cloud.ply").string());
+    r.cloud = std::move(cloud.points);
+    r.sigma = std::move(cloud.sigma);
     if (r.cloud.empty()) throw Failure(folder + "/cloud.ply: holds no points");
     r.decode_and_match_seconds = get("/seconds/decode_and_rectify") + get("/seconds/match_and_triangulate");
     r.predicted_noise = predict(r);

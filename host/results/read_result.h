@@ -20,6 +20,7 @@ struct Result {
     double f = 0.0, cx = 0.0, cy = 0.0, baseline = 0.0, disparity_at_infinity = 0.0;
     cv::Matx33d raw_from_rectified;
     std::vector<cv::Point3f> cloud; ///< rectified camera-0 axes, in the unit of the report
+    std::vector<float> sigma;       ///< of the depth of each point; NaN: of this point none; empty: of none
     double decode_and_match_seconds = 0.0;
     /// Standard deviation of the depth by first order, see predicted_noise(); nothing where there is no model of the
     /// noise (block matching) or no picture to read it from (decoded maps)

@@ -5,6 +5,7 @@
 #include "host/results/provenance.h"
 #include "vexo/version.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 
@@ -71,6 +72,22 @@ Json to_json(const RowError& e)
     return rows;
 }
 
+/// Sigma is the noise's share alone; what the calibration is off by is not in it.
+void add_precision(const Measured& m, Json& report)
+{
+    const Precision& p = m.precision;
+    report["refinement"] = { { "made", p.refined }, { "samples_5", p.samples[5] }, { "samples_3", p.samples[3] },
+        { "samples_2", p.samples[2] }, { "dropped", p.samples[0] } };
+    report["sigma"] = { { "why_none", p.why_none } };
+    if (p.sigma.empty()) return;
+    const std::vector<float> values = finite_values(p.sigma);
+    report["sigma"].update(quantiles_json(values));
+    report["sigma"]["without"] = 1.0 - static_cast<double>(values.size()) / std::max(m.cloud.count, 1);
+    for (std::size_t camera = 0; camera < 2; ++camera)
+        report["sigma"]["noise"][camera == 0 ? "cam0" : "cam1"]
+            = { { "c0", p.noise[camera].c0 }, { "k", p.noise[camera].k } };
+}
+
 void add_findings(const Measured& m, Json& report)
 {
     report["verdict"] = word_of(heaviest(m.findings));
@@ -125,6 +142,7 @@ Json make_report(
     report["parameters"] = to_json(m.record);
     report["parameters"]["min_modulation"] = request.min_modulation;
     report["parameters"]["interpolate"] = request.interpolate;
+    report["parameters"]["refine"] = m.precision.refined;
     report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
         { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
         { "parameters", hash_of(report["parameters"]) } };
@@ -143,10 +161,12 @@ Json make_report(
     report["pixels"] = { { "total", m.depth.total() }, { "measured", m.cloud.count },
         { "share", m.cloud.count / total }, { "not_measured", to_json(m.causes, m.method()) } };
     add_ranges(m, report);
+    add_precision(m, report);
     add_findings(m, report);
     report["seconds"] = { { "set_frames", m.times.frames }, { "decode_and_rectify", m.times.decode },
         { "match_and_triangulate", m.times.triangulate }, { "read", read_seconds + m.rectify_seconds },
-        { "first_pass", m.first_pass_seconds }, { "causes", m.causes_seconds }, { "checks", m.checks_seconds } };
+        { "first_pass", m.first_pass_seconds }, { "causes", m.causes_seconds }, { "precision", m.precision.seconds },
+        { "checks", m.checks_seconds } };
     return report;
 }
 

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include <cstring>
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -38,9 +40,27 @@ TEST_F(Measure, PlaneIsMeasuredWholeAndAsExactlyAsItsNoiseAllows)
     const Json c = told("compare", at("plane") + " " + at("scan"));
     EXPECT_GE(c["coverage"]["inner_coverage"].get<double>(), 0.995);
     EXPECT_LE(c["error"]["outliers"].get<double>(), 0.0005);
-    // The prediction knows the noise alone; rectification rounds positions to 1/32 px, a tenth of it here.
-    EXPECT_NEAR(c["rms_over_predicted"].get<double>(), 1.0, 0.2);
     EXPECT_LT(std::abs(c["error"]["bias"].get<double>()), 0.1 * c["error"]["rms"].get<double>());
+}
+
+TEST_F(Measure, PointsAreAsFarOffAsTheirSigmaSaysAtTwoNoiseLevelsRefinedAndNot)
+{
+    ASSERT_EQ(run("simulate plane --size 320x256 --period 32 --noise 4 --quiet --out " + at("noisy")).code, 0);
+    double rms[2][2];
+    for (const bool noisy : { false, true })
+        for (const bool refined : { false, true }) {
+            const std::string scan = at(noisy ? "noisy" : "scan"), out = at("sigma");
+            ASSERT_EQ(run("measure --quiet " + scan + (refined ? "" : " --no-refine") + " --out " + out).code, 0);
+            const Json c = told("compare", out + " " + scan), &sigma = c["sigma"];
+            rms[noisy][refined] = c["error"]["rms_without_outliers"];
+            EXPECT_FALSE(c.contains("predicted_noise"));
+            // Some 6000 points a decile: chance moves its rms by 1 %, the rest is the model's.
+            EXPECT_GE(sigma["z_rms_least"].get<double>(), 0.9) << sigma;
+            EXPECT_LE(sigma["z_rms_most"].get<double>(), 1.1) << sigma;
+            EXPECT_LE(sigma["beyond_6"].get<double>(), 0.003) << sigma;
+        }
+    EXPECT_LT(rms[0][1], 0.95 * rms[0][0]); // exact positions
+    EXPECT_LT(rms[1][1], rms[1][0]);
 }
 
 TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
@@ -70,7 +90,15 @@ TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
     }
     const std::string ply = program::read(at("files/cloud.ply"));
     const std::size_t body = ply.find("end_header\n") + 11;
-    EXPECT_EQ(ply.size() - body, 15 * report["pixels"]["measured"].get<std::size_t>());
+    ASSERT_EQ(ply.size() - body, 19 * report["pixels"]["measured"].get<std::size_t>());
+    const cv::Mat sigma = cv::imread(at("files/sigma.tiff"), cv::IMREAD_UNCHANGED);
+    std::size_t vertex = body;
+    for (int y = 0; y < depth.rows; ++y)
+        for (int x = 0; x < depth.cols; ++x) {
+            if (valid.at<uchar>(y, x) != 255) continue;
+            ASSERT_EQ(std::memcmp(ply.data() + vertex + 15, sigma.ptr<float>(y) + x, sizeof(float)), 0);
+            vertex += 19;
+        }
     for (const char* view : { "texture", "disparity", "depth", "valid" })
         EXPECT_GT(cv::imread(at("files/" + std::string(view) + "_view.png")).cols, depth.cols) << view;
 }

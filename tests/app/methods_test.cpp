@@ -122,8 +122,7 @@ TEST_F(Methods, MultiPhasePlaneIsMeasuredWholeAndAsExactlyAsItsNoiseAllows)
 
     const Json c = compare("r_multi", "multi-phase");
     EXPECT_GE(c["coverage"]["inner_coverage"].get<double>(), 0.99);
-    EXPECT_LE(c["rms_over_predicted"].get<double>(), 1.35);
-    EXPECT_GE(c["rms_over_predicted"].get<double>(), 0.7);
+    EXPECT_NEAR(c["sigma"]["z_rms"].get<double>(), 1.0, 0.1);
     EXPECT_LE(c["error"]["outliers"].get<double>(), 0.0005);
 }
 
@@ -135,7 +134,8 @@ TEST_F(Methods, BlockMatchingFindsItsRangeAndTellsWhyPixelsLack)
     EXPECT_EQ(report["parameters"]["numDisparities"].get<int>() % 16, 0);
     const Json c = compare("r_sgbm", "sgbm");
     EXPECT_GE(c["coverage"]["inner_coverage"].get<double>(), 0.9);
-    EXPECT_FALSE(c.contains("predicted_noise"));
+    EXPECT_FALSE(c.contains("predicted_noise") || c.contains("sigma"));
+    EXPECT_NE(report["sigma"]["why_none"], "");
     // 1 / 16 px is 0.3 mm at this size; half of a good match's errors lie within a few of them
     EXPECT_LT(std::abs(c["error"]["median"].get<double>()), 0.5);
 
@@ -175,8 +175,10 @@ TEST_F(Methods, DecodedMapsGiveTheCloudOfTheFramesTheyWereDecodedFrom)
     for (const std::string method : { "multi-phase", "gray-phase" }) {
         const std::string maps = at("maps_" + method);
         decode(at(method), maps, method == "multi-phase");
-        const Json frames = measure(at(method), "r_frames"), decoded = measure("--decoded " + maps, "r_maps");
+        const Json frames = measure("--no-refine " + at(method), "r_frames"),
+                   decoded = measure("--decoded " + maps, "r_maps");
         EXPECT_EQ(decoded["method"], method);
+        EXPECT_NE(decoded["sigma"]["why_none"], "");
         EXPECT_EQ(pixels_told(decoded), 320 * 256);
         // The host masks weak fringes only in frames, and rounds phases in double: a few pixels differ.
         EXPECT_NEAR(decoded["pixels"]["share"].get<double>(), frames["pixels"]["share"].get<double>(), 0.005);

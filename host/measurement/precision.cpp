@@ -1,0 +1,142 @@
+#include "host/measurement/precision.h"
+
+#include "base/parallel.h"
+#include "base/stopwatch.h"
+#include "host/measurement/library_sigma.h"
+#include "host/measurement/refine.h"
+#include "patterns/method.h"
+
+#include <cmath>
+#include <limits>
+
+namespace vexo {
+
+namespace {
+
+constexpr float none = std::numeric_limits<float>::quiet_NaN();
+
+/// What each period counts in the coordinate: that of gray code + phase is the fringe number plus the phase, that of
+/// several periods the mean of the positions in projector px. The frames of the former step the other way.
+std::vector<FringeSet> sets_of(const MatchingRecord& record)
+{
+    std::vector<FringeSet> sets;
+    for (const std::size_t first : phase_sets(method_of(record)))
+        sets.push_back({ first, -1.0F });
+    if (const auto* multi = std::get_if<MultiPhaseMatchingParam>(&record))
+        for (std::size_t f = 0; f < sets.size(); ++f)
+            sets[f].weight = static_cast<float>(multi->periods[f]) / static_cast<float>(sets.size());
+    return sets;
+}
+
+std::array<RawPhases, 2> phases_of(const PhasePoints& points, Precision& made)
+{
+    const std::vector<FringeSet> sets = sets_of(points.record);
+    const std::array<const std::vector<cv::Mat>*, 2> frames { &points.frames0, &points.frames1 };
+    in_parallel(2, [&](std::size_t camera) {
+        made.noise[camera]
+            = estimate_noise(*frames[camera], phase_sets(method_of(points.record)), points.masks[camera].modulation);
+    });
+    std::array<RawPhases, 2> raw;
+    for (std::size_t camera = 0; camera < 2; ++camera)
+        raw[camera] = raw_phases(*frames[camera], sets, made.noise[camera], points.masks[camera].modulation);
+    return raw;
+}
+
+/// Makes the standard deviation of a depth from that of its disparity, px: sigma_Z = Z^2 / (f b) sigma_d.
+float of_depth(const Geometry& geometry, float z, float sigma)
+{
+    return static_cast<float>(std::abs(geometry.slope)) * z * z * sigma;
+}
+
+/// Of one row: points read from n pixels of camera 1, [0]: dropped, and those beyond the limits of the disparity.
+struct RowCounts {
+    std::array<long long, 6> samples {};
+    long long outside = 0;
+};
+
+/// Puts the refined points of a row in the place of the matches.
+RowCounts replace_row(
+    const Geometry& geometry, int y, const Refined& refined, const PhasePoints& points, cv::Mat& made_sigma)
+{
+    const auto [least, most] = disparity_limits(points.record);
+    cv::Point3f* const cloud = points.cloud.points.data() + static_cast<std::ptrdiff_t>(y) * points.cloud.size.width;
+    float* const disparity = points.disparity.ptr<float>(y);
+    const float* const found = refined.disparity.ptr<float>(y);
+    float* const sigma = made_sigma.ptr<float>(y);
+    const double ray_y = (y - geometry.cy) / geometry.f, over_f = 1.0 / geometry.f;
+    RowCounts counts;
+    for (int x = 0; x < points.cloud.size.width; ++x) {
+        if (!(disparity[x] == disparity[x])) continue;
+        const auto d = static_cast<double>(disparity[x] = found[x]);
+        const double z = geometry.depth(d);
+        if (d >= least && d <= most && z > 0.0) { // false without a point
+            cloud[x] = { static_cast<float>((x - geometry.cx) * over_f * z), static_cast<float>(ray_y * z),
+                static_cast<float>(z) };
+            sigma[x] = of_depth(geometry, cloud[x].z, sigma[x]);
+            ++counts.samples[refined.samples.at<uchar>(y, x)];
+            continue;
+        }
+        const bool any = found[x] == found[x];
+        ++(any ? counts.outside : counts.samples[0]);
+        points.causes.causes.at<uchar>(y, x) = static_cast<uchar>(any ? Cause::disparity : Cause::refinement);
+        cloud[x] = { none, none, none };
+        disparity[x] = sigma[x] = none;
+    }
+    return counts;
+}
+
+void replace_points(const Geometry& geometry, const Refined& refined, const PhasePoints& points, Precision& made)
+{
+    std::vector<RowCounts> rows(static_cast<std::size_t>(points.cloud.size.height));
+    in_parallel(rows.size(),
+        [&](std::size_t y) { rows[y] = replace_row(geometry, static_cast<int>(y), refined, points, made.sigma); });
+    long long outside = 0;
+    for (const RowCounts& row : rows) {
+        outside += row.outside;
+        for (std::size_t n = 0; n < row.samples.size(); ++n)
+            made.samples[n] += row.samples[n];
+    }
+    auto& counts = points.causes.counts;
+    const long long gone = made.samples[0] + outside;
+    counts[static_cast<std::size_t>(Cause::refinement)] += made.samples[0];
+    counts[static_cast<std::size_t>(Cause::disparity)] += outside;
+    counts[static_cast<std::size_t>(Cause::none)] -= gone;
+    points.cloud.count -= static_cast<int>(gone);
+}
+
+void to_depth(const Geometry& geometry, const Cloud& cloud, cv::Mat& sigma)
+{
+    for (int y = 0; y < sigma.rows; ++y)
+        for (int x = 0; x < sigma.cols; ++x)
+            sigma.at<float>(y, x) = of_depth(geometry, cloud.point(y, x).z, sigma.at<float>(y, x));
+}
+
+} // namespace
+
+Precision make_precise(const Stereo& stereo, const PhasePoints& points, bool refined)
+{
+    Stopwatch clock;
+    Precision made;
+    made.refined = refined;
+    if (points.cloud.count == 0) { // also of pictures too small to lie between four pixels
+        made.sigma = cv::Mat(points.disparity.size(), CV_32F, cv::Scalar(static_cast<double>(none)));
+        return made;
+    }
+    const std::array<RawPhases, 2> raw = phases_of(points, made);
+    if (refined) {
+        const Refined found = refine(raw, stereo.tables, points.disparity);
+        made.sigma = found.sigma; // still of the disparity, px
+        replace_points(stereo.geometry, found, points, made);
+    } else {
+        constexpr float gray_periods = 128.0F, projector_px = 912.0F;
+        const auto* gray = std::get_if<GrayPhaseMatchingParam>(&points.record);
+        const int samples = gray ? gray->fit_points : std::get<MultiPhaseMatchingParam>(points.record).fit_points;
+        made.sigma
+            = library_sigma(raw, stereo.tables, points.disparity, { samples, gray ? gray_periods : projector_px });
+        to_depth(stereo.geometry, points.cloud, made.sigma);
+    }
+    made.seconds = clock.lap();
+    return made;
+}
+
+} // namespace vexo

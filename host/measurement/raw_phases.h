@@ -1,0 +1,66 @@
+#pragma once
+
+#include "host/captures/noise.h"
+
+#include <opencv2/core.hpp>
+
+#include <cstddef>
+#include <vector>
+
+/// The phases of recorded fringes, pixel by pixel, with their variances: what points are refined from.
+namespace vexo {
+
+/// Four frames of one period, and what a period's phase counts in the projector coordinate, which is the sum of the
+/// weighted phases.
+struct FringeSet {
+    std::size_t first = 0; ///< index of the first frame
+    float weight = 1.0F;   ///< units of the coordinate a period; negative of frames that step the other way
+};
+
+/// Phases and coordinates of one camera's raw picture.
+struct RawPhases {
+    std::vector<FringeSet> sets;
+    std::vector<cv::Mat> phases; ///< CV_32F, of each set, fringe periods, -0.5 to 0.5
+    cv::Mat variance;            ///< CV_32F, of the coordinate, unit^2; negative: not lit, or without fringes
+};
+
+/// Angle of (cosine, sine) over 2 pi, -0.5 to 0.5; 0 of (0, 0). Differs from atan2 by at most 4e-8 turns where both are
+/// whole numbers up to 255: the polynomial by 2e-8 rad, the rest is the rounding of single precision.
+/// Source: Abramowitz, Stegun, Handbook of mathematical functions (1964), 4.4.49.
+__attribute__((always_inline)) inline float turns(float sine, float cosine) noexcept
+{
+    constexpr float inverse = 0.15915494F; // 1 / (2 pi)
+    const float y = sine < 0.0F ? -sine : sine, x = cosine < 0.0F ? -cosine : cosine;
+    const float low = x < y ? x : y, high = x < y ? y : x;
+    const float q = low / (high < 1.0F ? 1.0F : high), s = q * q;
+    float sum = 0.0028662257F * s - 0.0161657367F;
+    sum = sum * s + 0.0429096138F;
+    sum = sum * s - 0.0752896400F;
+    sum = sum * s + 0.1065626393F;
+    sum = sum * s - 0.1420889944F;
+    sum = sum * s + 0.1999355085F;
+    sum = sum * s - 0.3333314528F;
+    const float octant = (q + q * s * sum) * inverse;
+    const float quarter = x < y ? 0.25F - octant : octant;
+    const float half = cosine < 0.0F ? 0.5F - quarter : quarter;
+    return sine < 0.0F ? -half : half;
+}
+
+/// Difference of two phases, as the shortest way: -0.5 to 0.5 periods. Adding and taking off 1.5 * 2^23 rounds to a
+/// whole number, to even, for anything below 2^22.
+__attribute__((always_inline)) inline float shortest(float difference) noexcept
+{
+    constexpr float shift = 12582912.0F;
+    return difference - ((difference + shift) - shift);
+}
+
+/// Phases and variances of the raw pixels. A grey noise s gives the phase the variance s^2 / (2 B^2) rad^2 at
+/// modulation B, exactly, as S = I1 - I3 and C = I2 - I0 have the variance 2 s^2 each; s^2 is the noise model's, or r^2
+/// where one of the frames is clipped and the residual r says that more is wrong. Source: Surrel, Design of algorithms
+/// for phase measurements, Applied Optics 35 (1996) 51.
+/// @param frames  of one camera, as recorded
+/// @param mask    CV_8U, 255: lit, and with fringes
+RawPhases raw_phases(const std::vector<cv::Mat>& frames, const std::vector<FringeSet>& sets, const NoiseModel& noise,
+    const cv::Mat& mask);
+
+} // namespace vexo
