@@ -3,6 +3,7 @@
 #include "base/cpu.h"
 #include "base/large_pages.h"
 #include "base/parallel.h"
+#include "host/measurement/bend.h"
 #include "host/measurement/row_lines.h"
 
 #include <algorithm>
@@ -62,7 +63,7 @@ public:
     {
     }
 
-    void refine(int y, const float* disparity, Refined& out)
+    void refine(int y, const float* disparity, Refined& out, int* bends)
     {
         _row0.sample(_raw[0], _tables[0], y);
         _row1.sample(_raw[1], _tables[1], y);
@@ -84,6 +85,7 @@ public:
             samples[x] = static_cast<uchar>(any ? found.samples : 0);
             refined[x] = any ? static_cast<float>(x - found.column) - found.position : none;
             sigma[x] = any ? std::sqrt(found.variance) : none;
+            bends[x] = any && found.samples == 5 ? packed_bend(_lines.bend[found.column]) : 0;
         }
     }
 
@@ -217,12 +219,15 @@ Refined refine(const std::array<RawPhases, 2>& raw, const RectifyingTables& tabl
     create_large(out.disparity, disparity.size(), CV_32F);
     create_large(out.sigma, disparity.size(), CV_32F);
     create_large(out.samples, disparity.size(), CV_8U);
+    cv::Mat bends;
+    create_large(bends, disparity.size(), CV_32S);
     in_parallel(static_cast<std::size_t>((disparity.rows + band - 1) / band), [&](std::size_t i) {
         RowRefiner rows(raw, tables, disparity.cols);
         const int begin = static_cast<int>(i) * band, end = std::min(begin + band, disparity.rows);
         for (int y = begin; y < end; ++y)
-            rows.refine(y, disparity.ptr<float>(y), out);
+            rows.refine(y, disparity.ptr<float>(y), out, bends.ptr<int>(y));
     });
+    correct_bend(bends, out.samples, out.disparity);
     return out;
 }
 

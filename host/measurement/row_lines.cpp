@@ -21,7 +21,7 @@ VEXO_INLINE void add_steps(const float* phase, float weight, int cols, float* st
 /// What one column's lines are made from, and what they are.
 struct LineArrays {
     const float *step, *usable, *variance, *u, *v;
-    float *mean5, *inverse5, *mean3, *inverse3, *inverse_step, *inverse, *spread, *at_middle, *growing;
+    float *mean5, *inverse5, *mean3, *inverse3, *inverse_step, *inverse, *spread, *bend, *at_middle, *growing;
 };
 
 VEXO_INLINE void fit_lines_of(const LineArrays& l, int cols) noexcept
@@ -43,6 +43,7 @@ VEXO_INLINE void fit_lines_of(const LineArrays& l, int cols) noexcept
         l.inverse_step[k] = ((all2 > 0.0F) & (x1 > 0.0F)) ? 1.0F / x1 : none;
         l.inverse[k] = m;
         l.spread[k] = 0.444889F * square;
+        l.bend[k] = (2.0F * (x2 - y2) - (x1 - y1)) * (1.0F / 14.0F) * inverse5;
         l.at_middle[k] = kept * (0.2F - 0.08F * p);
         l.growing[k] = kept * (0.1F - 0.12F * p);
     }
@@ -121,6 +122,7 @@ RowLines::RowLines(int count)
     , inverse_step(cols, none)
     , inverse(cols, none)
     , spread(cols, 0.0F)
+    , bend(cols, none)
     , at_middle(cols, 0.0F)
     , growing(cols, 0.0F)
 {
@@ -134,8 +136,8 @@ void RowLines::fit(const RowPhases& row, const std::vector<FringeSet>& sets)
         (Cpu::has_avx2() ? add_steps_avx2 : add_steps_plain)(row.phases[f].data(), sets[f].weight, cols, step.data());
     (Cpu::has_avx2() ? fit_avx2 : fit_plain)(
         { step.data(), usable.data(), row.variance.data(), row.u.data(), row.v.data(), mean5.data(), inverse5.data(),
-            mean3.data(), inverse3.data(), inverse_step.data(), inverse.data(), spread.data(), at_middle.data(),
-            growing.data() },
+            mean3.data(), inverse3.data(), inverse_step.data(), inverse.data(), spread.data(), bend.data(),
+            at_middle.data(), growing.data() },
         cols);
 }
 

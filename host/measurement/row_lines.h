@@ -46,6 +46,7 @@ public:
     Padded inverse_step;       ///< of column k to k + 1
     Padded inverse;            ///< of five samples, or else of three
     Padded spread;             ///< (0.667 sqrt(V) inverse)^2 of column k, px^2
+    Padded bend;               ///< c of the parabola slope (j + c j^2) through five samples, 1/px
     Padded at_middle, growing; ///< variance of a line through five samples, px^2: at_middle + t^2 growing
 };
 

@@ -63,6 +63,20 @@ TEST_F(Measure, PointsAreAsFarOffAsTheirSigmaSaysAtTwoNoiseLevelsRefinedAndNot)
     EXPECT_LT(rms[1][1], rms[1][0]);
 }
 
+TEST_F(Measure, BallsAreMuchLessTooSmallThanByStraightLinesThroughTheirSamples)
+{
+    ASSERT_EQ(run("simulate spheres --size 320x256 --period 32 --quiet --out " + at("balls")).code, 0);
+    double missing[2] = { 0.0, 0.0 }; // mm of both diameters, without and with refinement
+    for (const bool refined : { false, true }) {
+        run("measure --quiet --accept-verdict " + at("balls") + (refined ? "" : " --no-refine") + " --out " + at("r"));
+        const Json c = told("compare", at("r") + " " + at("balls"));
+        for (const Json& diameter : c["balls"]["diameters"])
+            missing[refined] += 40.0 - diameter.get<double>();
+    }
+    EXPECT_GT(missing[0], 0.5); // of 0.6: a line through five samples lies behind a ball
+    EXPECT_LT(missing[1], 0.65 * missing[0]);
+}
+
 TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
 {
     ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + at("files")).code, 0);

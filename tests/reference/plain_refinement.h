@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/measurement/bend.h"
 #include "host/measurement/refine.h"
 #include "host/measurement/row_lines.h"
 
@@ -83,7 +84,7 @@ private:
 
 struct Point {
     int column = 0, samples = 0;
-    float t = none, variance = none;
+    float t = none, variance = none, bend = none;
 };
 
 /// The lines around a column, and a coordinate on them.
@@ -104,6 +105,7 @@ struct Lines {
         over2 = r.usable(left) && r.usable(left + 1) && r.step(left) > 0 ? 1 / r.step(left) : none;
         two = d * over2;
         if (!(std::abs(two) <= 1)) two = none;
+        bend = (2 * (x2 - y2) - (x1 - y1)) * (1.0F / 14) * over5;
         inverse = over5 > 0 ? over5 : over3;
         square = r.variance(1, k) * inverse * inverse;
         const float u = r.at(1, k).u;
@@ -125,7 +127,8 @@ struct Lines {
         const float b = five - three, excess = b * b - 2 * s53, bias = excess > 0 ? 2.25F * excess : 0;
         return { k, 5, five,
             variance0 * inverse * inverse + kept * square * (0.2F - 0.08F * p)
-                + five * five * (kept * square * (0.1F - 0.12F * p)) + bias };
+                + five * five * (kept * square * (0.1F - 0.12F * p)) + bias,
+            bend };
     }
     Point by_three() const
     {
@@ -141,7 +144,7 @@ struct Lines {
 
     const Row& row;
     int k;
-    float d, five, three, two, over2, inverse, square, p, kept, variance0, s53, s52, s32;
+    float d, five, three, two, over2, bend, inverse, square, p, kept, variance0, s53, s52, s32;
 };
 
 inline int nearest_column(const Row& row, int x, int k)
@@ -180,11 +183,28 @@ inline Point refine(const Row& row, int x, float disparity)
     return {};
 }
 
+/// Takes the mean bend of 7 x 7 off.
+inline float straightened(const cv::Mat& bends, int y, int x, float disparity)
+{
+    long long sum = 0, count = 0;
+    for (int i = std::max(y - 3, 0); i <= std::min(y + 3, bends.rows - 1); ++i)
+        for (int j = std::max(x - 3, 0); j <= std::min(x + 3, bends.cols - 1); ++j) {
+            const float bend = bends.at<float>(i, j);
+            if (!(std::abs(bend) <= vexo::largest_bend)) continue;
+            sum += static_cast<long long>(bend * (1 << 20));
+            ++count;
+        }
+    if (count < 25) return disparity;
+    const float at = float(x) - disparity, t = at - std::floor(at + 0.5F);
+    return disparity - float(sum) * vexo::bend_unit / float(count) * (2 - t * t);
+}
+
 inline vexo::Refined refine(
     const std::array<vexo::RawPhases, 2>& raw, const vexo::RectifyingTables& tables, const cv::Mat& disparity)
 {
     vexo::Refined out { cv::Mat(disparity.size(), CV_32F, cv::Scalar(double(none))),
         cv::Mat(disparity.size(), CV_32F, cv::Scalar(double(none))), cv::Mat::zeros(disparity.size(), CV_8U) };
+    cv::Mat bends(disparity.size(), CV_32F, cv::Scalar(double(none)));
     for (int y = 0; y < disparity.rows; ++y) {
         const Row row(raw, tables, y);
         for (int x = 0; x < disparity.cols; ++x) {
@@ -194,8 +214,13 @@ inline vexo::Refined refine(
             out.samples.at<uchar>(y, x) = static_cast<uchar>(point.samples);
             out.disparity.at<float>(y, x) = float(x - point.column) - point.t;
             out.sigma.at<float>(y, x) = std::sqrt(point.variance);
+            bends.at<float>(y, x) = point.bend;
         }
     }
+    for (int y = 0; y < disparity.rows; ++y)
+        for (int x = 0; x < disparity.cols; ++x)
+            if (out.samples.at<uchar>(y, x) == 5)
+                out.disparity.at<float>(y, x) = straightened(bends, y, x, out.disparity.at<float>(y, x));
     return out;
 }
 
