@@ -21,9 +21,9 @@ namespace {
 /// The calibration; the capture's manifest says its unit where neither option nor files do.
 Stereo open_calibration(const MeasureOptions& o, const Capture& capture)
 {
-    Stereo stereo = open_typed(o.calib, o.camera);
+    Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
     if (!stereo.notes.unit.stated && capture.manifest && !capture.manifest->unit.empty())
-        stereo.notes.unit = unit_named(capture.manifest->unit, "capture.json: unit");
+        return open_stereo(o.calib, o.camera, capture.manifest->unit);
     return stereo;
 }
 
@@ -78,8 +78,8 @@ void add_measure(CLI::App& app, GlobalOptions& global)
         "vexo measure scan --out result --depth 500:700\n"
         "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it\n"
         "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured\n"
-        "  no check sees a camera that turned about the vertical axis (yaw), or a wrong baseline: measure a body of\n"
-        "  known size from time to time",
+        "  no check sees a camera that turned about the vertical axis (yaw), or a wrong baseline:\n"
+        "  measure a body of known size from time to time",
         [o, &global] { run(global, *o); });
 }
 

@@ -1,5 +1,6 @@
 #include "host/captures/positions.h"
 
+#include "base/parallel.h"
 #include "host/captures/agreement.h"
 #include "host/captures/fringe_steps.h"
 
@@ -67,16 +68,18 @@ double multi_position(const std::vector<cv::Mat>& frames, const std::vector<int>
     return best;
 }
 
-cv::Mat projector_positions(const std::vector<cv::Mat>& frames, const FringeMethod& method)
+cv::Mat projector_positions(const std::vector<cv::Mat>& frames, const FringeMethod& method, int every)
 {
     cv::Mat positions(frames[0].size(), CV_32F, cv::Scalar(std::nan("")));
-    for (int y = 0; y < positions.rows; ++y)
-        for (int x = 0; x < positions.cols; ++x) {
+    in_parallel(static_cast<std::size_t>(positions.rows), [&](std::size_t row) {
+        const int y = static_cast<int>(row);
+        for (int x = 0; x < positions.cols; x += every) {
             if (!seen(frames, method.method, y, x)) continue;
             const double at
                 = method.multi() ? multi_position(frames, method.periods, y, x) : gray_position(frames, y, x);
             if (at >= 0) positions.at<float>(y, x) = static_cast<float>(at);
         }
+    });
     return positions;
 }
 

@@ -17,7 +17,7 @@ int gray_code(const std::vector<cv::Mat>& frames, int y, int x);
 double multi_position(const std::vector<cv::Mat>& frames, const std::vector<int>& periods, int y, int x);
 
 /// CV_32F, in fringes (gray-phase) or projector px (multi-phase); NaN where no fringes are seen, and, gray-phase, near
-/// the start of a fringe, where code and phase may disagree.
-cv::Mat projector_positions(const std::vector<cv::Mat>& frames, const FringeMethod& method);
+/// the start of a fringe, where code and phase may disagree. Other columns than each `every`-th are NaN, too.
+cv::Mat projector_positions(const std::vector<cv::Mat>& frames, const FringeMethod& method, int every = 1);
 
 } // namespace vexo

@@ -62,12 +62,10 @@ private:
 
     void _judge_projector()
     {
-        const FringeMethod method { m.method(), m.periods() };
-        const auto& frames = _capture.frames.frames;
-        m.projector = fit_projector(_camera, frames, method);
-        const bool exchanged = fits_better(fit_projector(_camera, { frames[1], frames[0] }, method), m.projector);
-        m.findings.push_back(judge_rows(m.rows, exchanged));
-        if (m.projector.tested()) m.findings.push_back(judge_projector(m.projector, exchanged));
+        const ProjectorTest test = test_projector(_camera, _capture.frames.frames, { m.method(), m.periods() });
+        m.projector = test.given;
+        m.findings.push_back(judge_rows(m.rows, test.cameras_exchanged()));
+        if (test.given.tested()) m.findings.push_back(judge_projector(test));
     }
 
     void _judge_side()

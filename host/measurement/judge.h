@@ -9,7 +9,7 @@ namespace vexo {
 /// cameras together
 ///
 ///     rows       always; by judge_rows()
-///     projector  where the rows do not settle it, fringes only: good, or spoils, by fit_projector()
+///     projector  where the rows do not settle it, fringes only: good, or spoils, by judge_projector()
 ///     behind     spoils: most points lie behind the cameras
 ///     coverage   worse or spoils: of what could be measured most was not
 void judge_measured(Measured& measured, const Capture& capture, const Stereo& stereo, const MeasureRequest& request);

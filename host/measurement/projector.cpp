@@ -6,6 +6,8 @@
 #include "host/cameras/rectification.h"
 #include "host/captures/positions.h"
 
+#include <opencv2/imgproc.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -15,7 +17,7 @@ namespace vexo {
 
 namespace {
 
-constexpr int rows_looked_at = 40;
+constexpr int rows_looked_at = 16;
 
 /// Share of the points that lie more than 1 px off. A real rig's over-exposed cast leaves 7 %, frames of another scene
 /// three quarters.
@@ -30,25 +32,26 @@ struct Point {
     double x, y, disparity, position;
 };
 
-/// Some rows of rectified frames, and which these are.
-struct Rows {
-    cv::Mat positions; ///< CV_32F, one row for each
-    int first = 0, every = 1;
-};
-
-Rows rows_of(iStereoCamera& camera, const std::vector<cv::Mat>& frames, const FringeMethod& method, int which)
+/// Columns apart at which positions are looked at: gray-phase fringes may be some px long.
+int spacing(const FringeMethod& method)
 {
-    Rows rows;
+    return method.multi() ? 4 : 1;
+}
+
+/// Fringes or projector px over that; more is an edge.
+float most_step(const FringeMethod& method)
+{
+    return method.multi() ? 24.0F : 1.0F;
+}
+
+/// Positions on some rows of rectified frames.
+cv::Mat positions_on(const cv::Mat& rows, const std::vector<cv::Mat>& frames, const FringeMethod& method)
+{
     std::vector<cv::Mat> some(frames.size());
     in_parallel(frames.size(), [&](std::size_t k) {
-        const cv::Mat whole = rectified(camera, frames[k], which);
-        const int every = std::max(1, whole.rows / rows_looked_at);
-        const std::size_t step = whole.step * static_cast<std::size_t>(every);
-        some[k] = cv::Mat(whole.rows / every, whole.cols, CV_8U, whole.data, step).clone();
-        if (k == 0) rows.every = every;
+        cv::remap(frames[k], some[k], rows, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_CONSTANT);
     });
-    rows.positions = projector_positions(some, method);
-    return rows;
+    return projector_positions(some, method, spacing(method));
 }
 
 /// Columns of a row between which the position rises, by position.
@@ -57,43 +60,35 @@ struct Rise {
     int column;
 };
 
-/// Fringes or projector px from one camera column to the next; more is an edge.
-float most_step(const FringeMethod& method)
+std::vector<Rise> rises_of(const cv::Mat& positions, int row, const FringeMethod& method)
 {
-    return method.multi() ? 8.0F : 1.0F;
-}
-
-std::vector<Rise> rises_of(const cv::Mat& positions, int row, float most)
-{
+    const int apart = spacing(method);
     std::vector<Rise> rises;
     const auto* at = positions.ptr<float>(row);
-    for (int x = 0; x + 1 < positions.cols; ++x)
-        if (at[x + 1] > at[x] && at[x + 1] - at[x] < most) rises.push_back({ at[x], at[x + 1], x });
+    for (int x = 0; x + apart < positions.cols; x += apart)
+        if (at[x + apart] > at[x] && at[x + apart] - at[x] < most_step(method))
+            rises.push_back({ at[x], at[x + apart], x });
     std::sort(
         rises.begin(), rises.end(), [](const Rise& one, const Rise& other) { return one.position < other.position; });
     return rises;
 }
 
-struct Partners {
-    std::vector<Point> points;
-    double asked = 0, columns = 0; ///< columns: a position's length in camera 0, summed
-};
-
-void find_partners(const Rows& left, const Rows& right, int row, float most, Partners& partners)
+/// @param every  picture rows from one of these rows to the next
+void find_partners(const cv::Mat& left, const cv::Mat& right, int row, int every, const FringeMethod& method,
+    std::vector<Point>& points)
 {
-    constexpr int every = 4;
-    const std::vector<Rise> rises = rises_of(right.positions, row, most);
-    const auto* at = left.positions.ptr<float>(row);
-    for (int x = every; x + 1 < left.positions.cols; x += every) {
+    constexpr int step = 4;
+    const std::vector<Rise> rises = rises_of(right, row, method);
+    const auto* at = left.ptr<float>(row);
+    for (int x = step; x < left.cols; x += step) {
         const float position = at[x];
         if (std::isnan(position)) continue;
-        ++partners.asked;
         auto found = std::upper_bound(
             rises.begin(), rises.end(), position, [](float value, const Rise& rise) { return value < rise.position; });
         if (found == rises.begin() || (--found)->next < position) continue;
         const double part = static_cast<double>((position - found->position) / (found->next - found->position));
-        partners.points.push_back({ static_cast<double>(x), static_cast<double>(row * left.every),
-            x - found->column - part, static_cast<double>(position) });
+        points.push_back({ static_cast<double>(x), static_cast<double>(row * every),
+            x - found->column - part * spacing(method), static_cast<double>(position) });
     }
 }
 
@@ -151,14 +146,13 @@ template <class Value> std::vector<double> values_of(const std::vector<Point>& p
 }
 
 /// Length of a unit of position in camera 0, px.
-double length_of(const cv::Mat& positions, float most)
+double length_of(const cv::Mat& positions, const FringeMethod& method)
 {
     std::vector<double> steps;
     for (int y = 0; y < positions.rows; ++y)
-        for (int x = 0; x + 1 < positions.cols; x += 3)
-            if (const float step = positions.at<float>(y, x + 1) - positions.at<float>(y, x); step > 0 && step < most)
-                steps.push_back(static_cast<double>(step));
-    return steps.empty() ? 0 : 1 / median(steps);
+        for (const Rise& rise : rises_of(positions, y, method))
+            steps.push_back(static_cast<double>(rise.next - rise.position));
+    return steps.empty() ? 0 : spacing(method) / median(steps);
 }
 
 void fit_all(const std::vector<Point>& points, double length, ProjectorFit& result)
@@ -204,21 +198,23 @@ bool ProjectorFit::tested() const
     return points >= enough;
 }
 
-bool fits_better(const ProjectorFit& exchanged, const ProjectorFit& given)
+bool ProjectorTest::cameras_exchanged() const
 {
     return exchanged.tested() && given.tested()
         && given.scatter * given.relief > exchanged_from * exchanged.scatter * exchanged.relief;
 }
 
-Finding judge_projector(const ProjectorFit& fit, bool exchanged)
+Finding judge_projector(const ProjectorTest& test)
 {
+    const ProjectorFit& fit = test.given;
     const std::string figures = percent(fit.outside, 1.0)
         + " of the points lie more than 1 px from where one projector would light them, scatter "
         + number(fit.scatter, 2) + " px";
-    if (exchanged)
+    if (test.cameras_exchanged())
         return { "projector", Weight::spoils, "",
-            "the cameras are exchanged: the other way round the points fit a projector and a surface, as given not ("
-                + figures + ")",
+            "the cameras are exchanged: the other way round the points fit one projector to "
+                + number(test.exchanged.scatter, 2) + " px and a plane to " + number(test.exchanged.relief, 2)
+                + " px, as given to " + number(fit.scatter, 2) + " and " + number(fit.relief, 2) + " px",
             "exchange cam0 and cam1" };
     if (fit.outside <= most_outside) return { "projector", Weight::good, "", figures, "" };
     return { "projector", Weight::spoils, "",
@@ -226,17 +222,27 @@ Finding judge_projector(const ProjectorFit& fit, bool exchanged)
         "record both cameras' frames at once, and measure with the calibration of these cameras" };
 }
 
-ProjectorFit fit_projector(iStereoCamera& camera, const PairFrames& frames, const FringeMethod& method)
+ProjectorTest test_projector(iStereoCamera& camera, const PairFrames& frames, const FringeMethod& method)
 {
-    const Rows left = rows_of(camera, frames[0], method, 0), right = rows_of(camera, frames[1], method, 1);
-    Partners partners;
-    for (int row = 0; row < left.positions.rows; ++row)
-        find_partners(left, right, row, most_step(method), partners);
-    ProjectorFit result;
-    result.points = static_cast<int>(partners.points.size());
-    if (partners.asked > 0) result.found = result.points / partners.asked;
-    if (result.tested()) fit_all(partners.points, length_of(left.positions, most_step(method)), result);
-    return result;
+    int width = 0, height = 0;
+    camera.get_outimage_size(&width, &height);
+    const int every = std::max(1, height / rows_looked_at);
+    std::array<cv::Mat, 2> rows;
+    in_parallel(2, [&](std::size_t which) {
+        rows[which] = raw_positions(camera, frames[0][0].size(), static_cast<int>(which), every);
+    });
+    const auto fit_of = [&](const std::vector<cv::Mat>& left, const std::vector<cv::Mat>& right) {
+        const std::array<cv::Mat, 2> positions { positions_on(rows[0], left, method),
+            positions_on(rows[1], right, method) };
+        std::vector<Point> points;
+        for (int row = 0; row < positions[0].rows; ++row)
+            find_partners(positions[0], positions[1], row, every, method, points);
+        ProjectorFit result;
+        result.points = static_cast<int>(points.size());
+        if (result.tested()) fit_all(points, length_of(positions[0], method), result);
+        return result;
+    };
+    return { fit_of(frames[0], frames[1]), fit_of(frames[1], frames[0]) };
 }
 
 } // namespace vexo

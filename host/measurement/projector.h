@@ -19,9 +19,15 @@ struct ProjectorFit {
     double scatter = 0.0; ///< px along a row of camera 0, 1.4826 times the median of what the fit leaves
     double outside = 0.0; ///< share of the points that the fit leaves by more than 1 px
     double relief = 0.0;  ///< px, the same of the disparities from a plane through them
-    double found = 0.0;   ///< share of camera 0's positions that camera 1 sees in the same row
 
     bool tested() const;
+};
+
+struct ProjectorTest {
+    ProjectorFit given, exchanged; ///< exchanged: camera 0's frames as camera 1's, and the other way round
+
+    /// As given the frames fit a projector worse, or the surface is less flat, and the other is not as much better.
+    bool cameras_exchanged() const;
 };
 
 /// Looks at some rows: decodes each camera's rectified frames by itself, finds equal positions, and fits
@@ -30,15 +36,10 @@ struct ProjectorFit {
 ///
 /// by iterated least squares; p is the projector coordinate. Source: Hartley and Zisserman, Multiple View Geometry,
 /// 7.1, for one coordinate of a camera; disparity space is space up to a projective map.
-/// @param frames  as recorded, of camera 0 and 1; exchanged ones ask whether the cameras are
-ProjectorFit fit_projector(iStereoCamera& camera, const PairFrames& frames, const FringeMethod& method);
-
-/// Whether these are the frames as they should have been given: the points fit a projector better, or the surface is
-/// flatter, and the other is not as much worse.
-bool fits_better(const ProjectorFit& exchanged, const ProjectorFit& given);
+/// @param frames  as recorded
+ProjectorTest test_projector(iStereoCamera& camera, const PairFrames& frames, const FringeMethod& method);
 
 /// What it means, as one finding "projector": good or spoils. The limits stand with their reasons in the source.
-/// @param exchanged  by fits_better()
-Finding judge_projector(const ProjectorFit& fit, bool exchanged);
+Finding judge_projector(const ProjectorTest& test);
 
 } // namespace vexo

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <numeric>
 #include <optional>
 #include <vector>
 
@@ -109,31 +110,45 @@ std::optional<double> peak_of(const std::array<double, 2 * reach + 1>& values)
     return static_cast<double>(best - values.begin()) - reach + (bend < 0 ? 0.5 * (before - after) / bend : 0.0);
 }
 
-Window compare(const Pictures& p, cv::Point middle)
+/// What camera 0 has in a window of a measured surface, row by row; empty where it is not measured well enough.
+std::vector<float> own_values(const Pictures& p, cv::Point middle)
 {
-    constexpr std::size_t width = 2 * half_width + 1, height = 2 * half_height + 1;
-    Window window;
+    const cv::Rect window(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1);
+    const cv::Mat around = p.disparity(window);
+    if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return {};
+    const cv::Mat own = p.left(window).clone();
+    return { own.begin<float>(), own.end<float>() };
+}
+
+/// The same of camera 1, by `reach` rows higher; empty where some of it lies beside the picture.
+std::vector<float> others_values(const Pictures& p, cv::Point middle)
+{
     const float disparity = p.disparity.at<float>(middle);
-    std::vector<float> own, other;
-    double squares = 0;
+    std::vector<float> values;
     for (int y = middle.y - half_height - reach; y <= middle.y + half_height + reach; ++y)
         for (int x = middle.x - half_width; x <= middle.x + half_width; ++x) {
             const std::optional<float> seen = p.partner(x, y, disparity);
-            if (!seen) return window;
-            other.push_back(*seen);
-            if (std::abs(y - middle.y) > half_height) continue;
-            own.push_back(p.left.at<float>(y, x));
-            squares += static_cast<double>(own.back() * own.back());
+            if (!seen) return {};
+            values.push_back(*seen);
         }
-    const cv::Mat around
-        = p.disparity(cv::Rect(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1));
-    if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return window;
+    return values;
+}
+
+Window compare(const Pictures& p, cv::Point middle)
+{
+    Window window;
+    const std::vector<float> own = own_values(p, middle);
+    if (own.empty()) return window;
+    const double squares = std::inner_product(own.begin(), own.end(), own.begin(), 0.0);
+    const bool textured = std::sqrt(squares / static_cast<double>(own.size())) >= p.least_texture;
+    const std::vector<float> other = textured ? others_values(p, middle) : std::vector<float>();
+    if (textured && other.empty()) return window;
     window.at = middle;
-    window.textured = std::sqrt(squares / static_cast<double>(own.size())) >= p.least_texture;
-    if (!window.textured) return window;
+    window.textured = textured;
+    if (!textured) return window;
     std::array<double, 2 * reach + 1> values {};
     for (std::size_t shift = 0; shift < values.size(); ++shift)
-        values[shift] = correlation(own.data(), other.data() + shift * width, width * height);
+        values[shift] = correlation(own.data(), other.data() + shift * (2 * half_width + 1), own.size());
     window.shift = peak_of(values);
     return window;
 }

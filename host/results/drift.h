@@ -13,8 +13,9 @@ namespace vexo {
 struct RowsOfResult {
     std::string folder;
     double days = 0.0; ///< since the first of the series
-    std::string date;  ///< when report.json was written, UTC, "2026-11-26 03:22"
+    std::string date;  ///< UTC, "2026-11-26 03:22": the report's `time`, else when its file was written
     bool tested = false;
+    bool off = false; ///< the result's finding warns of its rows, or their median is rows_warn_from or more
     double found = 0.0, median = 0.0, scatter = 0.0; ///< as RowError has them
 };
 
@@ -23,7 +24,11 @@ struct Drift {
     /// Of the medians, px a day, by least squares, and its standard deviation; nothing: fewer than three results that
     /// were tested, or all of one minute.
     std::optional<double> slope, slope_sigma;
-    std::optional<std::size_t> alarm; ///< the first result whose median is off by rows_warn_from or more
+    std::optional<std::size_t> alarm; ///< the first result whose rows are off
+    /// When the line reaches rows_warn_from, as a date; empty: it is there, does not rise by more than three standard
+    /// deviations, or takes more than ten years.
+    std::string expected;
+    double first_day = 0.0; ///< of the first result, since 1970
 };
 
 /// Reads report.json of each folder. Throws Failure that names the one that holds no rows.

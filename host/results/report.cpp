@@ -6,6 +6,7 @@
 #include "vexo/version.h"
 
 #include <array>
+#include <ctime>
 
 namespace vexo {
 
@@ -13,6 +14,16 @@ namespace {
 
 /// Counts up when a key of report.json changes its meaning or goes.
 constexpr int report_schema = 1;
+
+/// ISO 8601, UTC.
+std::string now()
+{
+    const std::time_t time = std::time(nullptr);
+    std::tm parts {};
+    char text[32];
+    if (!::gmtime_r(&time, &parts) || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) return "";
+    return text;
+}
 
 Json to_json(const FringeFigures& f)
 {
@@ -105,6 +116,7 @@ Json make_report(
     Json report;
     report["schema"] = report_schema;
     report["program"] = "vexo " VEXO_VERSION_STRING;
+    report["time"] = now();
     report["method"] = name_of(m.method());
     report["recognised_by"] = m.choice.reason;
     report["input"] = { { "calib", stereo.files }, { "cam0", capture.files.cam0 }, { "cam1", capture.files.cam1 },
