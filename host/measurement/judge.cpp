@@ -6,7 +6,6 @@
 #include "host/captures/check.h"
 
 #include <algorithm>
-#include <filesystem>
 
 namespace vexo {
 
@@ -51,8 +50,9 @@ private:
         std::array<std::vector<Finding>, 2> found;
         in_parallel(2, [&](std::size_t camera) {
             std::vector<std::string> names;
-            for (const std::string& path : _capture.frames.paths[camera])
-                names.push_back(std::filesystem::path(path).filename().string());
+            const std::vector<std::string>& paths = _capture.frames.paths[camera];
+            for (std::size_t k = 0; k < paths.size(); ++k)
+                names.push_back(name_of_frame(paths[k], k));
             found[camera] = judge_frames_of(
                 _capture.frames.frames[camera], { m.method(), m.periods() }, static_cast<int>(camera), names);
         });
