@@ -29,7 +29,18 @@ cv::Mat read_picture(const std::string& path, int flags)
 
 cv::Mat read_grey(const std::string& path)
 {
-    return read_picture(path, cv::IMREAD_GRAYSCALE);
+    constexpr double of_16_bits = 255.0 / 65535.0;
+    cv::Mat picture = read_deep_grey(path);
+    if (picture.depth() == CV_16U) picture.convertTo(picture, CV_8U, of_16_bits);
+    return picture;
+}
+
+cv::Mat read_deep_grey(const std::string& path)
+{
+    const cv::Mat picture = read_picture(path, cv::IMREAD_ANYDEPTH);
+    if (picture.depth() != CV_8U && picture.depth() != CV_16U)
+        throw Failure(path + ": holds floating-point or signed numbers; save it with grey values of 8 or 16 bits");
+    return picture;
 }
 
 std::vector<unsigned char> encode(const std::string& extension, const cv::Mat& picture)

@@ -64,6 +64,15 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
     if (scene == "spheres") json["balls"] = balls_json(rig);
     return json.dump(2) + "\n";
 }
+
+/// What is needed to measure the frames, without what only a simulation knows.
+std::string manifest_text(const Pattern& pattern)
+{
+    Json json { { "schema", 1 }, { "method", name_of(pattern.method) } };
+    if (pattern.periods.size() > 1) json["periods"] = pattern.periods;
+    json["unit"] = "mm";
+    return json.dump(2) + "\n";
+}
 } // namespace
 
 std::string cameras_yaml(const Rig& rig)
@@ -155,6 +164,7 @@ Capture make_capture(
     add_images({ { "truth.tiff", capture.truth.depth }, { "visible.png", capture.truth.visible },
                    { "visible1.png", visible1 } },
         capture.files);
+    add_text("capture.json", manifest_text(pattern), capture.files);
     add_text("scene.json", capture.scene_json, capture.files);
     return capture;
 }

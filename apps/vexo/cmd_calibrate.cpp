@@ -2,11 +2,13 @@
 #include "commands.h"
 #include "host/calibration/calibrate.h"
 #include "host/calibration/checks.h"
+#include "host/cameras/calibration_notes.h"
 #include "host/files/output_folder.h"
 #include "host/reports/calibration_files.h"
 #include "host/reports/calibration_json.h"
 #include "host/reports/calibration_text.h"
 #include "options.h"
+#include "photo_folders.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,48 +23,60 @@ namespace fs = std::filesystem;
 namespace {
 
 struct CalibrateOptions {
-    std::string folder, cam0, cam1, board, out;
+    PhotoFolders photos;
+    std::string board, out;
     CalibrateRequest request;
 };
 
-/// Where the pictures are; a folder without cam1/ is that of a single camera.
 void complete(CalibrateOptions& o)
 {
-    std::error_code ignored;
-    if (o.folder.empty() && o.cam0.empty())
-        throw UsageFailure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1 (one camera: --cam0 alone)");
-    if (!o.folder.empty() && !fs::is_directory(o.folder, ignored))
-        throw Failure(o.folder + ": there is no such folder");
-    const fs::path folder(o.folder);
-    if (o.cam0.empty()) o.cam0 = (folder / "cam0").string();
-    if (o.cam1.empty() && !o.folder.empty() && fs::is_directory(folder / "cam1", ignored))
-        o.cam1 = (folder / "cam1").string();
+    complete(o.photos);
     for (const double ruler : { o.request.ruler_x, o.request.ruler_y })
         if (ruler != 0 && !(ruler >= 80.0 && ruler <= 120.0))
             throw UsageFailure("--ruler-x, --ruler-y: the measured length of a 100 mm ruler in mm, such as 99.6");
 }
 
-void say_result(
-    const GlobalOptions& options, const std::string& out, const Calibrated& c, const std::vector<Finding>& findings)
+void say_result(const GlobalOptions& options, const Calibrated& c, const std::vector<Finding>& findings)
 {
     const bool hmat = std::any_of(c.files.begin(), c.files.end(), [](const auto& f) { return f.first == "hmat0.bin"; });
     if (c.is_pair() && !hmat)
         say(options, "no hmat set: it cannot express a rectified size that differs from the pictures'");
     say(options, view_lines(c));
     say(options, finding_lines(findings));
-    say(options,
-        out + ": cameras.yaml" + (c.is_pair() ? ", stereo.yaml, map*.bin, hmat*.bin, boardRT.yaml" : "")
-            + ", board.yaml, drawings/, report.json; look at report.html");
-    say(options, "calibration: " + calibration_verdict(findings));
+}
+
+std::string written(const std::string& out, const Calibrated& c)
+{
+    return out + ": cameras.yaml" + (c.is_pair() ? ", stereo.yaml, map*.bin, hmat*.bin, boardRT.yaml" : "")
+        + ", board.yaml, drawings/, report.json; look at report.html";
+}
+
+/// What the folder's present calibration was found to be; empty when there is none.
+std::string present_verdict(const std::string& folder)
+{
+    const std::string file = (fs::path(folder) / "cameras.yaml").string();
+    std::error_code ignored;
+    if (!fs::exists(file, ignored)) return "";
+    const std::string verdict = read_notes({ file }).verdict;
+    return verdict.empty() ? "present" : verdict;
+}
+
+/// The gravest thing that was found, and what to do.
+std::string why_bad(const std::vector<Finding>& findings)
+{
+    for (const Finding& finding : findings)
+        if (finding.weight == Weight::spoils) return question_of(finding) + " " + sentence(finding);
+    return "";
 }
 
 void run(CalibrateOptions o, const GlobalOptions& options)
 {
     complete(o);
     OutputFolder out(o.out, { "calibrate", { "cameras.yaml", "report.json" }, {}, false, options.force });
+    const std::string present = present_verdict(o.out);
     const BoardFile printed = load_board(o.board);
     const BoardFile board = corrected_board(printed, o.request);
-    BoardViews views = find_views(o.cam0, o.cam1, o.request.dropped);
+    BoardViews views = find_views(o.photos.cam0, o.photos.cam1, o.request.dropped);
     const int pictures = static_cast<int>(views.cameras.size() * views.count());
     Progress progress(options, pictures + calibrate_steps);
     recognise(views, board, progress.on_step());
@@ -73,12 +87,22 @@ void run(CalibrateOptions o, const GlobalOptions& options)
     const Calibrated c = calibrate(views, board, printed.layout.pitch_mm, o.request, progress.on_step());
     const std::vector<Finding> findings = check_calibration(c);
     const Json json = calibration_json(c, findings);
-    add_files(out, c, findings);
-    const std::vector<std::string> kept = out.commit();
+    const bool bad = calibration_verdict(findings) == bad_calibration;
+    const bool replace = !bad || options.force || present.empty() || present == bad_calibration;
+    std::vector<std::string> kept;
+    if (replace) {
+        add_files(out, c, findings);
+        kept = out.commit();
+    }
     progress.finish();
     say_kept(options, kept);
-    say_result(options, o.out, c, findings);
+    say_result(options, c, findings);
+    if (replace) say(options, written(o.out, c));
     put_json(options, json);
+    if (bad)
+        throw BelowLimit("calibration: " + std::string(bad_calibration) + ": " + why_bad(findings)
+            + (replace ? "" : "; the " + present + " calibration in " + o.out + " stays, --force replaces it"));
+    say(options, "calibration: " + calibration_verdict(findings));
 }
 
 } // namespace
@@ -88,9 +112,7 @@ void add_calibrate(CLI::App& app, GlobalOptions& options)
     auto o = std::make_shared<CalibrateOptions>();
     CLI::App* command
         = app.add_subcommand("calibrate", "photos of the board -> calibrated camera or pair, and how good it is");
-    command->add_option("folder", o->folder, "folder with cam0/ and cam1/ (one camera: cam0/ alone)");
-    command->add_option("--cam0", o->cam0, "pictures of camera 0: a folder, or a pattern in quotes");
-    command->add_option("--cam1", o->cam1, "pictures of camera 1; they pair by the numbers in their names");
+    add_photos(*command, o->photos);
     command->add_option("--board", o->board, "board.yaml of vexo board")->required();
     command->add_option("--out", o->out, "folder for the calibration files and the report")->required();
     command->add_option("--ruler-x", o->request.ruler_x, "length of the printed 100 mm ruler x as measured, mm");

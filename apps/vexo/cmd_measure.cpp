@@ -3,7 +3,7 @@
 #include "base/failure.h"
 #include "base/stopwatch.h"
 #include "commands.h"
-#include "host/captures/frames.h"
+#include "host/captures/frame_files.h"
 #include "host/files/output_folder.h"
 #include "host/measurement/measure.h"
 #include "host/reports/measurement_pictures.h"
@@ -18,6 +18,15 @@ namespace vexo::app {
 
 namespace {
 
+/// The calibration; the capture's manifest says its unit where neither option nor files do.
+Stereo open_calibration(const MeasureOptions& o, const Capture& capture)
+{
+    Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
+    if (!stereo.notes.unit.stated && capture.manifest && !capture.manifest->unit.empty())
+        return open_stereo(o.calib, o.camera, capture.manifest->unit);
+    return stereo;
+}
+
 void run(const GlobalOptions& global, MeasureOptions o)
 {
     complete(o);
@@ -26,8 +35,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     record_of(
         o.request, choice.method, o.files.decoded, periods_said_in(o.files.folder)); // refuses what nothing can be
     OutputFolder out(o.out, { "measure", { "report.json" }, { "compare" }, false, global.force });
-    for (const std::string& pictures : { o.files.cam0, o.files.cam1 })
-        out.stay_out_of(find_frames(pictures));
+    out.stay_out_of(all_pictures(o.files));
 
     constexpr int other_steps = 3;
     Progress progress(global, measure_steps + other_steps);
@@ -36,7 +44,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Capture capture = read_capture(o.files, choice);
     o.camera.inp_width = capture.frames.size.width;
     o.camera.inp_height = capture.frames.size.height;
-    const Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
+    const Stereo stereo = open_calibration(o, capture);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
     if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));

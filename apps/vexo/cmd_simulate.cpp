@@ -32,7 +32,7 @@ void say_capture(const GlobalOptions& global, const SimulateOptions& o, const si
     const int frames = result["frames"];
     say(global,
         o.out + ": " + std::to_string(frames) + (frames == 1 ? " frame" : " frames")
-            + " of each camera, cameras.yaml, truth.tiff, visible.png, visible1.png, scene.json");
+            + " of each camera, cameras.yaml, capture.json, truth.tiff, visible.png, visible1.png, scene.json");
     say(global,
         "  " + grouped(surface) + " camera-0 pixels see the surface; "
             + percent(static_cast<double>(visible), static_cast<double>(surface))

@@ -122,26 +122,31 @@ void add_force(CLI::App& command, GlobalOptions& options)
     command.add_flag("--force", options.force, "replace files of these names that others wrote or changed");
 }
 
-void add_unit(CLI::App& command, std::string& unit)
-{
-    command.add_option("--unit", unit, "of the calibration's lengths: um, mm, cm, m or in (default: as its file says)")
-        ->check(CLI::IsMember({ "um", "mm", "cm", "m", "in" }));
-}
-
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names)
 {
     for (const std::string& name : names)
         say(options, "kept: " + name + " of an earlier run, since it was changed; it says nothing of this one");
 }
 
+std::vector<double> parse_numbers(
+    const std::string& text, char between, std::size_t count, const std::string& option, const std::string& form)
+{
+    std::vector<double> numbers;
+    std::istringstream parts(text);
+    bool all = true;
+    for (std::string part; std::getline(parts, part, between);) {
+        numbers.push_back(0.0);
+        all = all && read_number(part, numbers.back());
+    }
+    if (all && numbers.size() == count && text.back() != between) return numbers;
+    throw UsageFailure(option + " " + text + ": write " + option + " " + form + ", " + std::to_string(count)
+        + " numbers with " + std::string(1, between) + " between them");
+}
+
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option)
 {
-    const std::size_t at = text.find(between);
-    double a = 0.0, b = 0.0;
-    if (at != std::string::npos && read_number(text.substr(0, at), a) && read_number(text.substr(at + 1), b))
-        return { a, b };
-    throw UsageFailure(option + " " + text + ": write two numbers with " + std::string(1, between) + " between them, "
-        + option + " A" + between + "B");
+    const auto numbers = parse_numbers(text, between, 2, option, "A" + std::string(1, between) + "B");
+    return { numbers[0], numbers[1] };
 }
 
 std::pair<double, double> parse_range(const std::string& text, const std::string& option)
@@ -157,6 +162,36 @@ std::pair<double, double> parse_depths(const std::string& text, const std::strin
     const auto range = parse_range(text, option);
     if (range.first <= 0.0) throw UsageFailure(option + " " + text + ": depths must be positive");
     return range;
+}
+
+void add_frame_options(CLI::App& command, FrameOptions& options)
+{
+    command.add_option("--order", options.order,
+        "which recorded frame, counted from 0 by name, is the method's first, second, ...: as in "
+        "9,10,11,12,0,1,...; - for one that was not recorded (default: as capture.json says, else by name)");
+    command
+        .add_option("--bits", options.bits,
+            "bits of the grey values in files of 16 (default: as capture.json says, else 10, 12, 14 or 16 by the "
+            "largest value)")
+        ->check(CLI::Range(8, 16));
+}
+
+void complete_frames_of(const FrameOptions& options, CaptureFiles& files)
+{
+    constexpr std::size_t most_digits = 4;
+    files.bits = options.bits;
+    if (options.order.empty()) return;
+    std::istringstream list(options.order + ",");
+    for (std::string entry; std::getline(list, entry, ',');) {
+        const bool number = !entry.empty() && entry.size() <= most_digits
+            && entry.find_first_not_of("0123456789") == std::string::npos;
+        if (!number && entry != "-")
+            throw UsageFailure("--order " + options.order + ": write the numbers of frames, or -, with commas between");
+        const int frame = number ? std::stoi(entry) : -1;
+        if (number && std::count(files.order.begin(), files.order.end(), frame) > 0)
+            throw UsageFailure("--order " + options.order + ": frame " + entry + " is named twice");
+        files.order.push_back(frame);
+    }
 }
 
 void reject(const std::vector<CLI::Option*>& options, const std::string& why)

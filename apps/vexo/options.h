@@ -1,8 +1,10 @@
 #pragma once
 
+#include "host/captures/choose_method.h"
 #include "terminal.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,9 +27,6 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
 /// Gives a command that writes files the option --force.
 void add_force(CLI::App& command, GlobalOptions& options);
 
-/// Gives a command that opens a calibration the option --unit.
-void add_unit(CLI::App& command, std::string& unit);
-
 /// One line for each file that commit() left alone.
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names);
 
@@ -39,6 +38,22 @@ std::pair<double, double> parse_depths(const std::string& text, const std::strin
 
 /// Two finite numbers with a letter or comma between them, as "297x210"; throws Failure naming `option` otherwise.
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option);
+
+/// So many finite numbers with that character between them; throws Failure naming `option` and its `form` otherwise.
+std::vector<double> parse_numbers(
+    const std::string& text, char between, std::size_t count, const std::string& option, const std::string& form);
+
+/// Which recorded frames are which, and how many bits they have, of commands that read captures.
+struct FrameOptions {
+    std::string order; ///< as typed
+    std::optional<int> bits;
+};
+
+/// Gives a command --order and --bits.
+void add_frame_options(CLI::App& command, FrameOptions& options);
+
+/// Puts what was typed into `files`. Throws UsageFailure.
+void complete_frames_of(const FrameOptions& options, CaptureFiles& files);
 
 /// Throws Failure with `why` for the first of the options that was given.
 void reject(const std::vector<CLI::Option*>& options, const std::string& why);

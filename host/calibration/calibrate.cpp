@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 
 namespace vexo {
 
@@ -36,14 +37,8 @@ template <class Calibrator> void set_board(Calibrator* calibrator, const BoardFi
         throw Failure("the library refuses this board's parameters");
 }
 
-/// Runs do_calibrate; what it answers or throws about views that determine no camera becomes a Failure.
-template <class Run> void calibrate_or_fail(Run run)
-{
-    if (!value_if_opencv_throws(false, run))
-        throw Failure(
-            "the views determine no calibration; take ten or more views of the whole board, tilted by 25 to 45 "
-            "degrees to all sides");
-}
+constexpr const char* no_calibration = "the views determine no calibration; take ten or more views of the whole board, "
+                                       "tilted by 25 to 45 degrees to all sides";
 
 /// Spreads the errors of the views that were put over all views.
 std::vector<double> by_view(const std::vector<double>& errors, const std::vector<bool>& use)
@@ -55,8 +50,9 @@ std::vector<double> by_view(const std::vector<double>& errors, const std::vector
     return all;
 }
 
-/// The library reads and recognises the pictures itself, so that a host that calls it alike gets the same bits.
-Found calibrate_pair(iStereoCalibrator* calibrator, const CalibrateRequest& o, const BoardFile& board,
+/// The library reads and recognises the pictures itself, so that a host that calls it alike gets the same bits. Nothing
+/// for views that determine no pair.
+std::optional<Found> calibrate_pair(iStereoCalibrator* calibrator, const CalibrateRequest& o, const BoardFile& board,
     const BoardViews& views, const std::vector<bool>& use, const std::string& file)
 {
     set_board(calibrator, board);
@@ -68,7 +64,8 @@ Found calibrate_pair(iStereoCalibrator* calibrator, const CalibrateRequest& o, c
     param.flags = o.flags;
     Found found;
     std::vector<std::vector<double>> errors;
-    calibrate_or_fail([&] { return calibrator->do_calibrate(param, &errors, &found.rms); });
+    if (!value_if_opencv_throws(false, [&] { return calibrator->do_calibrate(param, &errors, &found.rms); }))
+        return std::nullopt;
     for (std::size_t k = 0; k < 2; ++k)
         found.view_rms.push_back(by_view(errors[k], use));
     if (!calibrator->save_calibfile(file, "")) throw Failure(file + ": cannot be written");
@@ -77,7 +74,7 @@ Found calibrate_pair(iStereoCalibrator* calibrator, const CalibrateRequest& o, c
     return found;
 }
 
-Found calibrate_one(iCameraCalibrator* calibrator, const CalibrateRequest& o, const BoardFile& board,
+std::optional<Found> calibrate_one(iCameraCalibrator* calibrator, const CalibrateRequest& o, const BoardFile& board,
     const BoardViews& views, const std::vector<bool>& use, const std::string& file)
 {
     set_board(calibrator, board);
@@ -88,14 +85,15 @@ Found calibrate_one(iCameraCalibrator* calibrator, const CalibrateRequest& o, co
     param.flags = o.flags;
     Found found;
     std::vector<double> errors;
-    calibrate_or_fail([&] { return calibrator->do_calibrate(param, &errors, &found.rms); });
+    if (!value_if_opencv_throws(false, [&] { return calibrator->do_calibrate(param, &errors, &found.rms); }))
+        return std::nullopt;
     found.view_rms.push_back(by_view(errors, use));
     if (!calibrator->save_calibfile(file, "cam0")) throw Failure(file + ": cannot be written");
     found.cameras.push_back(read_camera(file, "cam0"));
     return found;
 }
 
-Found calibrate_again(
+std::optional<Found> calibrate_again(
     const CalibrateRequest& o, const Calibrated& c, const std::vector<bool>& use, const std::string& file)
 {
     if (c.is_pair())
@@ -121,15 +119,24 @@ HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c, const std::stri
     HoldOut held;
     if (c.used_count() < 2 * least_half) return held;
     std::vector<Fold> folds;
-    for (const bool second : { false, true })
-        folds.push_back({ calibrate_again(o, c, half(c.used, second), file).cameras, half(c.used, !second) });
+    for (const bool second : { false, true }) {
+        const auto found = calibrate_again(o, c, half(c.used, second), file);
+        if (!found) return held;
+        folds.push_back({ found->cameras, half(c.used, !second) });
+    }
     for (std::size_t k = 0; k < c.cameras.size(); ++k) {
         held.fits.push_back(fit_camera(folds, k, c.views, c.board));
         for (const int axis : { 0, 1 })
             held.focal_spread = std::max(
                 held.focal_spread, std::abs(folds[0].cameras[k].K(axis, axis) - folds[1].cameras[k].K(axis, axis)));
     }
-    if (c.is_pair()) held.pair = fit_pair(folds, c.views, c.board);
+    if (c.is_pair()) {
+        held.pair = fit_pair(folds, c.views, c.board);
+        std::vector<cv::Point2d> seen;
+        for (const Residual& residual : c.fits[0].residuals)
+            seen.push_back(residual.seen_px);
+        held.apart = depth_apart(c.cameras, folds[0].cameras, folds[1].cameras, seen, c.fits[0].middle_depth);
+    }
     held.done = true;
     return held;
 }
@@ -140,20 +147,22 @@ void add_file(Calibrated& c, const TemporaryFolder& temporary, const std::string
     c.files.emplace_back(name, read_bytes(temporary / name, limit));
 }
 
-/// Rectified pair, tables, hmat set and the board's pose in the first pair used.
-void save_stereo(iStereoCalibrator& calibrator, const CalibrateRequest& o, const TemporaryFolder& t, Calibrated& c)
+/// Rectified pair, tables, hmat set and the board's pose in the first pair used. False for cameras that cannot be
+/// rectified.
+bool save_stereo(iStereoCalibrator& calibrator, const CalibrateRequest& o, const TemporaryFolder& t, Calibrated& c)
 {
     RectifyParam rectify = o.rectify;
     c.baseline = calibrator.create_stereo_camera(rectify, nullptr, nullptr);
     if (!(c.baseline > 0) || !calibrator.save_stereofile(t / "stereo.yaml", t / "map0.bin", t / "map1.bin")
         || !calibrator.save_boardRT(t / "boardRT.yaml"))
-        throw Failure("the pair cannot be rectified; do both cameras see the same board, side by side?");
+        return false;
     for (const char* name : { "cameras.yaml", "stereo.yaml", "map0.bin", "map1.bin", "boardRT.yaml" })
         add_file(c, t, name);
     // An hmat set cannot express a rectified size that differs from the pictures'.
-    if (!calibrator.save_stereohmat(t / "hmat0.bin", t / "hmat1.bin", t / "hmat_tables.bin", false)) return;
+    if (!calibrator.save_stereohmat(t / "hmat0.bin", t / "hmat1.bin", t / "hmat_tables.bin", false)) return true;
     for (const char* name : { "hmat0.bin", "hmat1.bin", "hmat_tables.bin" })
         add_file(c, t, name);
+    return true;
 }
 
 /// Whether the pair fits far worse than each camera by itself did.
@@ -169,8 +178,9 @@ std::vector<CalibratedCamera> cameras_alone(const CalibrateRequest& o, const Cal
     std::vector<CalibratedCamera> cameras;
     for (const auto& pictures : c.views.cameras) {
         const Owned<iCameraCalibrator> calibrator(CreateCameraCalibrator());
-        const Found found = calibrate_one(calibrator.get(), o, c.board, { { pictures } }, c.used, file);
-        cameras.push_back(found.cameras.front());
+        const auto found = calibrate_one(calibrator.get(), o, c.board, { { pictures } }, c.used, file);
+        if (!found) throw Failure(no_calibration);
+        cameras.push_back(found->cameras.front());
     }
     return cameras;
 }
@@ -201,6 +211,35 @@ Calibrated with_usable_views(const BoardViews& views, const BoardFile& board)
         "the board was recognised in no view; the first picture, " + first.path + ": " + outcome(first, board));
 }
 
+/// A pair that cannot be calibrated, since photos were exchanged or for whatever `otherwise` says.
+[[noreturn]] void fail_as_pair(
+    const CalibrateRequest& o, const Calibrated& c, const TemporaryFolder& temporary, const std::string& otherwise)
+{
+    const auto agreement = pair_agreement(cameras_alone(o, c, temporary / "alone.yaml"), c.views, c.used, c.board);
+    const std::string exchanged = exchange_in_words(agreement, c.views);
+    throw Failure(exchanged.empty() ? otherwise : exchanged + "; give the files their right names");
+}
+
+Found calibrated_pair(const CalibrateRequest& o, Calibrated& c, const TemporaryFolder& temporary)
+{
+    const Owned<iStereoCalibrator> calibrator(CreateStereoCalibrator());
+    const auto found = calibrate_pair(calibrator.get(), o, c.board, c.views, c.used, temporary / "cameras.yaml");
+    if (!found) fail_as_pair(o, c, temporary, no_calibration);
+    if (!save_stereo(*calibrator, o, temporary, c))
+        fail_as_pair(
+            o, c, temporary, "the pair cannot be rectified; do both cameras see the same board, side by side?");
+    return *found;
+}
+
+Found calibrated_camera(const CalibrateRequest& o, Calibrated& c, const TemporaryFolder& temporary)
+{
+    const Owned<iCameraCalibrator> calibrator(CreateCameraCalibrator());
+    const auto found = calibrate_one(calibrator.get(), o, c.board, c.views, c.used, temporary / "cameras.yaml");
+    if (!found) throw Failure(no_calibration);
+    add_file(c, temporary, "cameras.yaml");
+    return *found;
+}
+
 } // namespace
 
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request)
@@ -226,16 +265,8 @@ Calibrated calibrate(const BoardViews& views, const BoardFile& board, double pri
     c.dropped = request.dropped;
     next_step(on_step, "calibrating");
     const TemporaryFolder temporary;
-    Found found;
-    if (views.pair()) {
-        const Owned<iStereoCalibrator> calibrator(CreateStereoCalibrator());
-        found = calibrate_pair(calibrator.get(), request, board, views, c.used, temporary / "cameras.yaml");
-        save_stereo(*calibrator, request, temporary, c);
-    } else {
-        const Owned<iCameraCalibrator> calibrator(CreateCameraCalibrator());
-        found = calibrate_one(calibrator.get(), request, board, views, c.used, temporary / "cameras.yaml");
-        add_file(c, temporary, "cameras.yaml");
-    }
+    const Found found
+        = views.pair() ? calibrated_pair(request, c, temporary) : calibrated_camera(request, c, temporary);
     c.cameras = found.cameras;
     c.view_rms = found.view_rms;
     c.rms = found.rms;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "host/calibration/camera_fit.h"
+#include "host/calibration/depth_apart.h"
+#include "host/calibration/pair_agreement.h"
 #include "host/calibration/pair_fit.h"
 
 #include <opencv2/core.hpp>
@@ -17,6 +19,7 @@ struct HoldOut {
     std::vector<CameraFit> fits; ///< by camera
     PairFit pair;
     double focal_spread = 0; ///< px, largest difference of a focal length between the halves
+    DepthApart apart;        ///< of a pair: what the halves' differences do to a cloud at the middle distance
 };
 
 /// Everything that a calibration was made from and what came out.
@@ -34,8 +37,7 @@ struct Calibrated {
     std::vector<std::vector<double>> view_rms; ///< [camera][view] px, as the calibration itself reports
     std::vector<CameraFit> fits;               ///< by camera
     PairFit pair;
-    /// px by view, see pair_agreement(); only asked for when the pair fits far worse than its cameras, else empty
-    std::vector<double> agreement;
+    PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
 
     /// cameras.yaml, and of a pair the rectified camera's files and boardRT.yaml: name, and bytes

@@ -18,9 +18,15 @@ constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 constexpr double degrees = 180.0 / CV_PI;
 
+cv::Vec3d middle_of(const BoardFile& board)
+{
+    const cv::Point3f sum = board_point(board, 0) + board_point(board, static_cast<std::size_t>(board.markers()) - 1);
+    return { 0.5 * sum.x, 0.5 * sum.y, 0.0 };
+}
+
 /// One view against one camera; nothing where the markers determine no pose.
-void fit_view(
-    const CalibratedCamera& camera, const BoardPicture& view, const BoardFile& board, std::size_t v, CameraFit& fit)
+void fit_view(const CalibratedCamera& camera, const BoardPicture& view, const BoardFile& board, std::size_t v,
+    CameraFit& fit, std::vector<double>& depths)
 {
     const SeenMarkers seen = seen_markers(view, board);
     const auto pose = solve_board_pose(seen, camera);
@@ -34,6 +40,10 @@ void fit_view(
     }
     fit.view_rms[v] = own.rms();
     fit.view_tilt[v] = tilt_deg(pose->rvec, pose->tvec, board);
+    const cv::Matx44d camera_from_board = pose->matrix();
+    const cv::Vec3d middle = middle_of(board);
+    fit.normals.emplace_back(camera_from_board(0, 2), camera_from_board(1, 2), camera_from_board(2, 2));
+    depths.push_back((camera_from_board * cv::Vec4d(middle[0], middle[1], middle[2], 1.0))[2]);
 }
 
 } // namespace
@@ -55,9 +65,11 @@ CameraFit fit_camera(
     CameraFit fit;
     fit.view_rms.assign(views.count(), nan);
     fit.view_tilt.assign(views.count(), nan);
+    std::vector<double> depths;
     for (const Fold& fold : folds)
         for (std::size_t v = 0; v < views.count(); ++v)
-            if (fold.views[v]) fit_view(fold.cameras[camera], views.cameras[camera][v], board, v, fit);
+            if (fold.views[v]) fit_view(fold.cameras[camera], views.cameras[camera][v], board, v, fit, depths);
+    fit.middle_depth = median(depths);
     Squares all;
     for (const Residual& residual : fit.residuals)
         all.add(residual.error_px.dot(residual.error_px));
@@ -69,10 +81,37 @@ double tilt_deg(const cv::Vec3d& rvec, const cv::Vec3d& tvec, const BoardFile& b
 {
     cv::Matx33d rotation;
     cv::Rodrigues(rvec, rotation);
-    const cv::Point3f sum = board_point(board, 0) + board_point(board, static_cast<std::size_t>(board.markers()) - 1);
-    const cv::Vec3d middle = rotation * cv::Vec3d(0.5 * sum.x, 0.5 * sum.y, 0) + tvec;
+    const cv::Vec3d middle = rotation * middle_of(board) + tvec;
     const cv::Vec3d normal(rotation(0, 2), rotation(1, 2), rotation(2, 2));
     return std::acos(std::min(std::abs(normal.dot(middle)) / cv::norm(middle), 1.0)) * degrees;
+}
+
+Spread spread_deg(const std::vector<cv::Vec3d>& directions)
+{
+    cv::Vec3d sum;
+    for (const cv::Vec3d& direction : directions)
+        sum += direction;
+    if (directions.size() < 2 || !(cv::norm(sum) > 0)) return {};
+    // Each as the rotation vector that takes the mean to it, cut down to the two coordinates at right angles to the
+    // mean.
+    const cv::Vec3d mean = cv::normalize(sum);
+    const cv::Vec3d x = cv::normalize(mean.cross(std::abs(mean[0]) < 0.5 ? cv::Vec3d(1, 0, 0) : cv::Vec3d(0, 1, 0)));
+    cv::Mat_<double> tilts(0, 2);
+    for (const cv::Vec3d& direction : directions) {
+        const cv::Vec3d axis = mean.cross(direction);
+        const double sine = cv::norm(axis), angle = std::atan2(sine, mean.dot(direction)) * degrees;
+        const cv::Vec3d tilt = sine > 0 ? axis * (angle / sine) : cv::Vec3d();
+        tilts.push_back(cv::Mat_<double>({ 1, 2 }, { tilt.dot(x), tilt.dot(mean.cross(x)) }));
+    }
+    const cv::PCA main(tilts, cv::noArray(), cv::PCA::DATA_AS_ROW);
+    const cv::Mat_<double> turned = main.project(tilts);
+    Spread spread;
+    double low = 0, high = 0;
+    cv::minMaxLoc(turned.col(0), &low, &high);
+    spread.along = high - low;
+    cv::minMaxLoc(turned.col(1), &low, &high);
+    spread.across = high - low;
+    return spread;
 }
 
 double coverage(const std::vector<BoardPicture>& views, const std::vector<bool>& use, cv::Size size)

@@ -23,8 +23,10 @@ struct Residual {
 struct CameraFit {
     std::vector<double> view_rms;    ///< px, NaN for a view that is not used
     std::vector<double> view_tilt;   ///< degrees between the board's normal and the sight line, NaN likewise
+    std::vector<cv::Vec3d> normals;  ///< of the board in the camera's axes, one for each used view
     std::vector<Residual> residuals; ///< of all used views
     double rms = 0;                  ///< px, over all markers
+    double middle_depth = 0;         ///< mm, median over the used views of that of the board's middle
 };
 
 /// Cameras, and the views that they are held against. A plain check has one fold with all views; a hold-out check has
@@ -54,6 +56,13 @@ struct Squares {
 
 /// Angle between the board's normal and the line of sight to its middle; the pose takes board to camera.
 double tilt_deg(const cv::Vec3d& rvec, const cv::Vec3d& tvec, const BoardFile& board);
+
+/// How far directions spread about their mean, degrees.
+struct Spread {
+    double along = 0;  ///< between the outermost, in the direction in which they spread most
+    double across = 0; ///< at right angles to it
+};
+Spread spread_deg(const std::vector<cv::Vec3d>& directions);
 
 /// Share of a grid of 8 x 6 cells over the image in which some used view has a marker.
 double coverage(const std::vector<BoardPicture>& views, const std::vector<bool>& use, cv::Size size);

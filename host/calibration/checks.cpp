@@ -1,6 +1,8 @@
 #include "host/calibration/checks.h"
 
 #include "base/text.h"
+#include "host/calibration/levels.h"
+#include "host/calibration/view_checks.h"
 #include "host/cameras/calibration_notes.h"
 
 #include <algorithm>
@@ -10,15 +12,6 @@
 namespace vexo {
 
 namespace {
-
-/// A dozen views leave fx uncertain by a third of what one view leaves; below five distortion is guessed.
-constexpr std::size_t enough_views = 10, fewest_views = 5;
-
-/// Distortion is only known where markers were; a quarter of the image without any is usually a corner.
-constexpr double enough_coverage = 0.75, least_coverage = 0.5;
-
-/// Focal length and distance of a board seen straight on cannot be told apart.
-constexpr double enough_tilt_deg = 25.0, least_tilt_deg = 12.0;
 
 /// Centres of discs are found to 0.03 to 0.1 px in sharp pictures; half a pixel means blur, motion or a wrong board.
 constexpr double good_rms = 0.2, poor_rms = 0.5;
@@ -33,6 +26,11 @@ constexpr double good_row_rms = 0.25, poor_row_rms = 0.7;
 /// With enough views the other half is hit nearly as well as one's own.
 constexpr double good_ratio = 1.3, poor_ratio = 2.0;
 
+/// Depths of the halves of the views over the distance. Simulated pairs that differ by up to 2.5e-4 measured a plane at
+/// 600 mm to 0.15 mm; of 8 that differ by more, up to 2e-3, five were 0.15 to 0.53 mm off; boards tilted by no more
+/// than 10 degrees give 6e-3 and 8e-3.
+constexpr double good_apart = 2.5e-4, poor_apart = 2e-3;
+
 /// 0.05 % is 0.3 mm at 600 mm; the rulers are read no better than that.
 constexpr double good_distance = 5e-4, poor_distance = 2e-3;
 
@@ -42,64 +40,12 @@ constexpr double good_bend = 5e-4, poor_bend = 2e-3;
 /// Difference of the two rulers over their length.
 constexpr double good_square = 1e-3;
 
-Weight level(double value, double good, double poor)
-{
-    if (!std::isfinite(value)) return Weight::unknown;
-    return value <= good ? Weight::good : value <= poor ? Weight::worse : Weight::spoils;
-}
-
-std::string each(const std::vector<double>& values, int decimals, const std::string& unit)
-{
-    std::string text;
-    for (std::size_t i = 0; i < values.size(); ++i)
-        text += (i == 0 ? "" : " and ") + number(values[i], decimals);
-    return text + unit;
-}
-
-double largest(const std::vector<double>& values)
-{
-    double most = -1;
-    for (const double v : values)
-        if (std::isfinite(v)) most = std::max(most, v);
-    return most;
-}
-
-Finding check_views(const Calibrated& c)
-{
-    const std::size_t n = c.used_count();
-    const Weight level = n >= enough_views ? Weight::good : n >= fewest_views ? Weight::worse : Weight::spoils;
-    return { "views", level, "", std::to_string(n) + " of " + std::to_string(c.views.count()) + " used",
-        level == Weight::good ? "" : "take " + std::to_string(enough_views) + " or more" };
-}
-
-Finding check_coverage(const Calibrated& c)
-{
-    std::vector<double> shares, percents;
-    for (std::size_t k = 0; k < c.cameras.size(); ++k) {
-        shares.push_back(-coverage(c.views.cameras[k], c.used, c.size));
-        percents.push_back(-100 * shares.back());
-    }
-    const Weight l = level(largest(shares), -enough_coverage, -least_coverage);
-    return { "coverage", l, "", each(percents, 0, " % of the image has markers"),
-        l == Weight::good ? "" : "move the board into the empty parts, the corners above all" };
-}
-
-Finding check_tilt(const Calibrated& c)
-{
-    std::vector<double> tilts;
-    for (const CameraFit& fit : c.fits)
-        tilts.push_back(largest(fit.view_tilt));
-    const Weight l = level(-*std::min_element(tilts.begin(), tilts.end()), -enough_tilt_deg, -least_tilt_deg);
-    return { "tilt", l, "", "up to " + each(tilts, 0, " degrees"),
-        l == Weight::good ? "" : "tilt the board by 25 to 45 degrees, to all sides, in most views" };
-}
-
 Finding check_rms(const Calibrated& c)
 {
     std::vector<double> rms;
     for (const CameraFit& fit : c.fits)
         rms.push_back(fit.rms);
-    const Weight l = level(std::max(largest(rms), c.rms), good_rms, poor_rms);
+    const Weight l = level(std::max(largest_of(rms), c.rms), good_rms, poor_rms);
     return { "fit", l, "",
         "rms " + number(c.rms, 3) + " px as calibrated; " + each(rms, 3, " px a camera, best pose for each view"),
         l == Weight::good
@@ -107,14 +53,32 @@ Finding check_rms(const Calibrated& c)
             : "take sharper pictures with the board at rest; check board.yaml and that the board is flat" };
 }
 
-Finding check_outliers(const Calibrated& c)
+std::string numbers_of(const Calibrated& c, const std::vector<std::size_t>& views)
 {
     std::string numbers;
-    for (const std::size_t v : outlying_views(c))
+    for (const std::size_t v : views)
         numbers += (numbers.empty() ? "" : ",") + std::to_string(c.views.cameras[0][v].number);
+    return numbers;
+}
+
+Finding check_exchange(const Calibrated& c)
+{
+    std::vector<std::size_t> moved;
+    for (const Partners& p : c.agreement.moved)
+        moved.push_back(p.cam0);
+    return { "outlying-views", Weight::spoils, "", exchange_in_words(c.agreement, c.views),
+        "give the files their right names"
+            + (2 * moved.size() < c.used_count() ? ", or leave them out: --drop-view " + numbers_of(c, moved) : "") };
+}
+
+Finding check_outliers(const Calibrated& c)
+{
+    if (!c.agreement.moved.empty()) return check_exchange(c);
+    const std::string numbers = numbers_of(c, outlying_views(c));
     if (numbers.empty()) return { "outlying-views", Weight::good, "", "no view stands out", "" };
     return { "outlying-views", Weight::worse, "",
-        (outliers(c.agreement).empty() ? "views far above the others: " : "views whose two pictures show no one pose: ")
+        (outliers(c.agreement.error_px).empty() ? "views far above the others: "
+                                                : "views whose two pictures show no one pose: ")
             + numbers,
         "look at these pictures; without them: --drop-view " + numbers };
 }
@@ -140,9 +104,15 @@ Finding check_hold_out(const Calibrated& c)
         rms.push_back(c.hold_out.fits[k].rms);
         ratios.push_back(rms.back() / c.fits[k].rms);
     }
-    const Weight l = std::max(level(largest(ratios), good_ratio, poor_ratio), level(largest(rms), good_rms, poor_rms));
+    const DepthApart& apart = c.hold_out.apart;
+    Weight l = std::max(level(largest_of(ratios), good_ratio, poor_ratio), level(largest_of(rms), good_rms, poor_rms));
+    if (c.is_pair()) l = std::max(l, level(apart.depth / apart.distance, good_apart, poor_apart));
     return { name, l, "",
-        "rms " + each(rms, 3, " px on held-out views, ") + each(ratios, 2, " times that of its own")
+        (c.is_pair()
+                ? "the two halves of the views measure a surface " + number(apart.depth, 3) + " mm apart in depth, "
+                    + number(apart.shape, 3) + " mm in shape, at " + number(apart.distance, 0) + " mm; "
+                : "")
+            + "rms " + each(rms, 3, " px on held-out views, ") + each(ratios, 2, " times that of its own")
             + "; focal lengths of the halves differ by " + number(c.hold_out.focal_spread, 2) + " px",
         l == Weight::good ? "" : "take more views, with more tilt and closer to the corners" };
 }
@@ -200,7 +170,7 @@ std::size_t Calibrated::used_count() const
 
 std::vector<std::size_t> outlying_views(const Calibrated& c)
 {
-    std::vector<std::size_t> mixed_up = outliers(c.agreement);
+    std::vector<std::size_t> mixed_up = outliers(c.agreement.error_px);
     if (!mixed_up.empty()) return mixed_up; // wrong pairs bend all that follows, and right views stand out in turn
     std::vector<std::size_t> all;
     for (const std::vector<double>& errors : c.view_rms)
@@ -219,13 +189,16 @@ std::vector<std::size_t> outlying_views(const Calibrated& c)
 
 std::vector<Finding> check_calibration(const Calibrated& c)
 {
-    std::vector<Finding> checks { check_rms(c), check_outliers(c), check_hold_out(c), check_views(c), check_coverage(c),
-        check_tilt(c), check_scale(c) };
-    if (c.is_pair()) {
-        checks.insert(checks.begin() + 3, check_rows(c));
-        checks.insert(checks.begin() + 4, check_distances(c));
-        checks.push_back(check_shape(c));
-    }
+    std::vector<Finding> checks { check_rms(c), check_outliers(c), check_hold_out(c) };
+    if (c.is_pair()) checks.insert(checks.end(), { check_rows(c), check_distances(c) });
+    for (const Finding& finding : check_views(c))
+        checks.push_back(finding);
+    checks.push_back(check_scale(c));
+    if (c.is_pair()) checks.push_back(check_shape(c));
+    if (!c.agreement.moved.empty()) std::swap(checks[0], checks[1]); // first what bends all the others
+    constexpr std::size_t too_few = 2;
+    for (Finding& finding : checks)
+        if (c.used_count() <= too_few && finding.weight == Weight::good) finding.weight = Weight::unknown;
     return checks;
 }
 
@@ -235,6 +208,8 @@ std::string question_of(const Finding& finding)
         { "views", "Are there enough views?" },
         { "coverage", "Do the views fill the image?" },
         { "tilt", "Is the board tilted enough?" },
+        { "board", "Is board.yaml that of this board?" },
+        { "sides", "Is camera 1 to the right of camera 0?" },
         { "fit", "Do the cameras fit the pictures?" },
         { "outlying-views", "Does a view spoil it?" },
         { "rows", "Do rows match after rectification?" },

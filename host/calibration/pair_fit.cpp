@@ -1,6 +1,7 @@
 #include "host/calibration/pair_fit.h"
 
 #include "base/statistics.h"
+#include "host/calibration/rigid_motion.h"
 #include "host/cameras/rectification.h"
 
 #include <opencv2/calib3d.hpp>
@@ -107,31 +108,15 @@ void add_distances(
     }
 }
 
-/// Rigid motion that takes the seen points onto the printed board, in the least squares sense.
-/// Source: Arun, Huang, Blostein, IEEE PAMI 9 (1987) 698.
+/// The seen points, moved onto the printed board.
 std::vector<cv::Vec3d> on_board(const Triangulated& t, const BoardFile& board)
 {
-    cv::Vec3d seen_middle, board_middle;
-    const double n = static_cast<double>(t.index.size());
     std::vector<cv::Vec3d> printed;
-    for (std::size_t i = 0; i < t.index.size(); ++i) {
-        const cv::Point3f p = board_point(board, t.index[i]);
+    for (const std::size_t k : t.index) {
+        const cv::Point3f p = board_point(board, k);
         printed.emplace_back(p.x, p.y, p.z);
-        seen_middle += t.point[i] / n;
-        board_middle += printed[i] / n;
     }
-    cv::Matx33d covariance = cv::Matx33d::zeros();
-    for (std::size_t i = 0; i < printed.size(); ++i)
-        covariance += (printed[i] - board_middle) * (t.point[i] - seen_middle).t();
-    cv::Matx33d U, Vt;
-    cv::Vec3d w;
-    cv::SVD::compute(covariance, w, U, Vt);
-    const cv::Matx33d flip = cv::Matx33d::diag({ 1, 1, cv::determinant(U * Vt) });
-    const cv::Matx33d R = U * flip * Vt;
-    std::vector<cv::Vec3d> points;
-    for (const cv::Vec3d& p : t.point)
-        points.push_back(R * (p - seen_middle) + board_middle);
-    return points;
+    return moved_onto(t.point, printed);
 }
 
 /// Mean over the cells of a grid over the image: noise averages out.

@@ -165,6 +165,19 @@ Agreement agreement(const std::vector<cv::Mat>& frames, const FringeMethod& meth
     return method.multi() ? agreement_multi(frames, method.periods, sample) : agreement_gray(frames, sample);
 }
 
+std::vector<CodeLink> code_links(const std::vector<cv::Mat>& frames)
+{
+    const Sample sample = make_sample(frames, Method::gray_phase);
+    std::vector<CodeLink> links;
+    for (std::size_t i = 0; i < sample.rows.size(); ++i) {
+        const std::vector<Fringe> fringes = fringes_of_row(frames, sample.rows[i], sample, i);
+        for (std::size_t k = 1; k < fringes.size(); ++k)
+            if (fringes[k - 1].end == fringes[k].begin && fringes[k - 1].clear() && fringes[k].clear())
+                links.push_back({ fringes[k - 1].code, fringes[k].code });
+    }
+    return links;
+}
+
 CodeSlip code_slip(const std::vector<cv::Mat>& frames)
 {
     const Sample sample = make_sample(frames, Method::gray_phase);

@@ -29,6 +29,13 @@ struct Agreement {
 /// rises along the row.
 Agreement agreement(const std::vector<cv::Mat>& frames, const FringeMethod& method);
 
+/// Gray-phase: numbers, by the code, of two fringes that touch in a row.
+struct CodeLink {
+    int left = 0, right = 0;
+};
+
+std::vector<CodeLink> code_links(const std::vector<cv::Mat>& frames);
+
 /// Gray-phase: where in the phase the code changes its number.
 struct CodeSlip {
     double middle = 0; ///< circular mean, -0.5 to 0.5 of a fringe; 0: at the start of the phase

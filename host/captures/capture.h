@@ -2,7 +2,9 @@
 
 #include "host/captures/choose_method.h"
 #include "host/captures/frames.h"
+#include "host/captures/manifest.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,7 @@ struct Capture {
     Choice choice;
     std::vector<int> periods; ///< of the fringes, projector px, as the capture's folder says; empty: it does not
     FrameSet frames;
+    std::optional<Manifest> manifest; ///< capture.json in the capture's folder
 
     Method method() const { return choice.method; }
 };

@@ -9,12 +9,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <map>
 
 namespace vexo {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -85,15 +82,15 @@ void read_all(LoadedCamera& c, const std::vector<std::string>& paths, std::size_
 {
     std::map<std::pair<int, int>, int> sizes;
     for (const std::string& path : paths) {
-        c.frames.push_back(read_grey(path));
-        ++sizes[{ c.frames.back().cols, c.frames.back().rows }];
+        c.frames.push_back(path.empty() ? cv::Mat() : read_deep_grey(path));
+        if (!path.empty()) ++sizes[{ c.frames.back().cols, c.frames.back().rows }];
     }
     if (sizes.size() <= 1) return;
     const auto most = std::max_element(
         sizes.begin(), sizes.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
     std::vector<std::string> odd;
     for (std::size_t i = 0; i < c.frames.size(); ++i)
-        if (c.frames[i].cols != most->first.first || c.frames[i].rows != most->first.second)
+        if (!c.frames[i].empty() && (c.frames[i].cols != most->first.first || c.frames[i].rows != most->first.second))
             odd.push_back(
                 c.names[i] + " is " + std::to_string(c.frames[i].cols) + " x " + std::to_string(c.frames[i].rows));
     c.faults.push_back({ "mixed-size", Weight::spoils, name_of_camera(camera),
@@ -108,8 +105,8 @@ LoadedCamera load_camera(
 {
     LoadedCamera c;
     c.where = where;
-    for (const std::string& path : paths)
-        c.names.push_back(fs::path(path).filename().string());
+    for (std::size_t k = 0; k < paths.size(); ++k)
+        c.names.push_back(name_of_frame(paths[k], k));
     find_missing(c, count, camera);
     if (c.faults.empty()) read_all(c, paths, camera);
     return c;
@@ -134,6 +131,28 @@ std::vector<cv::Mat> some_rows(const std::vector<cv::Mat>& frames)
             frame.rows / every, frame.cols, frame.type(), frame.data, frame.step * static_cast<std::size_t>(every));
     }
     return thinned;
+}
+
+/// Both cameras' frames, of 8 bits and complete, where they can be judged at all.
+std::array<LoadedCamera, 2> load_cameras(const CaptureFiles& files, Checked& checked)
+{
+    const Method method = checked.method.method;
+    const FrameFiles found = find_frame_files(files, method);
+    if (!found.order_by.empty()) check_count(files, found, frame_count(method));
+    for (std::size_t c = 0; c < 2; ++c)
+        if (found.paths[c].empty()) throw Failure((c == 0 ? files.cam0 : files.cam1) + ": no pictures found");
+    std::array<LoadedCamera, 2> loaded;
+    std::array<std::vector<cv::Mat>, 2> frames;
+    for (std::size_t c = 0; c < 2; ++c) {
+        loaded[c] = load_camera(c == 0 ? files.cam0 : files.cam1, found.paths[c], frame_count(method), c);
+        frames[c] = std::move(loaded[c].frames);
+    }
+    checked.findings = scale_to_common_bits(frames, found, checked.bits);
+    for (const Finding& note : complete_frames(frames, found, method))
+        checked.findings.push_back(note);
+    for (std::size_t c = 0; c < 2; ++c)
+        loaded[c].frames = std::move(frames[c]);
+    return loaded;
 }
 
 CheckedCamera check_camera(
@@ -180,9 +199,6 @@ std::vector<Finding> judge_frames_of(
 {
     const std::vector<cv::Mat> rows = some_rows(frames);
     const CameraFigures figures = measure_capture(rows, method);
-    constexpr double none_to_look_for = 0.9; // of fringes that fit: exchanged frames leave far fewer
-    const bool in_order = figures.fitting > none_to_look_for && cv::mean(rows[0])[0] < cv::mean(rows[1])[0];
-    if (in_order) return judge(figures, method, camera, {}, names);
     return judge_figures(rows, figures, method, camera, names);
 }
 
@@ -199,12 +215,9 @@ double Checked::gamma() const
 
 Checked check_capture(const CheckRequest& request, const OnStep& on_step)
 {
-    const std::array<std::string, 2> where { request.files.cam0, request.files.cam1 };
     Checked checked;
     checked.method = find_method(request);
-    std::array<LoadedCamera, 2> loaded;
-    for (std::size_t c = 0; c < 2; ++c)
-        loaded[c] = load_camera(where[c], find_frames(where[c]), frame_count(checked.method.method), c);
+    std::array<LoadedCamera, 2> loaded = load_cameras(request.files, checked);
     const bool both = !loaded[0].frames.empty() && !loaded[1].frames.empty();
     if (both && loaded[0].frames[0].size() != loaded[1].frames[0].size())
         checked.findings.push_back(

@@ -27,6 +27,7 @@ struct Checked {
     FringeMethod method;
     std::array<CheckedCamera, 2> cameras;
     std::vector<Finding> findings;
+    int bits = 8; ///< of the grey values as recorded
 
     /// Gamma of all cameras that could be measured; NaN: none.
     double gamma() const;

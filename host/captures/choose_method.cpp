@@ -2,7 +2,8 @@
 
 #include "base/failure.h"
 #include "base/whole_file.h"
-#include "host/captures/frames.h"
+#include "host/captures/find_frames.h"
+#include "host/captures/manifest.h"
 #include "host/files/json_file.h"
 
 #include <filesystem>
@@ -25,9 +26,8 @@ std::optional<Json> description(const std::string& folder, const char* file)
     return parse_json(text);
 }
 
-Choice method_by_count(const std::string& cam0, bool nearest)
+Choice method_by_count(const std::string& cam0, std::size_t count, bool nearest)
 {
-    const std::size_t count = find_frames(cam0).size();
     for (const Method method : all_methods)
         if (count == frame_count(method))
             return { method, std::to_string(count) + (count == 1 ? " picture" : " pictures") + " of each camera" };
@@ -49,16 +49,23 @@ Choice choose_method(const CaptureFiles& files, bool nearest)
         const bool several = fs::exists(fs::path(files.cam0) / "phase0.tiff", ignored);
         return { several ? Method::multi_phase : Method::gray_phase, several ? "phase0.tiff" : "decoded maps" };
     }
+    const std::optional<Manifest> manifest = read_manifest(files.folder);
+    if (manifest && manifest->method) return { *manifest->method, manifest_name };
     for (const char* file : descriptions) {
         const auto json = description(files.folder, file);
         if (!json || !json->contains("method") || !json->at("method").is_string()) continue;
         if (const auto method = method_named(json->at("method").get<std::string>())) return { *method, file };
     }
-    return method_by_count(files.cam0, nearest);
+    if (!files.order.empty()) return method_by_count("--order", files.order.size(), nearest);
+    if (manifest && manifest->names_frames())
+        return method_by_count(manifest->path, manifest->frames[0].size(), nearest);
+    return method_by_count(files.cam0, find_frames(files.cam0).size(), nearest);
 }
 
 std::vector<int> periods_said_in(const std::string& folder)
 {
+    const std::optional<Manifest> manifest = read_manifest(folder);
+    if (manifest && !manifest->periods.empty()) return manifest->periods;
     for (const char* file : descriptions) {
         const auto json = description(folder, file);
         if (!json || !json->contains("periods") || !json->at("periods").is_array()) continue;

@@ -4,130 +4,116 @@
 #include "base/parallel.h"
 #include "base/pictures.h"
 #include "base/text.h"
+#include "host/captures/depth.h"
+#include "host/captures/derived_frames.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
-
-#include <glob.h>
 
 namespace vexo {
 
-namespace fs = std::filesystem;
-
 namespace {
 
-bool is_digit(char c)
+/// Frames as files of 8 or 16 bits have them; empty where there is no file.
+void read_raw(FrameSet& set)
 {
-    return c >= '0' && c <= '9';
+    const std::size_t count = set.paths[0].size();
+    for (std::vector<cv::Mat>& frames : set.frames)
+        frames.resize(count);
+    in_parallel(2 * count, [&](std::size_t i) {
+        const std::string& path = set.paths[i / count][i % count];
+        if (!path.empty()) set.frames[i / count][i % count] = read_deep_grey(path);
+    });
 }
 
-/// Order of names in which runs of digits compare as numbers.
-bool natural_less(const std::string& a, const std::string& b)
+/// Whether the files are of 16 bits, all of them.
+bool check_depths(const std::array<std::vector<cv::Mat>, 2>& frames, const FrameFiles& files)
 {
-    std::size_t i = 0, k = 0;
-    while (i < a.size() && k < b.size()) {
-        if (!is_digit(a[i]) || !is_digit(b[k])) {
-            if (a[i] != b[k]) return a[i] < b[k];
-            ++i, ++k;
-            continue;
-        }
-        const auto number_at = [](const std::string& s, std::size_t& at) {
-            while (at + 1 < s.size() && s[at] == '0' && is_digit(s[at + 1]))
-                ++at;
-            const std::size_t begin = at;
-            while (at < s.size() && is_digit(s[at]))
-                ++at;
-            return s.substr(begin, at - begin);
-        };
-        const std::string left = number_at(a, i), right = number_at(b, k);
-        if (left.size() != right.size()) return left.size() < right.size();
-        if (left != right) return left < right;
-    }
-    return a.size() - i < b.size() - k;
-}
-
-bool is_picture(const fs::path& path)
-{
-    std::string end = path.extension().string();
-    for (char& c : end)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const char* const known[] = { ".png", ".bmp", ".tif", ".tiff", ".pgm", ".jpg", ".jpeg" };
-    return std::find(std::begin(known), std::end(known), end) != std::end(known);
-}
-
-std::vector<std::string> match(const std::string& pattern)
-{
-    std::vector<std::string> found;
-    glob_t result = {};
-    if (::glob(pattern.c_str(), 0, nullptr, &result) == 0)
-        found.assign(result.gl_pathv, result.gl_pathv + result.gl_pathc);
-    ::globfree(&result);
-    return found;
-}
-
-/// The first of frame00, frame01, ... that a numbered set lacks; "" when the names are not of that kind.
-std::string missing_frame(const std::vector<std::string>& paths, std::size_t count)
-{
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::string name = std::string(i < 10 ? "frame0" : "frame") + std::to_string(i);
-        const auto has_name = [&name](const std::string& path) { return fs::path(path).stem() == name; };
-        if (std::any_of(paths.begin(), paths.end(), has_name)) continue;
-        const bool numbered = std::any_of(paths.begin(), paths.end(),
-            [](const std::string& path) { return fs::path(path).stem().string().rfind("frame", 0) == 0; });
-        return numbered ? name : "";
-    }
-    return "";
-}
-
-void check_count(const std::string& where, const std::vector<std::string>& paths, std::size_t count)
-{
-    if (paths.size() == count) return;
-    const std::string missing = paths.size() < count ? missing_frame(paths, count) : "";
-    const std::string need
-        = "; the method needs " + std::to_string(count) + (count == 1 ? "" : " (dark, lit, patterns)");
-    if (paths.empty()) throw Failure(where + ": no pictures found" + need);
-    throw Failure(where + ": " + std::to_string(paths.size()) + " pictures found"
-        + (missing.empty() ? "" : ", " + missing + " is missing") + need);
+    std::array<std::string, 2> example; // of 8 and 16 bits
+    for (std::size_t c = 0; c < 2; ++c)
+        for (std::size_t k = 0; k < frames[c].size(); ++k)
+            if (!frames[c][k].empty()) example[frames[c][k].depth() == CV_16U ? 1 : 0] = files.paths[c][k];
+    if (!example[0].empty() && !example[1].empty())
+        throw Failure(example[0] + " has 8 bits, but " + example[1] + " has 16; record all frames alike");
+    if (!example[0].empty() && files.bits && *files.bits > common_bits)
+        throw Failure(files.bits_by + ": the frames are said to have " + std::to_string(*files.bits) + " bits, but "
+            + example[0] + " has 8");
+    return !example[1].empty();
 }
 
 } // namespace
 
+std::string name_of_frame(const std::string& path, std::size_t index)
+{
+    return path.empty() ? "frame " + std::to_string(index) + " (not recorded)"
+                        : std::filesystem::path(path).filename().string();
+}
+
 void check_size(const FrameSet& set, const std::string& path, const cv::Mat& frame)
 {
     if (frame.size() == set.size) return;
-    throw Failure(path + ": " + size_text(frame.cols, frame.rows) + ", but " + set.paths[0][0] + " is "
+    const auto first
+        = std::find_if(set.paths[0].begin(), set.paths[0].end(), [](const std::string& name) { return !name.empty(); });
+    throw Failure(path + ": " + size_text(frame.cols, frame.rows) + ", but " + *first + " is "
         + size_text(set.size.width, set.size.height) + "; record all frames at one size");
 }
 
-std::vector<std::string> find_frames(const std::string& folder_or_pattern)
+std::vector<Finding> scale_to_common_bits(
+    std::array<std::vector<cv::Mat>, 2>& frames, const FrameFiles& files, int& bits)
 {
-    std::error_code error;
-    std::vector<std::string> found;
-    if (fs::is_directory(folder_or_pattern, error)) {
-        for (const auto& entry : fs::directory_iterator(folder_or_pattern, error))
-            if (is_picture(entry.path())) found.push_back(entry.path().string());
-        if (error) throw Failure(folder_or_pattern + ": the folder cannot be read: " + error.message());
-    } else {
-        found = match(folder_or_pattern);
-    }
-    std::sort(found.begin(), found.end(), natural_less);
-    return found;
+    bits = common_bits;
+    if (!check_depths(frames, files)) return {};
+    std::vector<cv::Mat*> all;
+    int largest = 0;
+    for (std::vector<cv::Mat>& of_camera : frames)
+        for (cv::Mat& frame : of_camera) {
+            all.push_back(&frame);
+            largest = std::max(largest, largest_grey(frame));
+        }
+    bits = files.bits.value_or(bits_of(largest));
+    if (largest >= 1 << bits)
+        throw Failure(files.bits_by + ": the frames are said to have " + std::to_string(bits)
+            + " bits, but one holds the grey value " + std::to_string(largest));
+    in_parallel(all.size(), [&](std::size_t i) { *all[i] = to_common_bits(*all[i], bits); });
+    return { { "bits", Weight::note, "",
+        "grey values of " + std::to_string(bits) + " bits, "
+            + (files.bits ? "as " + files.bits_by + " says" : "by the largest, " + std::to_string(largest))
+            + ", are scaled to 8 and rounded",
+        "" } };
 }
 
-FrameSet read_frames(const std::string& cam0, const std::string& cam1, std::size_t count)
+std::vector<Finding> complete_frames(
+    std::array<std::vector<cv::Mat>, 2>& frames, const FrameFiles& files, Method method)
+{
+    std::vector<Finding> notes;
+    const std::string turned = files.inverted_code ? "; the gray code's planes are turned" : "";
+    if (!files.order_by.empty() || files.inverted_code)
+        notes.push_back({ "frame-order", Weight::note, "",
+            "frames in the order of " + (files.order_by.empty() ? "their names" : files.order_by) + turned, "" });
+    for (std::size_t c = 0; c < 2; ++c) {
+        if (frames[c].empty()) continue;
+        const std::string where = "camera " + std::to_string(c);
+        const std::string made = add_missing_frames(frames[c], method, where, files.inverted_code);
+        if (!made.empty()) notes.push_back({ "derived-frame", Weight::note, where, made, "" });
+    }
+    return notes;
+}
+
+FrameSet read_frames(const FrameFiles& files, Method method)
 {
     FrameSet set;
-    set.paths = { find_frames(cam0), find_frames(cam1) };
-    check_count(cam0, set.paths[0], count);
-    check_count(cam1, set.paths[1], count);
-    for (std::vector<cv::Mat>& frames : set.frames)
-        frames.resize(count);
-    in_parallel(2 * count,
-        [&](std::size_t i) { set.frames[i / count][i % count] = read_grey(set.paths[i / count][i % count]); });
-    set.size = set.frames[0][0].size();
-    for (std::size_t i = 0; i < 2 * count; ++i)
-        check_size(set, set.paths[i / count][i % count], set.frames[i / count][i % count]);
+    set.paths = files.paths;
+    read_raw(set);
+    const std::size_t count = set.paths[0].size();
+    for (std::size_t i = 0; i < 2 * count; ++i) {
+        const cv::Mat& frame = set.frames[i / count][i % count];
+        if (frame.empty()) continue;
+        if (set.size.empty()) set.size = frame.size();
+        check_size(set, set.paths[i / count][i % count], frame);
+    }
+    set.notes = scale_to_common_bits(set.frames, files, set.bits);
+    for (const Finding& note : complete_frames(set.frames, files, method))
+        set.notes.push_back(note);
     return set;
 }
 

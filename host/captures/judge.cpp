@@ -103,8 +103,9 @@ private:
     /// Frames that are not what they should be; figures of wrong frames mean nothing.
     bool _wrong_frames(const FrameOrder& order)
     {
+        // Another order that is not certain may only be better than a blank frame.
         const bool of_dark_or_lit = order.kind == FrameOrder::exchanged && order.pair[0] < 2;
-        if (order && (of_dark_or_lit || f.odd.empty.empty())) { // without an empty frame another order may fit better
+        if (order && (order.certain || of_dark_or_lit || f.odd.empty.empty())) {
             const auto [text, advice] = words_of(order, _names);
             const bool shifted = order.kind == FrameOrder::late || order.kind == FrameOrder::early;
             _add(shifted ? "shifted-frames" : "out-of-order", Weight::spoils, text, advice);

@@ -49,13 +49,6 @@ bool is_dark(const cv::Mat& frame, const std::vector<cv::Mat>& frames, const cv:
     return cv::mean(frame, lit)[0] - dark < least_light * (cv::mean(frames[1], lit)[0] - dark);
 }
 
-bool is_blank(const cv::Mat& frame)
-{
-    double low = 0, high = 0;
-    cv::minMaxLoc(frame, &low, &high);
-    return low == high;
-}
-
 /// The planes that show nothing, and the fringe frames.
 void find_empty(const std::vector<cv::Mat>& frames, const FringeMethod& method, OddFrames& odd)
 {
@@ -77,6 +70,13 @@ void find_empty(const std::vector<cv::Mat>& frames, const FringeMethod& method, 
 }
 
 } // namespace
+
+bool is_blank(const cv::Mat& frame)
+{
+    double low = 0, high = 0;
+    cv::minMaxLoc(frame, &low, &high);
+    return low == high;
+}
 
 bool same_picture(const cv::Mat& a, const cv::Mat& b)
 {

@@ -20,6 +20,9 @@ struct OddFrames {
 /// @param frames  of one camera, as many as the method has
 OddFrames find_odd_frames(const std::vector<cv::Mat>& frames, const FringeMethod& method);
 
+/// Whether a picture has one grey value all over, as no camera sees it.
+bool is_blank(const cv::Mat& frame);
+
 /// Whether two pictures are the same bit by bit.
 bool same_picture(const cv::Mat& a, const cv::Mat& b);
 

@@ -1,8 +1,8 @@
 #include "host/files/marker.h"
 
 #include "base/failure.h"
-#include "base/hash.h"
 #include "base/whole_file.h"
+#include "host/files/hash.h"
 #include "host/files/json_file.h"
 
 #include <algorithm>

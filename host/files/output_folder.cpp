@@ -2,10 +2,10 @@
 
 #include "base/boundary.h"
 #include "base/failure.h"
-#include "base/hash.h"
 #include "base/parallel.h"
 #include "base/whole_file.h"
 #include "host/files/changes.h"
+#include "host/files/hash.h"
 #include "host/files/temporary_folder.h"
 
 #include <algorithm>

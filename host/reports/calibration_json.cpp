@@ -77,13 +77,19 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
     json["outlying_views"] = Json::array();
     for (const std::size_t v : outlying_views(c))
         json["outlying_views"].push_back(c.views.cameras[0][v].number);
-    if (!c.agreement.empty()) json["pair_agreement_px"] = finite(c.agreement);
+    if (!c.agreement.error_px.empty()) json["pair_agreement_px"] = finite(c.agreement.error_px);
+    for (const Partners& moved : c.agreement.moved)
+        json["exchanged_pictures"].push_back(
+            { { "cam0", c.views.cameras[0][moved.cam0].name }, { "cam1", c.views.cameras[1][moved.cam1].name } });
     json["dropped_views"] = c.dropped;
     if (c.is_pair()) json["pair"] = to_json(c.pair);
     if (c.hold_out.done) {
         for (const CameraFit& fit : c.hold_out.fits)
             json["hold_out"]["camera_rms_px"].push_back(finite(fit.rms));
         json["hold_out"]["focal_spread_px"] = finite(c.hold_out.focal_spread);
+        if (c.is_pair())
+            json["hold_out"]["halves_apart"] = { { "distance_mm", finite(c.hold_out.apart.distance) },
+                { "depth_mm", finite(c.hold_out.apart.depth) }, { "shape_mm", finite(c.hold_out.apart.shape) } };
         if (c.is_pair()) json["hold_out"]["pair"] = to_json(c.hold_out.pair);
     }
     return json;

@@ -321,8 +321,8 @@ std::string bars_of(const Calibrated& c)
     std::string html = "<div class=\"two\">";
     for (std::size_t k = 0; k < c.cameras.size(); ++k)
         html += "<div><h3>Camera " + std::to_string(k) + ", rms</h3>" + bar_drawing(c, c.fits[k].view_rms) + "</div>";
-    if (!c.agreement.empty())
-        html += "<div><h3>Agreement of the two cameras, px</h3>" + bar_drawing(c, c.agreement) + "</div>";
+    if (!c.agreement.error_px.empty())
+        html += "<div><h3>Agreement of the two cameras, px</h3>" + bar_drawing(c, c.agreement.error_px) + "</div>";
     if (c.is_pair())
         html += "<div><h3>Row error after rectification, rms</h3>" + bar_drawing(c, c.pair.view_row) + "</div>";
     return html + "</div>";

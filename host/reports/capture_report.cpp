@@ -107,6 +107,7 @@ Json capture_json(const Checked& checked)
 {
     Json json { { "verdict", capture_verdict(checked.findings) }, { "method", name_of(checked.method.method) } };
     if (checked.method.multi()) json["periods"] = checked.method.periods;
+    json["bits"] = checked.bits;
     json["gamma"] = number_or_null(checked.gamma());
     json["findings"] = Json::array();
     for (const Finding& finding : checked.findings)

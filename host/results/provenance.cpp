@@ -1,8 +1,8 @@
 #include "host/results/provenance.h"
 
-#include "base/hash.h"
 #include "base/parallel.h"
 #include "base/whole_file.h"
+#include "host/files/hash.h"
 
 #include <filesystem>
 #include <limits>

@@ -99,6 +99,15 @@ void add_ranges(const Measured& m, Json& report)
     report["disparity"]["q99_without_limits"] = spread[2]["q99"];
 }
 
+/// Hashes of the files that frames were read from; those made of others have none.
+Json hashes_of_frames(const std::vector<std::string>& paths)
+{
+    std::vector<std::string> recorded;
+    std::copy_if(paths.begin(), paths.end(), std::back_inserter(recorded),
+        [](const std::string& path) { return !path.empty(); });
+    return hashes_of(recorded);
+}
+
 } // namespace
 
 Json make_report(
@@ -111,14 +120,17 @@ Json make_report(
     report["method"] = name_of(m.method());
     report["recognised_by"] = m.choice.reason;
     report["input"] = { { "calib", stereo.files }, { "cam0", capture.files.cam0 }, { "cam1", capture.files.cam1 },
-        { "decoded", capture.files.decoded } };
+        { "decoded", capture.files.decoded }, { "bits", capture.frames.bits } };
     report["camera"] = to_json(stereo);
     report["parameters"] = to_json(m.record);
     report["parameters"]["min_modulation"] = request.min_modulation;
     report["parameters"]["interpolate"] = request.interpolate;
-    report["made_from"]
-        = { { "cam0", hashes_of(capture.frames.paths[0]) }, { "cam1", hashes_of(capture.frames.paths[1]) },
-              { "calibration", hashes_of(stereo.files) }, { "parameters", hash_of(report["parameters"]) } };
+    report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
+        { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
+        { "parameters", hash_of(report["parameters"]) } };
+    if (capture.manifest && capture.manifest->exposure_ms)
+        report["input"]["exposure_ms"] = *capture.manifest->exposure_ms;
+    if (capture.manifest) report["made_from"]["capture"] = hashes_of({ capture.manifest->path });
     report["unit"] = stereo.notes.unit.name;
     report["unit_stated"] = stereo.notes.unit.stated;
     report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);

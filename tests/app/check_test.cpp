@@ -100,7 +100,7 @@ TEST_F(Check, NamesExchangedFrames)
         exchange("spoilt", 1, pair[0], pair[1]);
         const Json json = check(at("spoilt"));
         const std::string expected = fs::path(frame("", 1, pair[0])).filename().string() + " and "
-            + fs::path(frame("", 1, pair[1])).filename().string() + " are exchanged";
+            + fs::path(frame("", 1, pair[1])).filename().string() + " are exchanged; exchange their names";
         EXPECT_EQ(text_of(json, "out-of-order", 1), expected) << json["findings"].dump(1);
         EXPECT_EQ(text_of(json, "out-of-order", 0), "");
     }

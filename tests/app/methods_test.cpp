@@ -151,16 +151,19 @@ TEST_F(Methods, BlockMatchingFindsItsRangeAndTellsWhyPixelsLack)
 
 TEST_F(Methods, IsRecognisedByTheDescriptionElseByTheNumberOfPictures)
 {
-    EXPECT_EQ(measure(at("multi-phase"), "r")["recognised_by"], "scene.json");
+    EXPECT_EQ(measure(at("multi-phase"), "r")["recognised_by"], "capture.json");
     for (const auto& [name, pictures] : { std::pair("multi-phase", "14 pictures of each camera"),
              std::pair("gray-phase", "13 pictures of each camera"), std::pair("sgbm", "1 picture of each camera") }) {
         const std::string scan = copy(name, "bare");
+        fs::remove(scan + "/capture.json");
+        EXPECT_EQ(measure(scan, "r")["recognised_by"], "scene.json");
         fs::remove(scan + "/scene.json");
         const Json report = measure(scan, "r");
         EXPECT_EQ(report["method"], name);
         EXPECT_EQ(report["recognised_by"], pictures);
     }
     const std::string scan = copy("multi-phase", "bare");
+    fs::remove(scan + "/capture.json");
     program::write(scan + "/scene.json", R"({"method": ["no"], "periods": "none"})"); // tells nothing: passed over
     EXPECT_EQ(measure(scan, "r")["method"], "multi-phase");
     program::write(scan + "/patterns.json", R"({"method": "multi-phase", "periods": [9, 10, 11]})");
@@ -211,6 +214,7 @@ TEST_F(Methods, WhatAMethodCannotDoIsRefusedInOneLine)
                       blocks = "measure " + at("sgbm"), out = " --out " + at("left");
     const std::string odd = copy("gray-phase", "odd");
     fs::remove(odd + "/scene.json");
+    fs::remove(odd + "/capture.json");
     fs::remove(odd + "/cam0/frame12.png");
     const struct {
         std::string arguments, expected;
