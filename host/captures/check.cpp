@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/pictures.h"
+#include "host/captures/agreement.h"
 #include "host/captures/frames.h"
 #include "host/captures/judge.h"
 #include "host/captures/names.h"
@@ -112,11 +113,35 @@ LoadedCamera load_camera(
     return c;
 }
 
+/// How frames are turned whose fringes do not agree as they are; "": not at all. Fringes cannot tell a mirrored picture
+/// from one upside down.
+std::string turned(const std::vector<cv::Mat>& frames, const FringeMethod& method)
+{
+    constexpr double agrees = 0.8, least_fitting = 0.5;
+    if (agreement(frames, method).share() > least_fitting) return "";
+    const auto agree = [&](const auto& turn) {
+        std::vector<cv::Mat> other(frames.size());
+        for (std::size_t k = 0; k < frames.size(); ++k)
+            turn(frames[k], other[k]);
+        return agreement(other, method).share() > agrees;
+    };
+    if (agree([](const cv::Mat& from, cv::Mat& to) { cv::flip(from, to, 1); })) return "mirrored, or upside down";
+    if (agree([](const cv::Mat& from, cv::Mat& to) { cv::transpose(from, to); })) return "turned by 90 degrees";
+    if (agree([](const cv::Mat& from, cv::Mat& to) { cv::rotate(from, to, cv::ROTATE_90_COUNTERCLOCKWISE); }))
+        return "turned by 90 degrees";
+    return "";
+}
+
 /// @param other  the other camera's frames; null: not known
 std::vector<Finding> judge_figures(const std::vector<cv::Mat>& frames, const CameraFigures& figures,
     const FringeMethod& method, int camera, const std::vector<std::string>& names,
     const std::vector<cv::Mat>* other = nullptr)
 {
+    const std::string how = turned(frames, method);
+    if (!how.empty())
+        return { { "turned-frames", Weight::spoils, name_of_camera(static_cast<std::size_t>(camera)),
+            "the pictures are " + how + ": the fringes' numbers do not rise from left to right",
+            "switch off what turns the picture in camera or projector, and record again" } };
     return judge(figures, method, camera, find_exchange(frames, method, other), names);
 }
 

@@ -13,8 +13,8 @@ namespace vexo {
 ///
 /// spoils: "out-of-order", "shifted-frames", "blank-frame" and "equal-frames" (of frames that are needed),
 /// "pattern-unseen", "under-exposed" and "out-of-focus" (of which hardly a pixel is left), "moving-scene",
-/// "unsteady-light"; worse: the last four when less of it is lost, "over-exposed", "noisy", "non-linear"; note:
-/// "blank-frame" (of a plane without use), "fringe-start", "gamma".
+/// "unsteady-light", "over-exposed"; worse: the last five when less of it is lost, "noisy", "non-linear"; note:
+/// "blank-frame" (of a plane without use), "fringe-start", "gamma", "scatter".
 /// @param exchange  as find_exchange() answers
 /// @param names     of the frames' files
 std::vector<Finding> judge(const CameraFigures& figures, const FringeMethod& method, int camera,

@@ -179,7 +179,9 @@ FrameOrder order_of_reference(const Frames& frames, const FringeMethod& method, 
     constexpr double right = 0.01, wrong = 0.05, least_fitting = 0.5;
     const std::vector<double> off = shares_off(frames, which == 1);
     FrameOrder best;
-    if (off[which] < wrong || is_blank(frames[which])) return best;
+    const bool doubled = std::any_of(frames.begin(), frames.end(),
+        [&](const cv::Mat& frame) { return &frame != &frames[which] && same_picture(frame, frames[which]); });
+    if (off[which] < wrong || is_blank(frames[which]) || doubled) return best;
     double most = 0;
     for (std::size_t k = 0; k < frames.size(); ++k) {
         if (off[k] > right) continue;

@@ -3,6 +3,7 @@
 #include "base/statistics.h"
 #include "host/captures/agreement.h"
 #include "host/captures/fringe_steps.h"
+#include "host/captures/fringes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -153,6 +154,45 @@ void measure_pixels(const std::vector<cv::Mat>& frames, const std::vector<std::s
     f.saturated = any_clipped / static_cast<double>(f.size.area());
 }
 
+/// From second differences of the residual along rows, which have 6 times its variance; long fringes change it slowly.
+void measure_random_noise(CameraFigures& f)
+{
+    std::vector<float> differences;
+    for (int y = 0; y < f.size.height; ++y) {
+        const float* r = f.residual_map.ptr<float>(y);
+        for (int x = 1; x + 1 < f.size.width; x += 3) {
+            const float second = r[x - 1] - 2 * r[x] + r[x + 1];
+            if (std::isfinite(second) && f.kinds.at<uchar>(y, x) == good) differences.push_back(std::abs(second));
+        }
+    }
+    f.random_noise = f.fringe_noise;
+    if (differences.empty()) return;
+    f.random_noise = std::min(f.fringe_noise, 2 * quantile(std::move(differences), 0.5) / (0.6745 * std::sqrt(6.0)));
+}
+
+/// Whether fewer than two of four steps are below 255. Then the phase is that of the one that is, in the middle of its
+/// quarter, and up to an eighth of a fringe off.
+bool is_flattened(const FringeSteps& s)
+{
+    return (s.i0 >= clipped) + (s.i1 >= clipped) + (s.i2 >= clipped) + (s.i3 >= clipped) > 2;
+}
+
+void measure_flattened(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
+{
+    double flat = 0;
+    const cv::Mat clips = f.kinds == clipped_fringe;
+    for (int y = 0; y < f.size.height; ++y)
+        for (int x = 0; x < f.size.width; ++x) {
+            if (clips.at<uchar>(y, x) == 0) continue;
+            bool any = false;
+            for (const std::size_t first : groups)
+                any = any || is_flattened(FringeSteps(frames, first, y, x));
+            flat += any ? 1 : 0;
+        }
+    f.flattened = flat / std::max(1.0, f.pixels * static_cast<double>(f.size.area()));
+    f.fringe_length = measure_fringes(frames, groups.front(), (f.kinds == good) | (f.kinds == clipped_lit)).length_px;
+}
+
 void summarize_pixels(const std::vector<cv::Mat>& frames, CameraFigures& f)
 {
     std::vector<float> lit, modulation;
@@ -261,7 +301,9 @@ CameraFigures measure_capture(const std::vector<cv::Mat>& frames, const FringeMe
     f.dark_noise = noise_of(frames[0]);
     measure_pixels(frames, groups, f);
     summarize_pixels(frames, f);
+    measure_flattened(frames, groups, f);
     measure_response(frames, groups, f);
+    measure_random_noise(f);
     measure_light(frames, groups, f);
     f.odd = find_odd_frames(frames, method);
     measure_lighting_up(frames, f);
@@ -272,6 +314,13 @@ CameraFigures measure_capture(const std::vector<cv::Mat>& frames, const FringeMe
     f.slip = slip.middle;
     f.slip_spread = slip.spread;
     return f;
+}
+
+double disparity_noise(const CameraFigures& f)
+{
+    if (f.modulation <= 0) return 0;
+    const double phase = f.random_noise / (std::sqrt(2.0) * f.modulation) / (2 * pi);
+    return std::sqrt(2.0) * phase * f.fringe_length;
 }
 
 double phase_noise(const CameraFigures& f)

@@ -22,11 +22,14 @@ struct CameraFigures {
     double lit_bright = 0;        ///< its 99 % quantile
     double saturated = 0;         ///< share of the image at 255 in any frame
     double saturated_fringes = 0; ///< share of the pixels at 255 in a fringe frame: their phase is wrong
+    double flattened = 0;         ///< share of the pixels at 255 in three of four fringe frames or in all
+    double fringe_length = 0;     ///< median length of a fringe along a row, px; multi-phase: of the first period
     double modulation = 0;        ///< median amplitude of the fringes
     double sharpness = 0; ///< median of modulation / (lit - dark) where these differ by 16 or more; in focus 0.47
     std::array<double, 32> modulation_histogram {}; ///< shares; bins of 4 grey levels
     double dark_noise = 0;                          ///< standard deviation, from the dark frame
     double fringe_noise = 0;    ///< standard deviation at fringe brightness, from the residual without its gamma part
+    double random_noise = 0;    ///< the same by neighbouring pixels, which see the same reflections and harmonics
     double residual_rms = 0;    ///< of r = (I0 + I2 - I1 - I3) / 4, saturated pixels excluded
     double second_harmonic = 0; ///< amplitude of the fringes' second harmonic over the first; 0 when linear
     double gamma = 1;           ///< of projector and camera together: light read = grey^gamma; NaN: not measured
@@ -56,6 +59,9 @@ inline double measurable(const CameraFigures& f)
 
 /// Standard deviation of the phase by the noise of the frames, in fringes: noise / (sqrt(2) modulation) rad.
 double phase_noise(const CameraFigures& f);
+
+/// Standard deviation of a disparity by the random noise, px, when both cameras see the fringes alike.
+double disparity_noise(const CameraFigures& f);
 
 /// Figures of one camera's frames, all of one size and as many as the method has.
 CameraFigures measure_capture(const std::vector<cv::Mat>& frames, const FringeMethod& method);

@@ -83,7 +83,8 @@ Json to_json(const CameraFigures& f, const std::vector<std::string>& names)
         { "residual", { { "rms", n(f.residual_rms) }, { "second_harmonic", n(f.second_harmonic) } } },
         { "gamma", n(f.gamma) }, { "fringes_that_fit", n(f.fitting) }, { "code_slip", n(f.slip) },
         { "code_slip_spread", n(f.slip_spread) }, { "lit_share", n(f.lit) }, { "measurable_share", n(measurable(f)) },
-        { "sharpness", n(f.sharpness) }, { "phase_noise", n(phase_noise(f)) },
+        { "sharpness", n(f.sharpness) }, { "phase_noise", n(phase_noise(f)) }, { "flattened_share", n(f.flattened) },
+        { "fringe_length", n(f.fringe_length) }, { "disparity_noise", n(disparity_noise(f)) },
         { "lighting_up", { { "share", n(f.lighting_up) }, { "frame", names[f.lighting_up_frame] } } },
         { "brightness_change", { { "share", n(f.brightness_change) }, { "frame", names[f.brightness_frame] } } } };
 }
@@ -97,6 +98,8 @@ void add_figures(std::vector<std::string>& lines, const CameraFigures& f, std::s
         + percent(f.saturated_fringes, 1) + " of the pixels with fringes");
     lines.push_back("  modulation " + number(f.modulation, 1) + ", noise " + number(f.dark_noise, 2) + " dark, "
         + number(f.fringe_noise, 2) + " in the fringes [grey levels]");
+    lines.push_back("  fringes of " + number(f.fringe_length, 1) + " px; to be expected: " + percent(measurable(f), 1)
+        + " of what is lit, disparities with a noise of " + number(disparity_noise(f), 3) + " px");
     lines.push_back("  residual " + number(f.residual_rms, 2) + " grey levels rms, second harmonic "
         + percent(std::abs(f.second_harmonic), 1) + ", gamma " + number(f.gamma, 2));
 }

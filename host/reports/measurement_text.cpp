@@ -124,6 +124,9 @@ std::string why_spoilt(const Measured& m)
 
 std::string why_nothing(const Measured& m)
 {
+    for (const Finding& finding : m.findings)
+        if (finding.weight == Weight::spoils && finding.name != "rows")
+            return "no point was measured; " + sentence(finding);
     if (m.causes[Cause::disparity] > 0)
         return "every disparity lies outside " + limits_text(m) + ": measured range " + measured_range(m)
             + "; pass --disparity or --depth";

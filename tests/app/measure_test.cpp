@@ -169,7 +169,7 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
         { "measure " + giant + out, "frame03.png: is 30000 x 30000 pixels; at most" },
         { "measure " + other + out, "cameras.yaml: cam0 is calibrated for 640 x 256, but the frames are 320 x 256" },
         { "measure " + alone + out, "cameras.yaml: there is no such file" },
-        { "measure " + dark + out, "too dark or low contrast" },
+        { "measure " + dark + out, "frame00.png and frame01.png are the same picture" },
         { "measure " + at("nowhere") + out, "there is no such folder" },
         { "measure " + at("scan") + " --out " + at("file/result"), "cannot be made" },
         { "measure " + at("scan") + " --calib " + at("scan/scene.json") + out, "is not a calibration file" },

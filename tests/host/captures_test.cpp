@@ -1,3 +1,4 @@
+#include "host/captures/check.h"
 #include "host/captures/judge.h"
 #include "sim/capture.h"
 
@@ -103,6 +104,7 @@ TEST(Captures, AreJudgedByWhatTheyLeaveToMeasure)
     const std::vector<Case> cases {
         { "as it is", [](Frames&) {}, Weight::good, nullptr },
         { "3x over-exposed", [](Frames& f) { expose(f, 3); }, Weight::worse, "over-exposed" },
+        { "7x over-exposed", [](Frames& f) { expose(f, 7); }, Weight::spoils, "over-exposed", "three of four" },
         { "exposure 0.08", [](Frames& f) { expose(f, 0.08); }, Weight::spoils, "under-exposed", "expose more" },
         { "exposure 0.2", [](Frames& f) { expose(f, 0.2); }, Weight::worse, nullptr },
         { "room light", [](Frames& f) { expose(f, 1, 50); }, Weight::good, nullptr },
@@ -116,13 +118,19 @@ TEST(Captures, AreJudgedByWhatTheyLeaveToMeasure)
             Weight::worse, "moving-scene" },
         { "motion of 10 mm in the fringes", [](Frames& f) { follow(f, 11, [](Rig& r) { r.distance_mm += 10; }); },
             Weight::spoils, "moving-scene" },
-        { "long fringes", rig([](Rig& r) { r.fringe_period = 128; }), Weight::good, nullptr },
+        { "long fringes", rig([](Rig& r) { r.fringe_period = 128; }), Weight::note, "scatter" },
         { "a fringe frame 15 % darker", [](Frames& f) { scale(f[10], 0.85); }, Weight::worse, "unsteady-light" },
         { "a fringe frame 60 % darker", [](Frames& f) { scale(f[10], 0.4); }, Weight::spoils, "unsteady-light" },
         { "fringes a quarter later", [](Frames& f) { std::rotate(f.begin() + 9, f.begin() + 10, f.end()); },
             Weight::note, "fringe-start" },
         { "fringes half a period later", [](Frames& f) { std::rotate(f.begin() + 9, f.begin() + 11, f.end()); },
             Weight::spoils, "out-of-order", "reorder f9 to f12 as f11, f12, f9, f10" },
+        { "planes of the code in reverse", [](Frames& f) { std::reverse(f.begin() + 2, f.begin() + 9); },
+            Weight::spoils, "out-of-order", "reorder f2 to f8 as f8, f7, f6, f5, f4, f3, f2" },
+        { "dark and a plane exchanged", [](Frames& f) { exchange(f, 0, 6); }, Weight::spoils, "out-of-order",
+            "f6.png" },
+        { "coarse planes exchanged", [](Frames& f) { exchange(f, 3, 4); }, Weight::spoils, "out-of-order",
+            "f3.png and f4.png are exchanged" },
         { "fringe frames exchanged", [](Frames& f) { exchange(f, 9, 11); }, Weight::spoils, "out-of-order",
             "f9.png and f11.png are exchanged" },
         { "dark and lit exchanged", [](Frames& f) { exchange(f, 0, 1); }, Weight::spoils, "out-of-order", "f0.png" },
@@ -150,6 +158,16 @@ TEST(Captures, AreJudgedByWhatTheyLeaveToMeasure)
         { "no light", [](Frames& f) { f.assign(13, f[0]); }, Weight::spoils, "pattern-unseen" },
     };
     expect(simulate(), Method::gray_phase, cases);
+}
+
+TEST(Captures, OfPicturesThatAreMirroredAreNamedAsSuch)
+{
+    Frames frames = simulate();
+    for (cv::Mat& frame : frames)
+        cv::flip(cv::Mat(frame.clone()), frame, 1);
+    const std::vector<Finding> found = judge_frames_of(frames, {}, 0, std::vector<std::string>(13, "f.png"));
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].name, "turned-frames");
 }
 
 TEST(Captures, OfSeveralPeriodsAreJudgedByWhatTheyLeaveToMeasure)
