@@ -21,9 +21,9 @@ namespace {
 /// The calibration; the capture's manifest says its unit where neither option nor files do.
 Stereo open_calibration(const MeasureOptions& o, const Capture& capture)
 {
-    Stereo stereo = open_stereo(o.calib, o.camera, o.unit);
+    Stereo stereo = open_typed(o.calib, o.camera);
     if (!stereo.notes.unit.stated && capture.manifest && !capture.manifest->unit.empty())
-        return open_stereo(o.calib, o.camera, capture.manifest->unit);
+        stereo.notes.unit = unit_named(capture.manifest->unit, "capture.json: unit");
     return stereo;
 }
 
