@@ -59,11 +59,11 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
         "period.png or period.tiff (0 to 255) and phase.tiff, or, multi-phase, phase0.tiff to phase2.tiff; "
         "phases are float TIFF, fractions of a period"));
     o.gray = {
-        cmd.add_option(
-               "--anchor", o.request.anchor, "gray-phase: anchor length of the unwrapping, px (default: chosen)")
+        cmd.add_option("--anchor", o.request.anchor,
+               "gray-phase: runs of rising phase longer than this number the fringes, px (default: chosen)")
             ->check(CLI::Range(0, 100000)),
-        cmd.add_option(
-               "--reject", o.request.reject, "gray-phase: reject length of the unwrapping, px (default: chosen)")
+        cmd.add_option("--reject", o.request.reject,
+               "gray-phase: runs of rising phase up to this long are dropped, px (default: chosen)")
             ->check(CLI::Range(0, 100000)),
         cmd.add_option("--code-spread", o.request.code_spread, "gray-phase: most different gray codes in a trusted run")
             ->capture_default_str()
