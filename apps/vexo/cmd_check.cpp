@@ -85,7 +85,8 @@ void add_check(CLI::App& app, GlobalOptions& options)
         ->check(CLI::IsMember({ "gray-phase", "multi-phase" }));
     add_frame_options(*command, o->frames);
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
-        ->delimiter(',');
+        ->delimiter(',')
+        ->allow_extra_args(false);
     command
         ->add_option("--calib", o->calib,
             "test, too, whether both cameras see the surface in the same rows with this calibration, as for measure")

@@ -14,6 +14,9 @@ namespace vexo {
 constexpr int least_contrast = 16;
 constexpr double least_modulation = 6.0;
 
+/// Contrast below which pixels of several periods lose half of their fringe numbers, and are not measured.
+constexpr int least_contrast_of_several = 60;
+
 /// Pixels on some rows that show the fringes.
 struct Agreement {
     double all = 0;      ///< that can be judged
