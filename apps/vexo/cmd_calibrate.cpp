@@ -8,6 +8,7 @@
 #include "host/reports/calibration_json.h"
 #include "host/reports/calibration_text.h"
 #include "options.h"
+#include "photo_folders.h"
 
 #include <CLI/CLI.hpp>
 
@@ -22,22 +23,14 @@ namespace fs = std::filesystem;
 namespace {
 
 struct CalibrateOptions {
-    std::string folder, cam0, cam1, board, out;
+    PhotoFolders photos;
+    std::string board, out;
     CalibrateRequest request;
 };
 
-/// Where the pictures are; a folder without cam1/ is that of a single camera.
 void complete(CalibrateOptions& o)
 {
-    std::error_code ignored;
-    if (o.folder.empty() && o.cam0.empty())
-        throw UsageFailure("name a folder with cam0/ and cam1/, or give --cam0 and --cam1 (one camera: --cam0 alone)");
-    if (!o.folder.empty() && !fs::is_directory(o.folder, ignored))
-        throw Failure(o.folder + ": there is no such folder");
-    const fs::path folder(o.folder);
-    if (o.cam0.empty()) o.cam0 = (folder / "cam0").string();
-    if (o.cam1.empty() && !o.folder.empty() && fs::is_directory(folder / "cam1", ignored))
-        o.cam1 = (folder / "cam1").string();
+    complete(o.photos);
     for (const double ruler : { o.request.ruler_x, o.request.ruler_y })
         if (ruler != 0 && !(ruler >= 80.0 && ruler <= 120.0))
             throw UsageFailure("--ruler-x, --ruler-y: the measured length of a 100 mm ruler in mm, such as 99.6");
@@ -83,7 +76,7 @@ void run(CalibrateOptions o, const GlobalOptions& options)
     const std::string present = present_verdict(o.out);
     const BoardFile printed = load_board(o.board);
     const BoardFile board = corrected_board(printed, o.request);
-    BoardViews views = find_views(o.cam0, o.cam1, o.request.dropped);
+    BoardViews views = find_views(o.photos.cam0, o.photos.cam1, o.request.dropped);
     const int pictures = static_cast<int>(views.cameras.size() * views.count());
     Progress progress(options, pictures + calibrate_steps);
     recognise(views, board, progress.on_step());
@@ -119,9 +112,7 @@ void add_calibrate(CLI::App& app, GlobalOptions& options)
     auto o = std::make_shared<CalibrateOptions>();
     CLI::App* command
         = app.add_subcommand("calibrate", "photos of the board -> calibrated camera or pair, and how good it is");
-    command->add_option("folder", o->folder, "folder with cam0/ and cam1/ (one camera: cam0/ alone)");
-    command->add_option("--cam0", o->cam0, "pictures of camera 0: a folder, or a pattern in quotes");
-    command->add_option("--cam1", o->cam1, "pictures of camera 1; they pair by the numbers in their names");
+    add_photos(*command, o->photos);
     command->add_option("--board", o->board, "board.yaml of vexo board")->required();
     command->add_option("--out", o->out, "folder for the calibration files and the report")->required();
     command->add_option("--ruler-x", o->request.ruler_x, "length of the printed 100 mm ruler x as measured, mm");

@@ -1,4 +1,5 @@
 #include "base/failure.h"
+#include "calibration_options.h"
 #include "commands.h"
 #include "host/captures/check.h"
 #include "host/captures/frame_files.h"
@@ -21,21 +22,21 @@ struct CheckOptions {
     CheckRequest request;
     FrameOptions frames;
     std::string out;
-    std::vector<std::string> calib; ///< to test the rows with; may be empty
+    TypedCalibration calib; ///< to test the rows with; may be absent
 };
 
 /// Whether the frames fit the calibration: measured with it as `vexo measure` does. Frames that are not whole have
 /// findings of their own.
 void add_rows(const CheckOptions& o, Checked& checked)
 {
-    if (o.calib.empty() || !checked.cameras[0].figures || !checked.cameras[1].figures) return;
+    if (!o.calib.given() || !checked.cameras[0].figures || !checked.cameras[1].figures) return;
     const Capture capture = read_capture(o.request.files, choose_method(o.request.files));
     StereoCameraParam param;
     param.inp_width = capture.frames.size.width;
     param.inp_height = capture.frames.size.height;
     MeasureRequest request;
     request.periods = checked.method.periods;
-    const Measured measured = measure(capture, open_stereo(o.calib, param), request);
+    const Measured measured = measure(capture, open_typed(o.calib, param), request);
     if (measured.cloud.count == 0)
         checked.findings.push_back({ "rows", Weight::spoils, "", why_nothing(measured), "" });
     for (const Finding& finding : measured.findings)
@@ -87,10 +88,7 @@ void add_check(CLI::App& app, GlobalOptions& options)
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
         ->delimiter(',')
         ->allow_extra_args(false);
-    command
-        ->add_option("--calib", o->calib,
-            "test, too, whether both cameras see the surface in the same rows with this calibration, as for measure")
-        ->expected(1, 3);
+    add_calibration(*command, o->calib, "to test, too, whether both cameras see the surface in the same rows");
     command->add_option(
         "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: nothing is written)");
     add_force(*command, options);

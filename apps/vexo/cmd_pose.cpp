@@ -1,7 +1,9 @@
 #include "base/failure.h"
+#include "base/pictures.h"
 #include "base/text.h"
 #include "commands.h"
 #include "host/calibration/poses.h"
+#include "host/cameras/calibration_files.h"
 #include "host/files/output_folder.h"
 #include "options.h"
 
@@ -30,10 +32,20 @@ std::string words(const PosedPicture& posed)
         + number(posed.tilt_deg, 1) + " degrees, rms " + number(posed.pose->rms_px, 3) + " px";
 }
 
+/// Of a calibration of one camera or of both.
+CalibratedCamera camera_of(const PoseOptions& o)
+{
+    const CalibrationFiles calibration = find_calibration({ o.calib });
+    if (calibration.kind == CalibrationFiles::Kind::cameras)
+        return read_camera(calibration.files.front(), "cam" + std::to_string(o.camera));
+    const cv::Size frames = read_grey(o.images.front()).size(); // where the files do not say it
+    return read_cameras(calibration, frames)[static_cast<std::size_t>(o.camera)];
+}
+
 void run(const PoseOptions& o, const GlobalOptions& options)
 {
     const BoardFile board = load_board(o.board);
-    const CalibratedCamera camera = read_camera(o.calib, "cam" + std::to_string(o.camera));
+    const CalibratedCamera camera = camera_of(o);
     std::unique_ptr<OutputFolder> out;
     if (!o.out.empty())
         out = std::make_unique<OutputFolder>(o.out, Owner { "pose", { "poses.json" }, {}, false, options.force });
@@ -67,7 +79,10 @@ void add_pose(CLI::App& app, GlobalOptions& options)
     CLI::App* command
         = app.add_subcommand("pose", "pictures of the board and a calibrated camera -> where the board stands");
     command->add_option("images", o->images, "pictures of the board")->required();
-    command->add_option("--calib", o->calib, "camera file, such as cameras.yaml of vexo calibrate")->required();
+    command
+        ->add_option(
+            "--calib", o->calib, "folder that vexo calibrate wrote, its cameras.yaml, or OpenCV's intrinsics.yml")
+        ->required();
     command->add_option("--board", o->board, "board.yaml")->required();
     command->add_option("--camera", o->camera, "which camera of the file took the pictures: 0 or 1")
         ->check(CLI::Range(0, 1))

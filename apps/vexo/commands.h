@@ -19,6 +19,7 @@ void add_board(CLI::App& app, GlobalOptions& options);
 void add_patterns(CLI::App& app, GlobalOptions& options);
 void add_check(CLI::App& app, GlobalOptions& options);
 void add_calibrate(CLI::App& app, GlobalOptions& options);
+void add_verify(CLI::App& app, GlobalOptions& options);
 void add_pose(CLI::App& app, GlobalOptions& options);
 
 } // namespace vexo::app

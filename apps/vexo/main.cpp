@@ -58,6 +58,7 @@ int run(int argc, char** argv)
     vexo::app::add_patterns(app, options);
     vexo::app::add_check(app, options);
     vexo::app::add_calibrate(app, options);
+    vexo::app::add_verify(app, options);
     vexo::app::add_pose(app, options);
     try {
         app.parse(argc, argv);

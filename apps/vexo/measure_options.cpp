@@ -1,6 +1,7 @@
 #include "measure_options.h"
 
 #include "base/failure.h"
+#include "host/cameras/calibration_files.h"
 
 #include <CLI/CLI.hpp>
 
@@ -90,11 +91,7 @@ void declare(CLI::App& command, MeasureOptions& o)
             "scene.json or "
             "patterns.json says, else by the number of pictures")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }));
-    command
-        .add_option("--calib", o.calib,
-            "calibration: one YAML file of both cameras, two of one each, or the three files of an hmat set")
-        ->expected(1, 3);
-    add_unit(command, o.unit);
+    add_calibration(command, o.calib, "calibration");
     command.add_option("--cam0", o.files.cam0, "pictures of camera 0: a folder, or a pattern such as 'left_*.png'");
     command.add_option("--cam1", o.files.cam1, "pictures of camera 1");
     add_frame_options(command, o.frames);
@@ -120,17 +117,14 @@ void complete(MeasureOptions& o)
             "--steps 3: the library's three-step formula is wrong for ordinary three-step patterns, by up to "
             "0.8 rad of phase; project four steps");
     if (o.steps != 4) throw UsageFailure("--steps " + std::to_string(o.steps) + ": fringes are measured in four steps");
-    if (o.files.folder.empty() && (o.calib.empty() || o.files.cam0.empty() || o.files.cam1.empty()))
+    if (o.files.folder.empty() && (!o.calib.given() || o.files.cam0.empty() || o.files.cam1.empty()))
         throw UsageFailure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
     complete_frames_of(o.frames, o.files);
     if (o.files.decoded && (!o.files.order.empty() || o.files.bits))
         throw UsageFailure("--decoded: maps have neither --order nor --bits");
-    if (o.calib.empty()) o.calib = { (fs::path(o.files.folder) / "cameras.yaml").string() };
-    std::error_code ignored;
-    for (const std::string& file : o.calib)
-        if (!fs::exists(file, ignored))
-            throw Failure(file + ": there is no such file; give the calibration with --calib");
+    if (!o.calib.given()) o.calib.files = { (fs::path(o.files.folder) / "cameras.yaml").string() };
+    if (o.calib.rectified.empty()) find_calibration(o.calib.files); // says at once what is missing
 }
 
 void reject_foreign(const MeasureOptions& o, Method method)

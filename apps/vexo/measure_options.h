@@ -1,5 +1,6 @@
 #pragma once
 
+#include "calibration_options.h"
 #include "host/captures/choose_method.h"
 #include "host/measurement/parameters.h"
 #include "options.h"
@@ -15,8 +16,7 @@ struct MeasureOptions {
     CaptureFiles files;
     FrameOptions frames;
     std::string out, disparity, depth; ///< the ranges as typed
-    std::vector<std::string> calib;
-    std::string unit; ///< of the calibration; empty: as its files say
+    TypedCalibration calib;
     StereoCameraParam camera;
     int steps = 4;
     bool accept_verdict = false; ///< exit code 0 whatever the findings say

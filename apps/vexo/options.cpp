@@ -122,26 +122,31 @@ void add_force(CLI::App& command, GlobalOptions& options)
     command.add_flag("--force", options.force, "replace files of these names that others wrote or changed");
 }
 
-void add_unit(CLI::App& command, std::string& unit)
-{
-    command.add_option("--unit", unit, "of the calibration's lengths: um, mm, cm, m or in (default: as its file says)")
-        ->check(CLI::IsMember({ "um", "mm", "cm", "m", "in" }));
-}
-
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names)
 {
     for (const std::string& name : names)
         say(options, "kept: " + name + " of an earlier run, since it was changed; it says nothing of this one");
 }
 
+std::vector<double> parse_numbers(
+    const std::string& text, char between, std::size_t count, const std::string& option, const std::string& form)
+{
+    std::vector<double> numbers;
+    std::istringstream parts(text);
+    bool all = true;
+    for (std::string part; std::getline(parts, part, between);) {
+        numbers.push_back(0.0);
+        all = all && read_number(part, numbers.back());
+    }
+    if (all && numbers.size() == count && text.back() != between) return numbers;
+    throw UsageFailure(option + " " + text + ": write " + option + " " + form + ", " + std::to_string(count)
+        + " numbers with " + std::string(1, between) + " between them");
+}
+
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option)
 {
-    const std::size_t at = text.find(between);
-    double a = 0.0, b = 0.0;
-    if (at != std::string::npos && read_number(text.substr(0, at), a) && read_number(text.substr(at + 1), b))
-        return { a, b };
-    throw UsageFailure(option + " " + text + ": write two numbers with " + std::string(1, between) + " between them, "
-        + option + " A" + between + "B");
+    const auto numbers = parse_numbers(text, between, 2, option, "A" + std::string(1, between) + "B");
+    return { numbers[0], numbers[1] };
 }
 
 std::pair<double, double> parse_range(const std::string& text, const std::string& option)

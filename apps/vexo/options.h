@@ -27,9 +27,6 @@ void finish_command(CLI::App& command, GlobalOptions& options, const std::string
 /// Gives a command that writes files the option --force.
 void add_force(CLI::App& command, GlobalOptions& options);
 
-/// Gives a command that opens a calibration the option --unit.
-void add_unit(CLI::App& command, std::string& unit);
-
 /// One line for each file that commit() left alone.
 void say_kept(const GlobalOptions& options, const std::vector<std::string>& names);
 
@@ -41,6 +38,10 @@ std::pair<double, double> parse_depths(const std::string& text, const std::strin
 
 /// Two finite numbers with a letter or comma between them, as "297x210"; throws Failure naming `option` otherwise.
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option);
+
+/// So many finite numbers with that character between them; throws Failure naming `option` and its `form` otherwise.
+std::vector<double> parse_numbers(
+    const std::string& text, char between, std::size_t count, const std::string& option, const std::string& form);
 
 /// Which recorded frames are which, and how many bits they have, of commands that read captures.
 struct FrameOptions {

@@ -13,16 +13,6 @@ namespace vexo {
 
 namespace {
 
-/// Reads a matrix of rows x cols; false when it is absent or something else.
-bool read_matrix(const cv::FileStorage& file, const std::string& key, int rows, int cols, cv::Mat& out)
-{
-    cv::Mat read;
-    file[key] >> read;
-    const bool fits = read.rows == rows && read.cols == cols && read.channels() == 1 && cv::checkRange(read);
-    if (fits) read.convertTo(out, CV_64F);
-    return fits;
-}
-
 /// K, R, T from the keys of that name, or from P = K (R | T).
 bool read_projection(const cv::FileStorage& file, const std::string& name, CalibratedCamera& camera)
 {
@@ -40,6 +30,15 @@ bool read_projection(const cv::FileStorage& file, const std::string& name, Calib
 }
 
 } // namespace
+
+bool read_matrix(const cv::FileStorage& file, const std::string& key, int rows, int cols, cv::Mat& out)
+{
+    cv::Mat read;
+    file[key] >> read;
+    const bool fits = read.rows == rows && read.cols == cols && read.channels() == 1 && cv::checkRange(read);
+    if (fits) read.convertTo(out, CV_64F);
+    return fits;
+}
 
 CalibratedCamera read_camera(const std::string& path, const std::string& name)
 {

@@ -17,6 +17,10 @@ struct CalibratedCamera {
     cv::Vec3d T;
 };
 
+/// Reads a matrix of rows x cols finite numbers as double; false, and `out` kept, when it is absent or something else.
+/// OpenCV's exceptions pass.
+bool read_matrix(const cv::FileStorage& file, const std::string& key, int rows, int cols, cv::Mat& out);
+
 /// Reads the camera of that name. Throws Failure.
 CalibratedCamera read_camera(const std::string& path, const std::string& name);
 

@@ -184,7 +184,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     make_maps(m);
     clock.lap();
-    m.findings = capture.frames.notes;
+    m.findings.insert(m.findings.end(), capture.frames.notes.begin(), capture.frames.notes.end());
     judge_measured(m, capture, stereo, request);
     m.checks_seconds = clock.lap();
     return std::move(work.m);
