@@ -73,7 +73,8 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
         cmd.add_option("--periods", o.request.periods,
                "multi-phase: three fringe periods, projector px (default: as scene.json or patterns.json "
                "says, else 9,10,11)")
-            ->delimiter(','),
+            ->delimiter(',')
+            ->allow_extra_args(false),
         cmd.add_option("--steps", o.steps, "multi-phase: shifts a period: 4")->capture_default_str(),
     };
 }
