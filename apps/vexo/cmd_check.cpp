@@ -87,6 +87,7 @@ void add_check(CLI::App& app, GlobalOptions& options)
     add_frame_options(*command, o->frames);
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
         ->delimiter(',')
+        ->expected(3)
         ->allow_extra_args(false);
     add_calibration(*command, o->calib, "to test, too, whether both cameras see the surface in the same rows");
     command->add_option(

@@ -74,6 +74,7 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
                "multi-phase: three fringe periods, projector px (default: as scene.json or patterns.json "
                "says, else 9,10,11)")
             ->delimiter(',')
+            ->expected(3)
             ->allow_extra_args(false),
         cmd.add_option("--steps", o.steps, "multi-phase: shifts a period: 4")->capture_default_str(),
     };
