@@ -86,7 +86,9 @@ void add_check(CLI::App& app, GlobalOptions& options)
         ->check(CLI::IsMember({ "gray-phase", "multi-phase" }));
     add_frame_options(*command, o->frames);
     command->add_option("--periods", o->request.periods, "multi-phase: the three periods, projector px")
-        ->delimiter(',');
+        ->delimiter(',')
+        ->expected(3)
+        ->allow_extra_args(false);
     add_calibration(*command, o->calib, "to test, too, whether both cameras see the surface in the same rows");
     command->add_option(
         "--out", o->out, "folder for check.json, gamma_table.json and pictures (default: nothing is written)");

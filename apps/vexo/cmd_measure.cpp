@@ -60,7 +60,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     say(global,
         "result       " + o.out
             + ": cloud.ply, report.json, texture, disparity, depth and validity, "
-              "each with a picture *_view.png");
+              "each with a picture *_view.png, cause.png");
     put_json(global, report);
     const std::string spoilt = why_spoilt(measured);
     if (!spoilt.empty() && !o.accept_verdict) throw BelowLimit(spoilt);

@@ -89,6 +89,8 @@ void add_patterns(CLI::App& app, GlobalOptions& options)
     command->add_option("--period", o->request.period, "gray-phase: projector px a fringe")->capture_default_str();
     command->add_option("--periods", o->request.periods, "multi-phase: three periods, projector px")
         ->delimiter(',')
+        ->expected(3)
+        ->allow_extra_args(false)
         ->capture_default_str();
     command->add_option("--steps", o->steps, "shifts a period: 4")->capture_default_str();
     command->add_option("--gamma-table", o->gamma_table, "gamma_table.json of vexo check: makes the projector linear");

@@ -31,8 +31,7 @@ std::string board_file(const VerifyOptions& o)
     if (!o.board.empty()) return o.board;
     const fs::path calib(o.calib.front());
     std::error_code ignored;
-    const std::string beside
-        = ((fs::is_directory(calib, ignored) ? calib : calib.parent_path()) / "board.yaml").string();
+    std::string beside = ((fs::is_directory(calib, ignored) ? calib : calib.parent_path()) / "board.yaml").string();
     if (fs::exists(beside, ignored)) return beside;
     throw Failure(beside + ": there is no such file; give the board with --board");
 }

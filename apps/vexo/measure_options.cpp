@@ -62,11 +62,11 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
         "period.png or period.tiff (0 to 255) and phase.tiff, or, multi-phase, phase0.tiff to phase2.tiff; "
         "phases are float TIFF, fractions of a period"));
     o.gray = {
-        cmd.add_option(
-               "--anchor", o.request.anchor, "gray-phase: anchor length of the unwrapping, px (default: chosen)")
+        cmd.add_option("--anchor", o.request.anchor,
+               "gray-phase: runs of rising phase longer than this number the fringes, px (default: chosen)")
             ->check(CLI::Range(0, 100000)),
-        cmd.add_option(
-               "--reject", o.request.reject, "gray-phase: reject length of the unwrapping, px (default: chosen)")
+        cmd.add_option("--reject", o.request.reject,
+               "gray-phase: runs of rising phase up to this long are dropped, px (default: chosen)")
             ->check(CLI::Range(0, 100000)),
         cmd.add_option("--code-spread", o.request.code_spread, "gray-phase: most different gray codes in a trusted run")
             ->capture_default_str()
@@ -76,7 +76,9 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
         cmd.add_option("--periods", o.request.periods,
                "multi-phase: three fringe periods, projector px (default: as scene.json or patterns.json "
                "says, else 9,10,11)")
-            ->delimiter(','),
+            ->delimiter(',')
+            ->expected(3)
+            ->allow_extra_args(false),
         cmd.add_option("--steps", o.steps, "multi-phase: shifts a period: 4")->capture_default_str(),
     };
 }

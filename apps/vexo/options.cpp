@@ -139,8 +139,9 @@ std::vector<double> parse_numbers(
         all = all && read_number(part, numbers.back());
     }
     if (all && numbers.size() == count && text.back() != between) return numbers;
-    throw UsageFailure(option + " " + text + ": write " + option + " " + form + ", " + std::to_string(count)
-        + " numbers with " + std::string(1, between) + " between them");
+    const std::string how_many = count == 2 ? "two" : std::to_string(count);
+    throw UsageFailure(option + " " + text + ": write " + how_many + " numbers with " + std::string(1, between)
+        + " between them, " + option + " " + form);
 }
 
 std::pair<double, double> parse_pair(const std::string& text, char between, const std::string& option)

@@ -51,6 +51,8 @@ void add_scene_options(CLI::App& command, SimulateOptions& o)
     add("--period", o.rig.fringe_period, "gray-phase: fringe period, projector px")->capture_default_str();
     add("--periods", o.rig.periods, "multi-phase: three fringe periods, projector px")
         ->delimiter(',')
+        ->expected(3)
+        ->allow_extra_args(false)
         ->capture_default_str();
     CLI::Option* patterns = add("--patterns", o.patterns, "project the pictures of this folder of vexo patterns");
     for (const char* other : { "--method", "--projector", "--period", "--periods" })

@@ -19,6 +19,7 @@ std::vector<cv::Vec3d> moved_onto(const std::vector<cv::Vec3d>& points, const st
     const cv::Matx33d flip = cv::Matx33d::diag({ 1, 1, cv::determinant(U * Vt) });
     const cv::Matx33d R = U * flip * Vt;
     std::vector<cv::Vec3d> moved;
+    moved.reserve(points.size());
     for (const cv::Vec3d& p : points)
         moved.push_back(R * (p - middle) + other_middle);
     return moved;

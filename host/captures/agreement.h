@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/captures/fringe_method.h"
+#include "host/captures/positions.h"
 
 #include <opencv2/core.hpp>
 
@@ -10,9 +11,8 @@
 /// Whether the frames of a camera say the same.
 namespace vexo {
 
-/// Smallest lit - dark, and smallest modulation, of the pixels that are measured; grey levels.
-constexpr int least_contrast = 16;
-constexpr double least_modulation = 6.0;
+/// Contrast below which pixels of several periods lose half of their fringe numbers, and are not measured; grey levels.
+constexpr int least_contrast_of_several = 60;
 
 /// Pixels on some rows that show the fringes.
 struct Agreement {
@@ -43,11 +43,5 @@ struct CodeSlip {
 };
 
 CodeSlip code_slip(const std::vector<cv::Mat>& frames);
-
-/// Gray-phase: whether the code says 1 at a pixel of plane `k`.
-inline bool code_bit(const std::vector<cv::Mat>& frames, std::size_t k, int y, int x)
-{
-    return 2 * frames[k].at<uchar>(y, x) > frames[0].at<uchar>(y, x) + frames[1].at<uchar>(y, x);
-}
 
 } // namespace vexo

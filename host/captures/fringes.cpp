@@ -180,8 +180,8 @@ RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& ca
         --lengths.anchor;
     lengths.reason = "fringes " + number(cam0.length_px, 1) + " and " + number(cam1.length_px, 1)
         + " camera px long, phase noise " + number(cam0.phase_noise, 4) + " and " + number(cam1.phase_noise, 4)
-        + " periods: " + percent(anchored(lengths.anchor), 1.0) + " of the pixels in rising runs longer than "
-        + std::to_string(lengths.anchor) + " px";
+        + " periods: " + percent(anchored(lengths.anchor), 1.0)
+        + " of the pixels lie where the phase rises over more than " + std::to_string(lengths.anchor) + " px";
     return lengths;
 }
 

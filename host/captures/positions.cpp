@@ -1,7 +1,6 @@
 #include "host/captures/positions.h"
 
 #include "base/parallel.h"
-#include "host/captures/agreement.h"
 #include "host/captures/fringe_steps.h"
 
 #include <algorithm>

@@ -10,6 +10,16 @@
 /// few pixels whose number is off by one; for checks that look at the many.
 namespace vexo {
 
+/// Smallest lit - dark, and smallest modulation, of the pixels that are measured; grey levels.
+constexpr int least_contrast = 16;
+constexpr double least_modulation = 6.0;
+
+/// Gray-phase: whether the code says 1 at a pixel of plane `k`.
+inline bool code_bit(const std::vector<cv::Mat>& frames, std::size_t k, int y, int x)
+{
+    return 2 * frames[k].at<uchar>(y, x) > frames[0].at<uchar>(y, x) + frames[1].at<uchar>(y, x);
+}
+
 /// Gray-phase: the code's number at a pixel.
 int gray_code(const std::vector<cv::Mat>& frames, int y, int x);
 

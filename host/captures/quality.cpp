@@ -244,12 +244,14 @@ void measure_lighting_up(const std::vector<cv::Mat>& frames, CameraFigures& f)
 void measure_light(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
 {
     const double dim = std::max(3.0, 4.0 * f.dark_noise);
+    const int limit = groups.size() > 1 ? least_contrast_of_several : least_contrast;
     std::vector<float> sharpness;
-    double lit = 0;
+    double lit = 0, accepted = 0;
     for (int y = 0; y < f.size.height; ++y) {
         for (int x = 0; x < f.size.width; ++x) {
             const int light = frames[1].at<uchar>(y, x) - frames[0].at<uchar>(y, x);
             lit += light >= dim ? 1 : 0;
+            accepted += light >= limit && f.kinds.at<uchar>(y, x) > weak ? 1 : 0;
             if (light < least_contrast || f.kinds.at<uchar>(y, x) > good) continue;
             double least = 1;
             for (const std::size_t first : groups)
@@ -258,6 +260,7 @@ void measure_light(const std::vector<cv::Mat>& frames, const std::vector<std::si
         }
     }
     f.lit = lit / static_cast<double>(f.size.area());
+    f.accepted = accepted / static_cast<double>(f.size.area());
     f.sharpness = sharpness.empty() ? 0 : quantile(std::move(sharpness), 0.5);
 }
 

@@ -17,6 +17,7 @@ namespace vexo {
 struct CameraFigures {
     cv::Size size;
     double pixels = 0;            ///< share of the image that shows the fringes
+    double accepted = 0;          ///< share of the image that is measured unless --min-contrast says otherwise
     double lit = 0;               ///< share of the image that the projector lights, however dimly
     double lit_median = 0;        ///< grey value of the lit frame there
     double lit_bright = 0;        ///< its 99 % quantile
@@ -54,7 +55,7 @@ const std::vector<std::string>& pixel_kinds();
 /// Share of what the projector lights that can be measured.
 inline double measurable(const CameraFigures& f)
 {
-    return f.lit > 0 ? f.pixels / f.lit : 0;
+    return f.lit > 0 ? f.accepted / f.lit : 0;
 }
 
 /// Standard deviation of the phase by the noise of the frames, in fringes: noise / (sqrt(2) modulation) rad.

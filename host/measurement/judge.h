@@ -1,6 +1,9 @@
 #pragma once
 
-#include "host/measurement/measure.h"
+#include "host/cameras/stereo.h"
+#include "host/captures/capture.h"
+#include "host/measurement/measured.h"
+#include "host/measurement/parameters.h"
 
 namespace vexo {
 

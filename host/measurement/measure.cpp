@@ -176,12 +176,6 @@ const cv::Mat& lit_frame(const Work& w, std::size_t camera)
 
 } // namespace
 
-std::vector<int> Measured::periods() const
-{
-    const auto* multi = std::get_if<MultiPhaseMatchingParam>(&record);
-    return multi ? std::vector<int>(multi->periods, multi->periods + multi->nperiods) : std::vector<int>();
-}
-
 Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const OnStep& on_step)
 {
     Work work { capture, stereo, request, on_step, capture.frames.frames, {} };

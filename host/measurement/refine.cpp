@@ -147,12 +147,13 @@ private:
         const float b = at.five - at.three, s53 = spread * share53(at.five), s32 = spread * share32(at.three);
         if (std::abs(at.five) <= 1.0F && at.three == at.three && !disagree(at.five, at.three, s53)
             && !disagree(at.five, at.two, spread * share52(at.five)))
-            return _by_five(x, k, at.five, 2.25F * std::max(0.0F, b * b - 2.0F * s53));
+            return _by_five(x, k, at.five, bias_of_five * std::max(0.0F, b * b - 2.0F * s53));
         const float c = at.two == at.two ? at.three - at.two : 0.0F;
         if (std::abs(at.three) <= 1.0F && !disagree(at.three, at.two, s32))
             return _by_three(x, k, at.three, std::max(0.0F, c * c - 2.0F * s32));
         if (at.two == at.two) return _by_two(x, k, at.two, d < 0.0F ? k - 1 : k);
-        if (_just_holds(x, k, at, s53)) return _by_five(x, k, at.five, 2.25F * std::max(0.0F, b * b - 2.0F * s53));
+        if (_just_holds(x, k, at, s53))
+            return _by_five(x, k, at.five, bias_of_five * std::max(0.0F, b * b - 2.0F * s53));
         return { k, 0, 0.0F, none };
     }
 

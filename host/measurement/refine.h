@@ -25,8 +25,8 @@ struct Refined {
 ///     sigma^2 = [G(u0) G(v0) V0 + G(v1) F V1] / m^2 + bias^2          G(u) = 1 - 2 u (1 - u)
 ///
 /// V are the variances of the coordinate, u and v the offsets of the raw positions, m the slope, F what a line leaves
-/// of one sample's variance, and the bias what two windows differ by beyond their noise. What a curved surface moves the
-/// lines through five samples by is taken off, see correct_bend().
+/// of one sample's variance, and the bias what two windows differ by beyond their noise. What a curved surface moves
+/// the lines through five samples by is taken off, see correct_bend().
 /// @param disparity  CV_32F, px, of the matches; NaN: none
 Refined refine(const std::array<RawPhases, 2>& raw, const RectifyingTables& tables, const cv::Mat& disparity);
 

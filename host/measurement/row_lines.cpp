@@ -66,7 +66,7 @@ VEXO_INLINE void look(const SeenLines& l, const FirstLook& f, int cols) noexcept
         const bool five_three = (three == three) & !disagree(five, three, spread * share53(five));
         const bool five_two = (size2 <= 1.0F) & disagree(five, two, spread * share52(five));
         const float b = five - three, excess = b * b - 2.0F * spread * share53(five);
-        const float bias = excess > 0.0F ? 2.25F * excess : 0.0F;
+        const float bias = excess > 0.0F ? bias_of_five * excess : 0.0F;
         f.samples[x] = ((size5 <= 1.5F) & five_three & !five_two) ? 5 : 0;
         f.position[x] = five;
         f.variance[x] = f.variance0[x] * inverse * inverse + l.at_middle[k] + five * five * l.growing[k] + bias;

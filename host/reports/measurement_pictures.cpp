@@ -45,19 +45,31 @@ cv::Mat view_of(const cv::Mat& values, const std::string& title)
     return false_colour(values, low - 0.02 * (high - low), high + 0.02 * (high - low), title);
 }
 
+/// The causes that occur, with their shares.
 std::vector<Label> counted_legend(const CauseMap& causes, Method method)
 {
     std::vector<Label> legend = cause_legend();
-    const std::vector<Cause> own = causes_of(method);
+    const auto total = static_cast<double>(causes.causes.total()), lit = static_cast<double>(lit_pixels(causes));
     for (std::size_t i = 0; i < legend.size(); ++i) {
-        const auto cause = static_cast<Cause>(i);
-        if (std::find(own.begin(), own.end(), cause) == own.end())
-            legend[i].text.clear(); // not in the picture
+        const auto count = static_cast<double>(causes.counts[i]);
+        std::string& text = legend[i].text;
+        if (count == 0)
+            text.clear();
+        else if (static_cast<Cause>(i) == Cause::none && method != Method::sgbm)
+            text += ": " + percent(count, lit) + " of the lit pixels";
         else
-            legend[i].text
-                += ": " + percent(static_cast<double>(causes[cause]), static_cast<double>(causes.causes.total()));
+            text += ": " + percent(count, total);
     }
     return legend;
+}
+
+/// What the values of cause.png mean.
+Json cause_codes(Method method)
+{
+    Json codes = Json::object();
+    for (const Cause cause : causes_of(method))
+        codes[std::to_string(static_cast<int>(cause))] = key_of(cause);
+    return codes;
 }
 
 } // namespace
@@ -68,6 +80,7 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
     cv::minMaxLoc(m.depth, &nearest, &farthest, nullptr, nullptr, m.depth == m.depth);
     const double step = depth_step(farthest);
     report["depth_png"] = { { "unit", step }, { "invalid", 0 } };
+    report["cause_png"] = cause_codes(m.method());
 
     using Bytes = std::vector<unsigned char>;
     const auto png = [](const cv::Mat& picture) { return encode(".png", picture); };
@@ -95,6 +108,7 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
         { "texture.png", [&] { return png(m.texture); } },
         { "disparity.tiff", [&] { return encode(".tiff", m.disparity); } },
         { "depth.tiff", [&] { return encode(".tiff", m.depth); } },
+        { "cause.png", [&] { return png(m.causes.causes); } },
         { "valid.png", [&] { return png(m.depth == m.depth); } },
     };
     if (!m.precision.sigma.empty())

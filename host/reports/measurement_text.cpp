@@ -43,9 +43,11 @@ void add_fringes(std::vector<std::string>& lines, const Measured& m)
     if (m.method() == Method::gray_phase) {
         const auto& param = std::get<GrayPhaseMatchingParam>(m.record);
         lines.push_back("fringes      " + m.runs.reason);
-        lines.push_back("unwrapping   anchor " + std::to_string(param.anchor_length)
-            + (m.runs.anchor_given ? "" : " (chosen)") + ", reject " + std::to_string(param.reject_length)
-            + (m.runs.reject_given ? "" : " (chosen)"));
+        const auto chosen = [](bool given) { return given ? "" : ", chosen"; };
+        lines.push_back("unwrapping   fringes are numbered by runs along a row in which the phase rises:");
+        lines.push_back("  those longer than " + std::to_string(param.anchor_length) + " px (--anchor"
+            + chosen(m.runs.anchor_given) + "); those of up to " + std::to_string(param.reject_length)
+            + " px are dropped (--reject" + chosen(m.runs.reject_given) + ")");
     }
     if (m.method() != Method::multi_phase) return;
     std::string periods;
@@ -114,9 +116,9 @@ void add_findings(std::vector<std::string>& lines, const Measured& m)
 
 void add_causes(std::vector<std::string>& lines, const Measured& m, double total)
 {
-    lines.push_back("not measured");
+    lines.push_back("not measured, share of the picture");
     for (const Cause cause : causes_of(m.method())) {
-        if (cause == Cause::none) continue;
+        if (cause == Cause::none || m.causes[cause] == 0) continue;
         std::string words = words_of(cause), count = grouped(m.causes[cause]);
         words.resize(std::max<std::size_t>(words.size(), 38), ' ');
         count.insert(0, 10 - std::min<std::size_t>(10, count.size()), ' ');
@@ -162,8 +164,10 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
     add_fringes(lines, m);
     const auto [low, high] = disparity_limits(m.record);
     lines.push_back("range        disparity " + range_text(m, low, high) + ", " + m.range_origin);
-    lines.push_back("measured     " + grouped(m.cloud.count) + " of " + grouped(static_cast<long long>(total))
-        + " pixels (" + percent(m.cloud.count, total) + ")");
+    lines.push_back("measured     " + percent(m.cloud.count, static_cast<double>(lit_pixels(m.causes))) + " of the "
+        + (m.method() == Method::sgbm ? "pixels in the range of both cameras" : "lit pixels") + ": "
+        + grouped(m.cloud.count) + ", " + percent(m.cloud.count, total) + " of the picture's "
+        + grouped(static_cast<long long>(total)));
     add_causes(lines, m, total);
     lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
     lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name

@@ -158,7 +158,9 @@ Json make_report(
         report["run_lengths"] = { { "anchor_chosen", !m.runs.anchor_given }, { "reject_chosen", !m.runs.reject_given },
             { "reason", m.runs.reason } };
     const auto total = static_cast<double>(m.depth.total());
-    report["pixels"] = { { "total", m.depth.total() }, { "measured", m.cloud.count },
+    const long long lit = lit_pixels(m.causes);
+    report["pixels"] = { { "total", m.depth.total() }, { "lit", lit }, { "measured", m.cloud.count },
+        { "share_of_lit", lit > 0 ? m.cloud.count / static_cast<double>(lit) : 0.0 },
         { "share", m.cloud.count / total }, { "not_measured", to_json(m.causes, m.method()) } };
     add_ranges(m, report);
     add_precision(m, report);

@@ -88,6 +88,12 @@ TEST_F(Measure, FilesAgreeWithEachOtherAndWithTheReport)
     ASSERT_EQ(depth.type(), CV_32FC1);
     ASSERT_EQ(steps.type(), CV_16UC1);
     EXPECT_EQ(cv::countNonZero(valid), report["pixels"]["measured"].get<int>());
+    const cv::Mat cause = cv::imread(at("files/cause.png"), cv::IMREAD_UNCHANGED);
+    for (const auto& [code, key] : report["cause_png"].items()) {
+        const Json& pixels = report["pixels"];
+        const Json& count = key == "measured" ? pixels["measured"] : pixels["not_measured"][key.get<std::string>()];
+        EXPECT_EQ(cv::countNonZero(cause == std::stoi(code)), count.get<int>()) << key;
+    }
 
     const double unit = report["depth_png"]["unit"],
                  f_baseline = report["camera"]["f"].get<double>() * report["camera"]["baseline"].get<double>();
@@ -224,6 +230,18 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
     };
     for (const auto& c : cases)
         program::expect_refused(*work, c.arguments, c.expected, at("left"));
+}
+
+TEST_F(Measure, ExchangedCamerasEndWithCode1AfterAllIsWrittenUnlessTheVerdictIsAccepted)
+{
+    const std::string exchanged
+        = at("scan") + " --cam0 " + at("scan/cam1") + " --cam1 " + at("scan/cam0") + " --out " + at("judged");
+    const Outcome spoilt = run("measure " + exchanged);
+    EXPECT_EQ(spoilt.code, 1);
+    EXPECT_NE(spoilt.err.find("exchange cam0 and cam1"), std::string::npos) << spoilt.err;
+    EXPECT_EQ(Json::parse(program::read(at("judged/report.json")))["verdict"], "spoils");
+    EXPECT_EQ(run("measure --quiet --accept-verdict " + exchanged).code, 0);
+    EXPECT_EQ(run("drift --quiet " + at("judged")).code, 0); // a wall without texture says nothing of its rows
 }
 
 TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)

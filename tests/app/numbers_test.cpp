@@ -11,6 +11,9 @@ TEST_F(Numbers, AreDecimalAsCountersWriteThem)
     ASSERT_EQ(run(command + at("same") + " --seed 10").code, 0);
     EXPECT_EQ(program::read(at("ten/scene.json")), program::read(at("same/scene.json")));
     EXPECT_EQ(run(command + at("eight") + " --seed 08").code, 0);
+    const program::Outcome list
+        = run("simulate --method multi-phase --periods 09,010,011 plane --size 064x048 --out " + at("list"));
+    EXPECT_EQ(list.code, 0) << "a list ends where the scene begins: " << list.err;
     for (const char* foreign : { "0x10", "1e3", "ten", "''" })
         EXPECT_EQ(run(command + at("foreign") + " --seed " + foreign).code, 2) << foreign;
 }

@@ -59,8 +59,7 @@ const std::vector<Command>& commands()
 
 constexpr const char* samples[] = { "simulate plane --size 320x256 --period 32 --out IN/scan",
     "measure IN/scan --out IN/result", "compare IN/result IN/scan", "check IN/scan --out IN/check",
-    "patterns --projector 320x240 --period 8 --out IN/patterns",
-    "board --preset coarse --out IN/sheet/board.svg",
+    "patterns --projector 320x240 --period 8 --out IN/patterns", "board --preset coarse --out IN/sheet/board.svg",
     "simulate calibration --views 6 --size 640x512 --board IN/sheet/board.yaml --out IN/photos",
     "calibrate IN/photos --board IN/photos/board.yaml --no-hold-out --out IN/calib" };
 

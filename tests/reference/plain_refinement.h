@@ -124,7 +124,7 @@ struct Lines {
     }
     Point by_five() const
     {
-        const float b = five - three, excess = b * b - 2 * s53, bias = excess > 0 ? 2.25F * excess : 0;
+        const float b = five - three, excess = b * b - 2 * s53, bias = excess > 0 ? vexo::bias_of_five * excess : 0;
         return { k, 5, five,
             variance0 * inverse * inverse + kept * square * (0.2F - 0.08F * p)
                 + five * five * (kept * square * (0.1F - 0.12F * p)) + bias,
