@@ -24,23 +24,23 @@ struct RawPhases {
     cv::Mat variance;            ///< CV_32F, of the coordinate, unit^2; negative: not lit, or without fringes
 };
 
+/// 1 / (2 pi), and the arctangent of 0 to 1 over its argument, a polynomial of its square, highest power first; off by
+/// at most 2e-8. Source: Abramowitz, Stegun, Handbook of mathematical functions (1964), 4.4.49.
+constexpr float turns_of_radian = 0.15915494F;
+constexpr float turns_polynomial[8] = { 0.0028662257F, -0.0161657367F, 0.0429096138F, -0.0752896400F, 0.1065626393F,
+    -0.1420889944F, 0.1999355085F, -0.3333314528F }; ///< but for the 1 of the lowest power
+
 /// Angle of (cosine, sine) over 2 pi, -0.5 to 0.5; 0 of (0, 0). Differs from atan2 by at most 4e-8 turns where both are
-/// whole numbers up to 255: the polynomial by 2e-8 rad, the rest is the rounding of single precision.
-/// Source: Abramowitz, Stegun, Handbook of mathematical functions (1964), 4.4.49.
+/// whole numbers up to 255, most of it the rounding of single precision.
 __attribute__((always_inline)) inline float turns(float sine, float cosine) noexcept
 {
-    constexpr float inverse = 0.15915494F; // 1 / (2 pi)
     const float y = sine < 0.0F ? -sine : sine, x = cosine < 0.0F ? -cosine : cosine;
     const float low = x < y ? x : y, high = x < y ? y : x;
     const float q = low / (high < 1.0F ? 1.0F : high), s = q * q;
-    float sum = 0.0028662257F * s - 0.0161657367F;
-    sum = sum * s + 0.0429096138F;
-    sum = sum * s - 0.0752896400F;
-    sum = sum * s + 0.1065626393F;
-    sum = sum * s - 0.1420889944F;
-    sum = sum * s + 0.1999355085F;
-    sum = sum * s - 0.3333314528F;
-    const float octant = (q + q * s * sum) * inverse;
+    float sum = turns_polynomial[0];
+    for (int i = 1; i < 8; ++i)
+        sum = sum * s + turns_polynomial[i];
+    const float octant = (q + q * s * sum) * turns_of_radian;
     const float quarter = x < y ? 0.25F - octant : octant;
     const float half = cosine < 0.0F ? 0.5F - quarter : quarter;
     return sine < 0.0F ? -half : half;

@@ -46,6 +46,70 @@ VEXO_AVX2_GATHERS void differences_avx2(
 constexpr auto differences_avx2 = differences_plain;
 #endif
 
+/// What was found of a row, and where it goes.
+struct FoundRow {
+    const float* matches; ///< disparities
+    const int *column, *samples;
+    const float *position, *variance, *bend;
+};
+
+struct FinishedRow {
+    float *disparity, *sigma;
+    uchar* samples;
+    int* bends;
+};
+
+VEXO_INLINE void finish(const FoundRow& from, const FinishedRow& row, int cols) noexcept
+{
+    const FoundRow f = from;
+    const FinishedRow to = row;
+#pragma omp simd
+    for (int x = 0; x < cols; ++x) {
+        const int n = f.matches[x] == f.matches[x] ? f.samples[x] : 0, k = f.column[x];
+        const float refined = static_cast<float>(x - k) - f.position[x], sigma = __builtin_sqrtf(f.variance[x]);
+        const int bend = packed_bend(f.bend[k]);
+        to.samples[x] = static_cast<uchar>(n);
+        to.disparity[x] = n > 0 ? refined : none;
+        to.sigma[x] = n > 0 ? sigma : none;
+        to.bends[x] = n == 5 ? bend : 0;
+    }
+}
+
+void finish_plain(const FoundRow& from, const FinishedRow& row, int cols) noexcept
+{
+    finish(from, row, cols);
+}
+
+VEXO_INLINE void nearest_columns(const float* matches, int cols, int* column) noexcept
+{
+    const auto last = static_cast<float>(cols - 1);
+#pragma omp simd
+    for (int x = 0; x < cols; ++x) {
+        const float at = static_cast<float>(x) - matches[x] + 0.5F, inside = at < last ? at : last; // NaN: last
+        column[x] = static_cast<int>(inside > 0.0F ? inside : 0.0F);
+    }
+}
+
+void columns_plain(const float* matches, int cols, int* column) noexcept
+{
+    nearest_columns(matches, cols, column);
+}
+
+#if defined(__x86_64__)
+VEXO_AVX2_GATHERS void finish_avx2(const FoundRow& from, const FinishedRow& row, int cols) noexcept
+{
+    finish(from, row, cols);
+}
+
+VEXO_AVX2 void columns_avx2(const float* matches, int cols, int* column) noexcept
+{
+    nearest_columns(matches, cols, column);
+}
+#else
+constexpr auto finish_avx2 = finish_plain;
+constexpr auto columns_avx2 = columns_plain;
+#endif
+
 /// One row after the other; a thread has one of these.
 class RowRefiner {
 public:
@@ -74,30 +138,26 @@ public:
         look_at_row(_lines,
             { _difference.data(), _column.data(), _row0.variance.data(), _position.data(), _variance.data(),
                 _samples.data() });
-        float *const refined = out.disparity.ptr<float>(y), *const sigma = out.sigma.ptr<float>(y);
-        uchar* const samples = out.samples.ptr<uchar>(y);
-        for (int x = 0; x < _lines.cols; ++x) {
-            const auto i = static_cast<std::size_t>(x);
-            Found found { _column[i], _samples[i], _position[i], _variance[i] };
-            const bool matched = disparity[x] == disparity[x];
-            if (matched && found.samples == 0) found = _look_around(x);
-            const bool any = matched && found.samples > 0;
-            samples[x] = static_cast<uchar>(any ? found.samples : 0);
-            refined[x] = any ? static_cast<float>(x - found.column) - found.position : none;
-            sigma[x] = any ? std::sqrt(found.variance) : none;
-            bends[x] = any && found.samples == 5 ? packed_bend(_lines.bend[found.column]) : 0;
-        }
+        for (int x = 0; x < _lines.cols; ++x)
+            if (_samples[static_cast<std::size_t>(x)] == 0 && disparity[x] == disparity[x]) _keep(x, _look_around(x));
+        (Cpu::has_avx2() ? finish_avx2 : finish_plain)(
+            { disparity, _column.data(), _samples.data(), _position.data(), _variance.data(), _lines.bend.data() },
+            { out.disparity.ptr<float>(y), out.sigma.ptr<float>(y), out.samples.ptr<uchar>(y), bends }, _lines.cols);
     }
 
 private:
+    void _keep(int x, const Found& found)
+    {
+        const auto i = static_cast<std::size_t>(x);
+        _column[i] = found.column;
+        _samples[i] = found.samples;
+        _position[i] = found.position;
+        _variance[i] = found.variance;
+    }
+
     void _find_columns(const float* disparity)
     {
-        const int last = _lines.cols - 1;
-        for (int x = 0; x <= last; ++x) {
-            const float at = static_cast<float>(x) - disparity[x];
-            _column[static_cast<std::size_t>(x)]
-                = at >= 0.0F ? static_cast<int>(std::min(at + 0.5F, static_cast<float>(last))) : 0;
-        }
+        (Cpu::has_avx2() ? columns_avx2 : columns_plain)(disparity, _lines.cols, _column.data());
         std::fill(_difference.begin(), _difference.end(), 0.0F);
         for (std::size_t f = 0; f < _raw[1].sets.size(); ++f)
             (Cpu::has_avx2() ? differences_avx2 : differences_plain)(_row0.phases[f].data(), _row1.phases[f].data(),

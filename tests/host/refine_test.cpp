@@ -29,13 +29,17 @@ TEST_F(Refining, RefinesToTheBitAsThePlainFormDoesWithAndWithoutAvx2)
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x)
                 if (random() % 8 == 0) wrong.at<float>(y, x) += static_cast<float>(random() % 800) * 0.01F - 4.0F;
+        std::array<RawPhases, 2> raw, other;
         for (const bool fast : { true, false }) {
             Cpu::allow_avx2(fast);
-            std::array<RawPhases, 2> raw;
+            std::swap(raw, other);
             for (std::size_t c = 0; c < 2; ++c)
                 raw[c] = raw_phases(scan.frames.frames[c], sets, m.precision.noise[c], m.masks[c].modulation);
             const Refined rows = refine(raw, pair.tables, wrong), points = plain::refine(raw, pair.tables, wrong);
             Cpu::allow_avx2(true);
+            EXPECT_TRUE(fast || same_bits(raw[0].variance, other[0].variance));
+            for (std::size_t f = 0; !fast && f < sets.size(); ++f)
+                EXPECT_TRUE(same_bits(raw[1].phases[f], other[1].phases[f])) << f;
             EXPECT_TRUE(same_bits(rows.disparity, points.disparity) && same_bits(rows.sigma, points.sigma)) << fast;
             EXPECT_EQ(cv::norm(rows.samples, points.samples, cv::NORM_INF), 0.0) << fast;
             for (const int samples : { 5, 3, 2 })

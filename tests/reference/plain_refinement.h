@@ -168,8 +168,7 @@ inline int nearest_column(const Row& row, int x, int k)
 
 inline Point refine(const Row& row, int x, float disparity)
 {
-    const float at = float(x) - disparity;
-    const int k = at >= 0 ? int(std::min(at + 0.5F, float(row.cols() - 1))) : 0;
+    const int k = int(std::clamp(float(x) - disparity + 0.5F, 0.0F, float(row.cols() - 1)));
     const Lines first(row, x, k);
     if (first.agree53(1.5F)) return first.by_five();
     const Lines again(row, x, nearest_column(row, x, k));
@@ -195,7 +194,7 @@ inline float straightened(const cv::Mat& bends, int y, int x, float disparity)
             ++count;
         }
     if (count < 25) return disparity;
-    const float at = float(x) - disparity, t = at - std::floor(at + 0.5F);
+    const float t = vexo::shortest(float(x) - disparity);
     return disparity - float(sum) * vexo::bend_unit / float(count) * (2 - t * t);
 }
 
