@@ -46,18 +46,18 @@ std::vector<Sample> samples_of(const std::vector<cv::Mat>& frames, std::size_t f
 /// the noise's variance.
 void find_variances(std::vector<Sample>& samples)
 {
-    double ee = 0.0, eo = 0.0, oo = 0.0, er = 0.0, or_ = 0.0;
+    double ee = 0.0, eo = 0.0, oo = 0.0, even_r = 0.0, odd_r = 0.0;
     for (const Sample& s : samples) {
         ee += s.upper.even * s.upper.even;
         eo += s.upper.even * s.upper.odd;
         oo += s.upper.odd * s.upper.odd;
-        er += s.upper.even * s.upper.value;
-        or_ += s.upper.odd * s.upper.value;
+        even_r += s.upper.even * s.upper.value;
+        odd_r += s.upper.odd * s.upper.value;
     }
     const double determinant = ee * oo - eo * eo;
     const bool solvable = determinant > 1e-9 * ee * oo;
-    const double a = solvable ? (er * oo - or_ * eo) / determinant : 0.0;
-    const double b = solvable ? (or_ * ee - er * eo) / determinant : 0.0;
+    const double a = solvable ? (even_r * oo - odd_r * eo) / determinant : 0.0;
+    const double b = solvable ? (odd_r * ee - even_r * eo) / determinant : 0.0;
     const auto rest = [a, b](const Residual& r) { return r.value - a * r.even - b * r.odd; };
     for (Sample& s : samples) {
         const double difference = rest(s.lower) - rest(s.upper);
