@@ -63,8 +63,8 @@ public:
     /// @param bend      out: b^2 without its noise, px^2
     void go(int y, const float* disparity, float* variance, float* bend)
     {
-        _row0.sample(_raw[0], _tables[0], y);
-        _row1.sample(_raw[1], _tables[1], y);
+        _row0.sample(_raw[0], _tables[0], y, { 0, _lines.cols });
+        _row1.sample(_raw[1], _tables[1], y, { 0, _lines.cols });
         _lines.fit(_row1, _raw[1].sets);
         for (int x = 0; x < _lines.cols; ++x) {
             variance[x] = bend[x] = none;

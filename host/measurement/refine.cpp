@@ -129,10 +129,13 @@ public:
 
     void refine(int y, const float* disparity, Refined& out, int* bends)
     {
-        _row0.sample(_raw[0], _tables[0], y);
-        _row1.sample(_raw[1], _tables[1], y);
+        (Cpu::has_avx2() ? columns_avx2 : columns_plain)(disparity, _lines.cols, _column.data());
+        // What lies outside is of an earlier row; no point reads it.
+        const Ranges ranges = _ranges(disparity);
+        _row0.sample(_raw[0], _tables[0], y, ranges.of_camera0);
+        _row1.sample(_raw[1], _tables[1], y, ranges.of_camera1);
         _lines.fit(_row1, _raw[1].sets);
-        _find_columns(disparity);
+        _find_differences();
         for (std::size_t x = 0; x < _column.size(); ++x)
             _row0.variance[x] *= kept_variance(_row0.u[x]) * kept_variance(_row0.v[x]);
         look_at_row(_lines,
@@ -155,9 +158,31 @@ private:
         _variance[i] = found.variance;
     }
 
-    void _find_columns(const float* disparity)
+    /// The columns that the points of a row need, in both cameras.
+    struct Ranges {
+        cv::Range of_camera0 { 0, 0 }, of_camera1 { 0, 0 };
+    };
+
+    Ranges _ranges(const float* disparity) const
     {
-        (Cpu::has_avx2() ? columns_avx2 : columns_plain)(disparity, _lines.cols, _column.data());
+        int begin = 0, end = _lines.cols;
+        while (begin < end && disparity[begin] != disparity[begin])
+            ++begin;
+        while (end > begin && disparity[end - 1] != disparity[end - 1])
+            --end;
+        if (begin == end) return {};
+        int low = _lines.cols, high = 0;
+        for (int x = begin; x < end; ++x) {
+            const int k = _column[static_cast<std::size_t>(x)];
+            const bool matched = disparity[x] == disparity[x];
+            low = matched ? std::min(low, k) : low;
+            high = matched ? std::max(high, k) : high;
+        }
+        return { { begin, end }, { std::max(low - line_margin, 0), std::min(high + line_margin + 1, _lines.cols) } };
+    }
+
+    void _find_differences()
+    {
         std::fill(_difference.begin(), _difference.end(), 0.0F);
         for (std::size_t f = 0; f < _raw[1].sets.size(); ++f)
             (Cpu::has_avx2() ? differences_avx2 : differences_plain)(_row0.phases[f].data(), _row1.phases[f].data(),

@@ -186,15 +186,15 @@ RowPhases::RowPhases(int cols, const std::vector<FringeSet>& sets)
 {
 }
 
-void RowPhases::sample(const RawPhases& raw, const RectifyingTable& table, int y)
+void RowPhases::sample(const RawPhases& raw, const RectifyingTable& table, int y, cv::Range columns)
 {
     const Kernels run = kernels();
-    const int cols = static_cast<int>(_index.size()), width = raw.variance.cols;
-    const Offsets at { _index.data(), u.data(), v.data(), usable.data() };
-    run.split(table.x.ptr<float>(y), table.y.ptr<float>(y), cols, raw.variance.size(), at);
-    run.variances(raw.variance.ptr<float>(), width, at, cols, variance.data());
+    const int x = columns.start, cols = columns.size(), width = raw.variance.cols;
+    const Offsets at { _index.data() + x, u.data() + x, v.data() + x, usable.data() + x };
+    run.split(table.x.ptr<float>(y) + x, table.y.ptr<float>(y) + x, cols, raw.variance.size(), at);
+    run.variances(raw.variance.ptr<float>(), width, at, cols, variance.data() + x);
     for (std::size_t f = 0; f < phases.size(); ++f)
-        run.phases(raw.phases[f].ptr<float>(), width, at.index, at.u, at.v, cols, phases[f].data());
+        run.phases(raw.phases[f].ptr<float>(), width, at.index, at.u, at.v, cols, phases[f].data() + x);
 }
 
 } // namespace vexo

@@ -19,8 +19,8 @@ class RowPhases {
 public:
     RowPhases(int cols, const std::vector<FringeSet>& sets);
 
-    /// Fills every array for the row `y` of the table.
-    void sample(const RawPhases& raw, const RectifyingTable& table, int y);
+    /// Fills every array for the columns of the row `y` of the table; the others stay as they are.
+    void sample(const RawPhases& raw, const RectifyingTable& table, int y, cv::Range columns);
 
     std::vector<std::vector<float>> phases; ///< of each set, fringe periods
     std::vector<float> variance;            ///< of the coordinate, interpolated like a picture; NaN outside
