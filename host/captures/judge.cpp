@@ -116,10 +116,12 @@ private:
     /// Frames that are not what they should be; figures of wrong frames mean nothing.
     bool _wrong_frames(const FrameOrder& order)
     {
-        // Another order that is not certain may only be better than a blank or a doubled frame.
+        // Another order that is not certain may only be better than a blank or a doubled frame, and that of the fringe
+        // frames is never certain while one of them is blank.
         const bool exchanged = order.kind == FrameOrder::exchanged, of_dark_or_lit = exchanged && order.pair[0] < 2,
-                   else_whole = (of_dark_or_lit || f.odd.empty.empty()) && !(exchanged && !f.odd.equal.empty());
-        if (order && (order.certain || else_whole)) {
+                   else_whole = (of_dark_or_lit || f.odd.empty.empty()) && !(exchanged && !f.odd.equal.empty()),
+                   certain = order.certain && (order.kind != FrameOrder::fringes || f.odd.empty.empty());
+        if (order && (certain || else_whole)) {
             const auto [text, advice] = words_of(order, _names);
             const bool shifted = order.kind == FrameOrder::late || order.kind == FrameOrder::early;
             _add(shifted ? "shifted-frames" : "out-of-order", Weight::spoils, text, advice);

@@ -142,6 +142,7 @@ TEST(Captures, AreJudgedByWhatTheyLeaveToMeasure)
         { "a coarse code frame black", [](Frames& f) { blacken(f, 4); }, Weight::spoils, "blank-frame", "f4.png" },
         { "a fine code frame black", [](Frames& f) { blacken(f, 8); }, Weight::spoils, "blank-frame", "f8.png" },
         { "a fringe frame black", [](Frames& f) { blacken(f, 10); }, Weight::spoils, "blank-frame", "f10.png" },
+        { "a fringe frame of one grey", [](Frames& f) { f[9].setTo(8); }, Weight::spoils, "blank-frame", "f9.png" },
         { "planes without use black", [](Frames& f) { blacken(f, 2); }, Weight::note, "blank-frame", "f2.png" },
         { "one frame late",
             [](Frames& f) {
