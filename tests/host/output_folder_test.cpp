@@ -14,6 +14,7 @@
 #include <map>
 #include <string>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 
@@ -24,15 +25,14 @@
 
 namespace {
 
-int renames_to_go = -1; // until the process is killed; below zero: never
+std::atomic<int> renames_to_go { -1 }; // until the process is killed; below zero: never
 
 } // namespace
 
 /// Stands before the one of the C library.
 extern "C" int rename(const char* from, const char* to) noexcept
 {
-    if (renames_to_go == 0) ::kill(::getpid(), SIGKILL);
-    --renames_to_go;
+    if (renames_to_go-- == 0) ::kill(::getpid(), SIGKILL);
     return ::renameat(AT_FDCWD, from, AT_FDCWD, to);
 }
 

@@ -174,7 +174,7 @@ TEST(SimRender, BytesDependOnTheSeedAndNotOnTheThreads)
     const Capture two = make_capture("bust", options);
     omp_set_num_threads(threads);
     EXPECT_EQ(one.files, two.files);
-    ASSERT_EQ(one.files.size(), 26U + 5U);
+    ASSERT_EQ(one.files.size(), 26U + 6U);
     EXPECT_EQ(one.files[27].first, "truth.tiff");
     const cv::Mat_<float> depth = cv::imdecode(one.files[27].second, cv::IMREAD_UNCHANGED);
     ASSERT_EQ(depth.size(), one.truth.depth.size());
@@ -207,7 +207,7 @@ TEST(SimCapture, SurfaceBehindTheLastLitColumnIsNotCalledVisible)
     RigOptions options = noise_free(160, 128);
     options.method = vexo::Method::multi_phase;
     const Capture capture = make_capture("plane", options);
-    ASSERT_EQ(capture.files.size(), 28U + 5U);
+    ASSERT_EQ(capture.files.size(), 28U + 6U);
     const Rig rig = make_rig(options);
     const cv::Mat_<uchar> dark = cv::imdecode(capture.files[0].second, cv::IMREAD_UNCHANGED);
     const cv::Mat_<uchar> lit = cv::imdecode(capture.files[2].second, cv::IMREAD_UNCHANGED);
