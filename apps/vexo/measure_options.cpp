@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
+#include <map>
 
 namespace vexo::app {
 
@@ -104,6 +105,13 @@ void declare(CLI::App& command, MeasureOptions& o)
         ->check(CLI::Range(-1.0, 1.0));
     command.add_option("--flags", o.camera.flags, "rectification flags; 1024: same principal point in both pictures")
         ->capture_default_str();
+    const std::map<std::string, Cleaning> levels { { "off", Cleaning::off }, { "default", Cleaning::standard },
+        { "strict", Cleaning::strict } };
+    command
+        .add_option("--clean", o.request.cleaning,
+            "off, default or strict: takes out points that do not belong to the surface around them")
+        ->transform(CLI::CheckedTransformer(levels).description("{off,default,strict}"))
+        ->default_str("default");
     command.add_flag("--accept-verdict", o.accept_verdict, "exit code 0 also where a finding spoils the result");
     add_range_options(command, o);
     add_phase_options(command, o);

@@ -28,8 +28,10 @@ enum class Cause : unsigned char {
     outside_overlap,  ///< block matching: the disparity range leads out of the other camera's picture
     no_match,         ///< block matching: hidden from the other camera, or the two directions disagree
     ambiguous,        ///< block matching: other disparities fit nearly as well
-    speckle,          ///< block matching: a patch that is small and apart from its surroundings
+    speckle,          ///< in a patch that is small and apart from its surroundings
     refinement,       ///< matched, but no line through the fringes around the match can be trusted
+    outlier,          ///< cleaned: far from the points around it
+    edge,             ///< cleaned: beside a jump of the surface
     count
 };
 

@@ -4,6 +4,7 @@
 #include "base/parallel.h"
 #include "base/stopwatch.h"
 #include "host/cameras/rectification.h"
+#include "host/measurement/cleaning.h"
 #include "host/measurement/disparity_range.h"
 #include "host/measurement/judge.h"
 
@@ -195,6 +196,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     m.disparity = disparity_map(m.cloud, m.geometry);
     make_precise(work);
+    clean(m, cleaning_rules(m.method(), m.precision.refined, request.cleaning));
     m.depth = depth_map(m.cloud);
     clock.lap();
     m.findings.insert(m.findings.end(), capture.frames.notes.begin(), capture.frames.notes.end());

@@ -10,6 +10,12 @@
 
 namespace vexo {
 
+/// Which points are taken out because they do not belong to the surface around them.
+enum class Cleaning { off, standard, strict };
+
+/// "off", "default", "strict".
+const char* name_of(Cleaning cleaning);
+
 /// What a measurement is asked for; what is not given is chosen.
 struct MeasureRequest {
     using Range = std::pair<double, double>;
@@ -26,7 +32,8 @@ struct MeasureRequest {
     int block = 5;                      ///< sgbm, px
     std::optional<int> num_disparities; ///< sgbm, px
     bool interpolate = false;           ///< phases: fill columns between measured ones
-    bool refine = true;                 ///< phases of frames, not interpolated: measure each match anew
+    Cleaning cleaning = Cleaning::standard;
+    bool refine = true; ///< phases of frames, not interpolated: measure each match anew
 };
 
 /// The library's parameters for a request, disparity limits and run lengths not yet chosen. Throws Failure.

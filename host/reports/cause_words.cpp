@@ -21,6 +21,8 @@ std::vector<Label> cause_legend()
         { 18, 156, 243 },
         { 155, 89, 142 },
         { 113, 204, 46 },
+        { 203, 192, 255 },
+        { 0, 128, 128 },
     };
     std::vector<Label> legend;
     for (std::size_t i = 0; i < cause_count; ++i)

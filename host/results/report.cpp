@@ -143,6 +143,7 @@ Json make_report(
     report["parameters"]["min_modulation"] = request.min_modulation;
     report["parameters"]["interpolate"] = request.interpolate;
     report["parameters"]["refine"] = m.precision.refined;
+    report["parameters"]["clean"] = name_of(request.cleaning);
     report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
         { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
         { "parameters", hash_of(report["parameters"]) } };

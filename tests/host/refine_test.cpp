@@ -20,6 +20,7 @@ TEST_F(Refining, RefinesToTheBitAsThePlainFormDoesWithAndWithoutAvx2)
         const Stereo pair = stereo(scan);
         MeasureRequest request;
         request.refine = false;
+        request.cleaning = Cleaning::off;
         const Measured m = measure(scan, pair, request);
         std::vector<FringeSet> sets;
         for (const std::size_t first : phase_sets(method))
@@ -67,6 +68,7 @@ TEST_F(Refining, GivesTheLibrarysOwnPointsWhenItShallNotRefine)
     const Stereo pair = stereo(scan);
     MeasureRequest request;
     request.refine = false;
+    request.cleaning = Cleaning::off;
     const Measured m = measure(scan, pair, request);
     PairFrames frames = scan.frames.frames;
     for (std::size_t c = 0; c < 2; ++c) {

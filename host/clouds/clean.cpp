@@ -1,0 +1,181 @@
+#include "host/clouds/clean.h"
+
+#include "base/parallel.h"
+#include "base/statistics.h"
+
+#include <opencv2/calib3d.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace vexo {
+
+namespace {
+
+constexpr float sigmas = 4.0F;
+constexpr float median_px = 0.5F, neighbour_px = 2.0F, region_px = 0.75F;
+constexpr int reach = 2; ///< of the median's window
+
+/// The map with `reach` pixels around it; what is missing lies behind everything.
+cv::Mat padded(const cv::Mat& disparity)
+{
+    constexpr float far = -std::numeric_limits<float>::infinity();
+    cv::Mat map(disparity.rows + 2 * reach, disparity.cols + 2 * reach, CV_32F, cv::Scalar(static_cast<double>(far)));
+    in_parallel(static_cast<std::size_t>(disparity.rows), [&](std::size_t row) {
+        const auto* const from = disparity.ptr<float>(static_cast<int>(row));
+        auto* const to = map.ptr<float>(static_cast<int>(row) + reach) + reach;
+        for (int x = 0; x < disparity.cols; ++x)
+            to[x] = from[x] == from[x] ? from[x] : far;
+    });
+    return map;
+}
+
+/// Counts over the window around each pixel of a row, without a sort: the median m of n values is above d + t when
+/// fewer than half of them are at most d + t, and below d - t when more than half are.
+class RowTests {
+public:
+    explicit RowTests(int cols)
+        : _up_to(static_cast<std::size_t>(cols))
+        , _below(_up_to.size())
+        , _limit(_up_to.size())
+    {
+    }
+
+    /// @param sigma  of the row, px, without NaN
+    void test(const cv::Mat& map, int y, const float* sigma, const CleaningRules& rules, uchar* faults)
+    {
+        if (rules.edges) _mark_edges(map, y, sigma, faults);
+        if (rules.neighbours) _mark_lonely(map, y, sigma, faults);
+        if (rules.median) _mark_far(map, y, sigma, faults);
+    }
+
+private:
+    static const float* _row(const cv::Mat& map, int y) { return map.ptr<float>(y + reach) + reach; }
+    int _cols() const { return static_cast<int>(_up_to.size()); }
+
+    /// Adds to `_up_to` how many of the eight neighbours are within 2 px.
+    void _count_neighbours(const cv::Mat& map, int y, const float* sigma)
+    {
+        const float* const at = _row(map, y);
+        for (int x = 0; x < _cols(); ++x) {
+            _up_to[static_cast<std::size_t>(x)] = -1; // itself
+            _limit[static_cast<std::size_t>(x)] = neighbour_px + sigmas * sigma[x];
+        }
+        for (int dy = -1; dy <= 1; ++dy)
+            for (int dx = -1; dx <= 1; ++dx) {
+                const float* const other = _row(map, y + dy) + dx;
+                for (int x = 0; x < _cols(); ++x)
+                    _up_to[static_cast<std::size_t>(x)]
+                        += std::abs(other[x] - at[x]) <= _limit[static_cast<std::size_t>(x)] ? 1 : 0;
+            }
+    }
+
+    void _mark_lonely(const cv::Mat& map, int y, const float* sigma, uchar* faults)
+    {
+        _count_neighbours(map, y, sigma);
+        for (int x = 0; x < _cols(); ++x)
+            if (_up_to[static_cast<std::size_t>(x)] < 4) faults[x] = static_cast<uchar>(Fault::outlier);
+    }
+
+    /// Missing neighbours are no edge: these are shadows and the end of the picture.
+    void _mark_edges(const cv::Mat& map, int y, const float* sigma, uchar* faults)
+    {
+        _count_neighbours(map, y, sigma);
+        for (int x = 0; x < _cols(); ++x)
+            _below[static_cast<std::size_t>(x)] = -1;
+        for (int dy = -1; dy <= 1; ++dy)
+            for (int dx = -1; dx <= 1; ++dx) {
+                const float* const other = _row(map, y + dy) + dx;
+                for (int x = 0; x < _cols(); ++x)
+                    _below[static_cast<std::size_t>(x)] += other[x] >= std::numeric_limits<float>::lowest() ? 1 : 0;
+            }
+        for (int x = 0; x < _cols(); ++x)
+            if (_up_to[static_cast<std::size_t>(x)] < _below[static_cast<std::size_t>(x)])
+                faults[x] = static_cast<uchar>(Fault::edge);
+    }
+
+    void _mark_far(const cv::Mat& map, int y, const float* sigma, uchar* faults)
+    {
+        constexpr int window = (2 * reach + 1) * (2 * reach + 1), half = window / 2;
+        const float* const at = _row(map, y);
+        std::fill(_up_to.begin(), _up_to.end(), 0);
+        std::fill(_below.begin(), _below.end(), 0);
+        for (int x = 0; x < _cols(); ++x)
+            _limit[static_cast<std::size_t>(x)] = median_px + sigmas * sigma[x];
+        for (int dy = -reach; dy <= reach; ++dy)
+            for (int dx = -reach; dx <= reach; ++dx) {
+                const float* const other = _row(map, y + dy) + dx;
+                for (int x = 0; x < _cols(); ++x) {
+                    const auto i = static_cast<std::size_t>(x);
+                    _up_to[i] += other[x] <= at[x] + _limit[i] ? 1 : 0;
+                    _below[i] += other[x] < at[x] - _limit[i] ? 1 : 0;
+                }
+            }
+        for (int x = 0; x < _cols(); ++x) {
+            const auto i = static_cast<std::size_t>(x);
+            if (_up_to[i] <= half || _below[i] > half) faults[x] = static_cast<uchar>(Fault::outlier);
+        }
+    }
+
+    std::vector<int> _up_to, _below;
+    std::vector<float> _limit;
+};
+
+/// Sigma of each pixel. Where it alone is not known it is so large that the point stays; 0 when none is.
+cv::Mat complete(const cv::Mat& sigma, cv::Size size, float& median)
+{
+    cv::Mat known(size, CV_32F, cv::Scalar(0));
+    median = 0.0F;
+    if (sigma.empty()) return known;
+    const std::vector<float> values = finite_values(sigma);
+    if (values.empty()) return known;
+    median = static_cast<float>(quantile(values, 0.5));
+    constexpr float large = 9.0F;
+    known.setTo(large);
+    sigma.copyTo(known, sigma == sigma);
+    return known;
+}
+
+void mark_speckles(const cv::Mat& disparity, float median_sigma, cv::Mat& faults)
+{
+    constexpr double pixels = 120.0, of = 1280.0 * 1024.0, least = 12.0;
+    constexpr double largest = 32000.0, finest = 64.0; // of 16 bits; steps of a px
+    double low = 0, high = 0;
+    cv::minMaxLoc(disparity, &low, &high, nullptr, nullptr, disparity == disparity);
+    const double scale = std::min(finest, largest / std::max({ 1.0, std::abs(low), std::abs(high) }));
+    constexpr short missing = std::numeric_limits<short>::min();
+    cv::Mat steps(disparity.size(), CV_16S, cv::Scalar(missing));
+    for (int y = 0; y < disparity.rows; ++y)
+        for (int x = 0; x < disparity.cols; ++x) {
+            const auto d = static_cast<double>(disparity.at<float>(y, x));
+            if (d == d) steps.at<short>(y, x) = static_cast<short>(std::lround(d * scale));
+        }
+    const auto total = static_cast<double>(disparity.total());
+    const int size = static_cast<int>(std::max(least, pixels * total / of));
+    cv::filterSpeckles(steps, missing, size, static_cast<double>(region_px + sigmas * median_sigma) * scale);
+    faults.setTo(static_cast<int>(Fault::speckle), (steps == missing) & (disparity == disparity) & (faults == 0));
+}
+
+} // namespace
+
+cv::Mat find_faults(const cv::Mat& disparity, const cv::Mat& sigma, const CleaningRules& rules)
+{
+    cv::Mat faults = cv::Mat::zeros(disparity.size(), CV_8U);
+    if (disparity.empty() || !rules.any()) return faults;
+    float median = 0.0F;
+    const cv::Mat known = complete(sigma, disparity.size(), median), map = padded(disparity);
+#pragma omp parallel
+    {
+        RowTests tests(disparity.cols);
+#pragma omp for schedule(static)
+        for (int y = 0; y < disparity.rows; ++y)
+            tests.test(map, y, known.ptr<float>(y), rules, faults.ptr<uchar>(y));
+    }
+    faults.setTo(0, ~(disparity == disparity));
+    if (rules.speckles) mark_speckles(disparity, median, faults);
+    return faults;
+}
+
+} // namespace vexo

@@ -1,0 +1,80 @@
+#include "host/measurement/cleaning.h"
+
+#include <cmath>
+#include <limits>
+
+namespace vexo {
+
+namespace {
+
+constexpr float none = std::numeric_limits<float>::quiet_NaN();
+
+Cause cause_of(Fault fault)
+{
+    switch (fault) {
+    case Fault::outlier:
+        return Cause::outlier;
+    case Fault::edge:
+        return Cause::edge;
+    default:
+        return Cause::speckle;
+    }
+}
+
+/// Sigma of the disparity, px, from that of the depth: sigma_d = f b / Z^2 sigma_Z. Empty when there is none.
+cv::Mat sigma_of_disparity(const Measured& m)
+{
+    if (m.precision.sigma.empty()) return {};
+    cv::Mat sigma(m.disparity.size(), CV_32F);
+    const auto slope = static_cast<float>(std::abs(m.geometry.slope));
+    for (int y = 0; y < sigma.rows; ++y)
+        for (int x = 0; x < sigma.cols; ++x) {
+            const float z = m.cloud.point(y, x).z;
+            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
+        }
+    return sigma;
+}
+
+} // namespace
+
+const char* name_of(Cleaning cleaning)
+{
+    return cleaning == Cleaning::off ? "off" : cleaning == Cleaning::strict ? "strict" : "default";
+}
+
+CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning)
+{
+    CleaningRules rules;
+    if (cleaning == Cleaning::off) return rules;
+    const bool strict = cleaning == Cleaning::strict, gray = method == Method::gray_phase;
+    // Refinement leaves gray code + phase wrong points beside occlusions, which stand out from the median; of several
+    // periods it leaves next to none, and the median would take right ones.
+    rules.median = strict || (refined && gray) || method == Method::sgbm;
+    rules.neighbours = strict || method != Method::multi_phase || !refined;
+    rules.speckles = strict || !refined;
+    rules.edges = strict || method == Method::sgbm;
+    return rules;
+}
+
+void clean(Measured& m, const CleaningRules& rules)
+{
+    if (!rules.any() || m.cloud.count == 0) return;
+    const cv::Mat faults = find_faults(m.disparity, sigma_of_disparity(m), rules);
+    for (int y = 0; y < faults.rows; ++y)
+        for (int x = 0; x < faults.cols; ++x) {
+            const auto fault = static_cast<Fault>(faults.at<uchar>(y, x));
+            if (fault == Fault::none) continue;
+            const Cause cause = cause_of(fault);
+            m.cloud.points[static_cast<std::size_t>(y) * static_cast<std::size_t>(faults.cols)
+                + static_cast<std::size_t>(x)]
+                = { none, none, none };
+            --m.cloud.count;
+            m.disparity.at<float>(y, x) = none;
+            if (!m.precision.sigma.empty()) m.precision.sigma.at<float>(y, x) = none;
+            m.causes.causes.at<uchar>(y, x) = static_cast<uchar>(cause);
+            ++m.causes.counts[static_cast<std::size_t>(cause)];
+            --m.causes.counts[static_cast<std::size_t>(Cause::none)];
+        }
+}
+
+} // namespace vexo

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "host/clouds/clean.h"
+#include "host/measurement/measured.h"
+#include "host/measurement/parameters.h"
+
+namespace vexo {
+
+/// The tests that a measurement's points go through.
+CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning);
+
+/// Takes points that fail these tests out of cloud, disparities and sigma; each gets its cause.
+void clean(Measured& measured, const CleaningRules& rules);
+
+} // namespace vexo
