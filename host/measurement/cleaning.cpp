@@ -35,6 +35,19 @@ cv::Mat sigma_of_disparity(const Measured& m)
     return sigma;
 }
 
+void remove_point(Measured& m, int y, int x, Cause cause)
+{
+    m.cloud.points[static_cast<std::size_t>(y) * static_cast<std::size_t>(m.cloud.size.width)
+        + static_cast<std::size_t>(x)]
+        = { none, none, none };
+    --m.cloud.count;
+    m.disparity.at<float>(y, x) = none;
+    if (!m.precision.sigma.empty()) m.precision.sigma.at<float>(y, x) = none;
+    m.causes.causes.at<uchar>(y, x) = static_cast<uchar>(cause);
+    ++m.causes.counts[static_cast<std::size_t>(cause)];
+    --m.causes.counts[static_cast<std::size_t>(Cause::none)];
+}
+
 } // namespace
 
 const char* name_of(Cleaning cleaning)
@@ -51,9 +64,22 @@ CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning)
     // periods it leaves next to none, and the median would take right ones.
     rules.median = strict || (refined && gray) || method == Method::sgbm;
     rules.neighbours = strict || method != Method::multi_phase || !refined;
-    rules.speckles = strict || !refined;
     rules.edges = strict || method == Method::sgbm;
+    constexpr int few = 120, block_few = 1600;
+    constexpr float block_step = 0.5F; // blocks that match by chance hang together in larger patches
+    if (strict || !refined) rules.speckles = few;
+    if (method == Method::sgbm) {
+        rules.speckles = block_few;
+        rules.speckle_step = block_step;
+    }
     return rules;
+}
+
+void remove_points(Measured& m, const cv::Mat& mask, Cause cause)
+{
+    for (int y = 0; y < mask.rows; ++y)
+        for (int x = 0; x < mask.cols; ++x)
+            if (mask.at<uchar>(y, x) != 0 && m.cloud.measured(y, x)) remove_point(m, y, x, cause);
 }
 
 void clean(Measured& m, const CleaningRules& rules)
@@ -63,17 +89,7 @@ void clean(Measured& m, const CleaningRules& rules)
     for (int y = 0; y < faults.rows; ++y)
         for (int x = 0; x < faults.cols; ++x) {
             const auto fault = static_cast<Fault>(faults.at<uchar>(y, x));
-            if (fault == Fault::none) continue;
-            const Cause cause = cause_of(fault);
-            m.cloud.points[static_cast<std::size_t>(y) * static_cast<std::size_t>(faults.cols)
-                + static_cast<std::size_t>(x)]
-                = { none, none, none };
-            --m.cloud.count;
-            m.disparity.at<float>(y, x) = none;
-            if (!m.precision.sigma.empty()) m.precision.sigma.at<float>(y, x) = none;
-            m.causes.causes.at<uchar>(y, x) = static_cast<uchar>(cause);
-            ++m.causes.counts[static_cast<std::size_t>(cause)];
-            --m.causes.counts[static_cast<std::size_t>(Cause::none)];
+            if (fault != Fault::none) remove_point(m, y, x, cause_of(fault));
         }
 }
 

@@ -12,4 +12,7 @@ CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning);
 /// Takes points that fail these tests out of cloud, disparities and sigma; each gets its cause.
 void clean(Measured& measured, const CleaningRules& rules);
 
+/// Takes the points under a mask, CV_8U, out of cloud, disparities and sigma; they get this cause.
+void remove_points(Measured& measured, const cv::Mat& mask, Cause cause);
+
 } // namespace vexo

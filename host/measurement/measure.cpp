@@ -7,6 +7,7 @@
 #include "host/measurement/cleaning.h"
 #include "host/measurement/disparity_range.h"
 #include "host/measurement/judge.h"
+#include "host/measurement/texture.h"
 
 #include <cmath>
 #include <utility>
@@ -161,6 +162,19 @@ void make_precise(Work& w)
         w.request.refine);
 }
 
+/// Takes out what does not belong to the surface: for block matching also what it could not see.
+void clean(Work& w)
+{
+    Measured& m = w.m;
+    const Cleaning cleaning = w.request.cleaning;
+    if (m.method() == Method::sgbm && cleaning != Cleaning::off && m.cloud.count > 0) {
+        const std::array<cv::Mat, 2> pictures { m.texture, rectified(w.camera(), w.frames[1][0], 1) };
+        const std::array<double, 2> noise { picture_noise(w.frames[0][0]), picture_noise(w.frames[1][0]) };
+        remove_points(m, lacks_texture(pictures, noise, m.disparity), Cause::texture);
+    }
+    clean(m, cleaning_rules(m.method(), m.precision.refined, cleaning));
+}
+
 cv::Mat depth_map(const Cloud& cloud)
 {
     cv::Mat depth(cloud.size, CV_32F);
@@ -196,7 +210,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     m.disparity = disparity_map(m.cloud, m.geometry);
     make_precise(work);
-    clean(m, cleaning_rules(m.method(), m.precision.refined, request.cleaning));
+    clean(work);
     m.depth = depth_map(m.cloud);
     clock.lap();
     m.findings.insert(m.findings.end(), capture.frames.notes.begin(), capture.frames.notes.end());
