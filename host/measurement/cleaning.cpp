@@ -21,20 +21,6 @@ Cause cause_of(Fault fault)
     }
 }
 
-/// Sigma of the disparity, px, from that of the depth: sigma_d = f b / Z^2 sigma_Z. Empty when there is none.
-cv::Mat sigma_of_disparity(const Measured& m)
-{
-    if (m.precision.sigma.empty()) return {};
-    cv::Mat sigma(m.disparity.size(), CV_32F);
-    const auto slope = static_cast<float>(std::abs(m.geometry.slope));
-    for (int y = 0; y < sigma.rows; ++y)
-        for (int x = 0; x < sigma.cols; ++x) {
-            const float z = m.cloud.point(y, x).z;
-            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
-        }
-    return sigma;
-}
-
 void remove_point(Measured& m, int y, int x, Cause cause)
 {
     m.cloud.points[static_cast<std::size_t>(y) * static_cast<std::size_t>(m.cloud.size.width)
@@ -73,6 +59,19 @@ CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning)
         rules.speckle_step = block_step;
     }
     return rules;
+}
+
+cv::Mat sigma_of_disparity(const Measured& m)
+{
+    if (m.precision.sigma.empty()) return {};
+    cv::Mat sigma(m.disparity.size(), CV_32F);
+    const auto slope = static_cast<float>(std::abs(m.geometry.slope));
+    for (int y = 0; y < sigma.rows; ++y)
+        for (int x = 0; x < sigma.cols; ++x) {
+            const float z = m.cloud.point(y, x).z;
+            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
+        }
+    return sigma;
 }
 
 void remove_points(Measured& m, const cv::Mat& mask, Cause cause)

@@ -6,6 +6,7 @@
 #include "host/cameras/rectification.h"
 #include "host/measurement/cleaning.h"
 #include "host/measurement/disparity_range.h"
+#include "host/measurement/gap_points.h"
 #include "host/measurement/judge.h"
 #include "host/measurement/texture.h"
 
@@ -23,6 +24,7 @@ struct Work {
     const MeasureRequest& request;
     const OnStep& on_step;
     PairFrames frames; ///< as recorded; lit frames masked after mask_pixels()
+    PhaseData phases;
     Measured m;
 
     iStereoCamera& camera() const { return *stereo.camera; }
@@ -157,9 +159,12 @@ void make_precise(Work& w)
         m.precision.why_none = "filled columns are not measured";
     if (!m.precision.why_none.empty()) return;
     next_step(w.on_step, "looking once more around each match");
-    m.precision = make_precise(w.stereo,
-        { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes },
-        w.request.refine);
+    Stopwatch clock;
+    const PhasePoints points { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity,
+        m.cloud, m.causes };
+    w.phases = phase_data(points);
+    m.precision = make_precise(w.stereo, w.phases, points, w.request.refine);
+    m.precision.seconds = clock.lap();
 }
 
 /// Takes out what does not belong to the surface: for block matching also what it could not see.
@@ -173,6 +178,7 @@ void clean(Work& w)
         remove_points(m, lacks_texture(pictures, noise, m.disparity), Cause::texture);
     }
     clean(m, cleaning_rules(m.method(), m.precision.refined, cleaning));
+    if (m.precision.refined && m.cloud.count > 0) measure_gaps(w.stereo, w.phases.raw, m);
 }
 
 cv::Mat depth_map(const Cloud& cloud)
@@ -193,7 +199,7 @@ const cv::Mat& lit_frame(const Work& w, std::size_t camera)
 
 Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const OnStep& on_step)
 {
-    Work work { capture, stereo, request, on_step, capture.frames.frames, {} };
+    Work work { capture, stereo, request, on_step, capture.frames.frames, {}, {} };
     Measured& m = work.m;
     m.choice = capture.choice;
     m.record = record_of(request, capture.method(), capture.files.decoded, capture.periods);
