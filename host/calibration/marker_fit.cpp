@@ -1,0 +1,161 @@
+#include "host/calibration/marker_fit.h"
+
+#include <Eigen/Dense>
+
+#include <algorithm>
+#include <cmath>
+
+namespace vexo {
+
+namespace {
+
+constexpr double band = 3.0;             // px beside the edge that are looked at
+constexpr std::size_t least_pixels = 60; // in it
+constexpr int unknowns = 8;
+constexpr double tilt_unit = 10.0; // px: keeps the equations well conditioned
+
+double normal_below(double z)
+{
+    return 0.5 * std::erfc(-z * M_SQRT1_2);
+}
+
+double normal_density(double z)
+{
+    constexpr double at_zero = 0.39894228040143268;
+    return at_zero * std::exp(-0.5 * z * z);
+}
+
+} // namespace
+
+struct MarkerFitter::Parameters {
+    double x = 0.0, y = 0.0, growth = 0.0, blur = 0.8, paper = 0.0, ink = 0.0, tilt_x = 0.0, tilt_y = 0.0;
+
+    /// Steps that no real marker needs are cut, so that a bad start does not throw the fit away.
+    void add(const Eigen::Matrix<double, unknowns, 1>& step)
+    {
+        constexpr double least_blur = 0.25, most_blur = 6.0;
+        const auto cut = [&step](int i, double most) { return std::clamp(step[i], -most, most); };
+        x += cut(0, 1.0);
+        y += cut(1, 1.0);
+        growth += cut(2, 0.05);
+        blur = std::clamp(blur + cut(3, 0.3), least_blur, most_blur);
+        paper += step[4];
+        ink += step[5];
+        tilt_x += step[6];
+        tilt_y += step[7];
+    }
+};
+
+/// Normal equations of a step.
+struct MarkerFitter::Equations {
+    Eigen::Matrix<double, unknowns, unknowns> matrix = Eigen::Matrix<double, unknowns, unknowns>::Zero();
+    Eigen::Matrix<double, unknowns, 1> right = Eigen::Matrix<double, unknowns, 1>::Zero();
+    double squares = 0.0; ///< of the residuals
+};
+
+MarkerFitter::MarkerFitter(const cv::Mat& picture, const BoardFile& board)
+    : _picture(picture)
+    , _radius(0.5 * board.layout.diameter_mm)
+    , _hole(0.5 * board.layout.hole_mm)
+    , _half_pitch(0.5 * board.layout.pitch_mm)
+{
+    CV_Assert(picture.type() == CV_8U);
+}
+
+void MarkerFitter::_collect(const MarkerModel& model)
+{
+    constexpr double saturated = 255.0, margin = 2.0;
+    _pixels.clear();
+    const double reach = model.reach + band + margin;
+    const cv::Point2d m = model.middle;
+    if (!(m.x - reach >= 1.0 && m.y - reach >= 1.0 && m.x + reach <= _picture.cols - 2.0
+            && m.y + reach <= _picture.rows - 2.0))
+        return;
+    const int right = cvFloor(m.x + reach), bottom = cvFloor(m.y + reach);
+    for (int y = cvCeil(m.y - reach); y <= bottom; ++y)
+        for (int x = cvCeil(m.x - reach); x <= right; ++x) {
+            const cv::Point2d offset(x - m.x, y - m.y), at = model.on_board.at(offset);
+            if (std::abs(at.x) > _half_pitch || std::abs(at.y) > _half_pitch) continue;
+            const double from_centre = std::sqrt(at.dot(at)) + 1e-9;
+            const cv::Matx22d slope = model.on_board.slope(offset);
+            const cv::Vec2d rise((at.x * slope(0, 0) + at.y * slope(1, 0)) / from_centre,
+                (at.x * slope(0, 1) + at.y * slope(1, 1)) / from_centre);
+            const double mm_per_px = std::sqrt(rise.dot(rise)), edge = (from_centre - _radius) / mm_per_px;
+            const double grey = _picture.at<uchar>(y, x);
+            if (!(std::abs(edge) < band) || grey >= saturated) continue;
+            _pixels.push_back({ edge, (from_centre - _hole) / mm_per_px, rise[0] / mm_per_px, rise[1] / mm_per_px,
+                _radius / mm_per_px, offset.x / tilt_unit, offset.y / tilt_unit, grey });
+        }
+}
+
+std::optional<MarkerFitter::Parameters> MarkerFitter::_first_guess(bool ring) const
+{
+    constexpr double clear_of_blur = 1.5, clear_of_hole = 1.0, least_contrast = 8.0;
+    double paper = 0.0, ink = 0.0;
+    int papers = 0, inks = 0;
+    for (const Pixel& p : _pixels)
+        if (p.edge > clear_of_blur) {
+            paper += p.grey;
+            ++papers;
+        } else if (p.edge < -clear_of_blur && (!ring || p.hole > clear_of_hole)) {
+            ink += p.grey;
+            ++inks;
+        }
+    if (papers == 0) return std::nullopt;
+    Parameters guess;
+    guess.paper = paper / papers;
+    const auto darkest = std::min_element(
+        _pixels.begin(), _pixels.end(), [](const Pixel& a, const Pixel& b) { return a.grey < b.grey; });
+    guess.ink = inks > 0 ? ink / inks : darkest->grey;
+    if (guess.paper - guess.ink < least_contrast) return std::nullopt; // hidden, or no marker
+    return guess;
+}
+
+MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring) const
+{
+    Equations sums;
+    Eigen::Matrix<double, unknowns, 1> by;
+    for (const Pixel& p : _pixels) {
+        const double shift = p.nx * at.x + p.ny * at.y;
+        const double z = (p.edge - shift - p.radius * at.growth) / at.blur, zh = (p.hole - shift) / at.blur;
+        const double cover = 1.0 - normal_below(z) - (ring ? 1.0 - normal_below(zh) : 0.0);
+        const double light = 1.0 + at.tilt_x * p.x + at.tilt_y * p.y;
+        const double grey = at.paper + (at.ink - at.paper) * cover;
+        const double contrast = (at.paper - at.ink) * light / at.blur;
+        const double edge = contrast * normal_density(z), hole = ring ? -contrast * normal_density(zh) : 0.0;
+        by << -(edge + hole) * p.nx, -(edge + hole) * p.ny, -edge * p.radius, -edge * z - hole * zh,
+            (1.0 - cover) * light, cover * light, grey * p.x, grey * p.y;
+        const double residual = p.grey - grey * light;
+        sums.matrix.selfadjointView<Eigen::Lower>().rankUpdate(by);
+        sums.right += residual * by;
+        sums.squares += residual * residual;
+    }
+    return sums;
+}
+
+std::optional<MarkerFit> MarkerFitter::fit(const MarkerModel& model, bool ring)
+{
+    constexpr int most_steps = 15;
+    constexpr double settled_px = 1e-3;
+    _collect(model);
+    if (_pixels.size() < least_pixels) return std::nullopt;
+    std::optional<Parameters> at = _first_guess(ring);
+    for (int i = 0; at && i < most_steps; ++i) {
+        const Equations sums = _equations(*at, ring);
+        const Eigen::LLT<Eigen::Matrix<double, unknowns, unknowns>> solver(sums.matrix);
+        if (solver.info() != Eigen::Success) return std::nullopt;
+        const Eigen::Matrix<double, unknowns, 1> step = solver.solve(sums.right);
+        if (!step.allFinite()) return std::nullopt;
+        at->add(step);
+        if (std::abs(step[0]) + std::abs(step[1]) > settled_px) continue;
+        const double variance = sums.squares / static_cast<double>(_pixels.size() - unknowns);
+        const Eigen::Matrix<double, unknowns, 2> columns = solver.solve(Eigen::Matrix<double, unknowns, 2>::Identity());
+        const cv::Matx22d covariance(columns(0, 0), columns(0, 1), columns(1, 0), columns(1, 1));
+        return MarkerFit { model.middle + cv::Point2d(at->x, at->y), covariance * variance, model.middle, at->blur,
+            at->growth, at->paper, at->ink, cv::Point2d(at->tilt_x, at->tilt_y) * (1.0 / tilt_unit),
+            std::sqrt(variance) };
+    }
+    return std::nullopt;
+}
+
+} // namespace vexo
