@@ -41,15 +41,16 @@ LeastLight least_light(const std::vector<cv::Mat>& frames, const std::vector<std
         std::clamp(sigmas * s, modulation_floor, usual.modulation), true };
 }
 
-void drop_mixtures(const std::vector<cv::Mat>& frames, int dim, cv::Mat& mask)
+void drop_mixtures(const std::vector<cv::Mat>& frames, cv::Mat& mask)
 {
-    cv::Mat contrast = contrast_of(frames), brightest;
+    const cv::Mat contrast = contrast_of(frames);
+    cv::Mat brightest;
     cv::dilate(contrast, brightest, cv::Mat::ones(3, 3, CV_8U));
     for (int y = 0; y < mask.rows; ++y) {
         const uchar *own = contrast.ptr(y), *most = brightest.ptr(y);
         uchar* const kept = mask.ptr(y);
         for (int x = 0; x < mask.cols; ++x)
-            if (own[x] < dim && 2 * own[x] < most[x]) kept[x] = 0;
+            kept[x] = 5 * own[x] < 2 * most[x] ? 0 : kept[x];
     }
 }
 

@@ -8,6 +8,7 @@
 #include "host/measurement/disparity_range.h"
 #include "host/measurement/judge.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -93,7 +94,7 @@ void mask_pixels(Work& w)
         std::vector<cv::Mat>& frames = w.frames[camera];
         w.m.masks[camera] = make_masks(frames, limits, sets, w.m.min_modulation);
         cv::Mat& seen = w.m.masks[camera].modulation;
-        if (!w.decoded()) drop_mixtures(frames, usual_light().contrast, seen);
+        if (!w.decoded()) drop_mixtures(frames, seen);
         w.m.fringes[camera] = figures_of(w, camera);
         frames[1] = frames[1].clone(); // the capture stays as it was recorded
         frames[1].setTo(0, seen == 0);
@@ -170,6 +171,17 @@ cv::Mat disparity_map(const Cloud& cloud, const Geometry& geometry)
     return disparity;
 }
 
+CandidateLimits candidate_limits(const Work& w)
+{
+    const std::vector<int> periods = w.m.periods();
+    const auto [least, most] = disparity_limits(w.m.record);
+    const double difference = w.m.method() == Method::gray_phase
+        ? std::get<GrayPhaseMatchingParam>(w.m.record).max_phase_diff
+        : std::get<MultiPhaseMatchingParam>(w.m.record).max_phase_diff;
+    return { noise_of(w.m).unit_px, periods.empty() ? 1.0 : *std::min_element(periods.begin(), periods.end()),
+        difference, least, most };
+}
+
 /// Points by phases of frames get their sigma, and are refined if that is asked for.
 void make_precise(Work& w)
 {
@@ -183,7 +195,8 @@ void make_precise(Work& w)
     if (!m.precision.why_none.empty()) return;
     next_step(w.on_step, "looking once more around each match");
     m.precision = make_precise(w.stereo,
-        { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes },
+        { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes,
+            candidate_limits(w) },
         w.request.refine);
 }
 

@@ -112,6 +112,10 @@ void add_precision(std::vector<std::string>& lines, const Measured& m, const Jso
         lines.push_back("refined      " + grouped(p.samples[5]) + " points by 5 pixels of camera 1, "
             + grouped(p.samples[3]) + " by 3, " + grouped(p.samples[2]) + " by 2; " + grouped(p.samples[0])
             + " fit nowhere");
+    if (p.refined)
+        lines.push_back("decoded      once more, by pixels: " + grouped(p.candidates.added) + " points added, "
+            + grouped(p.candidates.exchanged) + " matched otherwise, " + grouped(p.candidates.dropped)
+            + " without support");
     if (p.sigma.empty())
         lines.push_back("sigma        none: " + p.why_none);
     else

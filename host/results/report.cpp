@@ -78,6 +78,8 @@ void add_precision(const Measured& m, Json& report)
     const Precision& p = m.precision;
     report["refinement"] = { { "made", p.refined }, { "samples_5", p.samples[5] }, { "samples_3", p.samples[3] },
         { "samples_2", p.samples[2] }, { "dropped", p.samples[0] } };
+    report["second_decoding"] = { { "added", p.candidates.added }, { "exchanged", p.candidates.exchanged },
+        { "dropped", p.candidates.dropped } };
     report["sigma"] = { { "why_none", p.why_none } };
     if (p.sigma.empty()) return;
     const std::vector<float> values = finite_values(p.sigma);
