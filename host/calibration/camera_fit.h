@@ -27,6 +27,8 @@ struct CameraFit {
     std::vector<Residual> residuals; ///< of all used views
     double rms = 0;                  ///< px, over all markers
     double middle_depth = 0;         ///< mm, median over the used views of that of the board's middle
+    double near_depth = 0;           ///< mm, 5 and 95 % of the markers are farther from the camera
+    double far_depth = 0;
 };
 
 /// Cameras, and the views that they are held against. A plain check has one fold with all views; a hold-out check has

@@ -75,6 +75,34 @@ double rms(double squares, std::size_t count)
     return std::sqrt(squares / static_cast<double>(count));
 }
 
+/// rms of what the plane through the differences of the depths leaves of them.
+double bend_between(const std::vector<cv::Vec3d>& a, const std::vector<cv::Vec3d>& b)
+{
+    const auto n = static_cast<int>(a.size());
+    cv::Mat_<double> A(n, 3), differences(n, 1), plane;
+    for (int i = 0; i < n; ++i) {
+        const auto k = static_cast<std::size_t>(i);
+        A(i, 0) = 1.0;
+        A(i, 1) = a[k][0];
+        A(i, 2) = a[k][1];
+        differences(i) = a[k][2] - b[k][2];
+    }
+    cv::solve(A, differences, plane, cv::DECOMP_SVD);
+    return cv::norm(A * plane - differences) / std::sqrt(static_cast<double>(n));
+}
+
+/// rms of the distances from the middle.
+double size_of(const std::vector<cv::Vec3d>& points)
+{
+    cv::Vec3d middle;
+    for (const cv::Vec3d& p : points)
+        middle += p / static_cast<double>(points.size());
+    double squares = 0.0;
+    for (const cv::Vec3d& p : points)
+        squares += cv::norm(p - middle, cv::NORM_L2SQR);
+    return rms(squares, points.size());
+}
+
 } // namespace
 
 DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::vector<CalibratedCamera>& a,
@@ -82,9 +110,9 @@ DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::ve
 {
     constexpr std::size_t enough = 12;
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-    if (seen.size() < enough) return { distance, nan, nan };
+    if (seen.size() < enough) return { distance, nan, nan, nan, nan };
     const CommonPixels pixels = in_common(whole, seen, distance);
-    if (pixels.of[0].size() < enough) return { distance, nan, nan };
+    if (pixels.of[0].size() < enough) return { distance, nan, nan, nan, nan };
     const std::vector<cv::Vec3d> of_a = triangulate(a, pixels), of_b = triangulate(b, pixels);
     const std::vector<cv::Vec3d> moved = moved_onto(of_a, of_b);
     double depth = 0.0, shape = 0.0;
@@ -92,7 +120,8 @@ DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::ve
         depth += std::pow(of_a[i][2] - of_b[i][2], 2);
         shape += cv::norm(moved[i] - of_b[i], cv::NORM_L2SQR);
     }
-    return { distance, rms(depth, of_a.size()), rms(shape, of_a.size()) };
+    return { distance, rms(depth, of_a.size()), rms(shape, of_a.size()), bend_between(of_a, of_b),
+        std::abs(size_of(of_a) / size_of(of_b) - 1.0) };
 }
 
 } // namespace vexo
