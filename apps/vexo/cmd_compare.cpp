@@ -123,7 +123,8 @@ void add_compare(CLI::App& app, GlobalOptions& global)
         "  prints rms, coverage, bias and outliers; writes result/compare.json and result/compare_view.png\n"
         "  vexo compare result --balls 40 40 150 --limit 0.02\n"
         "  judges without a truth: what was measured, and what sigma and the calibration let expect;\n"
-        "  writes result/acceptance.json; exactly one of SCAN, --plane, --ball, --balls and --reference is named",
+        "  writes result/acceptance.json\n"
+        "  exactly one of SCAN, --plane, --ball, --balls and --reference is to be named",
         [o, &global] { run(global, *o); });
 }
 

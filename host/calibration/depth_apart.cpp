@@ -91,16 +91,20 @@ double bend_between(const std::vector<cv::Vec3d>& a, const std::vector<cv::Vec3d
     return cv::norm(A * plane - differences) / std::sqrt(static_cast<double>(n));
 }
 
-/// rms of the distances from the middle.
-double size_of(const std::vector<cv::Vec3d>& points)
+/// rms by which lengths across the picture differ, as a share of each: between points that are spread over it.
+double lengths_apart(const std::vector<cv::Vec3d>& a, const std::vector<cv::Vec3d>& b)
 {
-    cv::Vec3d middle;
-    for (const cv::Vec3d& p : points)
-        middle += p / static_cast<double>(points.size());
+    constexpr std::size_t stride = 7919; // a prime: from each point to one elsewhere
     double squares = 0.0;
-    for (const cv::Vec3d& p : points)
-        squares += cv::norm(p - middle, cv::NORM_L2SQR);
-    return rms(squares, points.size());
+    std::size_t pairs = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        const std::size_t j = (i * stride + a.size() / 2) % a.size();
+        const double length = cv::norm(b[i] - b[j]);
+        if (!(length > 0.1 * b[i][2])) continue; // of short ones the noise of the fit alone would show
+        squares += std::pow(cv::norm(a[i] - a[j]) / length - 1.0, 2.0);
+        ++pairs;
+    }
+    return pairs > 0 ? rms(squares, pairs) : 0.0;
 }
 
 } // namespace
@@ -121,7 +125,7 @@ DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::ve
         shape += cv::norm(moved[i] - of_b[i], cv::NORM_L2SQR);
     }
     return { distance, rms(depth, of_a.size()), rms(shape, of_a.size()), bend_between(of_a, of_b),
-        std::abs(size_of(of_a) / size_of(of_b) - 1.0) };
+        lengths_apart(of_a, of_b) };
 }
 
 } // namespace vexo
