@@ -11,7 +11,7 @@
 namespace vexo {
 
 /// A result judged without a truth.
-struct Accepted {
+struct Accepted { // NOLINT(bugprone-exception-escape): JSON is said to throw when it is moved
     Json figures; ///< acceptance.json
     std::vector<Finding> findings;
     std::string beyond; ///< what lies beyond the limit, one line; empty: nothing

@@ -67,8 +67,8 @@ Judged judged_points(const std::string& folder, const Result& r, const Acceptanc
         Sighted s { { static_cast<double>(p.x), static_cast<double>(p.y), static_cast<double>(p.z) }, 0.0, {} };
         if (!(s.point[2] > 0.0) || !std::isfinite(s.point.dot(s.point))) continue;
         const cv::Point2d seen = judged.sight.pixel(s.point);
-        if (!(seen.x > -0.5 && seen.y > -0.5 && seen.x < r.size.width - 0.5 && seen.y < r.size.height - 0.5)) continue;
-        s.pixel = { static_cast<int>(seen.x + 0.5), static_cast<int>(seen.y + 0.5) };
+        if (!cv::Rect2d(-0.49, -0.49, r.size.width - 0.02, r.size.height - 0.02).contains(seen)) continue;
+        s.pixel = { cvRound(seen.x), cvRound(seen.y) };
         if (!inside(request.region, s)) continue;
         s.sigma = judged.sigma_known ? static_cast<double>(r.sigma[i]) : any_measure(s.point[2]);
         if (s.sigma > 0.0 && std::isfinite(s.sigma))

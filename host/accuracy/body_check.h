@@ -29,7 +29,7 @@ Judged judged_points(
     const std::string& folder, const Result& result, const AcceptanceRequest& request, std::size_t fewest);
 
 /// What a body's check found. The names of the figures that the limit bounds come with each of them.
-struct BodyCheck {
+struct BodyCheck {                    // NOLINT(bugprone-exception-escape): JSON is said to throw when it is moved
     Json figures;                     ///< that go into "acceptance"
     std::vector<std::string> bounded; ///< their keys, as JSON pointers
     std::vector<Finding> findings;

@@ -34,7 +34,7 @@ std::vector<Sighted> finite_points(const std::string& path)
 
 Aligned aligned(const Judged& judged, const std::string& path)
 {
-    const Aligned a = align(judged.points, finite_points(path), judged.sigma_known);
+    Aligned a = align(judged.points, finite_points(path), judged.sigma_known);
     const std::string remedy
         = "; is it in mm, and of the same body? turn it roughly into place, in the axes of cloud.ply";
     if (a.overlap < least_overlap)

@@ -46,6 +46,7 @@ cv::Vec3d middle_of(const std::vector<cv::Vec3d>& points)
     cv::Vec3d middle;
     for (int k = 0; k < 3; ++k) {
         std::vector<double> values;
+        values.reserve(points.size());
         for (const cv::Vec3d& p : points)
             values.push_back(p[k]);
         middle[k] = median(std::move(values));
@@ -56,6 +57,7 @@ cv::Vec3d middle_of(const std::vector<cv::Vec3d>& points)
 std::vector<cv::Vec3d> points_of(const std::vector<Sighted>& sighted)
 {
     std::vector<cv::Vec3d> points;
+    points.reserve(sighted.size());
     for (const Sighted& s : sighted)
         points.push_back(s.point);
     return points;
@@ -218,6 +220,7 @@ cv::Matx44d motion_of(const cv::Vec6d& step, const Round& round)
 double reach_of(const std::vector<cv::Vec3d>& places, const cv::Vec3d& middle)
 {
     std::vector<double> reach;
+    reach.reserve(places.size());
     for (const cv::Vec3d& place : places)
         reach.push_back(cv::norm(place - middle));
     return std::max(median(std::move(reach)), 1e-9);
@@ -228,6 +231,7 @@ cv::Matx44d onto_middle(
     const std::vector<Sighted>& points, const std::vector<std::size_t>& which, const Reference& reference)
 {
     std::vector<cv::Vec3d> places;
+    places.reserve(which.size());
     for (const std::size_t i : which)
         places.push_back(points[i].point);
     const cv::Vec3d shift = middle_of(reference.points) - middle_of(places);
@@ -281,6 +285,7 @@ Aligned align(const std::vector<Sighted>& points, const std::vector<Sighted>& re
     Reference reference(reference_points);
     const std::vector<std::size_t> which = evenly(points.size(), enough);
     std::vector<double> sigmas;
+    sigmas.reserve(which.size());
     for (const std::size_t i : which)
         sigmas.push_back(points[i].sigma);
     const double noise = sigma_known ? median(std::move(sigmas)) : 0.0;
