@@ -88,7 +88,8 @@ Accepted accept(const std::string& result_folder, const AcceptanceRequest& reque
     accepted.findings = unknowns(judged, result);
     accepted.findings.insert(accepted.findings.end(), check.findings.begin(), check.findings.end());
     Json acceptance { { "body", name_of(request.body) }, { "region", to_json(request.region) },
-        { "points", judged.points.size() }, { "without_sigma", judged.without_sigma }, { "unsure", judged.unsure } };
+        { "points", judged.points.size() },
+        { "without_sigma", judged.sigma_known ? Json(judged.without_sigma) : Json() }, { "unsure", judged.unsure } };
     acceptance.update(check.figures);
     acceptance["calibration_share_mm"] = to_json(judged.share);
     acceptance["limit_mm"] = request.limit_mm ? Json(*request.limit_mm) : Json();

@@ -37,15 +37,20 @@ struct Disc {
     Disc(const Ball& ball, const Sight& sight, double part, int samples)
         : middle(sight.pixel(ball.centre))
         , radius(part * sight.f * ball.radius / ball.centre[2])
-        , step(std::max(1, static_cast<int>(2.0 * radius) / samples))
+        , step(std::max(1, whole(2.0 * radius) / samples))
+        , area(cv::Rect(cv::Point(whole(middle.x - radius), whole(middle.y - radius)),
+                   cv::Point(whole(middle.x + radius) + 1, whole(middle.y + radius) + 1))
+              & cv::Rect({}, sight.size))
     {
-        const auto low = [](double v, double r) { return std::max(0, static_cast<int>(std::floor(v - r))); };
-        area = cv::Rect(cv::Point(low(middle.x, radius), low(middle.y, radius)),
-                   cv::Point(static_cast<int>(std::min(middle.x + radius, 1e6)) + 1,
-                       static_cast<int>(std::min(middle.y + radius, 1e6)) + 1))
-            & cv::Rect({}, sight.size);
     }
     bool holds(int x, int y) const { return std::hypot(x - middle.x, y - middle.y) <= radius; }
+
+    /// A pixel's coordinate; that of a fit which went astray lies outside of every picture.
+    static int whole(double v)
+    {
+        constexpr double farthest = 1e6;
+        return std::abs(v) < farthest ? cvFloor(v) : -1;
+    }
 
     cv::Point2d middle;
     double radius;
@@ -101,7 +106,8 @@ const Sighted* Search::_at(const cv::Point& pixel) const
 bool Search::_guess(Ball& ball)
 {
     const Sighted& first = _points[_random(static_cast<unsigned>(_points.size()))];
-    const double reach = 0.8 * _sight.f * _radius / first.point[2];
+    const double whole_picture = _sight.size.width + _sight.size.height;
+    const double reach = std::min(0.8 * _sight.f * _radius / first.point[2], whole_picture);
     const auto neighbour = [&] {
         return _at(first.pixel
             + cv::Point(

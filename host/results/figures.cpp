@@ -46,7 +46,7 @@ constexpr Figure figures[] = {
     { "flatness, rms", "/acceptance/flatness/measured_mm", "mm", 4 },
     { "  predicted", "/acceptance/flatness/predicted_mm", "mm", 4 },
     { "  measured / predicted", "/acceptance/flatness/ratio", "x", 2 },
-    { "  the same along the line of sight", "/acceptance/flatness/in_depth_mm", "mm", 4 },
+    { "  the same in depth", "/acceptance/flatness/in_depth_mm", "mm", 4 },
     { "diameter of ball 0, off", "/acceptance/diameters/0/deviation_mm", "mm", 4 },
     { "  predicted", "/acceptance/diameters/0/predicted_mm", "mm", 4 },
     { "  measured / predicted", "/acceptance/diameters/0/ratio", "x", 2 },
@@ -83,24 +83,26 @@ std::string cell(const Json& result, const Figure& figure)
     return number(value, figure.decimals) + (unit == "x" ? "" : " " + unit);
 }
 
+Json read_figures(const std::string& path)
+{
+    Json read = read_json(path);
+    const bool any = std::any_of(
+        std::begin(figures), std::end(figures), [&read](const Figure& figure) { return !cell(read, figure).empty(); });
+    if (!any) throw Failure(path + ": holds none of the figures of a comparison; run vexo compare again");
+    return read;
+}
+
 } // namespace
 
 Json read_comparison(const std::string& folder)
 {
-    Json comparison;
+    const std::string with_truth = (fs::path(folder) / "compare.json").string();
+    const std::string without = (fs::path(folder) / "acceptance.json").string();
     std::error_code ignored;
-    for (const char* name : { "compare.json", "acceptance.json" }) {
-        const std::string path = (fs::path(folder) / name).string();
-        if (std::string(name) == "acceptance.json"
-                ? !fs::exists(path, ignored)
-                : fs::exists(fs::path(folder) / "acceptance.json", ignored) && !fs::exists(path, ignored))
-            continue;
-        const Json read = read_json(path);
-        const bool any = std::any_of(std::begin(figures), std::end(figures),
-            [&read](const Figure& figure) { return !cell(read, figure).empty(); });
-        if (!any) throw Failure(path + ": holds none of the figures of a comparison; run vexo compare again");
-        comparison.update(read);
-    }
+    const bool judged = fs::exists(without, ignored);
+    Json comparison = Json::object();
+    if (!judged || fs::exists(with_truth, ignored)) comparison.update(read_figures(with_truth));
+    if (judged) comparison.update(read_figures(without));
     return comparison;
 }
 
