@@ -173,8 +173,8 @@ HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c, const std::stri
         };
         held.apart = apart_at(c.fits[0].middle_depth);
         seen = evenly_over(seen, c.size);
-        held.share = share_of(
-            { apart_at(c.fits[0].near_depth), apart_at(c.fits[0].middle_depth), apart_at(c.fits[0].far_depth) });
+        const std::vector<double>& depths = c.fits[0].marker_depths;
+        held.share = share_of({ apart_at(depths[0]), apart_at(depths[1]), apart_at(depths[2]) });
     }
     held.done = true;
     return held;

@@ -80,9 +80,7 @@ CameraFit fit_camera(
         for (std::size_t v = 0; v < views.count(); ++v)
             if (fold.views[v]) fit_view(fold.cameras[camera], views.cameras[camera][v], board, v, fit, depths);
     fit.middle_depth = median(depths.middles);
-    const std::vector<double> ends = quantiles(depths.markers, { 0.05, 0.95 });
-    fit.near_depth = ends[0];
-    fit.far_depth = ends[1];
+    fit.marker_depths = quantiles(depths.markers, { 0.05, 0.5, 0.95 });
     Squares all;
     for (const Residual& residual : fit.residuals)
         all.add(residual.error_px.dot(residual.error_px));

@@ -1,12 +1,14 @@
 #include "host/accuracy/acceptance.h"
 
 #include "base/failure.h"
+#include "host/clouds/shared_noise.h"
 #include "host/files/ply.h"
 #include "host/results/figures.h"
 #include "support/folder.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include <functional>
 #include <random>
@@ -163,6 +165,29 @@ TEST_F(Acceptance, DiametersAndDistanceComeOutOfTheBallsThatWereMade)
     EXPECT_NE(why_refused({ Body::ball, { 50 }, "", {}, {} }).find("no ball of about 50.000 mm"), std::string::npos);
     EXPECT_NE(why_refused({ Body::ball, { 60 }, "", { {}, cv::Rect(0, 200, 320, 50) }, {} }).find("no ball"),
         std::string::npos);
+}
+
+TEST(PointsAsOne, AreAsManyAsShareTheirNoiseWhateverTheForm)
+{
+    std::mt19937 random(3);
+    std::normal_distribution<double> noise;
+    cv::Mat_<double> own(100, 100), shared;
+    for (double& value : own)
+        value = noise(random);
+    cv::blur(own, shared, { 3, 3 });
+    for (const bool alone : { true, false }) {
+        std::vector<Sighted> points;
+        std::vector<std::size_t> which;
+        std::vector<double> residuals;
+        for (int i = 0; i < 10000; ++i) {
+            points.push_back({ { 0, 0, 1 }, 1, { i % 100, i / 100 } });
+            which.push_back(which.size());
+            residuals.push_back(
+                (alone ? own(i / 100, i % 100) : 3 * shared(i / 100, i % 100)) + std::sin(0.05 * i / 100.0));
+        }
+        // 64 correlations, each off by 1 / sqrt(10 000), and as many times the mean of those farther away
+        EXPECT_NEAR(points_as_one(points, which, residuals), alone ? 1 : 9, alone ? 0.3 : 1.5);
+    }
 }
 
 TEST_F(Acceptance, CloudComesToRestOnAReferenceThatLiesAskewOrFarAway)
