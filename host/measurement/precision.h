@@ -5,6 +5,7 @@
 #include "host/clouds/cloud.h"
 #include "host/measurement/candidates.h"
 #include "host/measurement/causes.h"
+#include "host/measurement/raw_phases.h"
 #include "host/measurement/record.h"
 
 #include <opencv2/core.hpp>
@@ -23,6 +24,7 @@ struct Precision {
     std::array<NoiseModel, 2> noise;     ///< of each camera
     std::array<long long, 6> samples {}; ///< [n]: points that are read from n pixels of camera 1; [0]: dropped
     CandidateCounts candidates;          ///< where a second decoding says otherwise
+    long long in_gaps = 0;               ///< points that the fringes of narrow gaps gave
     cv::Mat sigma; ///< CV_32F, standard deviation of the depth by the noise alone, unit of the calibration; NaN: none
     double seconds = 0.0;
 };
@@ -36,11 +38,19 @@ struct PhasePoints {
     cv::Mat& disparity; ///< CV_32F, px, NaN: no point
     Cloud& cloud;
     CauseMap& causes;
-    const CandidateLimits& limits;
+    CandidateLimits limits;
 };
+
+/// What points are refined from.
+struct PhaseData {
+    std::array<NoiseModel, 2> noise; ///< of each camera
+    std::array<RawPhases, 2> raw;    ///< empty of a cloud without points
+};
+
+PhaseData phase_data(const PhasePoints& points);
 
 /// Refines the points, or leaves them as they are, and says their sigma. Dropped points go from map and cloud, and get
 /// the cause `refinement`, or `disparity` where they are now outside the limits.
-Precision make_precise(const Stereo& stereo, const PhasePoints& points, bool refined);
+Precision make_precise(const Stereo& stereo, const PhaseData& data, const PhasePoints& points, bool refined);
 
 } // namespace vexo

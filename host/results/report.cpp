@@ -77,7 +77,7 @@ void add_precision(const Measured& m, Json& report)
 {
     const Precision& p = m.precision;
     report["refinement"] = { { "made", p.refined }, { "samples_5", p.samples[5] }, { "samples_3", p.samples[3] },
-        { "samples_2", p.samples[2] }, { "dropped", p.samples[0] } };
+        { "samples_2", p.samples[2] }, { "dropped", p.samples[0] }, { "in_gaps", p.in_gaps } };
     report["second_decoding"] = { { "added", p.candidates.added }, { "exchanged", p.candidates.exchanged },
         { "dropped", p.candidates.dropped } };
     report["sigma"] = { { "why_none", p.why_none } };
@@ -155,6 +155,7 @@ Json make_report(
     report["unit"] = stereo.notes.unit.name;
     report["unit_stated"] = stereo.notes.unit.stated;
     report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);
+    report["calibration_share_mm"] = vexo::to_json(stereo.notes.share);
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
     if (m.method() != Method::sgbm)
