@@ -104,10 +104,11 @@ public:
         _sample(coordinates[0], tables[0], y, _row0);
         _sample(coordinates[1], tables[1], y, _row1);
         (Cpu::has_avx2() ? keep_avx2 : keep_plain)(library, _row0.data(), _row1.data(), cols, _agree, out);
+        _span();
         bool noted = false;
         for (int x = 0; x < cols; ++x) {
-            if (out[x] == out[x] || !(_row0[static_cast<std::size_t>(x)] == _row0[static_cast<std::size_t>(x)]))
-                continue;
+            const float c = _row0[static_cast<std::size_t>(x)];
+            if (out[x] == out[x] || !(c >= _low - _differ && c <= _high + _differ)) continue; // also without one
             if (!noted) _note();
             noted = true;
             out[x] = _match(x);
@@ -125,18 +126,25 @@ private:
             raw.size(), static_cast<int>(row.size()), row.data());
     }
 
+    /// The least and the largest coordinate of camera 1; the least is the larger of a row without.
+    void _span()
+    {
+        float low = std::numeric_limits<float>::max(), high = -low;
+#pragma omp simd reduction(min : low) reduction(max : high)
+        for (std::size_t k = 0; k < _row1.size(); ++k) { // comparisons with NaN are false
+            low = _row1[k] < low ? _row1[k] : low;
+            high = _row1[k] > high ? _row1[k] : high;
+        }
+        _low = low;
+        _high = high;
+    }
+
     /// Enters the columns of camera 1 by their coordinate.
     void _note()
     {
-        float low = std::numeric_limits<float>::infinity(), high = -low;
-        for (const float c : _row1) {
-            low = c < low ? c : low;
-            high = c > high ? c : high;
-        }
         const auto most = 4.0F * static_cast<float>(_row1.size()); // places: coordinates may err
-        _low = low;
-        _bins = high > low ? std::min(_per_unit, most / (high - low)) : 1.0F;
-        _places.assign(low <= high ? static_cast<std::size_t>((high - low) * _bins) + 1 : 0, {});
+        _bins = _high > _low ? std::min(_per_unit, most / (_high - _low)) : 1.0F;
+        _places.assign(static_cast<std::size_t>((_high - _low) * _bins) + 1, {});
         for (std::size_t k = 0; k < _row1.size(); ++k) {
             if (!(_row1[k] == _row1[k])) continue;
             Place& place = _places[static_cast<std::size_t>((_row1[k] - _low) * _bins)];
@@ -177,7 +185,7 @@ private:
     }
 
     float _least, _most, _per_unit, _differ, _agree;
-    float _low = 0.0F, _bins = 1.0F; ///< the first place's coordinate, places a unit
+    float _low = 0.0F, _high = 0.0F, _bins = 1.0F; ///< coordinates of camera 1, places a unit
     std::vector<float> _row0, _row1;
     std::vector<Place> _places;
 };

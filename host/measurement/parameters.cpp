@@ -98,7 +98,7 @@ void choose_match(MatchingRecord& record, const MeasureRequest& request, const C
         origins.max_phase_diff = Origin::measured;
     }
     if (request.fit_points || !(noise.sigma0 > 0.0)) return; // decoded maps do not show their noise
-    const bool quiet = disparity_noise(noise, 5.0) < 0.5 * remap_rounding();
+    const bool quiet = disparity_noise(noise, 5.0) < 0.25 * remap_rounding();
     of_phases(record, [&](auto& param) { param.fit_points = quiet ? 3 : 5; });
     origins.fit_points = Origin::measured;
 }

@@ -69,7 +69,7 @@ double choose_light(MatchingRecord& record, const MeasureRequest& request, const
 ///
 /// in the record's unit, of several periods at least half a projector px. On the virtual rig's bust 1.5 px measure
 /// 0.2 % less than 4 px do, with 40 % fewer wrong points. A line goes through five points, or three where the noise
-/// moves it by less than half of what the rounding of positions does: then a curved surface moves it most.
+/// moves it by less than a quarter of what the rounding of positions does: then a curved surface moves it most.
 void choose_match(
     MatchingRecord& record, const MeasureRequest& request, const CoordinateNoise& noise, Origins& origins);
 

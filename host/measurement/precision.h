@@ -38,7 +38,7 @@ struct PhasePoints {
     cv::Mat& disparity; ///< CV_32F, px, NaN: no point
     Cloud& cloud;
     CauseMap& causes;
-    CandidateLimits limits;
+    CandidateLimits limits {}; ///< of a second decoding, when the points are refined
 };
 
 /// What points are refined from.
