@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -37,7 +38,8 @@ VEXO_INLINE void sample_nearest(
     for (int x = 0; x < cols; ++x) {
         const float u = map_x[x] > 0.0F ? map_x[x] : 0.0F, v = map_y[x] > 0.0F ? map_y[x] : 0.0F; // NaN: 0
         const float cu = u < right ? u : right, cv = v < bottom ? v : bottom;
-        const float at = raw[static_cast<int>(cv + 0.5F) * width + static_cast<int>(cu + 0.5F)];
+        const float column = cu + 0.5F, row = cv + 0.5F; // whole numbers are cut off: the nearest pixel
+        const float at = raw[static_cast<int>(row) * width + static_cast<int>(column)];
         out[x] = ((cu == map_x[x]) & (cv == map_y[x])) ? at : none;
     }
 }
@@ -200,25 +202,37 @@ public:
     {
     }
 
+    /// Looks at what differs; mostly it is the same, bit by bit.
     void choose_row(int y, float* out, CandidateCounts& counts) const
     {
+        constexpr int stretch = 16;
         const float *const l = _library.ptr<float>(y), *const p = _plain.ptr<float>(y);
-        for (int x = 0; x < _library.cols; ++x) {
-            const bool matched = l[x] == l[x], again = p[x] == p[x];
-            out[x] = l[x];
-            if (_same(l[x], p[x]) || !(matched || again)) continue;
-            if (!matched)
-                out[x] = _holds_alone(y, x, p[x]) ? p[x] : none;
-            else
-                out[x] = _better(y, x, l[x], p[x]);
-            const bool is = out[x] == out[x];
-            counts.added += !matched && is ? 1 : 0;
-            counts.dropped += matched && !is ? 1 : 0;
-            counts.exchanged += matched && is && out[x] != l[x] ? 1 : 0;
+        const int cols = _library.cols;
+        std::copy(l, l + cols, out);
+        for (int begin = 0; begin < cols; begin += stretch) {
+            const int end = std::min(begin + stretch, cols);
+            if (std::memcmp(l + begin, p + begin, static_cast<std::size_t>(end - begin) * sizeof(float)) == 0) continue;
+            for (int x = begin; x < end; ++x)
+                _choose(y, x, out[x], counts);
         }
     }
 
 private:
+    void _choose(int y, int x, float& out, CandidateCounts& counts) const
+    {
+        const float library = _library.at<float>(y, x), plain = _plain.at<float>(y, x);
+        const bool matched = library == library, again = plain == plain;
+        if (_same(library, plain) || !(matched || again)) return;
+        if (matched)
+            out = _better(y, x, library, plain);
+        else if (_holds_alone(y, x, plain))
+            out = plain;
+        const bool is = out == out;
+        counts.added += !matched && is ? 1 : 0;
+        counts.dropped += matched && !is ? 1 : 0;
+        counts.exchanged += matched && is && out != library ? 1 : 0;
+    }
+
     /// Neighbours, and the pixel itself, whose matches lie near a candidate.
     struct Support {
         int both = 0, library = 0, plain = 0;

@@ -35,15 +35,15 @@ public:
 
     static constexpr float half_period = 0.5F;
 
-    void decode_row(const RawPhases& raw, int y, float* out) const
+    void decode_row(const RawPhases& raw, int y, cv::Range columns, float* out) const
     {
         constexpr std::size_t first_plane = 2, planes = 7;
-        const int cols = raw.variance.cols;
-        const uchar *const dark = _frames[0].ptr(y), *const lit = _frames[1].ptr(y);
+        const int cols = columns.size();
+        const uchar *const dark = _frames[0].ptr(y) + columns.start, *const lit = _frames[1].ptr(y) + columns.start;
         std::vector<uchar> numbers(static_cast<std::size_t>(cols), 0), bits(numbers);
         uchar *const number = numbers.data(), *const bit = bits.data();
         for (std::size_t k = 0; k < planes; ++k) {
-            const uchar* const plane = _frames[first_plane + k].ptr(y);
+            const uchar* const plane = _frames[first_plane + k].ptr(y) + columns.start;
 #pragma omp simd
             for (int x = 0; x < cols; ++x) { // whole bytes: 2 p > a + b where p > (a + b) / 2, rounded down
                 const auto threshold = static_cast<uchar>((dark[x] & lit[x]) + ((dark[x] ^ lit[x]) >> 1));
@@ -51,11 +51,13 @@ public:
                 number[x] = static_cast<uchar>(number[x] + number[x] + bit[x]);
             }
         }
-        const float *const phase = raw.phases[0].ptr<float>(y), *const variance = raw.variance.ptr<float>(y);
+        const float* const phase = raw.phases[0].ptr<float>(y) + columns.start;
+        const float* const variance = raw.variance.ptr<float>(y) + columns.start;
+        float* const to = out + columns.start;
 #pragma omp simd
         for (int x = 0; x < cols; ++x) {
             const float own = static_cast<float>(number[x]) + 0.5F - phase[x];
-            out[x] = variance[x] > 0.0F ? own : none;
+            to[x] = variance[x] > 0.0F ? own : none;
         }
     }
 
@@ -91,10 +93,10 @@ public:
 
     float half_period;
 
-    void decode_row(const RawPhases& raw, int y, float* out) const
+    void decode_row(const RawPhases& raw, int y, cv::Range columns, float* out) const
     {
         const float* const variance = raw.variance.ptr<float>(y);
-        for (int x = 0; x < raw.variance.cols; ++x)
+        for (int x = columns.start; x < columns.end; ++x)
             out[x] = variance[x] > 0.0F ? _decode(raw, y, x) : none;
     }
 
@@ -241,7 +243,9 @@ template <class Coordinates> cv::Mat decode(const Coordinates& coordinates, cons
         for (int y = begin; y < end; ++y) {
             float* const row = decoded.ptr<float>(y);
             std::fill(row, row + decoded.cols, none);
-            if (y >= reach && y < size.height + reach) coordinates.decode_row(raw, y - reach, row + reach);
+            if (y < reach || y >= size.height + reach) continue;
+            const cv::Range columns = used_columns(raw.variance.ptr<float>(y - reach), size.width);
+            coordinates.decode_row(raw, y - reach, columns, row + reach);
         }
     });
     for_bands(size.height, [&](int begin, int end) {

@@ -7,6 +7,7 @@
 #include "patterns/method.h"
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace vexo {
@@ -103,7 +104,9 @@ void note_row(int y, const float* chosen, const PhasePoints& points, CauseChange
     cv::Point3f* const cloud = points.cloud.points.data() + static_cast<std::ptrdiff_t>(y) * points.cloud.size.width;
     const float* const library = points.disparity.ptr<float>(y);
     uchar* const causes = points.causes.causes.ptr<uchar>(y);
-    for (int x = 0; x < points.cloud.size.width; ++x) {
+    const int cols = points.cloud.size.width;
+    if (std::memcmp(library, chosen, static_cast<std::size_t>(cols) * sizeof(float)) == 0) return;
+    for (int x = 0; x < cols; ++x) {
         const bool was = library[x] == library[x], is = chosen[x] == chosen[x];
         if (was == is) continue;
         --changes[causes[x]];
