@@ -47,7 +47,6 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Stereo stereo = open_calibration(o, capture);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
-    if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
 
     progress.step("making the pictures");
     Json report = make_report(capture, stereo, o.request, measured, read_seconds);
@@ -62,6 +61,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
             + ": cloud.ply, report.json, texture, disparity, depth and validity, "
               "each with a picture *_view.png, cause.png");
     put_json(global, report);
+    if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
     const std::string spoilt = why_spoilt(measured);
     if (!spoilt.empty() && !o.accept_verdict) throw BelowLimit(spoilt);
 }

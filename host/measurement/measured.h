@@ -20,6 +20,9 @@
 
 namespace vexo {
 
+/// Measured::range_origin where block matching found no disparities to search.
+constexpr const char* no_range = "none was found";
+
 /// What was measured, and how.
 struct Measured {
     Choice choice;

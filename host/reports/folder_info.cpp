@@ -30,7 +30,7 @@ bool holds(const std::string& folder, const char* name)
 std::string kind_of(const std::string& folder)
 {
     const auto has = [&folder](const char* name) { return holds(folder, name); };
-    if (has("report.json")) return has("report.html") ? "calibration" : "result of a measurement";
+    if (has("report.json")) return has("cameras.yaml") ? "calibration" : "result of a measurement";
     if (has("patterns.json")) return "patterns to project";
     if (has("cam0") && has("cam1"))
         return has("truth.json") ? "photos of a calibration board" : "frames, or photos of a board, of two cameras";
@@ -108,7 +108,7 @@ void add_cameras(const InfoRequest& o, Json& info)
 
 void add_result(const InfoRequest& o, Json& info)
 {
-    const Result result = read_result(o.file);
+    const Result result = read_result(o.file, true);
     const Json& report = result.report;
     for (const char* key : { "method", "unit", "unit_stated", "calibration_verdict", "verdict" })
         if (report.contains(key)) info[key] = report[key];

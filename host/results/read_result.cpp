@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "host/files/ply.h"
+#include "host/verdict/finding.h"
 #include "vexo/limits.h"
 
 #include <cstddef>
@@ -47,9 +48,22 @@ std::optional<double> predict(const Result& r)
     return predicted_noise(multi ? multi_noise(noise) : gray_noise(noise[0]), fit_points, r.f * r.baseline, r.cloud);
 }
 
+/// What the report's findings say of a measurement without points: ": text; advice" of the first that spoils it.
+std::string why_empty(const Json& report)
+{
+    if (!report.contains("findings") || !report["findings"].is_array()) return "";
+    for (const Json& finding : report["findings"]) {
+        if (!finding.is_object() || text_in(finding, "weight", "") != word_of(Weight::spoils)) continue;
+        return ": "
+            + sentence({ "", Weight::spoils, text_in(finding, "where", ""), text_in(finding, "text", ""),
+                text_in(finding, "advice", "") });
+    }
+    return "";
+}
+
 } // namespace
 
-Result read_result(const std::string& folder)
+Result read_result(const std::string& folder, bool may_be_empty)
 {
     Result r;
     r.report_path = (fs::path(folder) / "report.json").string();
@@ -69,9 +83,9 @@ Result read_result(const std::string& folder)
     PlyCloud cloud = read_ply_cloud((fs::path(folder) / "cloud.ply").string());
     r.cloud = std::move(cloud.points);
     r.sigma = std::move(cloud.sigma);
-    if (r.cloud.empty()) throw Failure(folder + "/cloud.ply: holds no points");
+    if (r.cloud.empty() && !may_be_empty) throw Failure(folder + "/cloud.ply: holds no points" + why_empty(r.report));
     r.decode_and_match_seconds = get("/seconds/decode_and_rectify") + get("/seconds/match_and_triangulate");
-    r.predicted_noise = predict(r);
+    if (!r.cloud.empty()) r.predicted_noise = predict(r);
     return r;
 }
 

@@ -28,6 +28,7 @@ struct Result {
 };
 
 /// Reads report.json and cloud.ply. Throws Failure that names the file.
-Result read_result(const std::string& folder);
+/// @param may_be_empty  false: a result without points is refused, with what its report says of why
+Result read_result(const std::string& folder, bool may_be_empty = false);
 
 } // namespace vexo

@@ -142,10 +142,27 @@ TEST_F(Measure, CloudIsTheSameToTheByteForOneAndForTwoThreads)
     EXPECT_EQ(program::read(at("one/valid_view.png")), program::read(at("two/valid_view.png")));
 }
 
-TEST_F(Measure, DisparitiesOutsideTheLimitsAreNamedWithTheirRange)
+TEST_F(Measure, WhereNothingIsMeasuredEveryFileIsWrittenAllTheSameAndNamesTheCause)
 {
-    program::expect_refused(*work, "measure " + at("scan") + " --disparity 5000:6000 --out " + at("nothing"),
-        "every disparity lies outside [5000, 6000]: measured range", at("nothing"));
+    const std::string why = "every disparity lies outside [5000, 6000]: measured range";
+    const Outcome empty = run("measure " + at("scan") + " --disparity 5000:6000 --accept-verdict --out " + at("none"));
+    EXPECT_EQ(empty.code, 1);
+    EXPECT_TRUE(empty.one_line_of_error()) << empty.err;
+    EXPECT_NE(empty.err.find("no point was measured; " + why), std::string::npos) << empty.err;
+    EXPECT_EQ(Json::parse(program::read(at("none/report.json")))["verdict"], "spoils");
+    EXPECT_NE(program::read(at("none/cloud.ply")).find("element vertex 0\n"), std::string::npos);
+    program::expect_refused(*work, "compare " + at("none") + " " + at("scan"), why, at("none/compare.json"));
+    EXPECT_EQ(told("info", at("none"))["points"], 0);
+
+    fs::create_directories(at("pair/cam0")); // two pictures that have nothing in common
+    fs::create_directories(at("pair/cam1"));
+    fs::copy(at("scan/cameras.yaml"), at("pair/cameras.yaml"));
+    fs::copy(at("scan/cam0/frame01.png"), at("pair/cam0/frame00.png"));
+    cv::imwrite(at("pair/cam1/frame00.png"), cv::Mat::zeros(256, 320, CV_8U));
+    const Outcome apart = run("measure --method sgbm " + at("pair") + " --out " + at("apart"));
+    EXPECT_EQ(apart.code, 1) << apart.err;
+    EXPECT_NE(apart.err.find("no point was measured; the two pictures fit each other nowhere"), std::string::npos);
+    EXPECT_TRUE(fs::exists(at("apart/report.json")));
 }
 
 TEST_F(Measure, DepthRangeKeepsTheSurfaceInItAndNothingElse)
