@@ -205,6 +205,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     m.disparity = disparity_map(m.cloud, m.geometry);
     make_precise(work);
+    m.uncleaned = m.disparity.clone();
     clean(m, cleaning_rules(m.method(), m.precision.refined, request.cleaning));
     m.depth = depth_map(m.cloud);
     clock.lap();
