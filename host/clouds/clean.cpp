@@ -15,7 +15,7 @@ namespace vexo {
 namespace {
 
 constexpr float sigmas = 4.0F;
-constexpr float median_px = 0.5F, neighbour_px = 2.0F, region_px = 0.75F;
+constexpr float median_px = 0.5F, neighbour_px = 2.0F;
 constexpr int reach = 2; ///< of the median's window
 
 /// The map with `reach` pixels around it; what is missing lies behind everything.
@@ -138,9 +138,9 @@ cv::Mat complete(const cv::Mat& sigma, cv::Size size, float& median)
     return known;
 }
 
-void mark_speckles(const cv::Mat& disparity, float median_sigma, cv::Mat& faults)
+void mark_speckles(const cv::Mat& disparity, const CleaningRules& rules, float median_sigma, cv::Mat& faults)
 {
-    constexpr double pixels = 120.0, of = 1280.0 * 1024.0, least = 12.0;
+    constexpr double of = 1280.0 * 1024.0, least = 12.0;
     constexpr double largest = 32000.0, finest = 64.0; // of 16 bits; steps of a px
     double low = 0, high = 0;
     cv::minMaxLoc(disparity, &low, &high, nullptr, nullptr, disparity == disparity);
@@ -153,8 +153,8 @@ void mark_speckles(const cv::Mat& disparity, float median_sigma, cv::Mat& faults
             if (d == d) steps.at<short>(y, x) = static_cast<short>(std::lround(d * scale));
         }
     const auto total = static_cast<double>(disparity.total());
-    const int size = static_cast<int>(std::max(least, pixels * total / of));
-    cv::filterSpeckles(steps, missing, size, static_cast<double>(region_px + sigmas * median_sigma) * scale);
+    const int size = static_cast<int>(std::max(least, rules.speckles * total / of));
+    cv::filterSpeckles(steps, missing, size, static_cast<double>(rules.speckle_step + sigmas * median_sigma) * scale);
     faults.setTo(static_cast<int>(Fault::speckle), (steps == missing) & (disparity == disparity) & (faults == 0));
 }
 
@@ -174,7 +174,7 @@ cv::Mat find_faults(const cv::Mat& disparity, const cv::Mat& sigma, const Cleani
             tests.test(map, y, known.ptr<float>(y), rules, faults.ptr<uchar>(y));
     }
     faults.setTo(0, ~(disparity == disparity));
-    if (rules.speckles) mark_speckles(disparity, median, faults);
+    if (rules.speckles > 0) mark_speckles(disparity, rules, median, faults);
     return faults;
 }
 

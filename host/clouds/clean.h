@@ -23,11 +23,13 @@ struct CleaningRules {
     bool neighbours = false;
     /// Fault::edge: any of the eight neighbours is farther than 2 px.
     bool edges = false;
-    /// Fault::speckle: in a region of fewer than 120 px (of a picture of 1280 x 1024) whose neighbours differ by 0.75
-    /// px at most. Source: Hirschmueller, Stereo processing by semi-global matching, PAMI 30 (2008) 328, for the test.
-    bool speckles = false;
+    /// Fault::speckle: in a region of fewer px (of a picture of 1280 x 1024) than this, 0: no test, whose neighbours
+    /// differ by `speckle_step` px at most. Source: Hirschmueller, Stereo processing by semi-global matching, PAMI 30
+    /// (2008) 328, for the test.
+    int speckles = 0;
+    float speckle_step = 0.75F;
 
-    bool any() const { return median || neighbours || edges || speckles; }
+    bool any() const { return median || neighbours || edges || speckles > 0; }
 };
 
 /// Tests each point of a map of disparities; the first test that it fails counts.

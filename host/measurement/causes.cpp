@@ -107,7 +107,7 @@ std::vector<Cause> causes_of(Method method)
 {
     if (method == Method::sgbm)
         return { Cause::none, Cause::outside_image, Cause::outside_overlap, Cause::no_match, Cause::ambiguous,
-            Cause::speckle, Cause::outlier, Cause::edge };
+            Cause::speckle, Cause::texture, Cause::outlier, Cause::edge };
     return { Cause::none, Cause::outside_image, Cause::contrast, Cause::modulation, Cause::unwrapping,
         Cause::no_partner, Cause::phase_difference, Cause::disparity, Cause::refinement, Cause::outlier, Cause::edge,
         Cause::speckle };
@@ -123,7 +123,7 @@ const char* key_of(Cause cause)
 {
     static const char* const keys[cause_count] = { "measured", "outside_image", "dark_or_low_contrast",
         "low_modulation", "removed_by_unwrapping", "out_of_phase_range", "phase_difference", "disparity_limits",
-        "outside_overlap", "no_match", "ambiguous", "speckle", "refinement", "outlier", "edge" };
+        "outside_overlap", "no_match", "ambiguous", "speckle", "refinement", "outlier", "edge", "texture" };
     return keys[static_cast<std::size_t>(cause)];
 }
 
@@ -134,7 +134,7 @@ const char* words_of(Cause cause)
               "removed by unwrapping", "out of the other camera's phase range", "phase difference too large",
               "disparity outside the limits", "range leads out of the other picture", "no match in the other picture",
               "other disparities fit as well", "patch too small", "no line fits around the match",
-              "far from the points around it", "beside a jump of the surface" };
+              "far from the points around it", "beside a jump of the surface", "too little texture" };
     return words[static_cast<std::size_t>(cause)];
 }
 
@@ -160,6 +160,8 @@ std::string remedy_of(Cause cause, Method method)
     case Cause::outlier:
     case Cause::edge:
         return fit;
+    case Cause::texture:
+        return "paint or project a finer texture, brighter and in focus";
     case Cause::refinement:
         return "check that nothing moved between the frames, and that the fringes are in focus";
     default:

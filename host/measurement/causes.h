@@ -32,6 +32,7 @@ enum class Cause : unsigned char {
     refinement,       ///< matched, but no line through the fringes around the match can be trusted
     outlier,          ///< cleaned: far from the points around it
     edge,             ///< cleaned: beside a jump of the surface
+    texture,          ///< cleaned: block matching has too little to go by around it
     count
 };
 

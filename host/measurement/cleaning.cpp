@@ -21,18 +21,17 @@ Cause cause_of(Fault fault)
     }
 }
 
-/// Sigma of the disparity, px, from that of the depth: sigma_d = f b / Z^2 sigma_Z. Empty when there is none.
-cv::Mat sigma_of_disparity(const Measured& m)
+void remove_point(Measured& m, int y, int x, Cause cause)
 {
-    if (m.precision.sigma.empty()) return {};
-    cv::Mat sigma(m.disparity.size(), CV_32F);
-    const auto slope = static_cast<float>(std::abs(m.geometry.slope));
-    for (int y = 0; y < sigma.rows; ++y)
-        for (int x = 0; x < sigma.cols; ++x) {
-            const float z = m.cloud.point(y, x).z;
-            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
-        }
-    return sigma;
+    m.cloud.points[static_cast<std::size_t>(y) * static_cast<std::size_t>(m.cloud.size.width)
+        + static_cast<std::size_t>(x)]
+        = { none, none, none };
+    --m.cloud.count;
+    m.disparity.at<float>(y, x) = none;
+    if (!m.precision.sigma.empty()) m.precision.sigma.at<float>(y, x) = none;
+    m.causes.causes.at<uchar>(y, x) = static_cast<uchar>(cause);
+    ++m.causes.counts[static_cast<std::size_t>(cause)];
+    --m.causes.counts[static_cast<std::size_t>(Cause::none)];
 }
 
 } // namespace
@@ -51,9 +50,35 @@ CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning)
     // periods it leaves next to none, and the median would take right ones.
     rules.median = strict || (refined && gray) || method == Method::sgbm;
     rules.neighbours = strict || method != Method::multi_phase || !refined;
-    rules.speckles = strict || !refined;
     rules.edges = strict || method == Method::sgbm;
+    constexpr int few = 120, block_few = 1600;
+    constexpr float block_step = 0.5F; // blocks that match by chance hang together in larger patches
+    if (strict || !refined) rules.speckles = few;
+    if (method == Method::sgbm) {
+        rules.speckles = block_few;
+        rules.speckle_step = block_step;
+    }
     return rules;
+}
+
+cv::Mat sigma_of_disparity(const Measured& m)
+{
+    if (m.precision.sigma.empty()) return {};
+    cv::Mat sigma(m.disparity.size(), CV_32F);
+    const auto slope = static_cast<float>(std::abs(m.geometry.slope));
+    for (int y = 0; y < sigma.rows; ++y)
+        for (int x = 0; x < sigma.cols; ++x) {
+            const float z = m.cloud.point(y, x).z;
+            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
+        }
+    return sigma;
+}
+
+void remove_points(Measured& m, const cv::Mat& mask, Cause cause)
+{
+    for (int y = 0; y < mask.rows; ++y)
+        for (int x = 0; x < mask.cols; ++x)
+            if (mask.at<uchar>(y, x) != 0 && m.cloud.measured(y, x)) remove_point(m, y, x, cause);
 }
 
 void clean(Measured& m, const CleaningRules& rules)
@@ -63,17 +88,7 @@ void clean(Measured& m, const CleaningRules& rules)
     for (int y = 0; y < faults.rows; ++y)
         for (int x = 0; x < faults.cols; ++x) {
             const auto fault = static_cast<Fault>(faults.at<uchar>(y, x));
-            if (fault == Fault::none) continue;
-            const Cause cause = cause_of(fault);
-            m.cloud.points[static_cast<std::size_t>(y) * static_cast<std::size_t>(faults.cols)
-                + static_cast<std::size_t>(x)]
-                = { none, none, none };
-            --m.cloud.count;
-            m.disparity.at<float>(y, x) = none;
-            if (!m.precision.sigma.empty()) m.precision.sigma.at<float>(y, x) = none;
-            m.causes.causes.at<uchar>(y, x) = static_cast<uchar>(cause);
-            ++m.causes.counts[static_cast<std::size_t>(cause)];
-            --m.causes.counts[static_cast<std::size_t>(Cause::none)];
+            if (fault != Fault::none) remove_point(m, y, x, cause_of(fault));
         }
 }
 

@@ -6,7 +6,9 @@
 #include "host/cameras/rectification.h"
 #include "host/measurement/cleaning.h"
 #include "host/measurement/disparity_range.h"
+#include "host/measurement/gap_points.h"
 #include "host/measurement/judge.h"
+#include "host/measurement/texture.h"
 
 #include <cmath>
 #include <utility>
@@ -22,6 +24,7 @@ struct Work {
     const MeasureRequest& request;
     const OnStep& on_step;
     PairFrames frames; ///< as recorded; lit frames masked after mask_pixels()
+    PhaseData phases;
     Measured m;
 
     iStereoCamera& camera() const { return *stereo.camera; }
@@ -165,9 +168,26 @@ void make_precise(Work& w)
         m.precision.why_none = "filled columns are not measured";
     if (!m.precision.why_none.empty()) return;
     next_step(w.on_step, "looking once more around each match");
-    m.precision = make_precise(w.stereo,
-        { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes },
-        w.request.refine);
+    Stopwatch clock;
+    const PhasePoints points { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity,
+        m.cloud, m.causes };
+    w.phases = phase_data(points);
+    m.precision = make_precise(w.stereo, w.phases, points, w.request.refine);
+    m.precision.seconds = clock.lap();
+}
+
+/// Takes out what does not belong to the surface: for block matching also what it could not see.
+void clean(Work& w)
+{
+    Measured& m = w.m;
+    const Cleaning cleaning = w.request.cleaning;
+    if (m.method() == Method::sgbm && cleaning != Cleaning::off && m.cloud.count > 0) {
+        const std::array<cv::Mat, 2> pictures { m.texture, rectified(w.camera(), w.frames[1][0], 1) };
+        const std::array<double, 2> noise { picture_noise(w.frames[0][0]), picture_noise(w.frames[1][0]) };
+        remove_points(m, lacks_texture(pictures, noise, m.disparity), Cause::texture);
+    }
+    clean(m, cleaning_rules(m.method(), m.precision.refined, cleaning));
+    if (m.precision.refined && m.cloud.count > 0) measure_gaps(w.stereo, w.phases.raw, m);
 }
 
 cv::Mat depth_map(const Cloud& cloud)
@@ -188,7 +208,7 @@ const cv::Mat& lit_frame(const Work& w, std::size_t camera)
 
 Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const OnStep& on_step)
 {
-    Work work { capture, stereo, request, on_step, capture.frames.frames, {} };
+    Work work { capture, stereo, request, on_step, capture.frames.frames, {}, {} };
     Measured& m = work.m;
     m.choice = capture.choice;
     m.record = record_of(request, capture.method(), capture.files.decoded, capture.periods);
@@ -206,7 +226,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     m.disparity = disparity_map(m.cloud, m.geometry);
     make_precise(work);
     m.uncleaned = m.disparity.clone();
-    clean(m, cleaning_rules(m.method(), m.precision.refined, request.cleaning));
+    clean(work);
     m.depth = depth_map(m.cloud);
     clock.lap();
     m.findings.insert(m.findings.end(), capture.frames.notes.begin(), capture.frames.notes.end());

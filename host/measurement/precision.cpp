@@ -1,7 +1,6 @@
 #include "host/measurement/precision.h"
 
 #include "base/parallel.h"
-#include "base/stopwatch.h"
 #include "host/measurement/library_sigma.h"
 #include "host/measurement/refine.h"
 #include "patterns/method.h"
@@ -26,20 +25,6 @@ std::vector<FringeSet> sets_of(const MatchingRecord& record)
         for (std::size_t f = 0; f < sets.size(); ++f)
             sets[f].weight = static_cast<float>(multi->periods[f]) / static_cast<float>(sets.size());
     return sets;
-}
-
-std::array<RawPhases, 2> phases_of(const PhasePoints& points, Precision& made)
-{
-    const std::vector<FringeSet> sets = sets_of(points.record);
-    const std::array<const std::vector<cv::Mat>*, 2> frames { &points.frames0, &points.frames1 };
-    in_parallel(2, [&](std::size_t camera) {
-        made.noise[camera]
-            = estimate_noise(*frames[camera], phase_sets(method_of(points.record)), points.masks[camera].modulation);
-    });
-    std::array<RawPhases, 2> raw;
-    for (std::size_t camera = 0; camera < 2; ++camera)
-        raw[camera] = raw_phases(*frames[camera], sets, made.noise[camera], points.masks[camera].modulation);
-    return raw;
 }
 
 /// Makes the standard deviation of a depth from that of its disparity, px: sigma_Z = Z^2 / (f b) sigma_d.
@@ -117,18 +102,32 @@ void to_depth(const Geometry& geometry, const Cloud& cloud, cv::Mat& sigma)
 
 } // namespace
 
-Precision make_precise(const Stereo& stereo, const PhasePoints& points, bool refined)
+PhaseData phase_data(const PhasePoints& points)
 {
-    Stopwatch clock;
+    PhaseData data;
+    if (points.cloud.count == 0) return data; // also of pictures too small to lie between four pixels
+    const std::vector<FringeSet> sets = sets_of(points.record);
+    const std::array<const std::vector<cv::Mat>*, 2> frames { &points.frames0, &points.frames1 };
+    in_parallel(2, [&](std::size_t camera) {
+        data.noise[camera]
+            = estimate_noise(*frames[camera], phase_sets(method_of(points.record)), points.masks[camera].modulation);
+    });
+    for (std::size_t camera = 0; camera < 2; ++camera)
+        data.raw[camera] = raw_phases(*frames[camera], sets, data.noise[camera], points.masks[camera].modulation);
+    return data;
+}
+
+Precision make_precise(const Stereo& stereo, const PhaseData& data, const PhasePoints& points, bool refined)
+{
     Precision made;
     made.refined = refined;
-    if (points.cloud.count == 0) { // also of pictures too small to lie between four pixels
+    made.noise = data.noise;
+    if (points.cloud.count == 0) {
         made.sigma = cv::Mat(points.disparity.size(), CV_32F, cv::Scalar(static_cast<double>(none)));
         return made;
     }
-    const std::array<RawPhases, 2> raw = phases_of(points, made);
     if (refined) {
-        const Refined found = refine(raw, stereo.tables, points.disparity);
+        const Refined found = refine(data.raw, stereo.tables, points.disparity);
         made.sigma = found.sigma; // still of the disparity, px
         replace_points(stereo.geometry, found, points, made);
     } else {
@@ -136,10 +135,9 @@ Precision make_precise(const Stereo& stereo, const PhasePoints& points, bool ref
         const auto* gray = std::get_if<GrayPhaseMatchingParam>(&points.record);
         const int samples = gray ? gray->fit_points : std::get<MultiPhaseMatchingParam>(points.record).fit_points;
         made.sigma
-            = library_sigma(raw, stereo.tables, points.disparity, { samples, gray ? gray_periods : projector_px });
+            = library_sigma(data.raw, stereo.tables, points.disparity, { samples, gray ? gray_periods : projector_px });
         to_depth(stereo.geometry, points.cloud, made.sigma);
     }
-    made.seconds = clock.lap();
     return made;
 }
 

@@ -4,6 +4,7 @@
 #include "host/captures/noise.h"
 #include "host/clouds/cloud.h"
 #include "host/measurement/causes.h"
+#include "host/measurement/raw_phases.h"
 #include "host/measurement/record.h"
 
 #include <opencv2/core.hpp>
@@ -21,6 +22,7 @@ struct Precision {
     std::string why_none;                ///< why points have no sigma; empty: they have
     std::array<NoiseModel, 2> noise;     ///< of each camera
     std::array<long long, 6> samples {}; ///< [n]: points that are read from n pixels of camera 1; [0]: dropped
+    long long in_gaps = 0;               ///< points that the fringes of narrow gaps gave
     cv::Mat sigma; ///< CV_32F, standard deviation of the depth by the noise alone, unit of the calibration; NaN: none
     double seconds = 0.0;
 };
@@ -36,8 +38,16 @@ struct PhasePoints {
     CauseMap& causes;
 };
 
+/// What points are refined from.
+struct PhaseData {
+    std::array<NoiseModel, 2> noise; ///< of each camera
+    std::array<RawPhases, 2> raw;    ///< empty of a cloud without points
+};
+
+PhaseData phase_data(const PhasePoints& points);
+
 /// Refines the points, or leaves them as they are, and says their sigma. Dropped points go from map and cloud, and get
 /// the cause `refinement`, or `disparity` where they are now outside the limits.
-Precision make_precise(const Stereo& stereo, const PhasePoints& points, bool refined);
+Precision make_precise(const Stereo& stereo, const PhaseData& data, const PhasePoints& points, bool refined);
 
 } // namespace vexo

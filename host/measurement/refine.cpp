@@ -129,6 +129,8 @@ public:
 
     void refine(int y, const float* disparity, Refined& out, int* bends)
     {
+        if (std::all_of(disparity, disparity + _lines.cols, [](float d) { return d != d; }))
+            return _leave_empty(y, out, bends);
         (Cpu::has_avx2() ? columns_avx2 : columns_plain)(disparity, _lines.cols, _column.data());
         // What lies outside is of an earlier row; no point reads it.
         const Ranges ranges = _ranges(disparity);
@@ -149,6 +151,14 @@ public:
     }
 
 private:
+    void _leave_empty(int y, Refined& out, int* bends) const
+    {
+        std::fill_n(out.disparity.ptr<float>(y), _lines.cols, none);
+        std::fill_n(out.sigma.ptr<float>(y), _lines.cols, none);
+        std::fill_n(out.samples.ptr<uchar>(y), _lines.cols, uchar { 0 });
+        std::fill_n(bends, _lines.cols, 0);
+    }
+
     void _keep(int x, const Found& found)
     {
         const auto i = static_cast<std::size_t>(x);

@@ -23,6 +23,7 @@ std::vector<Label> cause_legend()
         { 72, 85, 121 },
         { 203, 192, 255 },
         { 0, 128, 128 },
+        { 60, 60, 60 },
     };
     std::vector<Label> legend;
     for (std::size_t i = 0; i < cause_count; ++i)

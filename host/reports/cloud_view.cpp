@@ -7,6 +7,7 @@
 #include "host/reports/page_pictures.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace vexo {
@@ -15,9 +16,12 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
+/// Of points that were measured and then taken out.
+constexpr std::array<Cause, 4> cleaned_away { Cause::outlier, Cause::edge, Cause::speckle, Cause::texture };
+
 bool is_cleaned(Cause cause)
 {
-    return cause == Cause::outlier || cause == Cause::edge || cause == Cause::speckle;
+    return std::find(cleaned_away.begin(), cleaned_away.end(), cause) != cleaned_away.end();
 }
 
 /// The disparities of all points that there are, and of those that were cleaned away.
@@ -141,9 +145,7 @@ Json data_of(const Measured& m, const ViewGrid& grid, const PackedPoints& p)
         { "step", grid.step }, { "half", grid.half }, { "columns", (m.disparity.cols + grid.step - 1) / grid.step },
         { "rows", (m.disparity.rows + grid.step - 1) / grid.step }, { "f", m.geometry.f }, { "cx", m.geometry.cx },
         { "cy", m.geometry.cy }, { "slope", m.geometry.slope }, { "offset", m.geometry.offset }, { "low", p.low },
-        { "high", p.high }, { "depths", { depths.low, depths.high } },
-        { "removed",
-            { static_cast<int>(Cause::outlier), static_cast<int>(Cause::edge), static_cast<int>(Cause::speckle) } },
+        { "high", p.high }, { "depths", { depths.low, depths.high } }, { "removed", cleaned_away },
         { "ramp", base64(rgb_of(colour_table(Ramp::Rainbow))) }, { "grid", base64(p.grid) },
         { "disparity", base64(p.disparity) }, { "grey", base64(p.grey) }, { "cause", base64(p.cause) } };
     for (const Label& label : cause_legend())

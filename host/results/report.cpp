@@ -77,7 +77,7 @@ void add_precision(const Measured& m, Json& report)
 {
     const Precision& p = m.precision;
     report["refinement"] = { { "made", p.refined }, { "samples_5", p.samples[5] }, { "samples_3", p.samples[3] },
-        { "samples_2", p.samples[2] }, { "dropped", p.samples[0] } };
+        { "samples_2", p.samples[2] }, { "dropped", p.samples[0] }, { "in_gaps", p.in_gaps } };
     report["sigma"] = { { "why_none", p.why_none } };
     if (p.sigma.empty()) return;
     const std::vector<float> values = finite_values(p.sigma);

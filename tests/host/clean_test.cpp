@@ -1,7 +1,9 @@
 #include "host/clouds/clean.h"
+#include "host/measurement/texture.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -14,7 +16,7 @@ using namespace vexo;
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr CleaningRules median { true }, neighbours { false, true }, edges { false, false, true },
-    speckles { false, false, false, true };
+    speckles { false, false, false, 120 };
 
 /// A slope with noise of 0.05 px, and its sigma.
 struct Map {
@@ -91,6 +93,27 @@ TEST(Cleaning, CountsAsASortedWindowWould)
                 = d == d && far_from_median(map.disparity, y, x, 0.5F + 4.0F * map.sigma.at<float>(y, x));
             ASSERT_EQ(faults.at<uchar>(y, x) != 0, expected) << x << ' ' << y;
         }
+}
+
+TEST(Cleaning, TakesBlocksThatShowNothingButNoiseWhateverTheLight)
+{
+    cv::RNG rng(3);
+    cv::Mat texture(128, 160, CV_32F);
+    rng.fill(texture, cv::RNG::NORMAL, 0.0, 150.0);
+    cv::GaussianBlur(texture, texture, {}, 2.0);
+    texture.colRange(0, 64).setTo(0); // a bare wall
+    for (const double light : { 0.5, 1.0, 2.0 }) {
+        cv::Mat picture(texture.size(), CV_32F), seen;
+        rng.fill(picture, cv::RNG::NORMAL, 128.0, 1.5);
+        cv::Mat(picture + light * texture).convertTo(seen, CV_8U);
+        EXPECT_NEAR(picture_noise(seen), 1.5 * 1.5, 0.5); // the least tenth of 80 blocks is somewhat low
+        const double noise = picture_noise(seen);
+        const cv::Mat bare = lacks_texture({ seen, seen }, { noise, noise }, cv::Mat::zeros(seen.size(), CV_32F));
+        EXPECT_GT(cv::countNonZero(bare.colRange(0, 60)), 0.99 * 60 * 128) << light;
+        EXPECT_LT(cv::countNonZero(bare.colRange(68, 160)), (light < 1.0 ? 0.1 : 0.03) * 92 * 128) << light;
+        const cv::Mat into_wall = lacks_texture({ seen, seen }, { noise, noise }, cv::Mat(seen.size(), CV_32F, 90.0));
+        EXPECT_EQ(cv::countNonZero(into_wall.colRange(70, 140)), 70 * 128) << light; // what it was found in is bare
+    }
 }
 
 } // namespace

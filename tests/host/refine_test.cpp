@@ -1,5 +1,7 @@
 #include "base/cpu.h"
 #include "base/failure.h"
+#include "host/measurement/cleaning.h"
+#include "host/measurement/gap_points.h"
 #include "reference/plain_refinement.h"
 #include "support/bits.h"
 #include "support/measuring.h"
@@ -80,6 +82,34 @@ TEST_F(Refining, GivesTheLibrarysOwnPointsWhenItShallNotRefine)
     EXPECT_EQ(cv::countNonZero((m.precision.sigma == m.precision.sigma) & ~(m.depth == m.depth)), 0);
     request.interpolate = true;
     EXPECT_TRUE(measure(scan, pair, request).precision.sigma.empty());
+}
+
+TEST_F(Refining, MeasuresNarrowGapsOfASurfaceAsTheyWereAndLeavesWiderOnesOpen)
+{
+    const Capture scan = capture(Method::multi_phase);
+    const Stereo pair = stereo(scan);
+    Measured m = measure(scan, pair, {});
+    const PhaseData data = phase_data(
+        { scan.frames.frames[0], scan.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes });
+    const cv::Mat before = m.disparity.clone();
+    cv::Mat narrow = cv::Mat::zeros(before.size(), CV_8U), wide = narrow.clone();
+    for (int x = 100; x + 12 < width; x += 24) {
+        narrow.colRange(x, x + 2).rowRange(100, 200).setTo(255);
+        wide.colRange(x + 12, x + 15).rowRange(100, 200).setTo(255);
+    }
+    remove_points(m, narrow | wide, Cause::unwrapping);
+    const int removed = m.cloud.count;
+    measure_gaps(pair, data.raw, m);
+    const cv::Mat there = before == before, filled = m.disparity == m.disparity;
+    EXPECT_EQ(cv::countNonZero(wide & filled & there), 0);
+    EXPECT_GT(cv::countNonZero(narrow & filled & there), 0.6 * cv::countNonZero(narrow & there)); // not at edges
+    cv::Mat apart;
+    cv::absdiff(before, m.disparity, apart);
+    EXPECT_LT(cv::norm(apart, cv::NORM_INF, filled & there), 0.1);
+    EXPECT_LT(cv::mean(apart, narrow & filled & there)[0],
+        0.01); // the bend of fewer neighbours is taken off; the noise is 0.02
+    EXPECT_EQ(m.cloud.count, cv::countNonZero(filled));
+    EXPECT_GE(m.precision.in_gaps, m.cloud.count - removed);
 }
 
 TEST_F(Refining, RefinesWithTheTablesOfAnHmatSetAsWithItsYaml)
