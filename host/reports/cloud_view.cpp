@@ -4,7 +4,6 @@
 #include "host/reports/cause_words.h"
 #include "host/reports/false_colour.h"
 #include "host/reports/page/parts.h"
-#include "host/reports/page_pictures.h"
 
 #include <algorithm>
 #include <array>
@@ -75,11 +74,11 @@ unsigned char sigma_level(float sigma, const Span& span)
 
 class Packing {
 public:
-    Packing(const Measured& measured, const cv::Mat& disparity, const ViewGrid& grid)
+    Packing(const Measured& measured, const cv::Mat& disparity, const ViewGrid& grid, const Span& sigma)
         : m(measured)
         , _disparity(disparity)
         , _grid(grid)
-        , _sigma_span(m.precision.sigma.empty() ? Span {} : most_of(m.precision.sigma))
+        , _sigma_span(sigma)
     {
         cv::minMaxLoc(disparity, &_packed.low, &_packed.high, nullptr, nullptr, disparity == disparity);
     }
@@ -138,9 +137,8 @@ Bytes rgb_of(const cv::Mat& colours)
     return bytes;
 }
 
-Json data_of(const Measured& m, const ViewGrid& grid, const PackedPoints& p)
+Json data_of(const Measured& m, const ViewGrid& grid, const PackedPoints& p, const Span& depths)
 {
-    const Span depths = most_of(m.depth);
     Json data { { "said", points_text(m.cloud.count) }, { "unit", m.unit.name }, { "points", p.points },
         { "step", grid.step }, { "half", grid.half }, { "columns", (m.disparity.cols + grid.step - 1) / grid.step },
         { "rows", (m.disparity.rows + grid.step - 1) / grid.step }, { "f", m.geometry.f }, { "cx", m.geometry.cx },
@@ -178,18 +176,17 @@ const char* const controls_hint
     = "<p class=\"hint\">Drag turns the cloud, the wheel or two fingers zoom, shift and drag move it, a double click "
       "shows the whole again; so do the arrow keys, + and -, and Home.</p>\n";
 
-std::string scales_html(const Measured& m)
+std::string scales_html(const Measured& m, const Spans& spans)
 {
     const auto scale = [](const char* colour, const std::string& body) {
         return "<div data-colour=\"" + std::string(colour) + "\"" + (std::string(colour) == "depth" ? "" : " hidden")
             + ">" + body + "</div>\n";
     };
     std::string html = scale("grey", scale_html({ 0.0, 255.0 }, Ramp::Grey, "grey level of camera 0"))
-        + scale("depth", scale_html(most_of(m.depth), Ramp::Rainbow, "depth [" + m.unit.name + "]"));
+        + scale("depth", scale_html(spans.depth, Ramp::Rainbow, "depth [" + m.unit.name + "]"));
     if (!m.precision.sigma.empty())
         html += scale("sigma",
-            scale_html(most_of(m.precision.sigma), Ramp::Rainbow,
-                "sigma [" + m.unit.name + "], of the noise alone; grey: not known"));
+            scale_html(spans.sigma, Ramp::Rainbow, "sigma [" + m.unit.name + "], of the noise alone; grey: not known"));
     return html
         + scale("cause",
             legend_html(cause_labels(m.causes))
@@ -233,7 +230,7 @@ std::vector<std::string> cloud_scripts()
     return { std::string(three_script), std::string(view_script) };
 }
 
-std::optional<Section> cloud_section(const Measured& m)
+std::optional<Section> cloud_section(const Measured& m, const Spans& spans)
 {
     if (m.cloud.count == 0) return std::nullopt;
     if (three_script.empty())
@@ -243,13 +240,13 @@ std::optional<Section> cloud_section(const Measured& m)
             "holds the points.</p>\n" };
     const cv::Mat disparity = with_cleaned(m);
     const ViewGrid grid = choose_grid(disparity);
-    const PackedPoints packed = Packing(m, disparity, grid).pack();
+    const PackedPoints packed = Packing(m, disparity, grid, spans.sigma).pack();
     return Section { "The cloud", taken_text(m, grid, packed),
         "<div class=\"view\" id=\"view\" tabindex=\"0\" role=\"img\" aria-label=\"The measured points in 3D\">"
         "<div class=\"ruler\" id=\"ruler\" hidden></div><p class=\"missing\" id=\"missing\" hidden>This browser has no "
         "WebGL, so the points cannot be shown; the pictures below show the same measurement.</p></div>\n"
-            + controls_html(!packed.sigma.empty()) + scales_html(m) + controls_hint
-            + "<script type=\"application/json\" id=\"cloud\">" + script_data(data_of(m, grid, packed))
+            + controls_html(!packed.sigma.empty()) + scales_html(m, spans) + controls_hint
+            + "<script type=\"application/json\" id=\"cloud\">" + script_data(data_of(m, grid, packed, spans.depth))
             + "</script>\n" };
 }
 

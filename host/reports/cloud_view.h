@@ -2,6 +2,7 @@
 
 #include "host/measurement/measured.h"
 #include "host/reports/html.h"
+#include "host/reports/page_pictures.h"
 
 #include <optional>
 #include <string>
@@ -29,7 +30,7 @@ struct ViewGrid {
 ViewGrid choose_grid(const cv::Mat& disparity, int most = most_points_shown);
 
 /// The section with the view; without three.js it says why there is none. Nothing where there is no point.
-std::optional<Section> cloud_section(const Measured& measured);
+std::optional<Section> cloud_section(const Measured& measured, const Spans& spans);
 
 /// The scripts that draw it; none without three.js.
 std::vector<std::string> cloud_scripts();

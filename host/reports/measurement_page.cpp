@@ -43,7 +43,10 @@ void judge(Page& page, const Measured& m)
     default:
         page.verdict = "The measurement is good";
     }
-    if (page.weight >= Weight::unknown) page.reason = sentence(*gravest);
+    if (page.weight < Weight::unknown) return;
+    page.reason = sentence(*gravest);
+    const std::string said = "no point was measured; ";
+    if (page.reason.rfind(said, 0) == 0) page.reason.erase(0, said.size());
 }
 
 std::string title_of(const Finding& finding)
@@ -70,7 +73,7 @@ std::string causes_html(const Measured& m)
         if (count == 0) continue;
         const std::string advice = is_much(m, cause) ? remedy_of(cause, m.method()) : "";
         table.rows.push_back({ swatch_html(legend[static_cast<std::size_t>(cause)].colour) + escaped(words_of(cause))
-                + (advice.empty() ? "" : "<p class=\"hint\">What to do: " + escaped(advice) + ".</p>"),
+                + (advice.empty() ? "" : "<p class=\"hint\">" + sentence_html("what to do: " + advice) + "</p>"),
             grouped_html(count), percent(static_cast<double>(count), total) });
     }
     return table_html(table);
@@ -82,13 +85,14 @@ std::string measurement_html(const Capture& capture, const Measured& m, const Js
 {
     Page page { "Measurement", name_of(capture), Weight::good, "", "", {} };
     judge(page, m);
+    const Spans spans = spans_of(m);
     page.sections.push_back({ "", "", facts_html(m, report) });
     if (!m.findings.empty())
         page.sections.push_back({ "What was found",
             "Everything that is to be said of the frames, the calibration and the result, the gravest first, with what "
             "to do beside it.",
             findings_html(m.findings, title_of) });
-    if (std::optional<Section> cloud = cloud_section(m)) {
+    if (std::optional<Section> cloud = cloud_section(m, spans)) {
         page.sections.push_back(std::move(*cloud));
         page.scripts = cloud_scripts();
     }
@@ -97,8 +101,8 @@ std::string measurement_html(const Capture& capture, const Measured& m, const Js
         "does "
         "not light is dark in every capture.",
         causes_html(m) });
-    page.sections.push_back(
-        { "Pictures of the result", "All are of rectified camera 0, one pixel a point.", result_pictures_html(m) });
+    page.sections.push_back({ "Pictures of the result", "All are of rectified camera 0, one pixel a point.",
+        result_pictures_html(m, spans) });
     const std::string recorded = capture_pictures_html(capture);
     if (!recorded.empty())
         page.sections.push_back(

@@ -21,6 +21,7 @@ struct Picture {
     cv::Mat image;
     std::string scale;   ///< HTML
     bool labels = false; ///< its colours are names: neither mixed nor blurred
+    int side = 1280;     ///< px, the longer one in the page
 };
 
 std::string hex(const cv::Vec3b& colour)
@@ -43,12 +44,17 @@ cv::Mat reduced(const cv::Mat& image, int side, bool labels)
 /// A picture takes no more of the page than this, noisy as it may be: then the page stays below 8 MB.
 constexpr std::size_t most_bytes = 300000;
 
+constexpr int jpeg_quality = 82;
+
+constexpr int side_of_frames = 640; ///< px; the result is what is looked at closely
+
 /// As it stands in the page, and its size there.
 std::string image_html(const Picture& picture)
 {
-    for (int side = 1280, quality = 82;; side = side * 3 / 4) {
+    for (int side = picture.side;; side = side * 3 / 4) {
         const cv::Mat small = reduced(picture.image, side, picture.labels);
-        const std::vector<unsigned char> bytes = picture.labels ? encode(".png", small) : encode_jpeg(small, quality);
+        const std::vector<unsigned char> bytes
+            = picture.labels ? encode(".png", small) : encode_jpeg(small, jpeg_quality);
         if (bytes.size() > most_bytes && side > 200) continue;
         const std::string shown = size_text(small.cols, small.rows),
                           whole = size_text(picture.image.cols, picture.image.rows);
@@ -69,9 +75,9 @@ std::string pictures_html(const std::vector<std::function<Picture()>>& pictures)
     return html + "</div>\n";
 }
 
-Picture map_picture(const std::string& title, const std::string& about, const cv::Mat& values, const std::string& what)
+Picture map_picture(const std::string& title, const std::string& about, const cv::Mat& values, const Span& span,
+    const std::string& what)
 {
-    const Span span = most_of(values);
     return { title, about, coloured(values, span, Ramp::Rainbow), scale_html(span, Ramp::Rainbow, what) };
 }
 
@@ -121,6 +127,11 @@ cv::Mat modulation(const std::vector<cv::Mat>& frames, const std::vector<std::si
 
 } // namespace
 
+Spans spans_of(const Measured& m)
+{
+    return { most_of(m.depth), m.precision.sigma.empty() ? Span {} : most_of(m.precision.sigma) };
+}
+
 std::string swatch_html(const cv::Vec3b& colour)
 {
     return "<span class=\"swatch\" style=\"background:" + hex(colour) + "\"></span>";
@@ -157,7 +168,7 @@ std::vector<Label> cause_labels(const CauseMap& causes)
     return labels;
 }
 
-std::string result_pictures_html(const Measured& m)
+std::string result_pictures_html(const Measured& m, const Spans& spans)
 {
     std::vector<std::function<Picture()>> pictures;
     pictures.emplace_back([&m] {
@@ -165,16 +176,16 @@ std::string result_pictures_html(const Measured& m)
     });
     pictures.emplace_back([&m] { return cause_picture(m); });
     if (m.cloud.count > 0)
-        pictures.emplace_back([&m] {
+        pictures.emplace_back([&m, &spans] {
             return map_picture("Depth", "Along the optical axis of rectified camera 0; dark: nothing was measured.",
-                m.depth, "depth [" + m.unit.name + "]");
+                m.depth, spans.depth, "depth [" + m.unit.name + "]");
         });
     if (m.cloud.count > 0 && !m.precision.sigma.empty())
-        pictures.emplace_back([&m] {
+        pictures.emplace_back([&m, &spans] {
             return map_picture("Sigma",
                 "Standard deviation of each depth by the noise of the frames alone; what the calibration is off by is "
                 "not in it.",
-                m.precision.sigma, "sigma [" + m.unit.name + "]");
+                m.precision.sigma, spans.sigma, "sigma [" + m.unit.name + "]");
         });
     if (!m.rows.shifts.empty()) pictures.emplace_back([&m] { return row_picture(m); });
     return pictures_html(pictures);
@@ -190,13 +201,16 @@ std::string capture_pictures_html(const Capture& capture)
         const std::string which = "camera " + std::to_string(camera);
         pictures.emplace_back([&frames, &sets, which] {
             return Picture { sets.empty() ? "Picture of " + which : "Fringes of " + which, "As recorded.",
-                frames[sets.empty() ? 0 : sets[0]], "" };
+                frames[sets.empty() ? 0 : sets[0]], "", false, side_of_frames };
         });
         if (sets.empty()) continue;
         pictures.emplace_back([&frames, &sets, which] {
-            return map_picture("Strength of the fringes, " + which,
-                "Their amplitude; of several periods that of the weakest.", modulation(frames, sets),
+            const cv::Mat amplitude = modulation(frames, sets);
+            Picture picture = map_picture("Strength of the fringes, " + which,
+                "Their amplitude; of several periods that of the weakest.", amplitude, most_of(amplitude),
                 "amplitude [grey levels]");
+            picture.side = side_of_frames;
+            return picture;
         });
     }
     return pictures_html(pictures);

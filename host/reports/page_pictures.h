@@ -10,6 +10,13 @@
 /// Pictures in a page, with their scales beside them.
 namespace vexo {
 
+/// What the colours of a measurement stand for, wherever they are shown.
+struct Spans {
+    Span depth, sigma; ///< unit of the calibration
+};
+
+Spans spans_of(const Measured& measured);
+
 /// A ramp with its round values.
 /// @param title  "depth [mm]"
 std::string scale_html(const Span& span, Ramp ramp, const std::string& title);
@@ -24,7 +31,7 @@ std::vector<Label> cause_labels(const CauseMap& causes);
 std::string swatch_html(const cv::Vec3b& colour);
 
 /// What was measured and why the rest was not: grey, depth, causes, sigma and row errors, as far as there are any.
-std::string result_pictures_html(const Measured& measured);
+std::string result_pictures_html(const Measured& measured, const Spans& spans);
 
 /// What it was measured from: a fringe frame of each camera and how strong its fringes are; block matching: the two
 /// pictures. Empty for the maps of another decoder.

@@ -93,7 +93,7 @@
         if (removed > all) gl_Position = vec4(2.0, 2.0, 2.0, 1.0);
         gl_PointSize = max(1.5, pixels * abs(position.z) / -seen.z);
         float facing = abs(dot(normalize(normalMatrix * normal), normalize(seen.xyz)));
-        shade = colour * mix(1.0, 0.25 + 0.75 * facing, light);
+        shade = colour * mix(1.0, 0.4 + 0.6 * facing, light);
       }`,
     fragmentShader: `
       varying vec3 shade;
