@@ -36,8 +36,10 @@ cv::Mat reduced(const cv::Mat& image, int side, bool labels)
 {
     const double scale = side / static_cast<double>(std::max(image.cols, image.rows));
     if (scale >= 1.0) return image;
+    const auto length = [scale](int whole) { return std::max(1, static_cast<int>(std::lround(scale * whole))); };
     cv::Mat small;
-    cv::resize(image, small, {}, scale, scale, labels ? cv::INTER_NEAREST : cv::INTER_AREA);
+    cv::resize(
+        image, small, { length(image.cols), length(image.rows) }, 0, 0, labels ? cv::INTER_NEAREST : cv::INTER_AREA);
     return small;
 }
 

@@ -23,8 +23,8 @@ class Browser:
         self._from, to_write = os.pipe()
         ends = [fcntl.fcntl(fd, fcntl.F_DUPFD, 10) for fd in (to_read, to_write)]
         self._process = subprocess.Popen(
-            [CHROMIUM, "--headless=new", "--no-sandbox", "--disable-gpu", "--use-angle=swiftshader",
-             "--enable-unsafe-swiftshader", "--hide-scrollbars", "--remote-debugging-pipe",
+            [CHROMIUM, "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+             "--use-angle=swiftshader", "--enable-unsafe-swiftshader", "--hide-scrollbars", "--remote-debugging-pipe",
              "--user-data-dir=" + self._profile, *flags, "about:blank"],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, close_fds=False,
             preexec_fn=lambda: (os.dup2(ends[0], 3), os.dup2(ends[1], 4)))
