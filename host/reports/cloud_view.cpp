@@ -244,7 +244,9 @@ std::optional<Section> cloud_section(const Measured& m, const Spans& spans)
     return Section { "The cloud", taken_text(m, grid, packed),
         "<div class=\"view\" id=\"view\" tabindex=\"0\" role=\"img\" aria-label=\"The measured points in 3D\">"
         "<div class=\"ruler\" id=\"ruler\" hidden></div><p class=\"missing\" id=\"missing\" hidden>This browser has no "
-        "WebGL, so the points cannot be shown; the pictures below show the same measurement.</p></div>\n"
+        "WebGL, so the points cannot be shown; the pictures below show the same measurement.</p><noscript><p "
+        "class=\"missing\">This browser runs no scripts, so the points cannot be shown; the pictures below show the "
+        "same measurement.</p></noscript></div>\n"
             + controls_html(!packed.sigma.empty()) + scales_html(m, spans) + controls_hint
             + "<script type=\"application/json\" id=\"cloud\">" + script_data(data_of(m, grid, packed, spans.depth))
             + "</script>\n" };
