@@ -27,8 +27,10 @@ struct Result {
     std::optional<double> predicted_noise;
 };
 
+/// Throws Failure when the result holds no points: with the cause and its remedy, as far as the report says them.
+void refuse_empty(const Result& result);
+
 /// Reads report.json and cloud.ply. Throws Failure that names the file.
-/// @param may_be_empty  false: a result without points is refused, with what its report says of why
-Result read_result(const std::string& folder, bool may_be_empty = false);
+Result read_result(const std::string& folder);
 
 } // namespace vexo

@@ -281,6 +281,35 @@ TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)
     program::expect_refused(*work, "compare " + at("kept") + " " + at("scan"), "cut short", at("kept/compare.json"));
 }
 
+TEST_F(Measure, ResultIsJudgedWithoutATruthAsItIsAgainstIt)
+{
+    const std::string result = at("judged_plane");
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + result).code, 0);
+    const Json c = told("compare", result + " " + at("scan")), a = told("compare", result + " --plane")["acceptance"];
+    EXPECT_EQ(a["calibration_share_mm"], "unknown") << "simulated cameras are exact";
+    EXPECT_NEAR(a["flatness"]["ratio"].get<double>(), c["sigma"]["z_rms"].get<double>(), 0.05);
+    // Depths of the truth are those of the raw camera, turned by 7.6 degrees against the rectified one.
+    const double rms = c["error"]["rms_without_outliers"];
+    EXPECT_NEAR(a["flatness"]["in_depth_mm"].get<double>(), rms, 0.03 * rms);
+    EXPECT_EQ(a, Json::parse(program::read(result + "/acceptance.json"))["acceptance"]);
+    const std::string table = run("table " + result).out;
+    EXPECT_NE(table.find("rms of the depth error"), std::string::npos) << table;
+    EXPECT_NE(table.find("flatness, rms"), std::string::npos) << table;
+    const std::pair<std::string, int> calls[] = { { " --plane --limit 10", 0 }, { " --plane --limit 0.001", 1 },
+        { " --limit 10 " + at("scan"), 0 }, { " --limit 0.001 " + at("scan"), 1 }, { "", 2 },
+        { " --plane --ball 40", 2 }, { " --plane " + at("scan"), 2 }, { " --box 0 0 0 1 1 1 " + at("scan"), 2 },
+        { " --ball 40", 3 }, { " --plane --box -1 -1 0 1 1 1", 3 }, { " --reference " + at("scan/scene.json"), 3 },
+        { " --reference " + result + "/cloud.ply --pixel 20 20 200 200 --limit 0.01", 0 } };
+    for (const auto& [arguments, code] : calls) {
+        const Outcome outcome = run("compare " + result + arguments);
+        EXPECT_EQ(outcome.code, code) << arguments << ": " << outcome.err;
+        EXPECT_TRUE(code == 0 || outcome.one_line_of_error()) << outcome.err;
+    }
+    EXPECT_EQ(Json::parse(program::read(result + "/acceptance.json"))["acceptance"]["body"], "reference");
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + result).code, 0);
+    EXPECT_FALSE(fs::exists(result + "/acceptance.json")) << "it spoke of the earlier cloud";
+}
+
 TEST_F(Measure, NamesThatAreNoUtf8AreNames)
 {
     fs::copy(at("scan"), at("sc\xFF"), fs::copy_options::recursive);
