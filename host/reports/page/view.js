@@ -79,7 +79,8 @@
   geometry.setAttribute("normal", new THREE.BufferAttribute(normals, 3));
   geometry.setAttribute("removed", new THREE.BufferAttribute(removed, 1));
   geometry.setAttribute("colour", new THREE.BufferAttribute(colours, 3, true));
-  // A point is a disc as wide as its part of the surface seen from the front, lit from where the eye is.
+  // A point is a disc that covers its part of the surface, which is the longer the more it turns away from camera 0,
+  // lit from where the eye is.
   const material = new THREE.ShaderMaterial({
     uniforms: { pixels: { value: 1 }, light: { value: 1 }, all: { value: 0 } },
     vertexShader: `
@@ -91,7 +92,8 @@
         vec4 seen = modelViewMatrix * vec4(position, 1.0);
         gl_Position = projectionMatrix * seen;
         if (removed > all) gl_Position = vec4(2.0, 2.0, 2.0, 1.0);
-        gl_PointSize = max(1.5, pixels * abs(position.z) / -seen.z);
+        float upright = abs(dot(normal, normalize(position)));
+        gl_PointSize = max(1.5, pixels * abs(position.z) / -seen.z / clamp(upright, 0.4, 1.0));
         float facing = abs(dot(normalize(normalMatrix * normal), normalize(seen.xyz)));
         shade = colour * mix(1.0, 0.4 + 0.6 * facing, light);
       }`,
@@ -147,7 +149,7 @@
     camera.far = 100 * distance();
     camera.updateProjectionMatrix();
     camera.lookAt(pose.target);
-    const size = about.half ? 1.9 : 1.4; // of a disc, in steps of the grid
+    const size = about.half ? 1.7 : 1.3; // of a disc, in steps of the grid
     material.uniforms.pixels.value = size * step / about.f * 0.5 * renderer.domElement.height
       * camera.projectionMatrix.elements[5];
     renderer.render(scene, camera);
