@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "host/reports/cloud_view.h"
 #include "host/reports/html.h"
 
@@ -13,6 +14,11 @@ TEST(Html, TextsOfFilesNeverEndTheElementTheyStandIn)
     EXPECT_EQ(data.find_first_of("<>&\xe2"), std::string::npos) << data;
     EXPECT_EQ(Json::parse(data)["name"], "</script><!--'\"&\xef\xbf\xbd\xe2\x80\xa8");
     EXPECT_EQ(sentence_html("pass --depth, or <b>"), "Pass <span class=\"option\">--depth</span>, or &lt;b&gt;.");
+}
+
+TEST(Text, NumbersThatRoundToZeroHaveNoSign)
+{
+    EXPECT_EQ(number(-0.004, 2) + number(-0.005001, 2) + number(-0.4, 0) + number(-10.0, 0), "0.00-0.010-10");
 }
 
 TEST(Html, Base64IsThatOfRfc4648)
