@@ -45,11 +45,10 @@ CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning)
 {
     CleaningRules rules;
     if (cleaning == Cleaning::off) return rules;
-    const bool strict = cleaning == Cleaning::strict, gray = method == Method::gray_phase;
-    // Refinement leaves gray code + phase wrong points beside occlusions, which stand out from the median; of several
-    // periods it leaves next to none, and the median would take right ones.
-    rules.median = strict || (refined && gray) || method == Method::sgbm;
-    rules.neighbours = strict || method != Method::multi_phase || !refined;
+    const bool strict = cleaning == Cleaning::strict;
+    // Refinement leaves wrong points beside occlusions, most of them dim: they stand out from the median.
+    rules.median = strict || refined || method == Method::sgbm;
+    rules.neighbours = true;
     rules.edges = strict || method == Method::sgbm;
     constexpr int few = 120, block_few = 1600;
     constexpr float block_step = 0.5F; // blocks that match by chance hang together in larger patches

@@ -6,6 +6,7 @@
 #include "host/clouds/cloud.h"
 #include "host/measurement/causes.h"
 #include "host/measurement/match.h"
+#include "host/measurement/parameters.h"
 #include "host/measurement/precision.h"
 #include "host/measurement/projector.h"
 #include "host/measurement/record.h"
@@ -33,7 +34,9 @@ struct Measured {
     std::array<PixelMasks, 2> masks;
     std::array<std::vector<FringeFigures>, 2> fringes; ///< of each camera, one for each period
     RunLengths runs;
-    WeakPixels weak;                  ///< of camera 0, multi-period
+    Origins origins;                  ///< of the parameters that phases are matched with
+    double min_modulation = 0.0;      ///< of a pixel that is measured, grey levels
+    WeakPixels weak;                  ///< of camera 0, left out by a contrast that was given
     cv::Mat texture;                  ///< rectified lit frame of camera 0
     std::string range_origin;         ///< where the disparity limits come from
     std::vector<float> any_disparity; ///< what phases match without limits

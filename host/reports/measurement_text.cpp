@@ -28,8 +28,7 @@ void add_fringes(std::vector<std::string>& lines, const Measured& m)
     std::string periods;
     for (const int period : m.periods())
         periods += (periods.empty() ? "" : ", ") + std::to_string(period);
-    lines.push_back("fringes      periods of " + periods + " projector px; phases may differ by "
-        + number(std::get<MultiPhaseMatchingParam>(m.record).max_phase_diff, 2) + " px");
+    lines.push_back("fringes      periods of " + periods + " projector px");
     for (std::size_t camera = 0; camera < 2 && !is_decoded(m.record); ++camera) {
         const FringeFigures& worst = *std::min_element(m.fringes[camera].begin(), m.fringes[camera].end(),
             [](const auto& a, const auto& b) { return a.modulation < b.modulation; });
@@ -57,6 +56,23 @@ void add_noise(std::vector<std::string>& lines, const Measured& m)
     }
 }
 
+/// What phases are matched with, in one line, and where it comes from.
+std::string chosen_text(const Measured& m)
+{
+    const bool gray = m.method() == Method::gray_phase;
+    const auto text = [&](const auto& p) {
+        const auto from = [](Origin origin) { return std::string(" (") + name_of(origin) + ")"; };
+        std::string line = "phases may differ by " + number(p.max_phase_diff, gray ? 3 : 2)
+            + (gray ? " fringes" : " projector px") + from(m.origins.max_phase_diff) + ", contrast from "
+            + std::to_string(p.min_contrast) + from(m.origins.min_contrast);
+        if (p.datatype == 0)
+            line
+                += ", modulation from " + number(m.min_modulation, 1) + " grey levels" + from(m.origins.min_modulation);
+        return line + ", lines through " + std::to_string(p.fit_points) + " points" + from(m.origins.fit_points);
+    };
+    return gray ? text(std::get<GrayPhaseMatchingParam>(m.record)) : text(std::get<MultiPhaseMatchingParam>(m.record));
+}
+
 std::string quantile_text(const Json& q, int decimals)
 {
     const auto text = [&](const char* key) { return number(q[key].get<double>(), decimals); };
@@ -71,6 +87,10 @@ void add_precision(std::vector<std::string>& lines, const Measured& m, const Jso
         lines.push_back("refined      " + grouped(p.samples[5]) + " points by 5 pixels of camera 1, "
             + grouped(p.samples[3]) + " by 3, " + grouped(p.samples[2]) + " by 2; " + grouped(p.samples[0])
             + " fit nowhere");
+    if (p.refined)
+        lines.push_back("decoded      once more, by pixels: " + grouped(p.candidates.added) + " points added, "
+            + grouped(p.candidates.exchanged) + " matched otherwise, " + grouped(p.candidates.dropped)
+            + " without support");
     if (p.sigma.empty())
         lines.push_back("sigma        none: " + p.why_none);
     else
@@ -139,6 +159,7 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
     lines.push_back(
         "rig          baseline " + m.unit.length(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
     add_fringes(lines, m);
+    if (m.method() != Method::sgbm) lines.push_back("limits       " + chosen_text(m));
     const auto [low, high] = disparity_limits(m.record);
     lines.push_back("range        disparity " + range_text(m, low, high) + ", " + m.range_origin);
     lines.push_back("measured     " + percent(m.cloud.count, static_cast<double>(lit_pixels(m.causes))) + " of the "

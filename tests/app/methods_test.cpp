@@ -116,7 +116,7 @@ TEST_F(Methods, MultiPhasePlaneIsMeasuredWholeAndAsExactlyAsItsNoiseAllows)
 {
     const Json report = measure(at("multi-phase"), "r_multi");
     EXPECT_EQ(report["method"], "multi-phase");
-    EXPECT_EQ(report["parameters"]["min_contrast"], 60);
+    EXPECT_EQ(report["chosen"]["min_contrast"], "measured");
     EXPECT_EQ(pixels_told(report), 320 * 256);
     EXPECT_LT(report["fringes"]["cam0"]["expected_loss"].get<double>(), 1e-4);
 
