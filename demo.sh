@@ -46,5 +46,5 @@ title "figures with the calibrated cameras"
 $vexo table $out/plane/calibrated $out/spheres/calibrated
 title "the bust by each method"
 $vexo table $out/bust/result $out/multi-phase/result $out/sgbm/result
-printf '\nPictures: %s/*/result/*_view.png   clouds: %s/*/result/cloud.ply   calibration page: %s/calib/report.html\n' \
-  $out $out $out
+printf '\nPictures: %s/*/result/*_view.png   clouds: %s/*/result/cloud.ply   pages: %s/*/result/report.html, %s/calib/report.html\n' \
+  $out $out $out $out

@@ -229,4 +229,11 @@ CauseMap find_block_causes(
     });
 }
 
+CauseMap nothing_matches(iStereoCamera& camera, cv::Size raw_size, const Cloud& empty)
+{
+    const cv::Mat inside = seen_by_camera0(camera, raw_size);
+    return map_of(empty,
+        [&inside](int y, int x) { return inside.at<uchar>(y, x) == 255 ? Cause::no_match : Cause::outside_image; });
+}
+
 } // namespace vexo

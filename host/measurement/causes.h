@@ -81,4 +81,7 @@ CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, cons
 CauseMap find_block_causes(
     iStereoCamera& camera, const PairFrames& frames, const SGBMatchingParam& param, const Cloud& cloud);
 
+/// Block matching that was not even tried, as the pictures fit each other nowhere.
+CauseMap nothing_matches(iStereoCamera& camera, cv::Size raw_size, const Cloud& empty);
+
 } // namespace vexo

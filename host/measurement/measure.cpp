@@ -139,6 +139,15 @@ void measure_phases(Work& w)
     m.causes_seconds = clock.lap();
 }
 
+/// No point: the two pictures fit each other at no disparity.
+void leave_unmatched(Work& w)
+{
+    w.m.range_origin = no_range;
+    w.m.cloud.size = w.m.texture.size();
+    w.m.cloud.points.assign(w.m.texture.total(), cv::Point3f(std::nanf(""), std::nanf(""), std::nanf("")));
+    w.m.causes = nothing_matches(w.camera(), w.frames[0][0].size(), w.m.cloud);
+}
+
 void measure_blocks(Work& w)
 {
     Measured& m = w.m;
@@ -147,7 +156,7 @@ void measure_blocks(Work& w)
     Stopwatch clock;
     const char* const origin = range ? as_given : from_the_data;
     if (!range) range = matching_range(m.texture, rectified(w.camera(), w.frames[1][0], 1), m.geometry);
-    if (!range) throw Failure("the two pictures fit each other nowhere; pass --depth or --disparity if they should");
+    if (!range) return leave_unmatched(w);
     const auto& count = w.request.num_disparities;
     if (count) range->second = range->first + *count - 1;
     set_range(m, *range, origin);
@@ -254,6 +263,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     m.disparity = disparity_map(m.cloud, m.geometry);
     make_precise(work);
+    m.uncleaned = m.disparity.clone();
     clean(work);
     m.depth = depth_map(m.cloud);
     clock.lap();

@@ -21,6 +21,9 @@
 
 namespace vexo {
 
+/// Measured::range_origin where block matching found no disparities to search.
+constexpr const char* no_range = "none was found";
+
 /// What was measured, and how.
 struct Measured {
     Choice choice;
@@ -40,6 +43,7 @@ struct Measured {
     Cloud cloud;                      ///< rectified camera 0; may hold no point
     CauseMap causes;
     cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
+    cv::Mat uncleaned;        ///< the disparities before points were taken out because of those around them
     Precision precision;      ///< how far off the points may be, and whether they were refined
     RowError rows;
     ProjectorFit projector;        ///< asked only where the rows do not settle it

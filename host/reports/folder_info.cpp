@@ -30,7 +30,7 @@ bool holds(const std::string& folder, const char* name)
 std::string kind_of(const std::string& folder)
 {
     const auto has = [&folder](const char* name) { return holds(folder, name); };
-    if (has("report.json")) return has("report.html") ? "calibration" : "result of a measurement";
+    if (has("report.json")) return has("cameras.yaml") ? "calibration" : "result of a measurement";
     if (has("patterns.json")) return "patterns to project";
     if (has("cam0") && has("cam1"))
         return has("truth.json") ? "photos of a calibration board" : "frames, or photos of a board, of two cameras";

@@ -2,6 +2,7 @@
 
 #include "base/statistics.h"
 #include "base/text.h"
+#include "host/measurement/range_words.h"
 #include "host/reports/cause_words.h"
 
 #include <algorithm>
@@ -11,32 +12,6 @@
 namespace vexo {
 
 namespace {
-
-/// Range of disparities in words, with the depths that belong to it.
-std::string range_text(const Measured& m, double low, double high)
-{
-    const double a = m.geometry.depth(low), b = m.geometry.depth(high);
-    // beyond infinity the depth is negative
-    const auto text = [&m](double depth) {
-        return depth > 0.0 && depth * m.unit.in_mm < 1e7 ? m.unit.length(depth, 0) : "infinity";
-    };
-    const bool rising = a > 0.0 && (b < 0.0 || a < b);
-    return number(low, 0) + " ... " + number(high, 0) + " (depth " + text(rising ? a : b) + " ... "
-        + text(rising ? b : a) + ")";
-}
-
-/// Without limits, from the 1 % to the 99 % quantile.
-std::string measured_range(const Measured& m)
-{
-    const std::vector<double> ends = quantiles(m.any_disparity, { 0.01, 0.99 });
-    return range_text(m, ends[0], ends[1]);
-}
-
-std::string limits_text(const Measured& m)
-{
-    const auto [low, high] = disparity_limits(m.record);
-    return "[" + number(low, 0) + ", " + number(high, 0) + "]";
-}
 
 void add_fringes(std::vector<std::string>& lines, const Measured& m)
 {
@@ -126,6 +101,14 @@ void add_precision(std::vector<std::string>& lines, const Measured& m, const Jso
         + (share ? depths_in_words(*share) : "unknown, its files do not say it"));
 }
 
+void add_quantiles(std::vector<std::string>& lines, const Measured& m, const Json& report)
+{
+    lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
+    lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
+        + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
+    add_precision(lines, m, report);
+}
+
 void add_findings(std::vector<std::string>& lines, const Measured& m)
 {
     for (const Finding& finding : m.findings) {
@@ -162,19 +145,10 @@ std::string why_spoilt(const Measured& m)
 
 std::string why_nothing(const Measured& m)
 {
-    for (const Finding& finding : m.findings)
-        if (finding.weight == Weight::spoils && finding.name != "rows")
-            return "no point was measured; " + sentence(finding);
-    if (m.causes[Cause::disparity] > 0)
-        return "every disparity lies outside " + limits_text(m) + ": measured range " + measured_range(m)
-            + "; pass --disparity or --depth";
-    if (m.method() == Method::sgbm)
-        return "no pixel of the two pictures matches at disparities " + limits_text(m)
-            + "; pass --disparity or --depth, and check that cam0 and cam1 are not swapped";
-    const Cause worst = likeliest_cause(m.causes);
-    const std::string text = worst == Cause::contrast ? "no point was measured; most pixels: "
-                                                      : "no point was measured; most lit pixels: ";
-    return text + words_of(worst) + "; " + remedy_of(worst, m.method());
+    for (const Finding& finding : m.findings) // causes come before what they cause
+        if (finding.weight == Weight::spoils)
+            return (finding.name == "coverage" ? "" : "no point was measured; ") + sentence(finding);
+    return "no point was measured";
 }
 
 std::vector<std::string> summary_lines(const Measured& m, const Json& report)
@@ -193,10 +167,7 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
         + grouped(m.cloud.count) + ", " + percent(m.cloud.count, total) + " of the picture's "
         + grouped(static_cast<long long>(total)));
     add_causes(lines, m, total);
-    lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
-    lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
-        + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
-    add_precision(lines, m, report);
+    if (m.cloud.count > 0) add_quantiles(lines, m, report);
     const auto lost = static_cast<double>(m.causes[Cause::disparity]);
     if (lost > 0.01 * (m.cloud.count + lost))
         lines.push_back("note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside "
