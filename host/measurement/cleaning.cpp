@@ -1,5 +1,7 @@
 #include "host/measurement/cleaning.h"
 
+#include "base/parallel.h"
+
 #include <cmath>
 #include <limits>
 
@@ -65,11 +67,15 @@ cv::Mat sigma_of_disparity(const Measured& m)
     if (m.precision.sigma.empty()) return {};
     cv::Mat sigma(m.disparity.size(), CV_32F);
     const auto slope = static_cast<float>(std::abs(m.geometry.slope));
-    for (int y = 0; y < sigma.rows; ++y)
+    in_parallel(static_cast<std::size_t>(sigma.rows), [&](std::size_t row) {
+        const int y = static_cast<int>(row);
+        const float* const of_depth = m.precision.sigma.ptr<float>(y);
+        float* const to = sigma.ptr<float>(y);
         for (int x = 0; x < sigma.cols; ++x) {
             const float z = m.cloud.point(y, x).z;
-            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
+            to[x] = of_depth[x] / (slope * z * z);
         }
+    });
     return sigma;
 }
 
@@ -84,11 +90,12 @@ void clean(Measured& m, const CleaningRules& rules)
 {
     if (!rules.any() || m.cloud.count == 0) return;
     const cv::Mat faults = find_faults(m.disparity, sigma_of_disparity(m), rules);
-    for (int y = 0; y < faults.rows; ++y)
-        for (int x = 0; x < faults.cols; ++x) {
-            const auto fault = static_cast<Fault>(faults.at<uchar>(y, x));
-            if (fault != Fault::none) remove_point(m, y, x, cause_of(fault));
-        }
+    for (int y = 0; y < faults.rows; ++y) {
+        const uchar* const row = faults.ptr<uchar>(y);
+        for (int x = 0; x < faults.cols; ++x)
+            if (const auto fault = static_cast<Fault>(row[x]); fault != Fault::none)
+                remove_point(m, y, x, cause_of(fault));
+    }
 }
 
 } // namespace vexo
