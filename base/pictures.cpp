@@ -50,4 +50,12 @@ std::vector<unsigned char> encode(const std::string& extension, const cv::Mat& p
     return bytes;
 }
 
+std::vector<unsigned char> encode_jpeg(const cv::Mat& picture, int quality)
+{
+    std::vector<unsigned char> bytes;
+    if (!cv::imencode(".jpg", picture, bytes, { cv::IMWRITE_JPEG_QUALITY, quality }))
+        throw Failure("the picture cannot be encoded as JPEG");
+    return bytes;
+}
+
 } // namespace vexo

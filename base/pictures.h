@@ -21,4 +21,8 @@ cv::Mat read_deep_grey(const std::string& path);
 /// The picture as PNG (8 or 16 bit) or TIFF (float), in memory. Throws Failure.
 std::vector<unsigned char> encode(const std::string& extension, const cv::Mat& picture);
 
+/// The picture as JPEG, 8 bit. Throws Failure.
+/// @param quality  1 to 100
+std::vector<unsigned char> encode_jpeg(const cv::Mat& picture, int quality);
+
 } // namespace vexo

@@ -15,7 +15,9 @@ std::string number(double value, int decimals)
     text.setf(std::ios::fixed);
     text.precision(decimals);
     text << value;
-    return text.str();
+    const std::string written = text.str();
+    const bool is_zero = written.find_first_of("123456789") == std::string::npos;
+    return is_zero && written[0] == '-' ? written.substr(1) : written;
 }
 
 std::string percent(double part, double whole)

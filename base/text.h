@@ -5,7 +5,8 @@
 /// Figures as people read them, whatever the locale.
 namespace vexo {
 
-/// A number with `decimals` digits after a point, whatever the locale; "nan" and "inf" in words.
+/// A number with `decimals` digits after a point, whatever the locale; "nan" and "inf" in words. What rounds to zero
+/// has no sign.
 std::string number(double value, int decimals);
 
 /// A share as per cent with two decimals: "99.51 %"; "-" of nothing.

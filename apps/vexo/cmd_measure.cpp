@@ -34,7 +34,8 @@ void run(const GlobalOptions& global, MeasureOptions o)
     reject_foreign(o, choice.method);
     record_of(
         o.request, choice.method, o.files.decoded, periods_said_in(o.files.folder)); // refuses what nothing can be
-    OutputFolder out(o.out, { "measure", { "report.json" }, { "compare" }, false, global.force });
+    OutputFolder out(
+        o.out, { "measure", { "report.json" }, { "compare", "compare acceptance.json" }, false, global.force });
     out.stay_out_of(all_pictures(o.files));
 
     constexpr int other_steps = 3;
@@ -47,11 +48,10 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const Stereo stereo = open_calibration(o, capture);
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
-    if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
 
     progress.step("making the pictures");
     Json report = make_report(capture, stereo, o.request, measured, read_seconds);
-    add_files(out, measured, report);
+    add_files(out, capture, measured, report);
     progress.step("writing " + o.out);
     const std::vector<std::string> kept = out.commit();
     progress.finish();
@@ -61,7 +61,9 @@ void run(const GlobalOptions& global, MeasureOptions o)
         "result       " + o.out
             + ": cloud.ply, report.json, texture, disparity, depth and validity, "
               "each with a picture *_view.png, cause.png");
+    say(global, "look at      " + o.out + "/report.html");
     put_json(global, report);
+    if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
     const std::string spoilt = why_spoilt(measured);
     if (!spoilt.empty() && !o.accept_verdict) throw BelowLimit(spoilt);
 }

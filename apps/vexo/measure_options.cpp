@@ -34,24 +34,23 @@ void add_light_options(CLI::App& cmd, MeasureOptions& o)
         return cmd.add_option(name, value, what)->capture_default_str()->check(CLI::Range(1, limit));
     };
     o.phases.push_back(cmd.add_option("--min-contrast", o.request.min_contrast,
-                              "smallest lit - dark, grey levels (default: 16, multi-phase 60)")
+                              "smallest lit - dark, grey levels (default: what the noise allows, 8 to 16)")
                            ->check(CLI::Range(1, 255)));
     o.phases.push_back(grey("--min-white", o.request.min_white, "smallest lit grey level", 255));
     o.phases.push_back(grey("--max-white", o.request.max_white, "largest lit grey level; 256 accepts all", 256));
-    o.phases.push_back(
-        cmd.add_option("--min-modulation", o.request.min_modulation, "smallest fringe amplitude, grey levels")
-            ->capture_default_str()
-            ->check(CLI::Range(0.0, 255.0)));
+    o.phases.push_back(cmd.add_option("--min-modulation", o.request.min_modulation,
+                              "smallest fringe amplitude, grey levels (default: what the noise allows, 3 to 6)")
+                           ->check(CLI::Range(0.0, 255.0)));
 }
 
 void add_phase_options(CLI::App& cmd, MeasureOptions& o)
 {
     o.phases.push_back(cmd.add_option("--max-phase-diff", o.request.max_phase_diff,
-                              "largest phase difference of a match: gray-phase fringe periods (default 0.15), "
-                              "multi-phase projector px (default 1.5 px of camera 1)")
+                              "largest phase difference of a match: gray-phase fringe periods, multi-phase projector "
+                              "px (default: 1.5 px of camera 1 and four standard deviations of the noise)")
                            ->check(CLI::PositiveNumber));
-    o.phases.push_back(cmd.add_option("--fit-points", o.request.fit_points, "samples of the sub-pixel fit, 3 or 5")
-                           ->capture_default_str()
+    o.phases.push_back(cmd.add_option("--fit-points", o.request.fit_points,
+                              "samples of the sub-pixel fit, 3 or 5 (default: by the noise)")
                            ->check(CLI::IsMember({ 3, 5 })));
     o.phases.push_back(
         cmd.add_flag("--interpolate", o.request.interpolate, "also fill columns between measured ones, by line fits"));

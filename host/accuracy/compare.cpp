@@ -1,8 +1,8 @@
 #include "host/accuracy/compare.h"
 
 #include "base/failure.h"
+#include "host/accuracy/result_in_mm.h"
 #include "host/accuracy/sigma_check.h"
-#include "host/cameras/unit.h"
 #include "host/clouds/sphere_fit.h"
 
 #include <cmath>
@@ -56,25 +56,12 @@ Json compare_balls(const Errors& e, const Truth& t)
     return result;
 }
 
-/// The truth is in mm.
-Result in_mm(Result r)
-{
-    const double factor = unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit").in_mm;
-    r.baseline *= factor;
-    for (cv::Point3f& point : r.cloud)
-        point *= factor;
-    for (float& sigma : r.sigma)
-        sigma *= static_cast<float>(factor);
-    if (r.predicted_noise) *r.predicted_noise *= factor;
-    return r;
-}
-
 } // namespace
 
 Compared compare(const std::string& result_folder, const std::string& scan_folder, const OnStep& on_step)
 {
     next_step(on_step, "reading the result");
-    const Result r = in_mm(read_result(result_folder));
+    const Result r = read_result_in_mm(result_folder);
     next_step(on_step, "reading the truth");
     const Truth t = read_truth(scan_folder);
     next_step(on_step, "comparing");

@@ -11,7 +11,10 @@
 #include "vexo/factories.h"
 #include "vexo/owned.h"
 
+#include <opencv2/imgproc.hpp>
+
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <optional>
 
@@ -114,6 +117,36 @@ std::vector<bool> half(const std::vector<bool>& used, bool second)
     return part;
 }
 
+/// Pixels spread evenly over the part of the picture in which markers were seen: those lie denser in the middle, points
+/// of a cloud do not.
+std::vector<cv::Point2d> evenly_over(const std::vector<cv::Point2d>& seen, cv::Size size)
+{
+    constexpr int columns = 40, rows = 32;
+    std::vector<cv::Point2f> hull, markers(seen.begin(), seen.end());
+    cv::convexHull(markers, hull);
+    std::vector<cv::Point2d> pixels;
+    for (int y = 0; y < rows; ++y)
+        for (int x = 0; x < columns; ++x) {
+            const cv::Point2d pixel((x + 0.5) * size.width / columns - 0.5, (y + 0.5) * size.height / rows - 0.5);
+            if (cv::pointPolygonTest(hull, pixel, false) >= 0.0) pixels.push_back(pixel);
+        }
+    return pixels;
+}
+
+/// Half of what the halves differ by; nothing where the cameras saw too little in common to say it.
+std::optional<CalibrationShare> share_of(const std::array<DepthApart, 3>& apart)
+{
+    CalibrationShare share;
+    for (std::size_t i = 0; i < apart.size(); ++i) {
+        share.distance_mm[i] = apart[i].distance;
+        share.depth_mm[i] = 0.5 * apart[i].depth;
+        share.bend_mm[i] = 0.5 * apart[i].bend;
+        share.scale[i] = 0.5 * apart[i].scale;
+    }
+    if (!is_share(share)) return std::nullopt;
+    return share;
+}
+
 HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c, const std::string& file)
 {
     HoldOut held;
@@ -135,7 +168,13 @@ HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c, const std::stri
         std::vector<cv::Point2d> seen;
         for (const Residual& residual : c.fits[0].residuals)
             seen.push_back(residual.seen_px);
-        held.apart = depth_apart(c.cameras, folds[0].cameras, folds[1].cameras, seen, c.fits[0].middle_depth);
+        const auto apart_at = [&](double distance) {
+            return depth_apart(c.cameras, folds[0].cameras, folds[1].cameras, seen, distance);
+        };
+        held.apart = apart_at(c.fits[0].middle_depth);
+        seen = evenly_over(seen, c.size);
+        const std::vector<double>& depths = c.fits[0].marker_depths;
+        held.share = share_of({ apart_at(depths[0]), apart_at(depths[1]), apart_at(depths[2]) });
     }
     held.done = true;
     return held;

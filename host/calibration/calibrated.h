@@ -4,9 +4,11 @@
 #include "host/calibration/depth_apart.h"
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/pair_fit.h"
+#include "host/cameras/calibration_share.h"
 
 #include <opencv2/core.hpp>
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +22,7 @@ struct HoldOut {
     PairFit pair;
     double focal_spread = 0; ///< px, largest difference of a focal length between the halves
     DepthApart apart;        ///< of a pair: what the halves' differences do to a cloud at the middle distance
+    std::optional<CalibrationShare> share; ///< of a pair: what the whole is off by, as far as its halves show it
 };
 
 /// Everything that a calibration was made from and what came out.

@@ -24,9 +24,15 @@ cv::Vec3d middle_of(const BoardFile& board)
     return { 0.5 * sum.x, 0.5 * sum.y, 0.0 };
 }
 
+/// Distances from the camera.
+struct Depths {
+    std::vector<double> middles; ///< of the board's middle, of each view
+    std::vector<float> markers;  ///< of all markers
+};
+
 /// One view against one camera; nothing where the markers determine no pose.
 void fit_view(const CalibratedCamera& camera, const BoardPicture& view, const BoardFile& board, std::size_t v,
-    CameraFit& fit, std::vector<double>& depths)
+    CameraFit& fit, Depths& depths)
 {
     const SeenMarkers seen = seen_markers(view, board);
     const auto pose = solve_board_pose(seen, camera);
@@ -43,7 +49,11 @@ void fit_view(const CalibratedCamera& camera, const BoardPicture& view, const Bo
     const cv::Matx44d camera_from_board = pose->matrix();
     const cv::Vec3d middle = middle_of(board);
     fit.normals.emplace_back(camera_from_board(0, 2), camera_from_board(1, 2), camera_from_board(2, 2));
-    depths.push_back((camera_from_board * cv::Vec4d(middle[0], middle[1], middle[2], 1.0))[2]);
+    const auto depth_of
+        = [&](double x, double y, double z) { return (camera_from_board * cv::Vec4d(x, y, z, 1.0))[2]; };
+    depths.middles.push_back(depth_of(middle[0], middle[1], middle[2]));
+    for (const cv::Point3f& m : seen.board_mm)
+        depths.markers.push_back(static_cast<float>(depth_of(m.x, m.y, m.z)));
 }
 
 } // namespace
@@ -65,11 +75,12 @@ CameraFit fit_camera(
     CameraFit fit;
     fit.view_rms.assign(views.count(), nan);
     fit.view_tilt.assign(views.count(), nan);
-    std::vector<double> depths;
+    Depths depths;
     for (const Fold& fold : folds)
         for (std::size_t v = 0; v < views.count(); ++v)
             if (fold.views[v]) fit_view(fold.cameras[camera], views.cameras[camera][v], board, v, fit, depths);
-    fit.middle_depth = median(depths);
+    fit.middle_depth = median(depths.middles);
+    fit.marker_depths = quantiles(depths.markers, { 0.05, 0.5, 0.95 });
     Squares all;
     for (const Residual& residual : fit.residuals)
         all.add(residual.error_px.dot(residual.error_px));

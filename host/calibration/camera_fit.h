@@ -21,12 +21,13 @@ struct Residual {
 
 /// A camera against its views.
 struct CameraFit {
-    std::vector<double> view_rms;    ///< px, NaN for a view that is not used
-    std::vector<double> view_tilt;   ///< degrees between the board's normal and the sight line, NaN likewise
-    std::vector<cv::Vec3d> normals;  ///< of the board in the camera's axes, one for each used view
-    std::vector<Residual> residuals; ///< of all used views
-    double rms = 0;                  ///< px, over all markers
-    double middle_depth = 0;         ///< mm, median over the used views of that of the board's middle
+    std::vector<double> view_rms;      ///< px, NaN for a view that is not used
+    std::vector<double> view_tilt;     ///< degrees between the board's normal and the sight line, NaN likewise
+    std::vector<cv::Vec3d> normals;    ///< of the board in the camera's axes, one for each used view
+    std::vector<Residual> residuals;   ///< of all used views
+    double rms = 0;                    ///< px, over all markers
+    double middle_depth = 0;           ///< mm, median over the used views of that of the board's middle
+    std::vector<double> marker_depths; ///< mm, 5, 50 and 95 % of all seen markers are nearer to the camera
 };
 
 /// Cameras, and the views that they are held against. A plain check has one fold with all views; a hold-out check has

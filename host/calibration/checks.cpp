@@ -113,7 +113,10 @@ Finding check_hold_out(const Calibrated& c)
                     + number(apart.shape, 3) + " mm in shape, at " + number(apart.distance, 0) + " mm; "
                 : "")
             + "rms " + each(rms, 3, " px on held-out views, ") + each(ratios, 2, " times that of its own")
-            + "; focal lengths of the halves differ by " + number(c.hold_out.focal_spread, 2) + " px",
+            + "; focal lengths of the halves differ by " + number(c.hold_out.focal_spread, 2) + " px"
+            + (c.hold_out.share ? "; the calibration's own share of a depth, beside the noise: "
+                        + depths_in_words(*c.hold_out.share)
+                                : ""),
         l == Weight::good ? "" : "take more views, with more tilt and closer to the corners" };
 }
 

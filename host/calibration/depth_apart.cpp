@@ -75,6 +75,38 @@ double rms(double squares, std::size_t count)
     return std::sqrt(squares / static_cast<double>(count));
 }
 
+/// rms of what the plane through the differences of the depths leaves of them.
+double bend_between(const std::vector<cv::Vec3d>& a, const std::vector<cv::Vec3d>& b)
+{
+    const auto n = static_cast<int>(a.size());
+    cv::Mat_<double> A(n, 3), differences(n, 1), plane;
+    for (int i = 0; i < n; ++i) {
+        const auto k = static_cast<std::size_t>(i);
+        A(i, 0) = 1.0;
+        A(i, 1) = a[k][0];
+        A(i, 2) = a[k][1];
+        differences(i) = a[k][2] - b[k][2];
+    }
+    cv::solve(A, differences, plane, cv::DECOMP_SVD);
+    return cv::norm(A * plane - differences) / std::sqrt(static_cast<double>(n));
+}
+
+/// rms by which lengths across the picture differ, as a share of each: between points that are spread over it.
+double lengths_apart(const std::vector<cv::Vec3d>& a, const std::vector<cv::Vec3d>& b)
+{
+    constexpr std::size_t stride = 7919; // a prime: from each point to one elsewhere
+    double squares = 0.0;
+    std::size_t pairs = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        const std::size_t j = (i * stride + a.size() / 2) % a.size();
+        const double length = cv::norm(b[i] - b[j]);
+        if (!(length > 0.1 * b[i][2])) continue; // of short ones the noise of the fit alone would show
+        squares += std::pow(cv::norm(a[i] - a[j]) / length - 1.0, 2.0);
+        ++pairs;
+    }
+    return pairs > 0 ? rms(squares, pairs) : 0.0;
+}
+
 } // namespace
 
 DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::vector<CalibratedCamera>& a,
@@ -82,9 +114,9 @@ DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::ve
 {
     constexpr std::size_t enough = 12;
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-    if (seen.size() < enough) return { distance, nan, nan };
+    if (seen.size() < enough) return { distance, nan, nan, nan, nan };
     const CommonPixels pixels = in_common(whole, seen, distance);
-    if (pixels.of[0].size() < enough) return { distance, nan, nan };
+    if (pixels.of[0].size() < enough) return { distance, nan, nan, nan, nan };
     const std::vector<cv::Vec3d> of_a = triangulate(a, pixels), of_b = triangulate(b, pixels);
     const std::vector<cv::Vec3d> moved = moved_onto(of_a, of_b);
     double depth = 0.0, shape = 0.0;
@@ -92,7 +124,8 @@ DepthApart depth_apart(const std::vector<CalibratedCamera>& whole, const std::ve
         depth += std::pow(of_a[i][2] - of_b[i][2], 2);
         shape += cv::norm(moved[i] - of_b[i], cv::NORM_L2SQR);
     }
-    return { distance, rms(depth, of_a.size()), rms(shape, of_a.size()) };
+    return { distance, rms(depth, of_a.size()), rms(shape, of_a.size()), bend_between(of_a, of_b),
+        lengths_apart(of_a, of_b) };
 }
 
 } // namespace vexo

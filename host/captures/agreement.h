@@ -11,9 +11,6 @@
 /// Whether the frames of a camera say the same.
 namespace vexo {
 
-/// Contrast below which pixels of several periods lose half of their fringe numbers, and are not measured; grey levels.
-constexpr int least_contrast_of_several = 60;
-
 /// Pixels on some rows that show the fringes.
 struct Agreement {
     double all = 0;      ///< that can be judged

@@ -197,29 +197,11 @@ double expected_loss(const std::vector<FringeFigures>& figures, const std::vecto
     return std::min(share, 1.0);
 }
 
-WeakPixels find_weak_pixels(const std::vector<cv::Mat>& frames, const cv::Mat& mask,
-    const std::vector<FringeFigures>& figures, int min_contrast)
+WeakPixels find_weak_pixels(const std::vector<cv::Mat>& frames, int least, int min_contrast)
 {
-    constexpr double safe_ratio = 10.0;
     cv::Mat contrast;
     cv::subtract(frames[1], frames[0], contrast);
-    std::vector<float> used;
-    for (int y = 0; y < mask.rows; ++y)
-        for (int x = 0; x < mask.cols; ++x)
-            if (mask.at<uchar>(y, x) != 0) used.push_back(contrast.at<uchar>(y, x));
-    double noise = 0.0, modulation = 255.0;
-    for (const FringeFigures& f : figures) {
-        noise = std::max(noise, f.grey_noise);
-        modulation = std::min(modulation, f.modulation);
-    }
-    WeakPixels weak;
-    weak.contrast = min_contrast;
-    if (used.empty() || modulation <= 0.0) return weak;
-    const double contrast_per_modulation = quantile(std::move(used), 0.5) / modulation;
-    weak.contrast
-        = std::clamp(static_cast<int>(std::ceil(safe_ratio * noise * contrast_per_modulation)), 1, min_contrast);
-    weak.count = cv::countNonZero((contrast >= weak.contrast) & (contrast < min_contrast));
-    return weak;
+    return { least, cv::countNonZero((contrast >= least) & (contrast < min_contrast)) };
 }
 
 } // namespace vexo

@@ -64,17 +64,13 @@ RunLengths choose_run_lengths(const FringeFigures& cam0, const FringeFigures& ca
 /// @param figures  of one camera, one for each period
 double expected_loss(const std::vector<FringeFigures>& figures, const std::vector<int>& periods);
 
-/// Pixels that a smallest contrast leaves out although the noise would let their fringe numbers be found.
+/// Pixels that a smallest contrast leaves out although their noise would let them be measured.
 struct WeakPixels {
-    int contrast = 0;    ///< grey levels of lit - dark from which on they would be found
+    int contrast = 0;    ///< grey levels of lit - dark from which on they could be
     long long count = 0; ///< pixels from there up to `min_contrast`
 };
 
-/// Numbers are found safely while the modulation is ten times the noise; a pixel's modulation is taken to be the
-/// same share of its contrast as the median pixel's.
-/// @param mask     pixels that are used now
-/// @param figures  of the camera
-WeakPixels find_weak_pixels(const std::vector<cv::Mat>& frames, const cv::Mat& mask,
-    const std::vector<FringeFigures>& figures, int min_contrast);
+/// @param least  contrast that the noise allows
+WeakPixels find_weak_pixels(const std::vector<cv::Mat>& frames, int least, int min_contrast);
 
 } // namespace vexo

@@ -155,9 +155,8 @@ private:
             _add("out-of-focus", hopeless ? Weight::spoils : Weight::worse,
                 "the fringes modulate " + percent_of(f.sharpness) + " of the light, sharp ones 47 %; " + lost,
                 "focus projector and cameras, or project longer fringes");
-        else if (hopeless || f.lit_median < (_method.multi() ? 1.5 * least_contrast_of_several : 2 * weak_modulation))
-            _add("under-exposed", hopeless ? Weight::spoils : Weight::worse, "only " + lost,
-                _method.multi() ? "expose more, or lower the --min-contrast of measure" : "expose more");
+        else if (hopeless || f.lit_median < 2 * weak_modulation)
+            _add("under-exposed", hopeless ? Weight::spoils : Weight::worse, "only " + lost, "expose more");
         return !hopeless;
     }
 

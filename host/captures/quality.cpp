@@ -4,6 +4,7 @@
 #include "host/captures/agreement.h"
 #include "host/captures/fringe_steps.h"
 #include "host/captures/fringes.h"
+#include "host/captures/least_light.h"
 
 #include <algorithm>
 #include <cmath>
@@ -244,19 +245,20 @@ void measure_lighting_up(const std::vector<cv::Mat>& frames, CameraFigures& f)
 void measure_light(const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& groups, CameraFigures& f)
 {
     const double dim = std::max(3.0, 4.0 * f.dark_noise);
-    const int limit = groups.size() > 1 ? least_contrast_of_several : least_contrast;
+    const LeastLight least = least_light(frames, groups);
     std::vector<float> sharpness;
     double lit = 0, accepted = 0;
     for (int y = 0; y < f.size.height; ++y) {
         for (int x = 0; x < f.size.width; ++x) {
             const int light = frames[1].at<uchar>(y, x) - frames[0].at<uchar>(y, x);
             lit += light >= dim ? 1 : 0;
-            accepted += light >= limit && f.kinds.at<uchar>(y, x) > weak ? 1 : 0;
-            if (light < least_contrast || f.kinds.at<uchar>(y, x) > good) continue;
-            double least = 1;
+            if (light < least.contrast) continue;
+            double modulation = 255;
             for (const std::size_t first : groups)
-                least = std::min(least, FringeSteps(frames, first, y, x).modulation() / light);
-            sharpness.push_back(static_cast<float>(least));
+                modulation = std::min(modulation, FringeSteps(frames, first, y, x).modulation());
+            accepted += modulation >= least.modulation ? 1 : 0;
+            if (light >= least_contrast && f.kinds.at<uchar>(y, x) <= good)
+                sharpness.push_back(static_cast<float>(modulation / light));
         }
     }
     f.lit = lit / static_cast<double>(f.size.area());

@@ -17,7 +17,7 @@ namespace vexo {
 struct CameraFigures {
     cv::Size size;
     double pixels = 0;            ///< share of the image that shows the fringes
-    double accepted = 0;          ///< share of the image that is measured unless --min-contrast says otherwise
+    double accepted = 0;          ///< share of the image whose noise lets it be measured
     double lit = 0;               ///< share of the image that the projector lights, however dimly
     double lit_median = 0;        ///< grey value of the lit frame there
     double lit_bright = 0;        ///< its 99 % quantile

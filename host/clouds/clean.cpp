@@ -1,5 +1,6 @@
 #include "host/clouds/clean.h"
 
+#include "base/cpu.h"
 #include "base/parallel.h"
 #include "base/statistics.h"
 
@@ -17,11 +18,11 @@ namespace {
 constexpr float sigmas = 4.0F;
 constexpr float median_px = 0.5F, neighbour_px = 2.0F;
 constexpr int reach = 2; ///< of the median's window
+constexpr float far = -std::numeric_limits<float>::infinity();
 
 /// The map with `reach` pixels around it; what is missing lies behind everything.
 cv::Mat padded(const cv::Mat& disparity)
 {
-    constexpr float far = -std::numeric_limits<float>::infinity();
     cv::Mat map(disparity.rows + 2 * reach, disparity.cols + 2 * reach, CV_32F, cv::Scalar(static_cast<double>(far)));
     in_parallel(static_cast<std::size_t>(disparity.rows), [&](std::size_t row) {
         const auto* const from = disparity.ptr<float>(static_cast<int>(row));
@@ -32,44 +33,90 @@ cv::Mat padded(const cv::Mat& disparity)
     return map;
 }
 
+VEXO_INLINE void count_near(const float* other, const float* at, const float* limit, int n, int* count) noexcept
+{
+    for (int x = 0; x < n; ++x)
+        count[x] += std::abs(other[x] - at[x]) <= limit[x] ? 1 : 0;
+}
+
+VEXO_INLINE void count_sides(
+    const float* other, const float* low, const float* high, int n, int* up_to, int* below) noexcept
+{
+    for (int x = 0; x < n; ++x) {
+        up_to[x] += other[x] <= high[x] ? 1 : 0;
+        below[x] += other[x] < low[x] ? 1 : 0;
+    }
+}
+
+void near_plain(const float* other, const float* at, const float* limit, int n, int* count) noexcept
+{
+    count_near(other, at, limit, n, count);
+}
+
+void sides_plain(const float* other, const float* low, const float* high, int n, int* up_to, int* below) noexcept
+{
+    count_sides(other, low, high, n, up_to, below);
+}
+
+#if defined(__x86_64__)
+VEXO_AVX2 void near_avx2(const float* other, const float* at, const float* limit, int n, int* count) noexcept
+{
+    count_near(other, at, limit, n, count);
+}
+
+VEXO_AVX2 void sides_avx2(
+    const float* other, const float* low, const float* high, int n, int* up_to, int* below) noexcept
+{
+    count_sides(other, low, high, n, up_to, below);
+}
+#else
+constexpr auto near_avx2 = near_plain;
+constexpr auto sides_avx2 = sides_plain;
+#endif
+
 /// Counts over the window around each pixel of a row, without a sort: the median m of n values is above d + t when
-/// fewer than half of them are at most d + t, and below d - t when more than half are.
+/// fewer than half of them are at most d + t, and below d - t when more than half are. From the first to the last pixel
+/// with a point: a background costs nothing.
 class RowTests {
 public:
     explicit RowTests(int cols)
         : _up_to(static_cast<std::size_t>(cols))
         , _below(_up_to.size())
-        , _limit(_up_to.size())
+        , _low(_up_to.size())
+        , _high(_up_to.size())
     {
     }
 
     /// @param sigma  of the row, px, without NaN
     void test(const cv::Mat& map, int y, const float* sigma, const CleaningRules& rules, uchar* faults)
     {
-        if (rules.edges) _mark_edges(map, y, sigma, faults);
-        if (rules.neighbours) _mark_lonely(map, y, sigma, faults);
-        if (rules.median) _mark_far(map, y, sigma, faults);
+        const float* const row = map.ptr<float>(y + reach) + reach;
+        _begin = 0;
+        _end = static_cast<int>(_up_to.size());
+        while (_begin < _end && row[_begin] == far)
+            ++_begin;
+        while (_end > _begin && row[_end - 1] == far)
+            --_end;
+        if (_begin == _end) return;
+        if (rules.edges) _mark_edges(map, y, sigma + _begin, faults + _begin);
+        if (rules.neighbours) _mark_lonely(map, y, sigma + _begin, faults + _begin);
+        if (rules.median) _mark_far(map, y, sigma + _begin, faults + _begin);
     }
 
 private:
-    static const float* _row(const cv::Mat& map, int y) { return map.ptr<float>(y + reach) + reach; }
-    int _cols() const { return static_cast<int>(_up_to.size()); }
+    const float* _row(const cv::Mat& map, int y) const { return map.ptr<float>(y + reach) + reach + _begin; }
+    int _cols() const { return _end - _begin; }
 
-    /// Adds to `_up_to` how many of the eight neighbours are within 2 px.
+    /// Counts in `_up_to` how many of the eight neighbours are within 2 px.
     void _count_neighbours(const cv::Mat& map, int y, const float* sigma)
     {
-        const float* const at = _row(map, y);
-        for (int x = 0; x < _cols(); ++x) {
-            _up_to[static_cast<std::size_t>(x)] = -1; // itself
-            _limit[static_cast<std::size_t>(x)] = neighbour_px + sigmas * sigma[x];
-        }
+        std::fill(_up_to.begin(), _up_to.end(), -1); // itself
+        for (int x = 0; x < _cols(); ++x)
+            _high[static_cast<std::size_t>(x)] = neighbour_px + sigmas * sigma[x];
         for (int dy = -1; dy <= 1; ++dy)
-            for (int dx = -1; dx <= 1; ++dx) {
-                const float* const other = _row(map, y + dy) + dx;
-                for (int x = 0; x < _cols(); ++x)
-                    _up_to[static_cast<std::size_t>(x)]
-                        += std::abs(other[x] - at[x]) <= _limit[static_cast<std::size_t>(x)] ? 1 : 0;
-            }
+            for (int dx = -1; dx <= 1; ++dx)
+                (Cpu::has_avx2() ? near_avx2 : near_plain)(
+                    _row(map, y + dy) + dx, _row(map, y), _high.data(), _cols(), _up_to.data());
     }
 
     void _mark_lonely(const cv::Mat& map, int y, const float* sigma, uchar* faults)
@@ -83,8 +130,7 @@ private:
     void _mark_edges(const cv::Mat& map, int y, const float* sigma, uchar* faults)
     {
         _count_neighbours(map, y, sigma);
-        for (int x = 0; x < _cols(); ++x)
-            _below[static_cast<std::size_t>(x)] = -1;
+        std::fill(_below.begin(), _below.end(), -1);
         for (int dy = -1; dy <= 1; ++dy)
             for (int dx = -1; dx <= 1; ++dx) {
                 const float* const other = _row(map, y + dy) + dx;
@@ -102,40 +148,45 @@ private:
         const float* const at = _row(map, y);
         std::fill(_up_to.begin(), _up_to.end(), 0);
         std::fill(_below.begin(), _below.end(), 0);
-        for (int x = 0; x < _cols(); ++x)
-            _limit[static_cast<std::size_t>(x)] = median_px + sigmas * sigma[x];
+        for (int x = 0; x < _cols(); ++x) {
+            const float limit = median_px + sigmas * sigma[x];
+            _low[static_cast<std::size_t>(x)] = at[x] - limit;
+            _high[static_cast<std::size_t>(x)] = at[x] + limit;
+        }
         for (int dy = -reach; dy <= reach; ++dy)
-            for (int dx = -reach; dx <= reach; ++dx) {
-                const float* const other = _row(map, y + dy) + dx;
-                for (int x = 0; x < _cols(); ++x) {
-                    const auto i = static_cast<std::size_t>(x);
-                    _up_to[i] += other[x] <= at[x] + _limit[i] ? 1 : 0;
-                    _below[i] += other[x] < at[x] - _limit[i] ? 1 : 0;
-                }
-            }
+            for (int dx = -reach; dx <= reach; ++dx)
+                (Cpu::has_avx2() ? sides_avx2 : sides_plain)(
+                    _row(map, y + dy) + dx, _low.data(), _high.data(), _cols(), _up_to.data(), _below.data());
         for (int x = 0; x < _cols(); ++x) {
             const auto i = static_cast<std::size_t>(x);
             if (_up_to[i] <= half || _below[i] > half) faults[x] = static_cast<uchar>(Fault::outlier);
         }
     }
 
+    int _begin = 0, _end = 0; ///< columns of the row that are tested
     std::vector<int> _up_to, _below;
-    std::vector<float> _limit;
+    std::vector<float> _low, _high;
 };
 
 /// Sigma of each pixel. Where it alone is not known it is so large that the point stays; 0 when none is.
-cv::Mat complete(const cv::Mat& sigma, cv::Size size, float& median)
+cv::Mat complete(const cv::Mat& sigma, cv::Size size)
 {
-    cv::Mat known(size, CV_32F, cv::Scalar(0));
-    median = 0.0F;
-    if (sigma.empty()) return known;
-    const std::vector<float> values = finite_values(sigma);
-    if (values.empty()) return known;
-    median = static_cast<float>(quantile(values, 0.5));
     constexpr float large = 9.0F;
-    known.setTo(large);
-    sigma.copyTo(known, sigma == sigma);
+    cv::Mat known(size, CV_32F, cv::Scalar(0));
+    if (sigma.empty() || cv::countNonZero(sigma == sigma) == 0) return known;
+    in_parallel(static_cast<std::size_t>(size.height), [&](std::size_t row) {
+        const float* const from = sigma.ptr<float>(static_cast<int>(row));
+        float* const to = known.ptr<float>(static_cast<int>(row));
+        for (int x = 0; x < size.width; ++x)
+            to[x] = from[x] == from[x] ? from[x] : large;
+    });
     return known;
+}
+
+float median_of(const cv::Mat& sigma)
+{
+    const std::vector<float> values = finite_values(sigma);
+    return values.empty() ? 0.0F : static_cast<float>(quantile(values, 0.5));
 }
 
 void mark_speckles(const cv::Mat& disparity, const CleaningRules& rules, float median_sigma, cv::Mat& faults)
@@ -164,8 +215,7 @@ cv::Mat find_faults(const cv::Mat& disparity, const cv::Mat& sigma, const Cleani
 {
     cv::Mat faults = cv::Mat::zeros(disparity.size(), CV_8U);
     if (disparity.empty() || !rules.any()) return faults;
-    float median = 0.0F;
-    const cv::Mat known = complete(sigma, disparity.size(), median), map = padded(disparity);
+    const cv::Mat known = complete(sigma, disparity.size()), map = padded(disparity);
 #pragma omp parallel
     {
         RowTests tests(disparity.cols);
@@ -174,7 +224,7 @@ cv::Mat find_faults(const cv::Mat& disparity, const cv::Mat& sigma, const Cleani
             tests.test(map, y, known.ptr<float>(y), rules, faults.ptr<uchar>(y));
     }
     faults.setTo(0, ~(disparity == disparity));
-    if (rules.speckles > 0) mark_speckles(disparity, rules, median, faults);
+    if (rules.speckles > 0) mark_speckles(disparity, rules, median_of(sigma), faults);
     return faults;
 }
 

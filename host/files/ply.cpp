@@ -4,6 +4,7 @@
 #include "base/whole_file.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -40,7 +41,9 @@ bool take_line(const std::string& line, PlyHeader& header, bool& in_vertex)
         std::size_t count = 0;
         if (!(words >> name >> count)) return false;
         in_vertex = name == "vertex";
+        if (in_vertex && header.stride > 0) return false; // twice
         if (in_vertex) header.vertices = count;
+        if (!in_vertex && count > 0 && header.stride == 0) header.vertices_first = false;
         return true;
     }
     if (word != "property" || !(words >> type)) return false;
@@ -55,8 +58,60 @@ bool take_line(const std::string& line, PlyHeader& header, bool& in_vertex)
 const PlyHeader::Property* find(const PlyHeader& header, const std::string& name)
 {
     for (const PlyHeader::Property& p : header.properties)
-        if (p.name == name && (p.type == "float" || p.type == "float32")) return &p;
+        if (p.name == name && (p.type == "float" || p.type == "float32" || p.bytes == sizeof(double))) return &p;
     return nullptr;
+}
+
+float value_at(const char* vertex, const PlyHeader::Property& property)
+{
+    float single = 0.0F; // x86-64 is little-endian
+    double whole = 0.0;
+    if (property.bytes == sizeof single) std::memcpy(&single, vertex + property.offset, sizeof single);
+    if (property.bytes == sizeof whole) std::memcpy(&whole, vertex + property.offset, sizeof whole);
+    return property.bytes == sizeof whole ? static_cast<float>(whole) : single;
+}
+
+/// The properties of a point, and where they go.
+struct Wanted {
+    const PlyHeader::Property *x, *y, *z, *sigma;
+
+    void put(std::size_t i, float vx, float vy, float vz, float vs, PlyCloud& cloud) const
+    {
+        cloud.points[i] = { vx, vy, vz };
+        if (sigma != nullptr) cloud.sigma[i] = vs;
+    }
+};
+
+void read_binary(const std::string& bytes, const PlyHeader& header, const Wanted& of, PlyCloud& cloud)
+{
+    for (std::size_t i = 0; i < cloud.points.size(); ++i) {
+        const char* vertex = bytes.data() + header.body + i * header.stride;
+        const float sigma = of.sigma != nullptr ? value_at(vertex, *of.sigma) : 0.0F;
+        of.put(i, value_at(vertex, *of.x), value_at(vertex, *of.y), value_at(vertex, *of.z), sigma, cloud);
+    }
+}
+
+/// Numbers with blanks or line ends between them, a vertex after the other.
+void read_text(
+    const std::string& bytes, const PlyHeader& header, const Wanted& of, const std::string& path, PlyCloud& cloud)
+{
+    const char *at = bytes.data() + header.body, *const end = bytes.data() + bytes.size();
+    std::vector<float> values(header.properties.size());
+    const auto value_of = [&](const PlyHeader::Property* p) {
+        return p == nullptr ? 0.0F : values[static_cast<std::size_t>(p - header.properties.data())];
+    };
+    for (std::size_t i = 0; i < cloud.points.size(); ++i) {
+        for (float& value : values) {
+            at = std::find_if(at, end, [](unsigned char c) { return c > ' '; });
+            double number = 0.0;
+            const auto read = std::from_chars(at, end, number);
+            if (read.ec == std::errc::invalid_argument)
+                throw Failure(path + ": vertex " + std::to_string(i) + " is damaged or missing; copy the file again");
+            value = read.ec == std::errc() ? static_cast<float>(number) : std::nanf(""); // 1e999
+            at = read.ptr;
+        }
+        of.put(i, value_of(of.x), value_of(of.y), value_of(of.z), value_of(of.sigma), cloud);
+    }
 }
 
 } // namespace
@@ -87,22 +142,22 @@ PlyCloud read_ply_cloud(const std::string& path)
 {
     const std::string bytes = read_bytes(path, max_ply_bytes);
     const PlyHeader header = parse_ply_header(bytes, path);
-    const PlyHeader::Property* const axes[3] = { find(header, "x"), find(header, "y"), find(header, "z") };
-    const PlyHeader::Property* const sigma = find(header, "sigma");
-    if (header.format != "binary_little_endian" || !axes[0] || !axes[1] || !axes[2])
-        throw Failure(path + ": only binary little-endian PLY with float x y z can be read");
-    if (header.vertices > (bytes.size() - header.body) / header.stride)
+    const Wanted of { find(header, "x"), find(header, "y"), find(header, "z"), find(header, "sigma") };
+    const bool text = header.format == "ascii";
+    if ((!text && header.format != "binary_little_endian") || !of.x || !of.y || !of.z || !header.vertices_first)
+        throw Failure(path
+            + ": only PLY in text or binary little-endian form with float or double x y z, vertices first, can be "
+              "read; "
+              "save it as one");
+    const std::size_t least = text ? 2 * header.properties.size() - 1 : header.stride; // bytes of a vertex
+    if (header.vertices > (bytes.size() - header.body) / least + (text ? 1 : 0))
         throw Failure(path + ": the file is cut short; its header promises more points than it holds");
 
-    PlyCloud cloud { std::vector<cv::Point3f>(header.vertices), std::vector<float>(sigma ? header.vertices : 0) };
-    for (std::size_t i = 0; i < cloud.points.size(); ++i) {
-        const char* vertex = bytes.data() + header.body + i * header.stride;
-        float xyz[3];
-        for (int k = 0; k < 3; ++k)
-            std::memcpy(&xyz[k], vertex + axes[k]->offset, sizeof(float));
-        cloud.points[i] = { xyz[0], xyz[1], xyz[2] };
-        if (sigma) std::memcpy(&cloud.sigma[i], vertex + sigma->offset, sizeof(float));
-    }
+    PlyCloud cloud { std::vector<cv::Point3f>(header.vertices), std::vector<float>(of.sigma ? header.vertices : 0) };
+    if (text)
+        read_text(bytes, header, of, path, cloud);
+    else
+        read_binary(bytes, header, of, cloud);
     return cloud;
 }
 

@@ -20,7 +20,8 @@ struct PlyHeader {
     std::vector<std::string> comments;
     std::size_t vertices = 0;
     std::size_t stride = 0; ///< bytes of one vertex
-    std::size_t body = 0;   ///< where the vertices begin
+    std::size_t body = 0;   ///< where the elements begin
+    bool vertices_first = true;
     std::vector<Property> properties;
 };
 
@@ -33,7 +34,9 @@ struct PlyCloud {
     std::vector<float> sigma; ///< of each, the property `sigma`; empty: the file has none
 };
 
-/// Reads a binary little-endian PLY with float coordinates; throws Failure.
+/// Reads the points of a PLY in text or binary little-endian form, float or double coordinates, of which the vertices
+/// are the first element; what comes after them is passed over. Coordinates may be NaN. Throws Failure that names
+/// `path`.
 PlyCloud read_ply_cloud(const std::string& path);
 
 /// Its x y z alone.

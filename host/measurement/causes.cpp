@@ -109,8 +109,8 @@ std::vector<Cause> causes_of(Method method)
         return { Cause::none, Cause::outside_image, Cause::outside_overlap, Cause::no_match, Cause::ambiguous,
             Cause::speckle, Cause::texture, Cause::outlier, Cause::edge };
     return { Cause::none, Cause::outside_image, Cause::contrast, Cause::modulation, Cause::unwrapping,
-        Cause::no_partner, Cause::phase_difference, Cause::disparity, Cause::refinement, Cause::outlier, Cause::edge,
-        Cause::speckle };
+        Cause::no_partner, Cause::phase_difference, Cause::disparity, Cause::ambiguous, Cause::refinement,
+        Cause::outlier, Cause::edge, Cause::speckle };
 }
 
 MatchingRecord lift_disparity(MatchingRecord record)
@@ -129,12 +129,12 @@ const char* key_of(Cause cause)
 
 const char* words_of(Cause cause)
 {
-    static const char* const words[cause_count]
-        = { "measured", "outside the camera's picture", "too dark or low contrast", "fringes too weak or saturated",
-              "removed by unwrapping", "out of the other camera's phase range", "phase difference too large",
-              "disparity outside the limits", "range leads out of the other picture", "no match in the other picture",
-              "other disparities fit as well", "patch too small", "no line fits around the match",
-              "far from the points around it", "beside a jump of the surface", "too little texture" };
+    static const char* const words[cause_count] = { "measured", "outside the camera's picture",
+        "too dark or low contrast", "fringes too weak, saturated or mixed", "removed by unwrapping",
+        "out of the other camera's phase range", "phase difference too large", "disparity outside the limits",
+        "range leads out of the other picture", "no match in the other picture", "other disparities fit as well",
+        "patch too small", "no line fits around the match", "far from the points around it",
+        "beside a jump of the surface", "too little texture" };
     return words[static_cast<std::size_t>(cause)];
 }
 
@@ -227,6 +227,13 @@ CauseMap find_block_causes(
         if (with_specks.measured(y, x)) return Cause::speckle;
         return with_doubt.measured(y, x) ? Cause::ambiguous : Cause::no_match;
     });
+}
+
+CauseMap nothing_matches(iStereoCamera& camera, cv::Size raw_size, const Cloud& empty)
+{
+    const cv::Mat inside = seen_by_camera0(camera, raw_size);
+    return map_of(empty,
+        [&inside](int y, int x) { return inside.at<uchar>(y, x) == 255 ? Cause::no_match : Cause::outside_image; });
 }
 
 } // namespace vexo

@@ -20,14 +20,14 @@ enum class Cause : unsigned char {
     none,             ///< measured
     outside_image,    ///< the rectified pixel lies outside camera 0's picture
     contrast,         ///< too dark, or lit and dark frame differ too little
-    modulation,       ///< the fringes are too weak, or saturated
+    modulation,       ///< the fringes are too weak, saturated, or mixed of an edge and what lies behind it
     unwrapping,       ///< no consistent fringe number
     no_partner,       ///< the other camera's row does not see this projector coordinate
     phase_difference, ///< it does, but the nearest pixel there is too far in phase
     disparity,        ///< a partner was found, outside the accepted disparities
     outside_overlap,  ///< block matching: the disparity range leads out of the other camera's picture
     no_match,         ///< block matching: hidden from the other camera, or the two directions disagree
-    ambiguous,        ///< block matching: other disparities fit nearly as well
+    ambiguous,        ///< other disparities fit nearly as well, or those of two decodings differ
     speckle,          ///< in a patch that is small and apart from its surroundings
     refinement,       ///< matched, but no line through the fringes around the match can be trusted
     outlier,          ///< cleaned: far from the points around it
@@ -80,5 +80,8 @@ CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, cons
 /// The same for block matching.
 CauseMap find_block_causes(
     iStereoCamera& camera, const PairFrames& frames, const SGBMatchingParam& param, const Cloud& cloud);
+
+/// Block matching that was not even tried, as the pictures fit each other nowhere.
+CauseMap nothing_matches(iStereoCamera& camera, cv::Size raw_size, const Cloud& empty);
 
 } // namespace vexo

@@ -1,5 +1,7 @@
 #include "host/measurement/cleaning.h"
 
+#include "base/parallel.h"
+
 #include <cmath>
 #include <limits>
 
@@ -45,11 +47,10 @@ CleaningRules cleaning_rules(Method method, bool refined, Cleaning cleaning)
 {
     CleaningRules rules;
     if (cleaning == Cleaning::off) return rules;
-    const bool strict = cleaning == Cleaning::strict, gray = method == Method::gray_phase;
-    // Refinement leaves gray code + phase wrong points beside occlusions, which stand out from the median; of several
-    // periods it leaves next to none, and the median would take right ones.
-    rules.median = strict || (refined && gray) || method == Method::sgbm;
-    rules.neighbours = strict || method != Method::multi_phase || !refined;
+    const bool strict = cleaning == Cleaning::strict;
+    // Refinement leaves wrong points beside occlusions, most of them dim: they stand out from the median.
+    rules.median = strict || refined || method == Method::sgbm;
+    rules.neighbours = true;
     rules.edges = strict || method == Method::sgbm;
     constexpr int few = 120, block_few = 1600;
     constexpr float block_step = 0.5F; // blocks that match by chance hang together in larger patches
@@ -66,11 +67,15 @@ cv::Mat sigma_of_disparity(const Measured& m)
     if (m.precision.sigma.empty()) return {};
     cv::Mat sigma(m.disparity.size(), CV_32F);
     const auto slope = static_cast<float>(std::abs(m.geometry.slope));
-    for (int y = 0; y < sigma.rows; ++y)
+    in_parallel(static_cast<std::size_t>(sigma.rows), [&](std::size_t row) {
+        const int y = static_cast<int>(row);
+        const float* const of_depth = m.precision.sigma.ptr<float>(y);
+        float* const to = sigma.ptr<float>(y);
         for (int x = 0; x < sigma.cols; ++x) {
             const float z = m.cloud.point(y, x).z;
-            sigma.at<float>(y, x) = m.precision.sigma.at<float>(y, x) / (slope * z * z);
+            to[x] = of_depth[x] / (slope * z * z);
         }
+    });
     return sigma;
 }
 
@@ -85,11 +90,12 @@ void clean(Measured& m, const CleaningRules& rules)
 {
     if (!rules.any() || m.cloud.count == 0) return;
     const cv::Mat faults = find_faults(m.disparity, sigma_of_disparity(m), rules);
-    for (int y = 0; y < faults.rows; ++y)
-        for (int x = 0; x < faults.cols; ++x) {
-            const auto fault = static_cast<Fault>(faults.at<uchar>(y, x));
-            if (fault != Fault::none) remove_point(m, y, x, cause_of(fault));
-        }
+    for (int y = 0; y < faults.rows; ++y) {
+        const uchar* const row = faults.ptr<uchar>(y);
+        for (int x = 0; x < faults.cols; ++x)
+            if (const auto fault = static_cast<Fault>(row[x]); fault != Fault::none)
+                remove_point(m, y, x, cause_of(fault));
+    }
 }
 
 } // namespace vexo

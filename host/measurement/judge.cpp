@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "host/cameras/rectification.h"
 #include "host/captures/check.h"
+#include "host/measurement/range_words.h"
 
 #include <algorithm>
 
@@ -27,7 +28,10 @@ public:
     {
         const bool fringes = !_capture.files.decoded && m.method() != Method::sgbm;
         if (fringes) _judge_frames();
-        if (m.cloud.count == 0) return; // causes say why
+        if (m.cloud.count == 0) {
+            _judge_nothing();
+            return;
+        }
         _noise = std::max(grey_noise(_lit(0)), grey_noise(_lit(1)));
         m.rows = test_rows(m.texture, rectified(_camera, _lit(1), 1), m.disparity, _noise);
         const bool settled = m.rows.tested() && m.rows.fits();
@@ -75,6 +79,29 @@ private:
             m.findings.push_back({ "behind", Weight::spoils, "",
                 percent(behind, m.cloud.count) + " of the points lie behind the cameras: these are exchanged",
                 exchange });
+    }
+
+    void _say_nothing(const std::string& text, const std::string& advice)
+    {
+        m.findings.push_back({ "coverage", Weight::spoils, "", "no point was measured; " + text, advice });
+    }
+
+    void _judge_nothing()
+    {
+        const std::string swapped = "check that cam0 and cam1 are not swapped";
+        if (m.range_origin == no_range)
+            return _say_nothing("the two pictures fit each other nowhere",
+                "pass --depth or --disparity if they should, and " + swapped);
+        if (m.causes[Cause::disparity] > 0)
+            return _say_nothing(
+                "every disparity lies outside " + limits_text(m) + ": measured range " + measured_range(m),
+                "pass --disparity or --depth");
+        if (m.method() == Method::sgbm)
+            return _say_nothing("no pixel of the two pictures matches at disparities " + limits_text(m),
+                "pass --disparity or --depth, and " + swapped);
+        const Cause worst = likeliest_cause(m.causes);
+        _say_nothing((worst == Cause::contrast ? "most pixels: " : "most lit pixels: ") + std::string(words_of(worst)),
+            remedy_of(worst, m.method()));
     }
 
     /// Pixels that could have been measured: lit, or, for block matching, with texture; within the limits, if the user

@@ -15,6 +15,8 @@ namespace vexo {
 ///     projector  where the rows do not settle it, fringes only: good, or spoils, by judge_projector()
 ///     behind     spoils: most points lie behind the cameras
 ///     coverage   worse or spoils: of what could be measured most was not
+///
+/// Where nothing was measured coverage alone, with the likeliest cause.
 void judge_measured(Measured& measured, const Capture& capture, const Stereo& stereo, const MeasureRequest& request);
 
 } // namespace vexo

@@ -10,6 +10,7 @@
 #include "host/measurement/judge.h"
 #include "host/measurement/texture.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -45,11 +46,20 @@ std::vector<FringeFigures> figures_of(const Work& w, std::size_t camera)
     return figures;
 }
 
+/// The noise of both cameras' projector coordinates.
+CoordinateNoise noise_of(const Measured& m)
+{
+    std::vector<PeriodNoise> noise;
+    const std::vector<int> periods = m.periods();
+    for (std::size_t f = 0; f < m.fringes[1].size(); ++f)
+        noise.push_back({ periods.empty() ? 1.0 : periods[f],
+            { m.fringes[0][f].phase_noise, m.fringes[1][f].phase_noise }, m.fringes[1][f].length_px });
+    return periods.empty() ? gray_noise(noise[0]) : multi_noise(noise);
+}
+
 void choose_parameters(Work& w)
 {
-    if (auto* multi = std::get_if<MultiPhaseMatchingParam>(&w.m.record))
-        multi->max_phase_diff
-            = w.request.max_phase_diff.value_or(largest_phase_difference(w.m.fringes[1], w.m.periods()));
+    choose_match(w.m.record, w.request, noise_of(w.m), w.m.origins);
     auto* gray = std::get_if<GrayPhaseMatchingParam>(&w.m.record);
     if (!gray) return;
     w.m.runs = choose_run_lengths(w.m.fringes[0][0], w.m.fringes[1][0]);
@@ -57,6 +67,23 @@ void choose_parameters(Work& w)
     w.m.runs.reject_given = w.request.reject.has_value();
     gray->anchor_length = w.request.anchor.value_or(w.m.runs.anchor);
     gray->reject_length = w.request.reject.value_or(w.m.runs.reject);
+}
+
+/// How dim a pixel may be, by the noisier camera.
+void choose_light(Work& w)
+{
+    if (w.decoded()) {
+        w.m.origins.min_contrast = w.request.min_contrast ? Origin::given : Origin::standard;
+        return;
+    }
+    std::array<LeastLight, 2> least;
+    in_parallel(2, [&](std::size_t camera) {
+        least[camera] = least_light(w.capture.frames.frames[camera], phase_sets(w.m.method()));
+    });
+    const LeastLight light { std::max(least[0].contrast, least[1].contrast),
+        std::max(least[0].modulation, least[1].modulation), least[0].measured || least[1].measured };
+    w.m.min_modulation = choose_light(w.m.record, w.request, light, w.m.origins);
+    w.m.weak = find_weak_pixels(w.capture.frames.frames[0], light.contrast, light_limits(w.m.record).min_contrast);
 }
 
 /// A pixel without fringes decodes to a phase all the same: gray code sees a patch of such pixels as one long run
@@ -68,11 +95,10 @@ void mask_pixels(Work& w)
     const LightLimits limits = light_limits(w.m.record);
     in_parallel(2, [&](std::size_t camera) {
         std::vector<cv::Mat>& frames = w.frames[camera];
-        const cv::Mat& seen
-            = (w.m.masks[camera] = make_masks(frames, limits, sets, w.request.min_modulation)).modulation;
+        w.m.masks[camera] = make_masks(frames, limits, sets, w.m.min_modulation);
+        cv::Mat& seen = w.m.masks[camera].modulation;
+        if (!w.decoded()) drop_mixtures(frames, seen);
         w.m.fringes[camera] = figures_of(w, camera);
-        if (camera == 0 && w.m.method() == Method::multi_phase && !w.decoded())
-            w.m.weak = find_weak_pixels(frames, seen, w.m.fringes[0], limits.min_contrast);
         frames[1] = frames[1].clone(); // the capture stays as it was recorded
         frames[1].setTo(0, seen == 0);
     });
@@ -92,6 +118,7 @@ void measure_phases(Work& w)
     Measured& m = w.m;
     const auto given = given_range(w.request, m.geometry);
     next_step(w.on_step, "looking at the fringes");
+    choose_light(w);
     mask_pixels(w);
     choose_parameters(w);
     next_step(w.on_step, "matching without limits");
@@ -112,6 +139,15 @@ void measure_phases(Work& w)
     m.causes_seconds = clock.lap();
 }
 
+/// No point: the two pictures fit each other at no disparity.
+void leave_unmatched(Work& w)
+{
+    w.m.range_origin = no_range;
+    w.m.cloud.size = w.m.texture.size();
+    w.m.cloud.points.assign(w.m.texture.total(), cv::Point3f(std::nanf(""), std::nanf(""), std::nanf("")));
+    w.m.causes = nothing_matches(w.camera(), w.frames[0][0].size(), w.m.cloud);
+}
+
 void measure_blocks(Work& w)
 {
     Measured& m = w.m;
@@ -120,7 +156,7 @@ void measure_blocks(Work& w)
     Stopwatch clock;
     const char* const origin = range ? as_given : from_the_data;
     if (!range) range = matching_range(m.texture, rectified(w.camera(), w.frames[1][0], 1), m.geometry);
-    if (!range) throw Failure("the two pictures fit each other nowhere; pass --depth or --disparity if they should");
+    if (!range) return leave_unmatched(w);
     const auto& count = w.request.num_disparities;
     if (count) range->second = range->first + *count - 1;
     set_range(m, *range, origin);
@@ -147,6 +183,17 @@ cv::Mat disparity_map(const Cloud& cloud, const Geometry& geometry)
     return disparity;
 }
 
+CandidateLimits candidate_limits(const Work& w)
+{
+    const std::vector<int> periods = w.m.periods();
+    const auto [least, most] = disparity_limits(w.m.record);
+    const double difference = w.m.method() == Method::gray_phase
+        ? std::get<GrayPhaseMatchingParam>(w.m.record).max_phase_diff
+        : std::get<MultiPhaseMatchingParam>(w.m.record).max_phase_diff;
+    return { noise_of(w.m).unit_px, periods.empty() ? 1.0 : *std::min_element(periods.begin(), periods.end()),
+        difference, least, most };
+}
+
 /// Points by phases of frames get their sigma, and are refined if that is asked for.
 void make_precise(Work& w)
 {
@@ -161,7 +208,7 @@ void make_precise(Work& w)
     next_step(w.on_step, "looking once more around each match");
     Stopwatch clock;
     const PhasePoints points { w.capture.frames.frames[0], w.capture.frames.frames[1], m.masks, m.record, m.disparity,
-        m.cloud, m.causes };
+        m.cloud, m.causes, candidate_limits(w) };
     w.phases = phase_data(points);
     m.precision = make_precise(w.stereo, w.phases, points, w.request.refine);
     m.precision.seconds = clock.lap();
@@ -216,6 +263,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
         measure_phases(work);
     m.disparity = disparity_map(m.cloud, m.geometry);
     make_precise(work);
+    m.uncleaned = m.disparity.clone();
     clean(work);
     m.depth = depth_map(m.cloud);
     clock.lap();

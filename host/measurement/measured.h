@@ -6,6 +6,7 @@
 #include "host/clouds/cloud.h"
 #include "host/measurement/causes.h"
 #include "host/measurement/match.h"
+#include "host/measurement/parameters.h"
 #include "host/measurement/precision.h"
 #include "host/measurement/projector.h"
 #include "host/measurement/record.h"
@@ -20,6 +21,9 @@
 
 namespace vexo {
 
+/// Measured::range_origin where block matching found no disparities to search.
+constexpr const char* no_range = "none was found";
+
 /// What was measured, and how.
 struct Measured {
     Choice choice;
@@ -30,13 +34,16 @@ struct Measured {
     std::array<PixelMasks, 2> masks;
     std::array<std::vector<FringeFigures>, 2> fringes; ///< of each camera, one for each period
     RunLengths runs;
-    WeakPixels weak;                  ///< of camera 0, multi-period
+    Origins origins;                  ///< of the parameters that phases are matched with
+    double min_modulation = 0.0;      ///< of a pixel that is measured, grey levels
+    WeakPixels weak;                  ///< of camera 0, left out by a contrast that was given
     cv::Mat texture;                  ///< rectified lit frame of camera 0
     std::string range_origin;         ///< where the disparity limits come from
     std::vector<float> any_disparity; ///< what phases match without limits
     Cloud cloud;                      ///< rectified camera 0; may hold no point
     CauseMap causes;
     cv::Mat disparity, depth; ///< CV_32F, NaN where nothing was measured
+    cv::Mat uncleaned;        ///< the disparities before points were taken out because of those around them
     Precision precision;      ///< how far off the points may be, and whether they were refined
     RowError rows;
     ProjectorFit projector;        ///< asked only where the rows do not settle it

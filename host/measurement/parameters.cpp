@@ -16,7 +16,7 @@ Param phase_record(const MeasureRequest& o, bool decoded, double max_phase_diff,
 {
     Param param;
     param.max_phase_diff = o.max_phase_diff.value_or(max_phase_diff);
-    param.fit_points = o.fit_points;
+    param.fit_points = o.fit_points.value_or(5);
     param.datatype = decoded ? 1 : 0;
     param.min_contrast = o.min_contrast.value_or(min_contrast);
     param.max_white = o.max_white;
@@ -35,7 +35,7 @@ GrayPhaseMatchingParam gray_record(const MeasureRequest& o, bool decoded)
 
 MultiPhaseMatchingParam multi_record(const MeasureRequest& o, bool decoded, const std::vector<int>& said)
 {
-    constexpr int min_contrast = 60; // grey levels: weaker pixels lose half of their fringe numbers
+    constexpr int min_contrast = 60; // grey levels, of decoded maps, whose noise is not known
     auto param
         = phase_record<MultiPhaseMatchingParam>(o, decoded, MultiPhaseMatchingParam().max_phase_diff, min_contrast);
     std::vector<int> periods = o.periods.empty() ? said : o.periods;
@@ -43,6 +43,13 @@ MultiPhaseMatchingParam multi_record(const MeasureRequest& o, bool decoded, cons
     check_periods(periods);
     std::copy(periods.begin(), periods.end(), param.periods);
     return param;
+}
+
+/// Calls `set` with the record, if it is one of phases.
+template <class Set> void of_phases(MatchingRecord& record, const Set& set)
+{
+    if (auto* gray = std::get_if<GrayPhaseMatchingParam>(&record)) set(*gray);
+    if (auto* multi = std::get_if<MultiPhaseMatchingParam>(&record)) set(*multi);
 }
 
 } // namespace
@@ -63,16 +70,37 @@ std::optional<MeasureRequest::Range> given_range(const MeasureRequest& request, 
     return std::make_pair(std::floor(std::min(a, b)), std::ceil(std::max(a, b)));
 }
 
-/// Neighbours in camera 1 are this far apart in projector px. On a surface the nearest of them is at most half as far
-/// from any coordinate, more where it turns away; what is much farther lies beyond a depth edge. On the virtual rig's
-/// bust 1.5 px of the camera measure 0.2 % less than 4 px do, with 40 % fewer wrong points.
-double largest_phase_difference(const std::vector<FringeFigures>& fringes, const std::vector<int>& periods)
+const char* name_of(Origin origin)
 {
-    constexpr double camera_px = 1.5, least = 0.5;
-    double px_per_projector_px = 0.0;
-    for (std::size_t f = 0; f < fringes.size(); ++f)
-        px_per_projector_px = std::max(px_per_projector_px, fringes[f].length_px / periods[f]);
-    return px_per_projector_px > 0.0 ? std::max(least, camera_px / px_per_projector_px) : least;
+    return origin == Origin::given ? "given" : origin == Origin::measured ? "measured" : "default";
+}
+
+double choose_light(MatchingRecord& record, const MeasureRequest& request, const LeastLight& light, Origins& origins)
+{
+    const Origin found = light.measured ? Origin::measured : Origin::standard;
+    origins.min_contrast = request.min_contrast ? Origin::given : found;
+    origins.min_modulation = request.min_modulation ? Origin::given : found;
+    of_phases(record, [&](auto& param) { param.min_contrast = request.min_contrast.value_or(light.contrast); });
+    return request.min_modulation.value_or(light.modulation);
+}
+
+void choose_match(MatchingRecord& record, const MeasureRequest& request, const CoordinateNoise& noise, Origins& origins)
+{
+    origins.max_phase_diff = request.max_phase_diff ? Origin::given : Origin::standard;
+    origins.fit_points = request.fit_points ? Origin::given : Origin::standard;
+    if (!(noise.unit_px > 0.0)) return; // no fringes
+    if (!request.max_phase_diff) {
+        constexpr double camera_px = 1.5, sigmas = 4.0, least_projector_px = 0.5;
+        const double difference
+            = camera_px / noise.unit_px + sigmas * 2.0 / 3.0 * std::hypot(noise.sigma0, noise.sigma1);
+        const double least = method_of(record) == Method::multi_phase ? least_projector_px : 0.0;
+        of_phases(record, [&](auto& param) { param.max_phase_diff = std::max(least, difference); });
+        origins.max_phase_diff = Origin::measured;
+    }
+    if (request.fit_points || !(noise.sigma0 > 0.0)) return; // decoded maps do not show their noise
+    const bool quiet = disparity_noise(noise, 5.0) < 0.25 * remap_rounding();
+    of_phases(record, [&](auto& param) { param.fit_points = quiet ? 3 : 5; });
+    origins.fit_points = Origin::measured;
 }
 
 } // namespace vexo

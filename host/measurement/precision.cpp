@@ -2,10 +2,12 @@
 
 #include "base/parallel.h"
 #include "host/measurement/library_sigma.h"
+#include "host/measurement/plain_decoding.h"
 #include "host/measurement/refine.h"
 #include "patterns/method.h"
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace vexo {
@@ -93,6 +95,48 @@ void replace_points(const Geometry& geometry, const Refined& refined, const Phas
     points.cloud.count -= static_cast<int>(gone);
 }
 
+/// Changes of the counts of causes.
+using CauseChanges = std::array<long long, cause_count>;
+
+/// Notes which points of a row come and go.
+void note_row(int y, const float* chosen, const PhasePoints& points, CauseChanges& changes)
+{
+    cv::Point3f* const cloud = points.cloud.points.data() + static_cast<std::ptrdiff_t>(y) * points.cloud.size.width;
+    const float* const library = points.disparity.ptr<float>(y);
+    uchar* const causes = points.causes.causes.ptr<uchar>(y);
+    const int cols = points.cloud.size.width;
+    if (std::memcmp(library, chosen, static_cast<std::size_t>(cols) * sizeof(float)) == 0) return;
+    for (int x = 0; x < cols; ++x) {
+        const bool was = library[x] == library[x], is = chosen[x] == chosen[x];
+        if (was == is) continue;
+        --changes[causes[x]];
+        causes[x] = static_cast<uchar>(is ? Cause::none : Cause::ambiguous);
+        ++changes[causes[x]];
+        cloud[x] = { none, none, none }; // until it is refined
+    }
+}
+
+/// Puts the matches of a second decoding in the place of the library's, or beside them.
+CandidateCounts decode_again(
+    const RectifyingTables& tables, const std::array<RawPhases, 2>& raw, const PhasePoints& points)
+{
+    const std::array<cv::Mat, 2> coordinates { plain_coordinates(points.frames0, raw[0], points.record),
+        plain_coordinates(points.frames1, raw[1], points.record) };
+    const cv::Mat plain = plain_matches(coordinates, tables, points.disparity, points.limits);
+    const Candidates chosen = choose_candidates(points.disparity, plain, points.limits);
+    std::vector<CauseChanges> changes(static_cast<std::size_t>(plain.rows), CauseChanges {});
+    in_parallel(changes.size(), [&](std::size_t row) {
+        const int y = static_cast<int>(row);
+        note_row(y, chosen.disparity.ptr<float>(y), points, changes[row]);
+    });
+    for (const CauseChanges& of_row : changes)
+        for (std::size_t cause = 0; cause < cause_count; ++cause)
+            points.causes.counts[cause] += of_row[cause];
+    points.cloud.count = static_cast<int>(points.causes[Cause::none]);
+    points.disparity = chosen.disparity;
+    return chosen.counts;
+}
+
 void to_depth(const Geometry& geometry, const Cloud& cloud, cv::Mat& sigma)
 {
     for (int y = 0; y < sigma.rows; ++y)
@@ -127,6 +171,7 @@ Precision make_precise(const Stereo& stereo, const PhaseData& data, const PhaseP
         return made;
     }
     if (refined) {
+        made.candidates = decode_again(stereo.tables, data.raw, points);
         const Refined found = refine(data.raw, stereo.tables, points.disparity);
         made.sigma = found.sigma; // still of the disparity, px
         replace_points(stereo.geometry, found, points, made);

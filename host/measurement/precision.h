@@ -3,6 +3,7 @@
 #include "host/cameras/stereo.h"
 #include "host/captures/noise.h"
 #include "host/clouds/cloud.h"
+#include "host/measurement/candidates.h"
 #include "host/measurement/causes.h"
 #include "host/measurement/raw_phases.h"
 #include "host/measurement/record.h"
@@ -22,6 +23,7 @@ struct Precision {
     std::string why_none;                ///< why points have no sigma; empty: they have
     std::array<NoiseModel, 2> noise;     ///< of each camera
     std::array<long long, 6> samples {}; ///< [n]: points that are read from n pixels of camera 1; [0]: dropped
+    CandidateCounts candidates;          ///< where a second decoding says otherwise
     long long in_gaps = 0;               ///< points that the fringes of narrow gaps gave
     cv::Mat sigma; ///< CV_32F, standard deviation of the depth by the noise alone, unit of the calibration; NaN: none
     double seconds = 0.0;
@@ -36,6 +38,7 @@ struct PhasePoints {
     cv::Mat& disparity; ///< CV_32F, px, NaN: no point
     Cloud& cloud;
     CauseMap& causes;
+    CandidateLimits limits {}; ///< of a second decoding, when the points are refined
 };
 
 /// What points are refined from.

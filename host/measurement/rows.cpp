@@ -313,7 +313,9 @@ RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& dis
     for (const Window& window : windows) {
         ++e.windows;
         e.textured += window.textured ? 1 : 0;
-        if (window.shift) shifts.push_back(*window.shift);
+        if (!window.shift) continue;
+        shifts.push_back(*window.shift);
+        e.shifts.push_back({ window.at, *window.shift });
     }
     if (shifts.empty()) return e;
     e.found = static_cast<double>(shifts.size()) / e.textured;

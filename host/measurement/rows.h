@@ -4,6 +4,8 @@
 
 #include <opencv2/core.hpp>
 
+#include <vector>
+
 /// Whether both cameras see the same surface in the same row, as rectification promises. Fringes cannot say: their
 /// phase is the same all along a column of the projector, so a match in the wrong row looks like a right one, and the
 /// cloud is wrong without a word. The surface's own texture can: it is compared along y.
@@ -15,6 +17,12 @@ namespace vexo {
 
 constexpr double rows_warn_from = 0.3; ///< px of the median: from here on a finding warns
 
+/// What one window with texture says.
+struct RowShift {
+    cv::Point at;    ///< its middle in rectified camera 0
+    double px = 0.0; ///< row in camera 1 less row in camera 0
+};
+
 struct RowError {
     int windows = 0;      ///< that were looked at, each around a measured pixel of camera 0
     int textured = 0;     ///< of them: with texture along y to compare by
@@ -24,7 +32,8 @@ struct RowError {
     /// Of the plane a + b x + c y through the row errors, px: a in the middle of the picture, b from its left to its
     /// right edge, c from its upper to its lower one.
     double a = 0.0, b = 0.0, c = 0.0;
-    cv::Size size; ///< of the picture
+    cv::Size size;                ///< of the picture
+    std::vector<RowShift> shifts; ///< of each window that has a match
 
     /// Enough windows have texture for the others to mean something.
     bool tested() const;

@@ -24,14 +24,22 @@ CoordinateNoise multi_noise(const std::vector<PeriodNoise>& noise)
     return sum;
 }
 
-double predicted_noise(
-    const CoordinateNoise& noise, double fit_points, double f_baseline, const std::vector<cv::Point3f>& cloud)
+double remap_rounding()
+{
+    return std::sqrt(2.0 / 12.0) / 32.0;
+}
+
+double disparity_noise(const CoordinateNoise& noise, double fit_points)
 {
     const double n = fit_points;
     const double k = 2.0 / 3.0 * ((n - 1.0 + 2.0 / 3.0) / (n * n) + 1.0 / (n * (n * n - 1.0)));
-    constexpr double q_squared = 1.0 / (32.0 * 32.0 * 12.0);
-    const double s0 = noise.sigma0 * noise.unit_px, s1 = noise.sigma1 * noise.unit_px;
-    const double sigma_d = std::sqrt(4.0 / 9.0 * s0 * s0 + k * s1 * s1 + 2.0 * q_squared);
+    return noise.unit_px * std::hypot(2.0 / 3.0 * noise.sigma0, std::sqrt(k) * noise.sigma1);
+}
+
+double predicted_noise(
+    const CoordinateNoise& noise, double fit_points, double f_baseline, const std::vector<cv::Point3f>& cloud)
+{
+    const double sigma_d = std::hypot(disparity_noise(noise, fit_points), remap_rounding());
     double fourth_powers = 0.0;
     for (const cv::Point3f& p : cloud)
         fourth_powers += std::pow(static_cast<double>(p.z), 4.0);

@@ -27,6 +27,12 @@ CoordinateNoise gray_noise(const PeriodNoise& noise);
 /// phase noises s_f: sigma^2 = sum (T_f s_f)^2 / n^2.
 CoordinateNoise multi_noise(const std::vector<PeriodNoise>& noise);
 
+/// Standard deviation of a disparity by the rounding of cv::remap in both cameras, px.
+double remap_rounding();
+
+/// Standard deviation of a disparity by the noise of the grey values alone, px; the first term of sigma_d below.
+double disparity_noise(const CoordinateNoise& noise, double fit_points);
+
 /// Standard deviation of the depth that the noise of the grey values lets expect, by first-order propagation:
 ///
 ///     sigma_Z = Z^2 / (f b) sigma_d          sigma_d^2 = L^2 (4/9 s0^2 + k s1^2) + 2 q^2

@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 void add_files(OutputFolder& out, const Calibrated& c, const std::vector<Finding>& findings)
 {
-    const CalibrationNotes notes { unit_named("mm", "board.yaml"), calibration_verdict(findings) };
+    const CalibrationNotes notes { unit_named("mm", "board.yaml"), calibration_verdict(findings), c.hold_out.share };
     for (const auto& [name, bytes] : c.files)
         out.add(name, name == "cameras.yaml" ? with_notes(bytes, notes) : bytes);
     out.add("board.yaml", board_yaml(c.board));

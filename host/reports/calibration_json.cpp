@@ -90,6 +90,7 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
         if (c.is_pair())
             json["hold_out"]["halves_apart"] = { { "distance_mm", finite(c.hold_out.apart.distance) },
                 { "depth_mm", finite(c.hold_out.apart.depth) }, { "shape_mm", finite(c.hold_out.apart.shape) } };
+        if (c.is_pair()) json["hold_out"]["share_mm"] = vexo::to_json(c.hold_out.share);
         if (c.is_pair()) json["hold_out"]["pair"] = to_json(c.hold_out.pair);
     }
     return json;

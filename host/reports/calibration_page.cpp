@@ -3,6 +3,9 @@
 #include "base/pictures.h"
 #include "base/statistics.h"
 #include "base/text.h"
+#include "host/cameras/calibration_notes.h"
+#include "host/reports/html.h"
+#include "host/reports/svg.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -21,85 +24,9 @@ constexpr int thumbnail_width = 200; ///< px
 
 constexpr double arrow_scale = 100.0;
 
-const char* const style = R"(
-body{font:15px/1.45 system-ui,sans-serif;margin:0;color:#1c2430;background:#f4f6f8}
-main{max-width:1240px;margin:0 auto;padding:24px}
-header{padding:20px 24px;border-radius:10px;color:#fff;margin-bottom:20px}
-header h1{margin:0 0 4px;font-size:24px}header p{margin:0;opacity:.92}
-.good{background:#1f7a4d}.usable{background:#a36a00}.not{background:#a5282c}
-section{background:#fff;border:1px solid #dfe4ea;border-radius:10px;padding:16px 20px;margin-bottom:20px}
-h2{font-size:17px;margin:0 0 10px}h3{font-size:14px;margin:0 0 4px;color:#48566a}
-p.about{margin:0 0 12px;color:#5a6778;font-size:13.5px}
-table{border-collapse:collapse;width:100%}td,th{padding:6px 10px;border-bottom:1px solid #e8ecf0;text-align:left;vertical-align:top}
-th{font-weight:600;color:#48566a;font-size:13px}td.n{text-align:right;font-variant-numeric:tabular-nums}
-.dot{display:inline-block;width:11px;height:11px;border-radius:50%;margin-right:8px}
-.l0{background:#1f9d5f}.l1{background:#e0a200}.l2{background:#cc3340}.l3{background:#9aa5b1}
-.advice{color:#8a4b00;font-size:13.5px}
-.two{display:flex;flex-wrap:wrap;gap:20px}.two>div{flex:1 1 480px;min-width:0;max-width:600px}
-svg{width:100%;height:auto;background:#fbfcfd;border:1px solid #e3e8ed;border-radius:6px}
-img{display:block;border-radius:4px;width:200px}
-tr.out td{background:#fff1f1}tr.unused td{color:#8390a0}
-)";
-
-std::string escaped(const std::string& text)
-{
-    std::string out;
-    for (const char c : text) {
-        if (c == '<')
-            out += "&lt;";
-        else if (c == '>')
-            out += "&gt;";
-        else if (c == '&')
-            out += "&amp;";
-        else if (c == '"')
-            out += "&quot;";
-        else
-            out += c;
-    }
-    return out;
-}
-
-/// Source: RFC 4648.
-std::string base64(const std::vector<unsigned char>& bytes)
-{
-    const char* const letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t n = std::min<std::size_t>(3, bytes.size() - i);
-        unsigned value = 0;
-        for (std::size_t k = 0; k < 3; ++k)
-            value = value << 8 | (k < n ? bytes[i + k] : 0U);
-        for (std::size_t k = 0; k < 4; ++k)
-            out += k <= n ? letters[value >> (18 - 6 * k) & 63U] : '=';
-    }
-    return out;
-}
-
-std::string figure(double value, int decimals)
+std::string or_dash(double value, int decimals)
 {
     return std::isfinite(value) ? number(value, decimals) : "&ndash;";
-}
-
-std::string open_svg(double width, double height)
-{
-    return "<svg viewBox=\"0 0 " + number(width, 0) + " " + number(height, 0) + "\">";
-}
-
-std::string svg_text(double x, double y, const std::string& text, const std::string& more = "")
-{
-    return "<text x=\"" + number(x, 1) + "\" y=\"" + number(y, 1) + "\" font-size=\"11\" fill=\"#48566a\" " + more + ">"
-        + text + "</text>";
-}
-
-std::string svg_dot(double x, double y, double r, const std::string& more)
-{
-    return "<circle cx=\"" + number(x, 1) + "\" cy=\"" + number(y, 1) + "\" r=\"" + number(r, 1) + "\" " + more + "/>";
-}
-
-/// "M x y l dx dy" of a path.
-std::string stroke(cv::Point2d from, cv::Vec2d along)
-{
-    return "M" + number(from.x, 1) + " " + number(from.y, 1) + "l" + number(along[0], 1) + " " + number(along[1], 1);
 }
 
 /// Where the markers of all used views lie in the image; cells of the 8 x 6 grid without any are red.
@@ -236,54 +163,30 @@ std::string thumbnail(const BoardPicture& picture)
     cv::Mat small;
     const double scale = static_cast<double>(thumbnail_width) / drawing.cols;
     cv::resize(drawing, small, {}, scale, scale, cv::INTER_AREA);
-    return "<img alt=\"\" src=\"data:image/jpeg;base64," + base64(encode(".jpg", small)) + "\">";
+    return picture_html(encode(".jpg", small), "image/jpeg", "what was recognised in " + picture.name);
 }
 
 std::string side_by_side(const Calibrated& c, std::string (*draw)(const Calibrated&, std::size_t))
 {
-    std::string html = "<div class=\"two\">";
+    std::string html = "<div class=\"pictures\">";
     for (std::size_t k = 0; k < c.cameras.size(); ++k)
         html += "<div><h3>Camera " + std::to_string(k) + "</h3>" + draw(c, k) + "</div>";
     return html + "</div>";
 }
 
-std::string section(const std::string& title, const std::string& about, const std::string& body)
-{
-    return "<section><h2>" + title + "</h2><p class=\"about\">" + about + "</p>" + body + "</section>\n";
-}
-
-/// Index of the coloured dot.
-int light_of(Weight weight)
-{
-    return weight == Weight::unknown ? 3 : weight == Weight::spoils ? 2 : weight == Weight::worse ? 1 : 0;
-}
-
-std::string answers(const std::vector<Finding>& findings)
-{
-    std::string html = "<table>";
-    for (const Finding& finding : findings)
-        html += "<tr><td style=\"white-space:nowrap\"><span class=\"dot l" + std::to_string(light_of(finding.weight))
-            + "\"></span>" + escaped(question_of(finding)) + "</td><td>" + escaped(finding.text)
-            + (finding.advice.empty() ? "" : "<br><span class=\"advice\">" + escaped(finding.advice) + "</span>")
-            + "</td></tr>";
-    return html + "</table>";
-}
-
 std::string cameras_table(const Calibrated& c)
 {
-    std::string html
-        = "<table><tr><th></th><th>fx, fy [px]</th><th>cx, cy [px]</th><th>distortion k1 k2 p1 p2 k3 ...</th></tr>";
+    Table table { { { "" }, { "fx, fy [px]", true }, { "cx, cy [px]", true }, { "distortion k1 k2 p1 p2 k3 ..." } },
+        {} };
     for (std::size_t k = 0; k < c.cameras.size(); ++k) {
         const cv::Matx33d& K = c.cameras[k].K;
-        html += "<tr><td>camera " + std::to_string(k) + "</td><td>" + number(K(0, 0), 2) + ", " + number(K(1, 1), 2)
-            + "</td><td>" + number(K(0, 2), 2) + ", " + number(K(1, 2), 2) + "</td><td>";
+        std::string distortion;
         for (auto d = c.cameras[k].D.begin<double>(); d != c.cameras[k].D.end<double>(); ++d)
-            html += number(*d, 5) + " ";
-        html += "</td></tr>";
+            distortion += number(*d, 5) + " ";
+        table.rows.push_back({ "camera " + std::to_string(k), number(K(0, 0), 2) + ", " + number(K(1, 1), 2),
+            number(K(0, 2), 2) + ", " + number(K(1, 2), 2), distortion });
     }
-    html += "</table>";
-    if (c.is_pair()) html += "<p>Baseline " + number(c.baseline, 3) + " mm.</p>";
-    return html;
+    return table_html(table) + (c.is_pair() ? "<p>Baseline " + number(c.baseline, 3) + " mm.</p>" : "");
 }
 
 std::string view_row(const Calibrated& c, std::size_t v, bool stands_out)
@@ -297,28 +200,29 @@ std::string view_row(const Calibrated& c, std::size_t v, bool stands_out)
     for (std::size_t k = 0; k < c.cameras.size(); ++k) {
         const BoardPicture& picture = c.views.cameras[k][v];
         html += "<td>" + thumbnail(picture) + "</td><td>" + escaped(picture.name) + "<br>"
-            + escaped(outcome(picture, c.board)) + "</td><td class=\"n\">" + figure(c.fits[k].view_rms[v], 3)
-            + "</td><td class=\"n\">" + figure(c.fits[k].view_tilt[v], 0) + "</td>";
+            + escaped(outcome(picture, c.board)) + "</td><td class=\"n\">" + or_dash(c.fits[k].view_rms[v], 3)
+            + "</td><td class=\"n\">" + or_dash(c.fits[k].view_tilt[v], 0) + "</td>";
     }
-    if (c.is_pair()) html += "<td class=\"n\">" + figure(c.pair.view_row[v], 3) + "</td>";
+    if (c.is_pair()) html += "<td class=\"n\">" + or_dash(c.pair.view_row[v], 3) + "</td>";
     return html + "</tr>";
 }
 
 std::string views_table(const Calibrated& c)
 {
     const std::vector<std::size_t> out = outlying_views(c);
-    std::string html = "<table><tr><th>view</th>";
+    std::string html = "<div class=\"wide\"><table><tr><th>view</th>";
     for (std::size_t k = 0; k < c.cameras.size(); ++k)
-        html += "<th>camera " + std::to_string(k) + "</th><th></th><th>rms [px]</th><th>tilt [&deg;]</th>";
-    html += c.is_pair() ? "<th>row error [px]</th></tr>" : "</tr>";
+        html += "<th>camera " + std::to_string(k)
+            + "</th><th></th><th class=\"n\">rms [px]</th><th class=\"n\">tilt [&deg;]</th>";
+    html += c.is_pair() ? "<th class=\"n\">row error [px]</th></tr>" : "</tr>";
     for (std::size_t v = 0; v < c.views.count(); ++v)
         html += view_row(c, v, std::find(out.begin(), out.end(), v) != out.end());
-    return html + "</table>";
+    return html + "</table></div>";
 }
 
 std::string bars_of(const Calibrated& c)
 {
-    std::string html = "<div class=\"two\">";
+    std::string html = "<div class=\"pictures\">";
     for (std::size_t k = 0; k < c.cameras.size(); ++k)
         html += "<div><h3>Camera " + std::to_string(k) + ", rms</h3>" + bar_drawing(c, c.fits[k].view_rms) + "</div>";
     if (!c.agreement.error_px.empty())
@@ -328,41 +232,42 @@ std::string bars_of(const Calibrated& c)
     return html + "</div>";
 }
 
+Weight weight_of(const std::string& verdict)
+{
+    return verdict == bad_calibration ? Weight::spoils : verdict == usable_calibration ? Weight::worse : Weight::good;
+}
+
 } // namespace
 
 std::string calibration_html(const Calibrated& c, const std::vector<Finding>& findings)
 {
     const std::string judged = calibration_verdict(findings);
-    std::string head = std::to_string(c.used_count()) + " views, " + std::to_string(c.size.width) + " x "
-        + std::to_string(c.size.height) + " px, rms " + number(c.rms, 3) + " px";
+    std::string head = std::to_string(c.used_count()) + " views, " + size_text(c.size.width, c.size.height)
+        + " px, rms " + number(c.rms, 3) + " px";
     if (c.is_pair())
         head += ", row error " + number(c.pair.row_systematic, 3) + " px, baseline " + number(c.baseline, 2) + " mm";
-    std::string html
-        = "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>vexo calibration</title>"
-          "<meta name=\"viewport\" content=\"width=device-width\"><style>"
-        + std::string(style) + "</style></head><body><main>\n<header class=\"" + judged.substr(0, judged.find(' '))
-        + "\"><h1>Calibration: " + judged + "</h1><p>" + head + ". Board: " + escaped(describe(c.board))
-        + ".</p></header>\n";
-    html += section("Is it good?",
-        "Every answer with its figures; what to do stands below it where something should be done.", answers(findings));
-    html += section("Which view spoils it?",
-        "Error of each view with the best pose of the board for that view alone. Red: more than twice the median.",
-        bars_of(c));
-    html += section("Where were the markers?", "All markers of the used views in the image; red cells have none.",
-        side_by_side(c, coverage_drawing));
-    html += section("What do the cameras not explain?",
-        "Difference between a marker and where the calibration puts it, 100 times enlarged. Red arrows that swirl or "
-        "point outwards together show distortion that the model does not follow.",
-        side_by_side(c, residual_drawing));
+    Page page { "Calibration", c.is_pair() ? "Calibration of a pair of cameras" : "Calibration of a camera",
+        weight_of(judged), "The calibration is " + judged, head + ". Board: " + describe(c.board), {} };
+    page.sections = { { "Is it good?", "Every answer with its figures, the gravest first, and what to do beside it.",
+                          findings_html(findings, question_of) },
+        { "Which view spoils it?",
+            "Error of each view with the best pose of the board for that view alone. Red: more than twice the median.",
+            bars_of(c) },
+        { "Where were the markers?", "All markers of the used views in the image; red cells have none.",
+            side_by_side(c, coverage_drawing) },
+        { "What do the cameras not explain?",
+            "Difference between a marker and where the calibration puts it, 100 times enlarged. Red arrows that swirl "
+            "or point outwards together show distortion that the model does not follow.",
+            side_by_side(c, residual_drawing) } };
     if (c.is_pair())
-        html += section("Is the printed board flat?",
+        page.sections.push_back({ "Is the printed board flat?",
             "The board as the calibrated pair measures it, averaged over all views: height of each marker off the "
             "plane.",
-            "<div class=\"two\"><div>" + shape_drawing(c) + "</div></div>");
-    html += section(
-        "Cameras", "Intrinsics in px; x right, y down, (0, 0) the centre of the top left pixel.", cameras_table(c));
-    html += section("Views", "What was recognised, and how well it fits.", views_table(c));
-    return html + "</main></body></html>\n";
+            "<div class=\"pictures\"><div>" + shape_drawing(c) + "</div></div>" });
+    page.sections.push_back(
+        { "Cameras", "Intrinsics in px; x right, y down, (0, 0) the centre of the top left pixel.", cameras_table(c) });
+    page.sections.push_back({ "Views", "What was recognised, and how well it fits.", views_table(c) });
+    return page_html(page);
 }
 
 } // namespace vexo

@@ -1,5 +1,6 @@
 #include "host/reports/false_colour.h"
 
+#include "base/statistics.h"
 #include "base/text.h"
 
 #include <opencv2/imgproc.hpp>
@@ -49,7 +50,7 @@ cv::Mat framed(const cv::Mat& picture, int panel, const std::string& title, cons
     return out;
 }
 
-/// Distance of ticks: 1, 2 or 5 times a power of ten, for about six of them.
+/// 1, 2 or 5 times a power of ten, for about six of them.
 double tick_distance(double span)
 {
     const double raw = span / 6.0;
@@ -68,6 +69,23 @@ cv::Vec3b signed_colour(double level)
     return colours[below] + (at - below) * (colours[below + 1] - colours[below]);
 }
 
+void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv::Mat& colours, const Layout& layout)
+{
+    for (int y = 0; y < bar.height; ++y) {
+        const int level = 255 - 255 * y / std::max(1, bar.height - 1);
+        cv::line(picture, { bar.x, bar.y + y }, { bar.x + bar.width - 1, bar.y + y },
+            cv::Scalar(colours.at<cv::Vec3b>(0, level)));
+    }
+    cv::rectangle(picture, bar, ink, layout.stroke());
+    for (const Tick& tick : ticks_of({ low, high })) {
+        const int y = bar.y + static_cast<int>(std::lround((1.0 - tick.at) * (bar.height - 1)));
+        cv::line(picture, { bar.x + bar.width, y }, { bar.x + bar.width + layout.px(6), y }, ink, layout.stroke());
+        write(picture, tick.text, { bar.x + bar.width + layout.px(10), y + layout.px(6) }, layout);
+    }
+}
+
+} // namespace
+
 cv::Mat colour_table(Ramp ramp)
 {
     cv::Mat levels(1, 256, CV_8U), colours(1, 256, CV_8UC3);
@@ -80,32 +98,34 @@ cv::Mat colour_table(Ramp ramp)
     return colours;
 }
 
-void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv::Mat& colours, const Layout& layout)
+std::vector<Tick> ticks_of(const Span& span)
 {
-    for (int y = 0; y < bar.height; ++y) {
-        const int level = 255 - 255 * y / std::max(1, bar.height - 1);
-        cv::line(picture, { bar.x, bar.y + y }, { bar.x + bar.width - 1, bar.y + y },
-            cv::Scalar(colours.at<cv::Vec3b>(0, level)));
-    }
-    cv::rectangle(picture, bar, ink, layout.stroke());
-    const double distance = tick_distance(high - low);
+    const double distance = tick_distance(span.high - span.low);
     const int decimals = std::max(0, static_cast<int>(-std::floor(std::log10(distance) + 1e-9)));
-    for (double k = std::ceil(low / distance - 1e-9); k * distance <= high + 1e-9 * distance; ++k) {
+    std::vector<Tick> ticks;
+    for (double k = std::ceil(span.low / distance - 1e-9); k * distance <= span.high + 1e-9 * distance; ++k) {
         const double value = k * distance + 0.0;
-        const int y = bar.y + static_cast<int>(std::lround((high - value) / (high - low) * (bar.height - 1)));
-        cv::line(picture, { bar.x + bar.width, y }, { bar.x + bar.width + layout.px(6), y }, ink, layout.stroke());
-        write(picture, number(value, decimals), { bar.x + bar.width + layout.px(10), y + layout.px(6) }, layout);
+        ticks.push_back({ (value - span.low) / (span.high - span.low), number(value, decimals) });
     }
+    return ticks;
 }
 
-} // namespace
-
-cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::string& title, Ramp kind)
+Span shown_span(double low, double high)
 {
-    if (!(high - low > 1e-9 * std::max(std::abs(low), std::abs(high)))) { // one value, or none at all
-        low = std::isfinite(low) ? low - 0.5 : 0.0;
-        high = low + 1.0;
-    }
+    if (high - low > 1e-9 * std::max(std::abs(low), std::abs(high))) return { low, high };
+    const double middle = std::isfinite(low) ? low : 0.5; // one value, or none at all
+    return { middle - 0.5, middle + 0.5 };
+}
+
+Span most_of(const cv::Mat& values)
+{
+    const std::vector<double> ends = quantiles(finite_values(values), { 0.005, 0.995 });
+    const double margin = 0.02 * (ends[1] - ends[0]);
+    return shown_span(ends[0] - margin, ends[1] + margin);
+}
+
+cv::Mat coloured(const cv::Mat& values, const Span& span, Ramp kind)
+{
     const cv::Mat colours = colour_table(kind);
     const cv::Vec3b* const ramp = colours.ptr<cv::Vec3b>();
     cv::Mat picture(values.size(), CV_8UC3);
@@ -114,25 +134,37 @@ cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::
         cv::Vec3b* const out = picture.ptr<cv::Vec3b>(y);
         for (int x = 0; x < values.cols; ++x) {
             const double value = row[x];
-            const double level = std::clamp(255.0 * (value - low) / (high - low), 0.0, 255.0);
+            const double level = std::clamp(255.0 * (value - span.low) / (span.high - span.low), 0.0, 255.0);
             out[x] = std::isnan(value) ? nothing : ramp[static_cast<int>(level + 0.5)];
         }
     }
+    return picture;
+}
+
+cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::string& title, Ramp kind)
+{
+    const Span span = shown_span(low, high);
+    const cv::Mat picture = coloured(values, span, kind);
     const Layout layout(values.rows);
     cv::Mat out = framed(picture, layout.px(120), title, layout);
     const cv::Rect bar(picture.cols + layout.px(14), layout.px(46), layout.px(22), out.rows - layout.px(64));
-    draw_ramp(out, bar, low, high, colours, layout);
+    draw_ramp(out, bar, span.low, span.high, colour_table(kind), layout);
     return out;
 }
 
-cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const std::string& title)
+cv::Mat coloured_labels(const cv::Mat& labels, const std::vector<Label>& legend)
 {
     cv::Mat picture(labels.size(), CV_8UC3);
     for (int y = 0; y < labels.rows; ++y)
         for (int x = 0; x < labels.cols; ++x)
             picture.at<cv::Vec3b>(y, x)
                 = labels.at<uchar>(y, x) < legend.size() ? legend[labels.at<uchar>(y, x)].colour : nothing;
+    return picture;
+}
 
+cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const std::string& title)
+{
+    const cv::Mat picture = coloured_labels(labels, legend);
     const Layout layout(labels.rows);
     int widest = 0;
     for (const Label& label : legend)

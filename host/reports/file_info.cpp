@@ -123,6 +123,7 @@ Json describe_camera_yaml(const cv::FileStorage& yaml, const InfoRequest& o)
     const CalibrationNotes notes = read_notes({ o.file });
     info["unit"] = notes.unit.name + (notes.unit.stated ? "" : " (assumed: the file does not say)");
     if (!notes.verdict.empty()) info["calibration_verdict"] = notes.verdict;
+    info["calibration_share_mm"] = to_json(notes.share);
     const auto cameras = read_cameras({ o.file });
     const Rectification r = rectify(cameras, cameras[0].size, -1.0, 0, cameras[0].size);
     add_rectified(info, r.P0(0, 0), r.baseline, r.P0(0, 2) - r.P1(0, 2), o.depth);

@@ -30,7 +30,7 @@ bool holds(const std::string& folder, const char* name)
 std::string kind_of(const std::string& folder)
 {
     const auto has = [&folder](const char* name) { return holds(folder, name); };
-    if (has("report.json")) return has("report.html") ? "calibration" : "result of a measurement";
+    if (has("report.json")) return has("cameras.yaml") ? "calibration" : "result of a measurement";
     if (has("patterns.json")) return "patterns to project";
     if (has("cam0") && has("cam1"))
         return has("truth.json") ? "photos of a calibration board" : "frames, or photos of a board, of two cameras";
@@ -98,6 +98,7 @@ void add_cameras(const InfoRequest& o, Json& info)
     info["unit"] = notes.unit.name;
     info["unit_stated"] = notes.unit.stated;
     if (!notes.verdict.empty()) info["calibration_verdict"] = notes.verdict;
+    info["calibration_share_mm"] = to_json(notes.share);
     const Rectification r = rectify(cameras, cameras[0].size, -1.0, 0, cameras[0].size);
     const double depth = o.depth ? 0.5 * (o.depth->first + o.depth->second) : depth_of_crossing(cameras);
     if (depth > 0.0)
@@ -110,7 +111,8 @@ void add_result(const InfoRequest& o, Json& info)
 {
     const Result result = read_result(o.file);
     const Json& report = result.report;
-    for (const char* key : { "method", "unit", "unit_stated", "calibration_verdict", "verdict" })
+    for (const char* key :
+        { "method", "unit", "unit_stated", "calibration_verdict", "verdict", "calibration_share_mm" })
         if (report.contains(key)) info[key] = report[key];
     const Json::json_pointer middle("/depth/q50");
     const bool measured = report.contains(middle) && report[middle].is_number();
@@ -168,6 +170,8 @@ std::vector<std::string> folder_lines(const Json& info)
     for (const auto& [key, what] :
         { std::pair("method", "method"), { "calibration_verdict", "calibration" }, { "verdict", "verdict" } })
         if (info.contains(key) && info[key].is_string()) add(what, info[key]);
+    if (const auto share = read_share(info, "calibration_share_mm", "cameras.yaml"))
+        add("  its share", depths_in_words(*share) + " of depth, beside the noise");
     if (info.contains("pictures")) add("pictures", info["pictures"][0].dump() + " and " + info["pictures"][1].dump());
     if (info.contains("points")) add("points", grouped(info["points"].get<long long>()));
     if (info.contains("baseline")) add("baseline", length(info["baseline"], 2));

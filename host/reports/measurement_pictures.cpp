@@ -7,6 +7,7 @@
 #include "host/files/ply.h"
 #include "host/reports/cause_words.h"
 #include "host/reports/false_colour.h"
+#include "host/reports/measurement_page.h"
 
 #include <algorithm>
 #include <cmath>
@@ -40,9 +41,8 @@ cv::Mat depth_image(const cv::Mat& depth, double step)
 
 cv::Mat view_of(const cv::Mat& values, const std::string& title)
 {
-    const std::vector<double> ends = quantiles(finite_values(values), { 0.005, 0.995 });
-    const double low = ends[0], high = ends[1];
-    return false_colour(values, low - 0.02 * (high - low), high + 0.02 * (high - low), title);
+    const Span span = most_of(values);
+    return false_colour(values, span.low, span.high, title);
 }
 
 /// The causes that occur, with their shares.
@@ -74,7 +74,7 @@ Json cause_codes(Method method)
 
 } // namespace
 
-void add_files(OutputFolder& out, const Measured& m, Json& report)
+void add_files(OutputFolder& out, const Capture& capture, const Measured& m, Json& report)
 {
     double nearest = 0.0, farthest = 0.0;
     cv::minMaxLoc(m.depth, &nearest, &farthest, nullptr, nullptr, m.depth == m.depth);
@@ -95,6 +95,11 @@ void add_files(OutputFolder& out, const Measured& m, Json& report)
     };
     // The longest first: they are made on all threads.
     std::vector<std::pair<const char*, std::function<Bytes()>>> files {
+        { "report.html",
+            [&] {
+                const std::string page = measurement_html(capture, m, report);
+                return Bytes(page.begin(), page.end());
+            } },
         { "cloud.ply",
             [&] {
                 return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit " + m.unit.name,

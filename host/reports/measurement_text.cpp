@@ -2,6 +2,7 @@
 
 #include "base/statistics.h"
 #include "base/text.h"
+#include "host/measurement/range_words.h"
 #include "host/reports/cause_words.h"
 
 #include <algorithm>
@@ -11,32 +12,6 @@
 namespace vexo {
 
 namespace {
-
-/// Range of disparities in words, with the depths that belong to it.
-std::string range_text(const Measured& m, double low, double high)
-{
-    const double a = m.geometry.depth(low), b = m.geometry.depth(high);
-    // beyond infinity the depth is negative
-    const auto text = [&m](double depth) {
-        return depth > 0.0 && depth * m.unit.in_mm < 1e7 ? m.unit.length(depth, 0) : "infinity";
-    };
-    const bool rising = a > 0.0 && (b < 0.0 || a < b);
-    return number(low, 0) + " ... " + number(high, 0) + " (depth " + text(rising ? a : b) + " ... "
-        + text(rising ? b : a) + ")";
-}
-
-/// Without limits, from the 1 % to the 99 % quantile.
-std::string measured_range(const Measured& m)
-{
-    const std::vector<double> ends = quantiles(m.any_disparity, { 0.01, 0.99 });
-    return range_text(m, ends[0], ends[1]);
-}
-
-std::string limits_text(const Measured& m)
-{
-    const auto [low, high] = disparity_limits(m.record);
-    return "[" + number(low, 0) + ", " + number(high, 0) + "]";
-}
 
 void add_fringes(std::vector<std::string>& lines, const Measured& m)
 {
@@ -53,8 +28,7 @@ void add_fringes(std::vector<std::string>& lines, const Measured& m)
     std::string periods;
     for (const int period : m.periods())
         periods += (periods.empty() ? "" : ", ") + std::to_string(period);
-    lines.push_back("fringes      periods of " + periods + " projector px; phases may differ by "
-        + number(std::get<MultiPhaseMatchingParam>(m.record).max_phase_diff, 2) + " px");
+    lines.push_back("fringes      periods of " + periods + " projector px");
     for (std::size_t camera = 0; camera < 2 && !is_decoded(m.record); ++camera) {
         const FringeFigures& worst = *std::min_element(m.fringes[camera].begin(), m.fringes[camera].end(),
             [](const auto& a, const auto& b) { return a.modulation < b.modulation; });
@@ -82,6 +56,23 @@ void add_noise(std::vector<std::string>& lines, const Measured& m)
     }
 }
 
+/// What phases are matched with, in one line, and where it comes from.
+std::string chosen_text(const Measured& m)
+{
+    const bool gray = m.method() == Method::gray_phase;
+    const auto text = [&](const auto& p) {
+        const auto from = [](Origin origin) { return std::string(" (") + name_of(origin) + ")"; };
+        std::string line = "phases may differ by " + number(p.max_phase_diff, gray ? 3 : 2)
+            + (gray ? " fringes" : " projector px") + from(m.origins.max_phase_diff) + ", contrast from "
+            + std::to_string(p.min_contrast) + from(m.origins.min_contrast);
+        if (p.datatype == 0)
+            line
+                += ", modulation from " + number(m.min_modulation, 1) + " grey levels" + from(m.origins.min_modulation);
+        return line + ", lines through " + std::to_string(p.fit_points) + " points" + from(m.origins.fit_points);
+    };
+    return gray ? text(std::get<GrayPhaseMatchingParam>(m.record)) : text(std::get<MultiPhaseMatchingParam>(m.record));
+}
+
 std::string quantile_text(const Json& q, int decimals)
 {
     const auto text = [&](const char* key) { return number(q[key].get<double>(), decimals); };
@@ -96,11 +87,26 @@ void add_precision(std::vector<std::string>& lines, const Measured& m, const Jso
         lines.push_back("refined      " + grouped(p.samples[5]) + " points by 5 pixels of camera 1, "
             + grouped(p.samples[3]) + " by 3, " + grouped(p.samples[2]) + " by 2; " + grouped(p.samples[0])
             + " fit nowhere");
+    if (p.refined)
+        lines.push_back("decoded      once more, by pixels: " + grouped(p.candidates.added) + " points added, "
+            + grouped(p.candidates.exchanged) + " matched otherwise, " + grouped(p.candidates.dropped)
+            + " without support");
     if (p.sigma.empty())
         lines.push_back("sigma        none: " + p.why_none);
     else
         lines.push_back("sigma        " + quantile_text(report["sigma"], m.unit.decimals(4)) + " " + m.unit.name
             + " (1 / 50 / 99 %), of the noise alone");
+    const auto share = read_share(report, "calibration_share_mm", "report.json");
+    lines.push_back("calibration  its own share of the error, beside sigma: "
+        + (share ? depths_in_words(*share) : "unknown, its files do not say it"));
+}
+
+void add_quantiles(std::vector<std::string>& lines, const Measured& m, const Json& report)
+{
+    lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
+    lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
+        + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
+    add_precision(lines, m, report);
 }
 
 void add_findings(std::vector<std::string>& lines, const Measured& m)
@@ -139,19 +145,10 @@ std::string why_spoilt(const Measured& m)
 
 std::string why_nothing(const Measured& m)
 {
-    for (const Finding& finding : m.findings)
-        if (finding.weight == Weight::spoils && finding.name != "rows")
-            return "no point was measured; " + sentence(finding);
-    if (m.causes[Cause::disparity] > 0)
-        return "every disparity lies outside " + limits_text(m) + ": measured range " + measured_range(m)
-            + "; pass --disparity or --depth";
-    if (m.method() == Method::sgbm)
-        return "no pixel of the two pictures matches at disparities " + limits_text(m)
-            + "; pass --disparity or --depth, and check that cam0 and cam1 are not swapped";
-    const Cause worst = likeliest_cause(m.causes);
-    const std::string text = worst == Cause::contrast ? "no point was measured; most pixels: "
-                                                      : "no point was measured; most lit pixels: ";
-    return text + words_of(worst) + "; " + remedy_of(worst, m.method());
+    for (const Finding& finding : m.findings) // causes come before what they cause
+        if (finding.weight == Weight::spoils)
+            return (finding.name == "coverage" ? "" : "no point was measured; ") + sentence(finding);
+    return "no point was measured";
 }
 
 std::vector<std::string> summary_lines(const Measured& m, const Json& report)
@@ -162,6 +159,7 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
     lines.push_back(
         "rig          baseline " + m.unit.length(m.baseline, 2) + ", rectified f " + number(m.geometry.f, 1) + " px");
     add_fringes(lines, m);
+    if (m.method() != Method::sgbm) lines.push_back("limits       " + chosen_text(m));
     const auto [low, high] = disparity_limits(m.record);
     lines.push_back("range        disparity " + range_text(m, low, high) + ", " + m.range_origin);
     lines.push_back("measured     " + percent(m.cloud.count, static_cast<double>(lit_pixels(m.causes))) + " of the "
@@ -169,10 +167,7 @@ std::vector<std::string> summary_lines(const Measured& m, const Json& report)
         + grouped(m.cloud.count) + ", " + percent(m.cloud.count, total) + " of the picture's "
         + grouped(static_cast<long long>(total)));
     add_causes(lines, m, total);
-    lines.push_back("disparity    " + quantile_text(report["disparity"], 2) + " px (1 / 50 / 99 %)");
-    lines.push_back("depth        " + quantile_text(report["depth"], m.unit.decimals(2)) + " " + m.unit.name
-        + (m.unit.stated ? "" : ", assumed") + " (1 / 50 / 99 %)");
-    add_precision(lines, m, report);
+    if (m.cloud.count > 0) add_quantiles(lines, m, report);
     const auto lost = static_cast<double>(m.causes[Cause::disparity]);
     if (lost > 0.01 * (m.cloud.count + lost))
         lines.push_back("note         " + percent(lost, m.cloud.count + lost) + " of the matches lie outside "

@@ -14,7 +14,7 @@ std::string why_nothing(const Measured& measured);
 /// The line for a measurement that one of its findings spoils, with what to do; empty: none does.
 std::string why_spoilt(const Measured& measured);
 
-/// A measurement with points in a few lines.
+/// A measurement in a few lines.
 /// @param report  as make_report() made it
 std::vector<std::string> summary_lines(const Measured& measured, const Json& report);
 

@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// One line of the table: what it is, how to find it in compare.json, how to write it.
+/// One line of the table: what it is, how to find it in compare.json or acceptance.json, how to write it.
 struct Figure {
     const char* name;
     const char* pointer;
@@ -42,6 +42,33 @@ constexpr Figure figures[] = {
     { "  true diameter of both", "/balls/true_diameter", "mm", 4 },
     { "distance of the balls", "/balls/distance", "mm", 4 },
     { "  true distance", "/balls/true_distance", "mm", 4 },
+    { "points judged", "/acceptance/points", "", 0 },
+    { "flatness, rms", "/acceptance/flatness/measured_mm", "mm", 4 },
+    { "  predicted", "/acceptance/flatness/predicted_mm", "mm", 4 },
+    { "  measured / predicted", "/acceptance/flatness/ratio", "x", 2 },
+    { "  the same in depth", "/acceptance/flatness/in_depth_mm", "mm", 4 },
+    { "diameter of ball 0, off", "/acceptance/diameters/0/deviation_mm", "mm", 4 },
+    { "  predicted", "/acceptance/diameters/0/predicted_mm", "mm", 4 },
+    { "  measured / predicted", "/acceptance/diameters/0/ratio", "x", 2 },
+    { "  distances to it, rms", "/acceptance/diameters/0/form/measured_mm", "mm", 4 },
+    { "    measured / predicted", "/acceptance/diameters/0/form/ratio", "x", 2 },
+    { "diameter of ball 1, off", "/acceptance/diameters/1/deviation_mm", "mm", 4 },
+    { "  predicted", "/acceptance/diameters/1/predicted_mm", "mm", 4 },
+    { "  measured / predicted", "/acceptance/diameters/1/ratio", "x", 2 },
+    { "  distances to it, rms", "/acceptance/diameters/1/form/measured_mm", "mm", 4 },
+    { "    measured / predicted", "/acceptance/diameters/1/form/ratio", "x", 2 },
+    { "distance of the balls, off", "/acceptance/distance/deviation_mm", "mm", 4 },
+    { "  predicted", "/acceptance/distance/predicted_mm", "mm", 4 },
+    { "  measured / predicted", "/acceptance/distance/ratio", "x", 2 },
+    { "distance to the reference, rms", "/acceptance/distances/measured_mm", "mm", 4 },
+    { "  predicted", "/acceptance/distances/predicted_mm", "mm", 4 },
+    { "  measured / predicted", "/acceptance/distances/ratio", "x", 2 },
+    { "  median", "/acceptance/distances/median_mm", "mm", 4 },
+    { "  95 % below", "/acceptance/distances/p95_mm", "mm", 4 },
+    { "  largest", "/acceptance/distances/largest_mm", "mm", 4 },
+    { "  of the points on the reference", "/acceptance/distances/overlap", "%", 2 },
+    { "outliers", "/acceptance/outliers", "%", 3 },
+    { "points without sigma", "/acceptance/without_sigma", "%", 3 },
 };
 
 /// The value of a figure as text; empty where the result has none.
@@ -56,15 +83,26 @@ std::string cell(const Json& result, const Figure& figure)
     return number(value, figure.decimals) + (unit == "x" ? "" : " " + unit);
 }
 
+Json read_figures(const std::string& path)
+{
+    Json read = read_json(path);
+    const bool any = std::any_of(
+        std::begin(figures), std::end(figures), [&read](const Figure& figure) { return !cell(read, figure).empty(); });
+    if (!any) throw Failure(path + ": holds none of the figures of a comparison; run vexo compare again");
+    return read;
+}
+
 } // namespace
 
 Json read_comparison(const std::string& folder)
 {
-    const std::string path = (fs::path(folder) / "compare.json").string();
-    Json comparison = read_json(path);
-    const bool any = std::any_of(std::begin(figures), std::end(figures),
-        [&comparison](const Figure& figure) { return !cell(comparison, figure).empty(); });
-    if (!any) throw Failure(path + ": holds none of the figures of a comparison; run vexo compare again");
+    const std::string with_truth = (fs::path(folder) / "compare.json").string();
+    const std::string without = (fs::path(folder) / "acceptance.json").string();
+    std::error_code ignored;
+    const bool judged = fs::exists(without, ignored);
+    Json comparison = Json::object();
+    if (!judged || fs::exists(with_truth, ignored)) comparison.update(read_figures(with_truth));
+    if (judged) comparison.update(read_figures(without));
     return comparison;
 }
 

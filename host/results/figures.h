@@ -13,7 +13,8 @@ struct FigureRow {
     std::vector<std::string> cells; ///< with their units; empty where a result has none
 };
 
-/// compare.json of a result's folder. Throws Failure for a file that holds none of the figures.
+/// compare.json and acceptance.json of a result's folder as one, at least one of which is there. Throws Failure, also
+/// for a file that holds none of the figures.
 Json read_comparison(const std::string& folder);
 
 /// The figures that at least one of the results has.

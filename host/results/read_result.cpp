@@ -2,9 +2,12 @@
 
 #include "base/failure.h"
 #include "host/files/ply.h"
+#include "host/measurement/causes.h"
+#include "host/verdict/finding.h"
 #include "vexo/limits.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <utility>
 
@@ -49,6 +52,26 @@ std::optional<double> predict(const Result& r)
 
 } // namespace
 
+void refuse_empty(const Result& r)
+{
+    if (!r.cloud.empty()) return;
+    const std::string nothing = r.report_path + ": this result holds no points";
+    const Json::json_pointer findings("/findings"), counts("/pixels/not_measured");
+    if (r.report.contains(findings) && r.report[findings].is_array())
+        for (const Json& finding : r.report[findings])
+            if (finding.is_object() && text_in(finding, "weight", "") == word_of(Weight::spoils))
+                throw Failure(nothing + ": " + text_in(finding, "text", "") + "; " + text_in(finding, "advice", ""));
+    const auto method = method_named(r.method);
+    CauseMap causes;
+    for (std::size_t i = 0; method && i < cause_count && r.report.contains(counts); ++i) {
+        const Json& count = r.report[counts].value(key_of(static_cast<Cause>(i)), Json());
+        if (count.is_number_unsigned()) causes.counts[i] = count.get<std::uint32_t>();
+    }
+    const Cause worst = likeliest_cause(causes);
+    if (causes[worst] == 0) throw Failure(nothing + "; measure again");
+    throw Failure(nothing + "; most pixels: " + words_of(worst) + "; " + remedy_of(worst, *method));
+}
+
 Result read_result(const std::string& folder)
 {
     Result r;
@@ -69,9 +92,8 @@ Result read_result(const std::string& folder)
     PlyCloud cloud = read_ply_cloud((fs::path(folder) / "cloud.ply").string());
     r.cloud = std::move(cloud.points);
     r.sigma = std::move(cloud.sigma);
-    if (r.cloud.empty()) throw Failure(folder + "/cloud.ply: holds no points");
     r.decode_and_match_seconds = get("/seconds/decode_and_rectify") + get("/seconds/match_and_triangulate");
-    r.predicted_noise = predict(r);
+    if (!r.cloud.empty()) r.predicted_noise = predict(r);
     return r;
 }
 

@@ -78,6 +78,8 @@ void add_precision(const Measured& m, Json& report)
     const Precision& p = m.precision;
     report["refinement"] = { { "made", p.refined }, { "samples_5", p.samples[5] }, { "samples_3", p.samples[3] },
         { "samples_2", p.samples[2] }, { "dropped", p.samples[0] }, { "in_gaps", p.in_gaps } };
+    report["second_decoding"] = { { "added", p.candidates.added }, { "exchanged", p.candidates.exchanged },
+        { "dropped", p.candidates.dropped } };
     report["sigma"] = { { "why_none", p.why_none } };
     if (p.sigma.empty()) return;
     const std::vector<float> values = finite_values(p.sigma);
@@ -140,7 +142,7 @@ Json make_report(
         { "decoded", capture.files.decoded }, { "bits", capture.frames.bits } };
     report["camera"] = to_json(stereo);
     report["parameters"] = to_json(m.record);
-    report["parameters"]["min_modulation"] = request.min_modulation;
+    report["parameters"]["min_modulation"] = m.min_modulation;
     report["parameters"]["interpolate"] = request.interpolate;
     report["parameters"]["refine"] = m.precision.refined;
     report["parameters"]["clean"] = name_of(request.cleaning);
@@ -153,8 +155,13 @@ Json make_report(
     report["unit"] = stereo.notes.unit.name;
     report["unit_stated"] = stereo.notes.unit.stated;
     report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);
+    report["calibration_share_mm"] = vexo::to_json(stereo.notes.share);
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
+    if (m.method() != Method::sgbm)
+        report["chosen"] = { { "max_phase_diff", name_of(m.origins.max_phase_diff) },
+            { "min_contrast", name_of(m.origins.min_contrast) },
+            { "min_modulation", name_of(m.origins.min_modulation) }, { "fit_points", name_of(m.origins.fit_points) } };
     if (m.method() == Method::gray_phase)
         report["run_lengths"] = { { "anchor_chosen", !m.runs.anchor_given }, { "reject_chosen", !m.runs.reject_given },
             { "reason", m.runs.reason } };

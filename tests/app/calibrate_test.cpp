@@ -86,6 +86,14 @@ TEST_F(Calibrate, FindsThePairThatWasRendered)
     EXPECT_LT(apart["depth_mm"].get<double>(), 1.5);
     EXPECT_NEAR(apart["distance_mm"].get<double>(), 600, 100);
     EXPECT_EQ(report, Json::parse(program::read(at("calib/report.json"))));
+    const Json measured = told("measure",
+        "--method sgbm --cam0 " + picture("photos", 0, 5) + " --cam1 " + picture("photos", 1, 5) + " --calib "
+            + at("calib") + " --out " + at("shared"));
+    const Json &share = measured["calibration_share_mm"], info = told("info", at("calib/cameras.yaml"));
+    EXPECT_EQ(share, info["calibration_share_mm"]);
+    EXPECT_NEAR(
+        share["middle"].get<double>(), 0.5 * apart["depth_mm"].get<double>(), 0.5 * share["middle"].get<double>())
+        << "half of it, there by the markers seen, here evenly over the picture";
 }
 
 TEST_F(Calibrate, WritesFilesThatOtherCommandsReadAndAPageThatNeedsNoOtherFile)

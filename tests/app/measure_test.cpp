@@ -134,18 +134,51 @@ TEST_F(Measure, SimulatedFramesReplaceALongerCaptureAndLeaveTheUsersOwnFiles)
     EXPECT_NE(program::read(at("again/scene.json")).find("centres_cam0_mm"), std::string::npos);
 }
 
-TEST_F(Measure, CloudIsTheSameToTheByteForOneAndForTwoThreads)
+TEST_F(Measure, CloudAndPageAreTheSameToTheByteForOneAndForTwoThreads)
 {
     ASSERT_EQ(run("measure --quiet --threads 1 " + at("scan") + " --out " + at("one")).code, 0);
     ASSERT_EQ(run("measure --quiet --threads 2 " + at("scan") + " --out " + at("two")).code, 0);
     EXPECT_EQ(program::read(at("one/cloud.ply")), program::read(at("two/cloud.ply")));
     EXPECT_EQ(program::read(at("one/valid_view.png")), program::read(at("two/valid_view.png")));
+    std::string pages[2];
+    for (const bool two : { false, true }) { // the page repeats the report's time
+        const std::string of = at(two ? "two" : "one"), time = Json::parse(program::read(of + "/report.json"))["time"];
+        std::string& page = pages[two] = program::read(of + "/report.html");
+        page.erase(page.find(time), time.size());
+    }
+    EXPECT_GT(pages[0].size(), 100000U);
+    EXPECT_EQ(pages[0], pages[1]);
 }
 
-TEST_F(Measure, DisparitiesOutsideTheLimitsAreNamedWithTheirRange)
+TEST_F(Measure, WhereNothingIsMeasuredEveryFileIsWrittenAllTheSameAndNamesTheCause)
 {
-    program::expect_refused(*work, "measure " + at("scan") + " --disparity 5000:6000 --out " + at("nothing"),
-        "every disparity lies outside [5000, 6000]: measured range", at("nothing"));
+    const std::string why = "every disparity lies outside [5000, 6000]: measured range";
+    const Outcome empty = run("measure " + at("scan") + " --disparity 5000:6000 --accept-verdict --out " + at("none"));
+    EXPECT_EQ(empty.code, 1);
+    EXPECT_TRUE(empty.one_line_of_error()) << empty.err;
+    EXPECT_NE(empty.err.find("no point was measured; " + why), std::string::npos) << empty.err;
+    EXPECT_EQ(Json::parse(program::read(at("none/report.json")))["verdict"], "spoils");
+    EXPECT_NE(program::read(at("none/cloud.ply")).find("element vertex 0\n"), std::string::npos);
+    program::expect_refused(*work, "compare " + at("none") + " " + at("scan"), why, at("none/compare.json"));
+    EXPECT_EQ(told("info", at("none"))["points"], 0);
+
+    const std::string dark = copy("scan", "dark");
+    for (const char* camera : { "/cam0", "/cam1" })
+        fs::copy_file(
+            dark + camera + "/frame00.png", dark + camera + "/frame01.png", fs::copy_options::overwrite_existing);
+    const Outcome unlit = run("measure " + dark + " --out " + at("unlit"));
+    EXPECT_EQ(unlit.code, 1);
+    EXPECT_NE(unlit.err.find("frame00.png and frame01.png are the same picture"), std::string::npos) << unlit.err;
+
+    fs::create_directories(at("pair/cam0")); // two pictures that have nothing in common
+    fs::create_directories(at("pair/cam1"));
+    fs::copy(at("scan/cameras.yaml"), at("pair/cameras.yaml"));
+    fs::copy(at("scan/cam0/frame01.png"), at("pair/cam0/frame00.png"));
+    cv::imwrite(at("pair/cam1/frame00.png"), cv::Mat::zeros(256, 320, CV_8U));
+    const Outcome apart = run("measure --method sgbm " + at("pair") + " --out " + at("apart"));
+    EXPECT_EQ(apart.code, 1) << apart.err;
+    EXPECT_NE(apart.err.find("no point was measured; the two pictures fit each other nowhere"), std::string::npos);
+    EXPECT_TRUE(fs::exists(at("apart/report.json")));
 }
 
 TEST_F(Measure, DepthRangeKeepsTheSurfaceInItAndNothingElse)
@@ -185,7 +218,7 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
 {
     const std::string lacking = copy("scan", "lacking"), mixed = copy("scan", "mixed"), cut = copy("scan", "cut"),
                       giant = copy("scan", "giant");
-    const std::string other = copy("scan", "other"), alone = copy("scan", "alone"), dark = copy("scan", "dark");
+    const std::string other = copy("scan", "other"), alone = copy("scan", "alone");
     fs::remove(lacking + "/cam1/frame07.png");
     cv::imwrite(mixed + "/cam0/frame07.png", cv::Mat(100, 100, CV_8U, cv::Scalar(7)));
     const std::string png = program::read(cut + "/cam0/frame03.png");
@@ -195,9 +228,6 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
     yaml.replace(yaml.find("320"), 3, "640");
     program::write(other + "/cameras.yaml", yaml);
     fs::remove(alone + "/cameras.yaml");
-    for (const char* camera : { "/cam0", "/cam1" })
-        fs::copy_file(
-            dark + camera + "/frame00.png", dark + camera + "/frame01.png", fs::copy_options::overwrite_existing);
     program::write(at("file"), "no folder");
     fs::create_symlink("loop", at("loop"));
 
@@ -211,7 +241,6 @@ TEST_F(Measure, EveryFailureIsOneLineThatSaysWhatIsWrongAndLeavesNothing)
         { "measure " + giant + out, "frame03.png: is 30000 x 30000 pixels; at most" },
         { "measure " + other + out, "cameras.yaml: cam0 is calibrated for 640 x 256, but the frames are 320 x 256" },
         { "measure " + alone + out, "cameras.yaml: there is no such file" },
-        { "measure " + dark + out, "frame00.png and frame01.png are the same picture" },
         { "measure " + at("nowhere") + out, "there is no such folder" },
         { "measure " + at("scan") + " --out " + at("file/result"), "cannot be made" },
         { "measure " + at("scan") + " --calib " + at("scan/scene.json") + out, "is not a calibration file" },
@@ -250,6 +279,35 @@ TEST_F(Measure, FailedCompareLeavesTheResultAsItWas)
     const std::string cloud = program::read(at("kept/cloud.ply"));
     program::write(at("kept/cloud.ply"), cloud.substr(0, cloud.size() / 2));
     program::expect_refused(*work, "compare " + at("kept") + " " + at("scan"), "cut short", at("kept/compare.json"));
+}
+
+TEST_F(Measure, ResultIsJudgedWithoutATruthAsItIsAgainstIt)
+{
+    const std::string result = at("judged_plane");
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + result).code, 0);
+    const Json c = told("compare", result + " " + at("scan")), a = told("compare", result + " --plane")["acceptance"];
+    EXPECT_EQ(a["calibration_share_mm"], "unknown") << "simulated cameras are exact";
+    EXPECT_NEAR(a["flatness"]["ratio"].get<double>(), c["sigma"]["z_rms"].get<double>(), 0.05);
+    // Depths of the truth are those of the raw camera, turned by 7.6 degrees against the rectified one.
+    const double rms = c["error"]["rms_without_outliers"];
+    EXPECT_NEAR(a["flatness"]["in_depth_mm"].get<double>(), rms, 0.03 * rms);
+    EXPECT_EQ(a, Json::parse(program::read(result + "/acceptance.json"))["acceptance"]);
+    const std::string table = run("table " + result).out;
+    EXPECT_NE(table.find("rms of the depth error"), std::string::npos) << table;
+    EXPECT_NE(table.find("flatness, rms"), std::string::npos) << table;
+    const std::pair<std::string, int> calls[] = { { " --plane --limit 10", 0 }, { " --plane --limit 0.001", 1 },
+        { " --limit 10 " + at("scan"), 0 }, { " --limit 0.001 " + at("scan"), 1 }, { "", 2 },
+        { " --plane --ball 40", 2 }, { " --plane " + at("scan"), 2 }, { " --box 0 0 0 1 1 1 " + at("scan"), 2 },
+        { " --ball 40", 3 }, { " --plane --box -1 -1 0 1 1 1", 3 }, { " --reference " + at("scan/scene.json"), 3 },
+        { " --reference " + result + "/cloud.ply --pixel 20 20 200 200 --limit 0.01", 0 } };
+    for (const auto& [arguments, code] : calls) {
+        const Outcome outcome = run("compare " + result + arguments);
+        EXPECT_EQ(outcome.code, code) << arguments << ": " << outcome.err;
+        EXPECT_TRUE(code == 0 || outcome.one_line_of_error()) << outcome.err;
+    }
+    EXPECT_EQ(Json::parse(program::read(result + "/acceptance.json"))["acceptance"]["body"], "reference");
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + result).code, 0);
+    EXPECT_FALSE(fs::exists(result + "/acceptance.json")) << "it spoke of the earlier cloud";
 }
 
 TEST_F(Measure, NamesThatAreNoUtf8AreNames)

@@ -116,7 +116,7 @@ TEST_F(Methods, MultiPhasePlaneIsMeasuredWholeAndAsExactlyAsItsNoiseAllows)
 {
     const Json report = measure(at("multi-phase"), "r_multi");
     EXPECT_EQ(report["method"], "multi-phase");
-    EXPECT_EQ(report["parameters"]["min_contrast"], 60);
+    EXPECT_EQ(report["chosen"]["min_contrast"], "measured");
     EXPECT_EQ(pixels_told(report), 320 * 256);
     EXPECT_LT(report["fringes"]["cam0"]["expected_loss"].get<double>(), 1e-4);
 
@@ -233,12 +233,15 @@ TEST_F(Methods, WhatAMethodCannotDoIsRefusedInOneLine)
         { blocks + " --block 4", "blockSize must be odd" },
         { blocks + " --depth 1:2", "more than block matching can hold" },
         { blocks + " --disparity -3000:0", "more than block matching can hold" },
-        { blocks + " --disparity 320:400", "no pixel of the two pictures matches" },
         { "measure " + odd, "12 pictures fit no method" },
         { "measure " + odd + " --method gray-phase", "frame12 is missing" },
     };
     for (const auto& c : cases)
         program::expect_refused(*work, c.arguments + out, c.expected, at("left"));
+    const auto nothing = run(blocks + " --disparity 320:400" + out);
+    EXPECT_EQ(nothing.code, 1); // everything is written all the same
+    EXPECT_NE(nothing.err.find("no pixel of the two pictures matches"), std::string::npos) << nothing.err;
+    EXPECT_TRUE(fs::exists(at("left") + "/report.html"));
 }
 
 TEST_F(Methods, NoiseThatCostsFringeNumbersIsWarnedOf)

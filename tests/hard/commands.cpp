@@ -41,6 +41,8 @@ const std::vector<Command>& commands()
         { "check IN/scan --out OUT", { "scan", "scan/cam0", "scan/cam1/frame03.png" }, true },
         { "compare OUT IN/scan", { "scan/truth.tiff", "scan/visible1.png", "scan/scene.json", "scan/cameras.yaml" } },
         { "compare IN/result IN/scan", { "result", "result/report.json", "result/cloud.ply" } },
+        { "compare IN/result --plane", { "result", "result/report.json", "result/cloud.ply" } },
+        { "compare IN/result --reference IN/reference/cloud.ply", { "result/cloud.ply", "reference/cloud.ply" } },
         { "table IN/result", { "result/compare.json" } },
         { "info IN/result/cloud.ply", { "result/cloud.ply" } },
         { "info IN/calib/stereo.yaml", { "calib/stereo.yaml" } },
@@ -57,11 +59,12 @@ const std::vector<Command>& commands()
     return all;
 }
 
-constexpr const char* samples[] = { "simulate plane --size 320x256 --period 32 --out IN/scan",
-    "measure IN/scan --out IN/result", "compare IN/result IN/scan", "check IN/scan --out IN/check",
-    "patterns --projector 320x240 --period 8 --out IN/patterns", "board --preset coarse --out IN/sheet/board.svg",
-    "simulate calibration --views 6 --size 640x512 --board IN/sheet/board.yaml --out IN/photos",
-    "calibrate IN/photos --board IN/photos/board.yaml --no-hold-out --out IN/calib" };
+constexpr const char* samples[]
+    = { "simulate plane --size 320x256 --period 32 --out IN/scan", "measure IN/scan --out IN/result",
+          "measure IN/scan --out IN/reference", "compare IN/result IN/scan", "check IN/scan --out IN/check",
+          "patterns --projector 320x240 --period 8 --out IN/patterns", "board --preset coarse --out IN/sheet/board.svg",
+          "simulate calibration --views 6 --size 640x512 --board IN/sheet/board.yaml --out IN/photos",
+          "calibrate IN/photos --board IN/photos/board.yaml --no-hold-out --out IN/calib" };
 
 void replace_all(std::string& text, const std::string& what, const std::string& by)
 {

@@ -105,7 +105,7 @@ TEST(Captures, AreJudgedByWhatTheyLeaveToMeasure)
         { "as it is", [](Frames&) {}, Weight::good, nullptr },
         { "3x over-exposed", [](Frames& f) { expose(f, 3); }, Weight::worse, "over-exposed" },
         { "7x over-exposed", [](Frames& f) { expose(f, 7); }, Weight::spoils, "over-exposed", "three of four" },
-        { "exposure 0.08", [](Frames& f) { expose(f, 0.08); }, Weight::spoils, "under-exposed", "expose more" },
+        { "exposure 0.03", [](Frames& f) { expose(f, 0.03); }, Weight::spoils, "under-exposed", "expose more" },
         { "exposure 0.2", [](Frames& f) { expose(f, 0.2); }, Weight::worse, nullptr },
         { "room light", [](Frames& f) { expose(f, 1, 50); }, Weight::good, nullptr },
         { "gamma", rig([](Rig& r) { r.gamma = 2.2; }), Weight::worse, "non-linear" },

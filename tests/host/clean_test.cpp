@@ -1,3 +1,4 @@
+#include "base/cpu.h"
 #include "host/clouds/clean.h"
 #include "host/measurement/texture.h"
 
@@ -85,7 +86,11 @@ TEST(Cleaning, CountsAsASortedWindowWould)
     for (int i = 0; i < 4000; ++i)
         map.disparity.at<float>(rng.uniform(0, 96), rng.uniform(0, 128))
             = i % 3 == 0 ? nan : static_cast<float>(rng.uniform(-2.0, 8.0));
+    Cpu::allow_avx2(false);
+    const cv::Mat plain = find_faults(map.disparity, map.sigma, median);
+    Cpu::allow_avx2(true);
     const cv::Mat faults = find_faults(map.disparity, map.sigma, median);
+    EXPECT_EQ(cv::norm(plain, faults, cv::NORM_INF), 0.0);
     for (int y = 0; y < 96; ++y)
         for (int x = 0; x < 128; ++x) {
             const float d = map.disparity.at<float>(y, x);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <thread>
 
 namespace {
@@ -41,6 +42,59 @@ TEST_F(Measuring, EndsAtAnyStepWhenItsCallerSaysSo)
     }
 }
 
+TEST_F(Measuring, ChoosesLimitsByTheNoiseAndKeepsWhatIsGiven)
+{
+    for (const Method method : { Method::gray_phase, Method::multi_phase }) {
+        Capture scan;
+        int contrast = 0;
+        double modulation = 0, difference = 0;
+        for (const double noise : { 0.8, 2.0 }) { // from the least that is asked to nearly the most
+            rig.noise = noise;
+            scan = capture(method);
+            const Measured m = measure(scan, stereo(scan), {});
+            const Json record = to_json(m.record);
+            EXPECT_GT(record["min_contrast"], contrast) << noise;
+            EXPECT_GT(m.min_modulation, modulation) << noise;
+            EXPECT_GT(record["max_phase_diff"], difference) << noise;
+            EXPECT_EQ(m.origins.max_phase_diff, Origin::measured);
+            EXPECT_EQ(m.origins.min_contrast, Origin::measured);
+            contrast = record["min_contrast"];
+            modulation = m.min_modulation;
+            difference = record["max_phase_diff"];
+        }
+        MeasureRequest request;
+        request.min_contrast = 33;
+        request.min_modulation = 7.5;
+        request.max_phase_diff = 0.625;
+        request.fit_points = 3;
+        const Measured m = measure(scan, stereo(scan), request);
+        const Json record = to_json(m.record);
+        EXPECT_EQ(record["min_contrast"], 33);
+        EXPECT_EQ(m.min_modulation, 7.5);
+        EXPECT_EQ(record["max_phase_diff"], 0.625);
+        EXPECT_EQ(record["fit_points"], 3);
+        for (const Origin origin :
+            { m.origins.max_phase_diff, m.origins.min_contrast, m.origins.min_modulation, m.origins.fit_points })
+            EXPECT_EQ(origin, Origin::given);
+    }
+}
+
+TEST_F(Measuring, MeasuresADarkSurfaceThatItsNoiseAllowsToMeasure)
+{
+    rig.exposure = 0.3;
+    for (const Method method : { Method::gray_phase, Method::multi_phase }) {
+        const Capture scan = capture(method, "plane");
+        MeasureRequest usual; // what is asked where the noise is not known
+        usual.min_contrast = usual_light().contrast * 4;
+        const Measured bright = measure(scan, stereo(scan), usual), all = measure(scan, stereo(scan), {});
+        EXPECT_GT(all.cloud.count, 0.9 * static_cast<double>(lit_pixels(all.causes))) << name_of(method);
+        EXPECT_LT(bright.cloud.count, 0.5 * all.cloud.count) << name_of(method); // or the capture is not dark
+        EXPECT_EQ(all.findings.end(), std::find_if(all.findings.begin(), all.findings.end(), [](const Finding& f) {
+            return f.weight == Weight::spoils;
+        }));
+    }
+}
+
 TEST_F(Measuring, SpoilsWithCamerasExchangedAndNotAsTheyAre)
 {
     const std::pair<Method, const char*> captures[] = { { Method::gray_phase, "plane" },
@@ -61,9 +115,10 @@ TEST_F(Measuring, SpoilsWithCamerasExchangedAndNotAsTheyAre)
 
 TEST_F(Measuring, SpoilsWhenNextToNothingOfTheLitPixelsIsMeasured)
 {
-    const Capture scan = capture(Method::gray_phase, "plane", 2.8);
+    const Capture scan = capture(Method::gray_phase, "plane", 3.08);
     MeasureRequest request;
     request.cleaning = Cleaning::off; // islands are taken out
+    request.refine = false;           // a second decoding finds more
     const Measured measured = measure(scan, stereo(scan), request);
     ASSERT_GT(measured.cloud.count, 0);
     EXPECT_LT(measured.cloud.count, 0.01 * width * height); // else the capture does not ask what is meant

@@ -90,7 +90,7 @@ TEST_F(Refining, MeasuresNarrowGapsOfASurfaceAsTheyWereAndLeavesWiderOnesOpen)
     const Stereo pair = stereo(scan);
     Measured m = measure(scan, pair, {});
     const PhaseData data = phase_data(
-        { scan.frames.frames[0], scan.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes });
+        { scan.frames.frames[0], scan.frames.frames[1], m.masks, m.record, m.disparity, m.cloud, m.causes, {} });
     const cv::Mat before = m.disparity.clone();
     cv::Mat narrow = cv::Mat::zeros(before.size(), CV_8U), wide = narrow.clone();
     for (int x = 100; x + 12 < width; x += 24) {

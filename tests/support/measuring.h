@@ -21,7 +21,6 @@ protected:
 
     Capture capture(Method method, const char* scene = "bust", double defocus = 0.5, double gamma = 1.0)
     {
-        sim::RigOptions rig;
         rig.image_size = { width, height };
         rig.method = method;
         rig.defocus = defocus;
@@ -52,6 +51,7 @@ protected:
     }
 
     Folder folder;
+    sim::RigOptions rig; ///< noise and exposure of the next capture
 };
 
 } // namespace vexo
