@@ -4,9 +4,6 @@
 #include "base/pictures.h"
 #include "host/captures/frames.h"
 #include "host/captures/names.h"
-#include "vexo/board.h"
-#include "vexo/factories.h"
-#include "vexo/owned.h"
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -20,8 +17,6 @@ namespace vexo {
 namespace fs = std::filesystem;
 
 namespace {
-
-using RecogniserPtr = Owned<iCalibBoardRecognizer>;
 
 using Numbered = std::map<int, std::string>;
 
@@ -93,28 +88,21 @@ std::string meaning(int code)
     }
 }
 
-RecogniserPtr make_recogniser(const BoardFile& board)
+void recognise_one(BoardSearch& search, BoardPicture& picture)
 {
-    RecogniserPtr recogniser(CreateCalibBoardRecognizer());
-    BoardFile copy = board;
-    CalibBoardParam geometry = board.geometry();
-    if (!recogniser || !recogniser->set_parameters(copy.pre, copy.circle, geometry))
-        throw Failure("the library refuses this board's parameters");
-    return recogniser;
-}
-
-void recognise_one(iCalibBoardRecognizer& recogniser, BoardPicture& picture)
-{
-    cv::Mat grey = read_grey(picture.path);
+    const cv::Mat grey = read_grey(picture.path);
     picture.size = grey.size();
-    picture.code = recogniser.recognize(grey, picture.markers);
-    if (!picture.recognised()) picture.markers.clear();
-    if (!picture.recognised()) picture.reason = recogniser.get_error_name(picture.code) + ": " + meaning(picture.code);
+    BoardSearchResult result = search.find(grey);
+    picture.code = result.code;
+    picture.step = result.step;
+    picture.markers = std::move(result.markers);
+    if (!picture.recognised())
+        picture.reason = search.error_name(picture.code) + ": " + meaning(picture.code)
+            + "; tried with small rings, enlarged and sharpened, and with adaptive binarisation: the holes of the "
+              "rings need a radius of 1.5 px in the picture";
     picture.found = static_cast<int>(std::count_if(
         picture.markers.begin(), picture.markers.end(), [](const cv::Point2f& p) { return p.x != FLT_MAX; }));
-    cv::Mat drawing;
-    recogniser.copy_result_image(drawing, -1);
-    picture.drawing = encode(".jpg", drawing.empty() ? grey : drawing);
+    picture.drawing = encode(".jpg", result.drawing.empty() ? grey : result.drawing);
 }
 
 } // namespace
@@ -150,10 +138,10 @@ BoardViews find_views(const std::string& cam0, const std::string& cam1, const st
 void recognise(BoardViews& views, const BoardFile& board, const OnStep& on_step)
 {
     for (std::vector<BoardPicture>& pictures : views.cameras) {
-        const RecogniserPtr recogniser = make_recogniser(board);
+        BoardSearch search(board);
         for (BoardPicture& picture : pictures) {
             next_step(on_step, picture.path);
-            recognise_one(*recogniser, picture);
+            recognise_one(search, picture);
         }
     }
 }
@@ -161,7 +149,8 @@ void recognise(BoardViews& views, const BoardFile& board, const OnStep& on_step)
 std::string outcome(const BoardPicture& picture, const BoardFile& board)
 {
     if (!picture.recognised()) return picture.reason;
-    return "found " + std::to_string(picture.found) + " of " + std::to_string(board.markers()) + " markers";
+    const std::string how = picture.step == SearchStep::as_set ? "" : std::string(" (") + name_of(picture.step) + ")";
+    return "found " + std::to_string(picture.found) + " of " + std::to_string(board.markers()) + " markers" + how;
 }
 
 cv::Mat decoded_drawing(const BoardPicture& picture)

@@ -2,6 +2,7 @@
 
 #include "base/on_step.h"
 #include "host/calibration/board_file.h"
+#include "host/calibration/board_search.h"
 
 #include <opencv2/core.hpp>
 
@@ -20,8 +21,10 @@ struct BoardPicture {
     cv::Size size;
     int code = -1;                      ///< of the recogniser; 0: recognised
     std::string reason;                 ///< the code's name and what it means; empty for 0
+    SearchStep step = SearchStep::none; ///< that recognised it
     int found = 0;                      ///< markers
     std::vector<cv::Point2f> markers;   ///< by board position; (FLT_MAX, FLT_MAX) where there is none
+    std::vector<double> sigma;          ///< px, of refined markers' coordinates, by board position; empty: not refined
     std::vector<unsigned char> drawing; ///< JPEG, how the recognition ended; small, since many pictures are kept
 
     bool recognised() const { return code == 0; }
@@ -46,7 +49,7 @@ BoardViews find_views(const std::string& cam0, const std::string& cam1, const st
 /// Reads every picture and recognises the board in it; a step is a picture. Throws Failure and Stopped.
 void recognise(BoardViews& views, const BoardFile& board, const OnStep& on_step = {});
 
-/// "found 285 of 285 markers", or the reason.
+/// "found 285 of 285 markers (enlarged and sharpened)", or the reason.
 std::string outcome(const BoardPicture& picture, const BoardFile& board);
 
 /// The drawing as a picture, BGR.
