@@ -125,6 +125,8 @@ void add_calibrate(CLI::App& app, GlobalOptions& options)
         ->add_option("--alpha", o->request.rectify.alpha, "rectified images: 0 only valid pixels, 1 all, -1 in between")
         ->check(CLI::Range(-1.0, 1.0))
         ->capture_default_str();
+    command->add_flag("!--no-refine", o->request.refine,
+        "calibrate from the markers as the library recognises them, not from their grey values");
     command->add_flag("!--no-hold-out", o->request.hold_out, "skip the hold-out check, which calibrates twice more");
     add_force(*command, options);
     finish_command(*command, options,

@@ -71,6 +71,8 @@ const char* name_of(SearchStep step)
         return "enlarged and sharpened";
     case SearchStep::adaptive:
         return "adaptive binarisation";
+    case SearchStep::by_other_camera:
+        return "by the other camera's pose";
     default:
         return "";
     }

@@ -14,14 +14,15 @@ namespace vexo {
 
 /// How a board was recognised: the first of these that finds it.
 enum class SearchStep {
-    as_set,      ///< with the settings of the board's file
-    small_rings, ///< circles down to a radius of 2 px
-    enlarged,    ///< that, in the picture at twice its size, sharpened: rings that are small and soft
-    adaptive,    ///< that, and each pixel against the mean around it: light that falls off
+    as_set,          ///< with the settings of the board's file
+    small_rings,     ///< circles down to a radius of 2 px
+    enlarged,        ///< that, in the picture at twice its size, sharpened: rings that are small and soft
+    adaptive,        ///< that, and each pixel against the mean around it: light that falls off
+    by_other_camera, ///< not by itself: markers are where the pose that the other camera sees puts them
     none
 };
 
-/// "as it is", "small rings", "enlarged and sharpened", "adaptive binarisation", "".
+/// "as it is", "small rings", "enlarged and sharpened", "adaptive binarisation", "by the other camera", "".
 const char* name_of(SearchStep step);
 
 /// What was recognised in one picture.

@@ -1,15 +1,11 @@
 #include "host/calibration/calibrate.h"
 
-#include "base/boundary.h"
 #include "base/failure.h"
 #include "base/statistics.h"
-#include "base/whole_file.h"
 #include "host/calibration/checks.h"
 #include "host/calibration/pair_agreement.h"
-#include "host/files/temporary_folder.h"
-#include "vexo/calibration.h"
-#include "vexo/factories.h"
-#include "vexo/owned.h"
+#include "host/calibration/solve.h"
+#include "host/cameras/pair_files.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -25,83 +21,12 @@ namespace {
 /// Views that are held out together must leave this many for a calibration of their own.
 constexpr std::size_t least_half = 4;
 
-/// What a calibrator of the library found.
-struct Found {
-    std::vector<CalibratedCamera> cameras;
-    std::vector<std::vector<double>> view_rms; ///< [camera][view], NaN for views that were not put
-    double rms = 0;
-};
-
-template <class Calibrator> void set_board(Calibrator* calibrator, const BoardFile& board)
-{
-    BoardFile copy = board;
-    CalibBoardParam geometry = board.geometry();
-    if (calibrator == nullptr || !calibrator->set_parameters(copy.pre, copy.circle, geometry))
-        throw Failure("the library refuses this board's parameters");
-}
-
 constexpr const char* no_calibration = "the views determine no calibration; take ten or more views of the whole board, "
                                        "tilted by 25 to 45 degrees to all sides";
 
-/// Spreads the errors of the views that were put over all views.
-std::vector<double> by_view(const std::vector<double>& errors, const std::vector<bool>& use)
+SolveOptions options_of(const CalibrateRequest& o)
 {
-    std::vector<double> all(use.size(), std::nan(""));
-    std::size_t next = 0;
-    for (std::size_t v = 0; v < use.size() && next < errors.size(); ++v)
-        if (use[v]) all[v] = errors[next++];
-    return all;
-}
-
-/// The library reads and recognises the pictures itself, so that a host that calls it alike gets the same bits. Nothing
-/// for views that determine no pair.
-std::optional<Found> calibrate_pair(iStereoCalibrator* calibrator, const CalibrateRequest& o, const BoardFile& board,
-    const BoardViews& views, const std::vector<bool>& use, const std::string& file)
-{
-    set_board(calibrator, board);
-    for (std::size_t v = 0; v < views.count(); ++v)
-        for (int camera = 0; camera < 2 && use[v]; ++camera)
-            calibrator->put_image(camera, views.cameras[static_cast<std::size_t>(camera)][v].path, false, "");
-    CameraCalibParam param;
-    param.focal_guess = o.focal;
-    param.flags = o.flags;
-    Found found;
-    std::vector<std::vector<double>> errors;
-    if (!value_if_opencv_throws(false, [&] { return calibrator->do_calibrate(param, &errors, &found.rms); }))
-        return std::nullopt;
-    for (std::size_t k = 0; k < 2; ++k)
-        found.view_rms.push_back(by_view(errors[k], use));
-    if (!calibrator->save_calibfile(file, "")) throw Failure(file + ": cannot be written");
-    const auto cameras = read_cameras({ file });
-    found.cameras.assign(cameras.begin(), cameras.end());
-    return found;
-}
-
-std::optional<Found> calibrate_one(iCameraCalibrator* calibrator, const CalibrateRequest& o, const BoardFile& board,
-    const BoardViews& views, const std::vector<bool>& use, const std::string& file)
-{
-    set_board(calibrator, board);
-    for (std::size_t v = 0; v < views.count(); ++v)
-        if (use[v]) calibrator->put_image(views.cameras[0][v].path, false, "");
-    CameraCalibParam param;
-    param.focal_guess = o.focal;
-    param.flags = o.flags;
-    Found found;
-    std::vector<double> errors;
-    if (!value_if_opencv_throws(false, [&] { return calibrator->do_calibrate(param, &errors, &found.rms); }))
-        return std::nullopt;
-    found.view_rms.push_back(by_view(errors, use));
-    if (!calibrator->save_calibfile(file, "cam0")) throw Failure(file + ": cannot be written");
-    found.cameras.push_back(read_camera(file, "cam0"));
-    return found;
-}
-
-std::optional<Found> calibrate_again(
-    const CalibrateRequest& o, const Calibrated& c, const std::vector<bool>& use, const std::string& file)
-{
-    if (c.is_pair())
-        return calibrate_pair(Owned<iStereoCalibrator>(CreateStereoCalibrator()).get(), o, c.board, c.views, use, file);
-    return calibrate_one(Owned<iCameraCalibrator>(CreateCameraCalibrator()).get(), o, c.board, c.views, use, file);
+    return { o.focal, o.flags };
 }
 
 /// Every second used view, from the first or the second on.
@@ -147,13 +72,13 @@ std::optional<CalibrationShare> share_of(const std::array<DepthApart, 3>& apart)
     return share;
 }
 
-HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c, const std::string& file)
+HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c)
 {
     HoldOut held;
     if (c.used_count() < 2 * least_half) return held;
     std::vector<Fold> folds;
     for (const bool second : { false, true }) {
-        const auto found = calibrate_again(o, c, half(c.used, second), file);
+        const auto found = solve_cameras(c.views, c.board, half(c.used, second), options_of(o));
         if (!found) return held;
         folds.push_back({ found->cameras, half(c.used, !second) });
     }
@@ -180,30 +105,6 @@ HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c, const std::stri
     return held;
 }
 
-void add_file(Calibrated& c, const TemporaryFolder& temporary, const std::string& name)
-{
-    constexpr std::size_t limit = std::size_t { 1 } << 31;
-    c.files.emplace_back(name, read_bytes(temporary / name, limit));
-}
-
-/// Rectified pair, tables, hmat set and the board's pose in the first pair used. False for cameras that cannot be
-/// rectified.
-bool save_stereo(iStereoCalibrator& calibrator, const CalibrateRequest& o, const TemporaryFolder& t, Calibrated& c)
-{
-    RectifyParam rectify = o.rectify;
-    c.baseline = calibrator.create_stereo_camera(rectify, nullptr, nullptr);
-    if (!(c.baseline > 0) || !calibrator.save_stereofile(t / "stereo.yaml", t / "map0.bin", t / "map1.bin")
-        || !calibrator.save_boardRT(t / "boardRT.yaml"))
-        return false;
-    for (const char* name : { "cameras.yaml", "stereo.yaml", "map0.bin", "map1.bin", "boardRT.yaml" })
-        add_file(c, t, name);
-    // An hmat set cannot express a rectified size that differs from the pictures'.
-    if (!calibrator.save_stereohmat(t / "hmat0.bin", t / "hmat1.bin", t / "hmat_tables.bin", false)) return true;
-    for (const char* name : { "hmat0.bin", "hmat1.bin", "hmat_tables.bin" })
-        add_file(c, t, name);
-    return true;
-}
-
 /// Whether the pair fits far worse than each camera by itself did.
 bool pair_is_spoilt(const Calibrated& c)
 {
@@ -212,27 +113,25 @@ bool pair_is_spoilt(const Calibrated& c)
 }
 
 /// Both cameras calibrated one by one.
-std::vector<CalibratedCamera> cameras_alone(const CalibrateRequest& o, const Calibrated& c, const std::string& file)
+std::vector<CalibratedCamera> cameras_alone(const CalibrateRequest& o, const Calibrated& c)
 {
     std::vector<CalibratedCamera> cameras;
     for (const auto& pictures : c.views.cameras) {
-        const Owned<iCameraCalibrator> calibrator(CreateCameraCalibrator());
-        const auto found = calibrate_one(calibrator.get(), o, c.board, { { pictures } }, c.used, file);
+        const auto found = solve_cameras({ { pictures } }, c.board, c.used, options_of(o));
         if (!found) throw Failure(no_calibration);
         cameras.push_back(found->cameras.front());
     }
     return cameras;
 }
 
-void hold_against_views(const CalibrateRequest& o, Calibrated& c, const TemporaryFolder& temporary)
+void hold_against_views(const CalibrateRequest& o, Calibrated& c)
 {
     const std::vector<Fold> all { { c.cameras, c.used } };
     for (std::size_t k = 0; k < c.cameras.size(); ++k)
         c.fits.push_back(fit_camera(all, k, c.views, c.board));
     if (c.is_pair()) c.pair = fit_pair(all, c.views, c.board);
-    if (pair_is_spoilt(c))
-        c.agreement = pair_agreement(cameras_alone(o, c, temporary / "alone.yaml"), c.views, c.used, c.board);
-    if (o.hold_out) c.hold_out = hold_out(o, c, temporary / "half.yaml");
+    if (pair_is_spoilt(c)) c.agreement = pair_agreement(cameras_alone(o, c), c.views, c.used, c.board);
+    if (o.hold_out) c.hold_out = hold_out(o, c);
 }
 
 Calibrated with_usable_views(const BoardViews& views, const BoardFile& board)
@@ -251,32 +150,52 @@ Calibrated with_usable_views(const BoardViews& views, const BoardFile& board)
 }
 
 /// A pair that cannot be calibrated, since photos were exchanged or for whatever `otherwise` says.
-[[noreturn]] void fail_as_pair(
-    const CalibrateRequest& o, const Calibrated& c, const TemporaryFolder& temporary, const std::string& otherwise)
+[[noreturn]] void fail_as_pair(const CalibrateRequest& o, const Calibrated& c, const std::string& otherwise)
 {
-    const auto agreement = pair_agreement(cameras_alone(o, c, temporary / "alone.yaml"), c.views, c.used, c.board);
+    const auto agreement = pair_agreement(cameras_alone(o, c), c.views, c.used, c.board);
     const std::string exchanged = exchange_in_words(agreement, c.views);
     throw Failure(exchanged.empty() ? otherwise : exchanged + "; give the files their right names");
 }
 
-Found calibrated_pair(const CalibrateRequest& o, Calibrated& c, const TemporaryFolder& temporary)
+Solved solved_cameras(const CalibrateRequest& o, const Calibrated& c)
 {
-    const Owned<iStereoCalibrator> calibrator(CreateStereoCalibrator());
-    const auto found = calibrate_pair(calibrator.get(), o, c.board, c.views, c.used, temporary / "cameras.yaml");
-    if (!found) fail_as_pair(o, c, temporary, no_calibration);
-    if (!save_stereo(*calibrator, o, temporary, c))
-        fail_as_pair(
-            o, c, temporary, "the pair cannot be rectified; do both cameras see the same board, side by side?");
-    return *found;
+    const auto solved = solve_cameras(c.views, c.board, c.used, options_of(o));
+    if (solved) return *solved;
+    if (c.views.pair()) fail_as_pair(o, c, no_calibration);
+    throw Failure(no_calibration);
 }
 
-Found calibrated_camera(const CalibrateRequest& o, Calibrated& c, const TemporaryFolder& temporary)
+/// Calibrates, and with refinement again from what these cameras let the markers be measured by.
+Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& on_step)
 {
-    const Owned<iCameraCalibrator> calibrator(CreateCameraCalibrator());
-    const auto found = calibrate_one(calibrator.get(), o, c.board, c.views, c.used, temporary / "cameras.yaml");
-    if (!found) throw Failure(no_calibration);
-    add_file(c, temporary, "cameras.yaml");
-    return *found;
+    Solved solved = solved_cameras(o, c);
+    for (int round = 0; o.refine && round < refine_rounds; ++round) {
+        next_step(on_step, "measuring the markers by their grey values");
+        const int added = c.refinement.views_added;
+        c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
+        c.refinement.views_added += added;
+        solved = solved_cameras(o, c);
+    }
+    return solved;
+}
+
+/// cameras.yaml, and of a pair the rectified pair, its tables, the hmat set and the board's pose in the first pair
+/// used.
+void add_files(const CalibrateRequest& o, Calibrated& c)
+{
+    constexpr const char* apart = "the pair cannot be rectified; do both cameras see the same board, side by side?";
+    c.files.emplace_back("cameras.yaml", cameras_yaml(c.cameras));
+    if (!c.is_pair()) return;
+    const std::array<CalibratedCamera, 2> cameras { c.cameras[0], c.cameras[1] };
+    const auto first = static_cast<std::size_t>(std::find(c.used.begin(), c.used.end(), true) - c.used.begin());
+    const auto pair = pair_files(cameras, o.rectify);
+    if (!pair) fail_as_pair(o, c, apart);
+    const auto pose = pose_in_rectified(cameras, *pair,
+        { seen_markers(c.views.cameras[0][first], c.board), seen_markers(c.views.cameras[1][first], c.board) });
+    if (!pose) fail_as_pair(o, c, apart);
+    c.baseline = pair->baseline;
+    c.files.insert(c.files.end(), pair->files.begin(), pair->files.end());
+    c.files.emplace_back("boardRT.yaml", board_pose_yaml(*pose));
 }
 
 } // namespace
@@ -303,14 +222,13 @@ Calibrated calibrate(const BoardViews& views, const BoardFile& board, double pri
     c.ruler_y = request.ruler_y;
     c.dropped = request.dropped;
     next_step(on_step, "calibrating");
-    const TemporaryFolder temporary;
-    const Found found
-        = views.pair() ? calibrated_pair(request, c, temporary) : calibrated_camera(request, c, temporary);
-    c.cameras = found.cameras;
-    c.view_rms = found.view_rms;
-    c.rms = found.rms;
+    const Solved solved = solve_in_rounds(request, c, on_step);
+    c.cameras = solved.cameras;
+    c.view_rms = solved.view_rms;
+    c.rms = solved.rms;
+    add_files(request, c);
     next_step(on_step, "hold-out check");
-    hold_against_views(request, c, temporary);
+    hold_against_views(request, c);
     return c;
 }
 

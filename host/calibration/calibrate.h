@@ -13,6 +13,7 @@ struct CalibrateRequest {
     double focal = 0;                ///< px, to start from; 0: none
     int flags = 1;                   ///< CALIB_* of OpenCV; 1, CALIB_USE_INTRINSIC_GUESS, without a focal length: none
     RectifyParam rectify;
+    bool refine = true;       ///< measure the markers by their grey values, and calibrate again, twice
     bool hold_out = true;     ///< also calibrate from each half of the views, and hold the other half against it
     std::vector<int> dropped; ///< numbers of views that were left out on request: for the report
 };
@@ -20,8 +21,11 @@ struct CalibrateRequest {
 /// The board with the pitch that the printer really made: the mean of what the rulers say.
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request);
 
-/// Steps that calibrate() announces.
-constexpr int calibrate_steps = 2;
+/// Times that markers are measured with the cameras found before.
+constexpr int refine_rounds = 2;
+
+/// Steps that calibrate() announces, at most.
+constexpr int calibrate_steps = 2 + refine_rounds;
 
 /// Calibrates the camera, or the pair, from the views in which the board was recognised by all cameras.
 /// @param views  after recognise() with `board`

@@ -4,6 +4,7 @@
 #include "host/calibration/depth_apart.h"
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/pair_fit.h"
+#include "host/calibration/refine_views.h"
 #include "host/cameras/calibration_share.h"
 
 #include <opencv2/core.hpp>
@@ -42,6 +43,7 @@ struct Calibrated {
     PairFit pair;
     PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
+    Refinement refinement; ///< of the last round
 
     /// cameras.yaml, and of a pair the rectified camera's files and boardRT.yaml: name, and bytes
     std::vector<std::pair<std::string, std::string>> files;

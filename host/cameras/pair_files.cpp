@@ -1,7 +1,6 @@
 #include "host/cameras/pair_files.h"
 
 #include "base/boundary.h"
-#include "base/failure.h"
 #include "base/plain_yaml.h"
 
 #include <opencv2/calib3d.hpp>
@@ -117,6 +116,76 @@ std::string bare_tables(const RectifiedCameras& r)
     return bytes;
 }
 
+/// What one rectified camera sees of the board.
+struct Sighting {
+    std::vector<cv::Point2f> image_px;
+    std::vector<cv::Point3f> board_mm;
+    cv::Mat K, offset; ///< of the rectified camera, whose axes are those of rectified camera 0
+};
+
+Sighting sighting(
+    const CalibratedCamera& camera, const cv::Matx33d& rotation, const cv::Matx34d& P, const SeenMarkers& seen)
+{
+    constexpr int most_steps = 50;
+    constexpr double settled = 1e-9;
+    Sighting s;
+    cv::Mat R;
+    const cv::Mat projection(P);
+    cv::RQDecomp3x3(projection.colRange(0, 3), s.K, R);
+    s.offset = s.K.inv() * projection.col(3);
+    s.board_mm = seen.board_mm;
+    const cv::TermCriteria until(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, most_steps, settled);
+    cv::undistortPoints(seen.image_px, s.image_px, camera.K, camera.D, rotation, s.K, until);
+    return s;
+}
+
+/// Reprojection errors of a pose (rotation vector, translation; 6 x 1) in both cameras, and their derivatives.
+class PairErrors : public cv::LMSolver::Callback {
+public:
+    explicit PairErrors(const std::array<Sighting, 2>& sightings)
+        : _sightings(sightings)
+    {
+    }
+
+    bool compute(cv::InputArray param, cv::OutputArray errors, cv::OutputArray jacobian) const override
+    {
+        const cv::Mat pose = param.getMat();
+        cv::Mat all_errors, all_derivatives;
+        for (const Sighting& s : _sightings) {
+            std::vector<cv::Point2f> projected;
+            cv::Mat derivatives;
+            const cv::Mat translation = pose.rowRange(3, 6) + s.offset;
+            cv::projectPoints(s.board_mm, pose.rowRange(0, 3), translation, s.K, cv::noArray(), projected, derivatives);
+            cv::Mat miss = cv::Mat(projected) - cv::Mat(s.image_px);
+            miss = miss.reshape(1, 2 * miss.rows);
+            miss.convertTo(miss, CV_64F);
+            all_errors.push_back(miss);
+            all_derivatives.push_back(derivatives.colRange(0, 6));
+        }
+        all_errors.copyTo(errors);
+        if (jacobian.needed()) all_derivatives.copyTo(jacobian);
+        return true;
+    }
+
+private:
+    const std::array<Sighting, 2>& _sightings;
+};
+
+bool solve_pose(const std::array<Sighting, 2>& sightings, cv::Matx44d& pose)
+{
+    constexpr int most_steps = 50;
+    cv::Mat rvec, tvec, both;
+    const Sighting& first = sightings[0];
+    if (!cv::solvePnP(first.board_mm, first.image_px, first.K, cv::noArray(), rvec, tvec)) return false;
+    cv::vconcat(rvec, tvec, both);
+    cv::LMSolver::create(cv::makePtr<PairErrors>(sightings), most_steps)->run(both);
+    BoardPose found;
+    found.rvec = cv::Vec3d(both.ptr<double>());
+    found.tvec = cv::Vec3d(both.ptr<double>(3));
+    pose = found.matrix();
+    return cv::checkRange(cv::Mat(pose)) && pose(2, 3) > 0.0; // not behind the camera
+}
+
 std::string projection_bytes(const cv::Mat& P)
 {
     return { P.ptr<char>(), 12 * sizeof(double) };
@@ -136,12 +205,16 @@ std::string cameras_yaml(const std::vector<CalibratedCamera>& cameras)
     return yaml.releaseAndGetString();
 }
 
-PairFiles pair_files(const std::array<CalibratedCamera, 2>& cameras, const RectifyParam& rectify)
+std::optional<PairFiles> pair_files(const std::array<CalibratedCamera, 2>& cameras, const RectifyParam& rectify)
 {
     PairFiles made;
     const bool done = value_if_opencv_throws(false, [&] {
         const RectifiedCameras r = rectified_cameras(cameras, rectify);
         made.baseline = cv::norm(cameras[1].T);
+        for (std::size_t i = 0; i < 2; ++i) {
+            made.rotations[i] = cv::Matx33d(r.R[i].ptr<double>());
+            made.projections[i] = cv::Matx34d(r.P[i].ptr<double>());
+        }
         made.files
             = { { "stereo.yaml", stereo_yaml(r) }, { "map0.bin", table_file(r, 0) }, { "map1.bin", table_file(r, 1) } };
         if (r.input != r.output) return true;
@@ -150,8 +223,23 @@ PairFiles pair_files(const std::array<CalibratedCamera, 2>& cameras, const Recti
         made.files.emplace_back("hmat_tables.bin", bare_tables(r));
         return true;
     });
-    if (!done) throw Failure("the pair cannot be rectified; do both cameras see the same board, side by side?");
+    if (!done) return std::nullopt;
     return made;
+}
+
+std::optional<cv::Matx44d> pose_in_rectified(
+    const std::array<CalibratedCamera, 2>& cameras, const PairFiles& pair, const std::array<SeenMarkers, 2>& seen)
+{
+    for (const SeenMarkers& s : seen)
+        if (s.board_mm.size() < fewest_markers_of_a_pose) return std::nullopt;
+    cv::Matx44d pose;
+    const bool solved = value_if_opencv_throws(false, [&] {
+        return solve_pose({ sighting(cameras[0], pair.rotations[0], pair.projections[0], seen[0]),
+                              sighting(cameras[1], pair.rotations[1], pair.projections[1], seen[1]) },
+            pose);
+    });
+    if (!solved) return std::nullopt;
+    return pose;
 }
 
 std::string board_pose_yaml(const cv::Matx44d& rectified_from_board)

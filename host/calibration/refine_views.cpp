@@ -1,0 +1,106 @@
+#include "host/calibration/refine_views.h"
+
+#include "base/parallel.h"
+#include "base/pictures.h"
+#include "base/stopwatch.h"
+#include "host/calibration/camera_fit.h"
+#include "host/calibration/refine_markers.h"
+
+#include <opencv2/calib3d.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
+namespace vexo {
+
+namespace {
+
+/// Where the board stands in each camera of a view; nothing where that is not known.
+using ViewPoses = std::vector<std::optional<BoardPose>>;
+
+/// The same board seen by the other camera: x_to = R x_from + T, with R = R_to R_from^T.
+BoardPose seen_by(const CalibratedCamera& to, const CalibratedCamera& from, const BoardPose& pose)
+{
+    cv::Matx33d rotation;
+    cv::Rodrigues(pose.rvec, rotation);
+    const cv::Matx33d turn = to.R * from.R.t();
+    BoardPose other;
+    cv::Rodrigues(turn * rotation, other.rvec);
+    other.tvec = turn * pose.tvec + to.T - turn * from.T;
+    return other;
+}
+
+ViewPoses poses_of(
+    const BoardViews& views, std::size_t view, const BoardFile& board, const std::vector<CalibratedCamera>& cameras)
+{
+    ViewPoses poses;
+    for (std::size_t k = 0; k < cameras.size(); ++k) {
+        const BoardPicture& picture = views.cameras[k][view];
+        poses.push_back(
+            picture.recognised() ? solve_board_pose(seen_markers(picture, board), cameras[k]) : std::nullopt);
+    }
+    for (std::size_t k = 0; k < poses.size() && poses.size() == 2; ++k)
+        if (!poses[k] && poses[1 - k]) poses[k] = seen_by(cameras[k], cameras[1 - k], *poses[1 - k]);
+    return poses;
+}
+
+/// Takes what was found into the picture. One that was not recognised needs most of the markers.
+bool take(const RefinedMarkers& found, const BoardFile& board, BoardPicture& picture)
+{
+    constexpr double most = 0.6;
+    const bool known = picture.recognised();
+    if (found.found < (known ? static_cast<int>(fewest_markers_of_a_pose) : cvCeil(most * board.markers())))
+        return false;
+    picture.markers = found.centres;
+    picture.sigma = found.sigma;
+    picture.found = found.found;
+    if (known) return true;
+    picture.code = 0;
+    picture.step = SearchStep::by_other_camera;
+    picture.reason.clear();
+    return true;
+}
+
+} // namespace
+
+Refinement refine_views(
+    BoardViews& views, std::vector<bool>& used, const BoardFile& board, const std::vector<CalibratedCamera>& cameras)
+{
+    Stopwatch clock;
+    Refinement made;
+    made.made = true;
+    const std::size_t count = views.count();
+    std::vector<ViewPoses> poses;
+    for (std::size_t v = 0; v < count; ++v)
+        poses.push_back(poses_of(views, v, board, cameras));
+    std::vector<RefinedMarkers> found(count * cameras.size());
+    in_parallel(found.size(), [&](std::size_t i) {
+        const std::size_t v = i / cameras.size(), k = i % cameras.size();
+        const BoardPicture& picture = views.cameras[k][v];
+        if (!poses[v][k]) return;
+        const cv::Mat grey = read_grey(picture.path);
+        if (grey.size() == cameras[k].size)
+            found[i] = refine_markers(grey, board, *poses[v][k], cameras[k], picture.markers);
+    });
+    double squares = 0.0;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        const std::size_t v = i / cameras.size(), k = i % cameras.size();
+        if (!poses[v][k] || !take(found[i], board, views.cameras[k][v])) continue;
+        made.markers += found[i].found;
+        made.not_fitted += found[i].not_fitted;
+        made.far_off += found[i].far_off;
+        made.doubtful += found[i].doubtful;
+        for (const double s : found[i].sigma)
+            squares += s == s ? s * s : 0.0;
+    }
+    for (std::size_t v = 0; v < count; ++v) {
+        made.views_added += !used[v] && views.good(v) ? 1 : 0;
+        used[v] = views.good(v);
+    }
+    made.sigma = made.markers > 0 ? std::sqrt(squares / made.markers) : 0.0;
+    made.seconds = clock.lap();
+    return made;
+}
+
+} // namespace vexo
