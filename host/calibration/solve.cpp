@@ -74,7 +74,7 @@ bool solve_one(const BoardViews& views, std::size_t index, const BoardFile& boar
     if (points.board.empty()) return false;
     CalibratedCamera camera;
     camera.size = pictures[points.view.front()].size;
-    cv::Mat K = cv::Mat::eye(3, 3, CV_64F), D = cv::Mat::zeros(5, 1, CV_64F), deviations, ignored, errors;
+    cv::Mat K = cv::Mat::eye(3, 3, CV_64F), D = cv::Mat::zeros(1, 5, CV_64F), deviations, ignored, errors;
     int flags = options.flags;
     if ((flags & cv::CALIB_USE_INTRINSIC_GUESS) != 0 && options.focal == 0.0)
         flags &= ~cv::CALIB_USE_INTRINSIC_GUESS;
