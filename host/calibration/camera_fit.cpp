@@ -134,7 +134,7 @@ double coverage(const std::vector<BoardPicture>& views, const std::vector<bool>&
             if (!use[v] || p.x == FLT_MAX) continue;
             const int cx = std::clamp(static_cast<int>(p.x * across / static_cast<float>(size.width)), 0, across - 1);
             const int cy = std::clamp(static_cast<int>(p.y * down / static_cast<float>(size.height)), 0, down - 1);
-            cells[static_cast<std::size_t>(cy * across + cx)] = true;
+            cells[static_cast<std::size_t>(cy) * across + static_cast<std::size_t>(cx)] = true;
         }
     }
     return static_cast<double>(std::count(cells.begin(), cells.end(), true)) / (across * down);

@@ -36,8 +36,10 @@ struct SecondView {
 SecondView look_through_camera1(iStereoCamera& camera, cv::Size raw_size)
 {
     cv::Mat ramp(raw_size, CV_8U);
-    for (int x = 0; x < ramp.cols; ++x)
-        ramp.col(x).setTo(x * 255 / std::max(1, ramp.cols - 1));
+    for (int x = 0; x < ramp.cols; ++x) {
+        const int grey = x * 255 / std::max(1, ramp.cols - 1);
+        ramp.col(x).setTo(grey);
+    }
     const cv::Mat columns = rectified(camera, ramp, 1);
     const cv::Mat seen = rectified(camera, cv::Mat(raw_size, CV_8U, cv::Scalar(255)), 1);
 

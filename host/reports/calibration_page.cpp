@@ -41,7 +41,7 @@ std::string coverage_drawing(const Calibrated& c, std::size_t camera)
             if (!c.used[v] || p.x == FLT_MAX) continue;
             const int x = std::clamp(static_cast<int>(p.x * across / static_cast<float>(c.size.width)), 0, across - 1);
             const int y = std::clamp(static_cast<int>(p.y * down / static_cast<float>(c.size.height)), 0, down - 1);
-            ++cells[static_cast<std::size_t>(y * across + x)];
+            ++cells[static_cast<std::size_t>(y) * across + static_cast<std::size_t>(x)];
             dots += stroke({ p.x * scale, p.y * scale }, { 0, 0 });
         }
     }
@@ -73,7 +73,7 @@ std::string residual_drawing(const Calibrated& c, std::size_t camera)
         fine += stroke(r.seen_px * scale, r.error_px * (scale * arrow_scale));
         const int x = std::clamp(static_cast<int>(r.seen_px.x * across / c.size.width), 0, across - 1);
         const int y = std::clamp(static_cast<int>(r.seen_px.y * down / c.size.height), 0, down - 1);
-        Cell& cell = cells[static_cast<std::size_t>(y * across + x)];
+        Cell& cell = cells[static_cast<std::size_t>(y) * across + static_cast<std::size_t>(x)];
         cell.at += r.seen_px;
         cell.error += r.error_px;
         ++cell.count;

@@ -135,7 +135,7 @@ cv::Mat coloured(const cv::Mat& values, const Span& span, Ramp kind)
         for (int x = 0; x < values.cols; ++x) {
             const double value = row[x];
             const double level = std::clamp(255.0 * (value - span.low) / (span.high - span.low), 0.0, 255.0);
-            out[x] = std::isnan(value) ? nothing : ramp[static_cast<int>(level + 0.5)];
+            out[x] = std::isnan(value) ? nothing : ramp[static_cast<int>(std::lround(level))];
         }
     }
     return picture;

@@ -43,8 +43,10 @@ std::optional<double> predict(const Result& r)
     if (!r.report.contains("fringes") || number_in(r.report, "/parameters/datatype", r.report_path) != 0.0)
         return std::nullopt;
     const bool multi = r.method == "multi-phase";
+    const int periods = multi ? 3 : 1;
     std::vector<PeriodNoise> noise;
-    for (int f = 0; f < (multi ? 3 : 1); ++f)
+    noise.reserve(static_cast<std::size_t>(periods));
+    for (int f = 0; f < periods; ++f)
         noise.push_back(noise_in(r, multi ? "/periods/" + std::to_string(f) : "", multi));
     const double fit_points = number_in(r.report, "/parameters/fit_points", r.report_path);
     return predicted_noise(multi ? multi_noise(noise) : gray_noise(noise[0]), fit_points, r.f * r.baseline, r.cloud);
