@@ -5,7 +5,7 @@
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/pair_fit.h"
 #include "host/calibration/refine_views.h"
-#include "host/cameras/calibration_share.h"
+#include "host/cameras/covariance_share.h"
 
 #include <opencv2/core.hpp>
 
@@ -23,7 +23,6 @@ struct HoldOut {
     PairFit pair;
     double focal_spread = 0; ///< px, largest difference of a focal length between the halves
     DepthApart apart;        ///< of a pair: what the halves' differences do to a cloud at the middle distance
-    std::optional<CalibrationShare> share; ///< of a pair: what the whole is off by, as far as its halves show it
 };
 
 /// Everything that a calibration was made from and what came out.
@@ -43,7 +42,11 @@ struct Calibrated {
     PairFit pair;
     PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
-    Refinement refinement; ///< of the last round
+    Refinement refinement;                      ///< of the last round
+    std::optional<CameraCovariance> covariance; ///< nothing: the views do not determine it
+    StatedShare share;                          ///< of a pair, by the covariance
+    cv::Mat share_map;                          ///< of a pair: see share_map(); empty: unknown
+    StatedDirection direction;                  ///< of a single camera
 
     /// cameras.yaml, and of a pair the rectified camera's files and boardRT.yaml: name, and bytes
     std::vector<std::pair<std::string, std::string>> files;
