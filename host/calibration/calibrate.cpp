@@ -3,9 +3,9 @@
 #include "base/failure.h"
 #include "base/statistics.h"
 #include "host/calibration/checks.h"
+#include "host/calibration/find_share.h"
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/solve.h"
-#include "host/cameras/covariance_share.h"
 #include "host/cameras/pair_files.h"
 
 #include <algorithm>
@@ -127,9 +127,48 @@ Solved solved_cameras(const CalibrateRequest& o, const Calibrated& c)
     throw Failure(no_calibration);
 }
 
+/// The board with a shape. The rulers set the pitch along x alone now, as the shape has what y differs by.
+BoardFile with_shape(BoardFile board, const BoardShape& shape, double printed_pitch_mm, const CalibrateRequest& o)
+{
+    board.shape = shape;
+    const double before = board.layout.pitch_mm;
+    if (o.ruler_x > 0)
+        board.layout.pitch_mm = printed_pitch_mm * o.ruler_x / 100.0;
+    else if (o.ruler_y > 0)
+        board.layout.pitch_mm = printed_pitch_mm * o.ruler_y / 100.0 / (1.0 + shape.stretch_y);
+    const double smaller = before / board.layout.pitch_mm; // mm of height at 100 mm, of a board that is larger
+    for (double* bow : { &board.shape.bow_xx, &board.shape.bow_xy, &board.shape.bow_yy })
+        *bow *= smaller;
+    return board;
+}
+
+/// Whether the shape can be that of a board: a bundle of few views may explain errors of another kind by it.
+bool plausible(const BoardShape& shape)
+{
+    constexpr double most_bow_mm = 10.0, most_share = 0.02;
+    return std::abs(shape.bow_xx) < most_bow_mm && std::abs(shape.bow_xy) < most_bow_mm
+        && std::abs(shape.bow_yy) < most_bow_mm && std::abs(shape.stretch_y) < most_share
+        && std::abs(shape.shear) < most_share;
+}
+
+/// Asks the views for the board's shape, and takes it where they have it beyond doubt.
+/// @param given  the board as it was before its shape was asked for
+void learn_shape(const CalibrateRequest& o, const BoardFile& given, const Solved& solved, Calibrated& c)
+{
+    c.board = given;
+    c.shape = {};
+    const auto flat = adjust_bundle(c.views, given, c.used, solved.cameras, { o.flags, false });
+    const auto shaped = adjust_bundle(c.views, given, c.used, solved.cameras, { o.flags, true });
+    if (!flat || !shaped) return;
+    c.shape = { plausible(shaped->shape) && shape_is_significant(*flat, *shaped), flat->residual_px(),
+        shaped->residual_px() };
+    if (c.shape.kept) c.board = with_shape(given, shaped->shape, c.printed_pitch, o);
+}
+
 /// Calibrates, and with refinement again from what these cameras let the markers be measured by.
 Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& on_step)
 {
+    const BoardFile given = c.board;
     Solved solved = solved_cameras(o, c);
     for (int round = 0; o.refine && round < refine_rounds; ++round) {
         next_step(on_step, "measuring the markers by their grey values");
@@ -137,7 +176,10 @@ Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& o
         c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
         c.refinement.views_added += added;
         solved = solved_cameras(o, c);
+        learn_shape(o, given, solved, c);
+        if (c.shape.kept) solved = solved_cameras(o, c);
     }
+    c.bundle = adjust_bundle(c.views, c.board, c.used, solved.cameras, { o.flags, c.shape.kept });
     return solved;
 }
 
@@ -158,21 +200,6 @@ void add_files(const CalibrateRequest& o, Calibrated& c)
     c.baseline = pair->baseline;
     c.files.insert(c.files.end(), pair->files.begin(), pair->files.end());
     c.files.emplace_back("boardRT.yaml", board_pose_yaml(*pose));
-}
-
-/// What follows from the covariance.
-void find_share(Calibrated& c)
-{
-    if (!c.covariance) {
-        c.share.why_unknown = c.direction.why_unknown = "the views do not determine all that is to be calibrated";
-        return;
-    }
-    if (c.is_pair()) {
-        c.share = share_of(c.cameras, *c.covariance);
-        c.share_map = share_map(c.cameras, *c.covariance);
-    } else {
-        c.direction = direction_share(c.cameras[0], *c.covariance);
-    }
 }
 
 } // namespace
@@ -204,9 +231,9 @@ Calibrated calibrate(const BoardViews& views, const BoardFile& board, double pri
     c.view_rms = solved.view_rms;
     c.rms = solved.rms;
     add_files(request, c);
-    find_share(c);
     next_step(on_step, "hold-out check");
     hold_against_views(request, c);
+    find_share(c);
     return c;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/calibration/bundle.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/depth_apart.h"
 #include "host/calibration/pair_agreement.h"
@@ -25,9 +26,16 @@ struct HoldOut {
     DepthApart apart;        ///< of a pair: what the halves' differences do to a cloud at the middle distance
 };
 
+/// What the views say of how the board's markers really lie.
+struct LearntShape {
+    bool kept = false;      ///< the board has this shape now
+    double flat_px = 0.0;   ///< standard deviation of a coordinate with the board as it was given
+    double shaped_px = 0.0; ///< the same with the shape; both 0: not asked
+};
+
 /// Everything that a calibration was made from and what came out.
 struct Calibrated {
-    BoardFile board;                 ///< with the pitch as corrected by the rulers
+    BoardFile board;                 ///< with the pitch as corrected by the rulers, and the shape that was kept
     double printed_pitch = 0;        ///< mm, of the board file
     double ruler_x = 0, ruler_y = 0; ///< mm, 0: not given
     BoardViews views;
@@ -42,8 +50,10 @@ struct Calibrated {
     PairFit pair;
     PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
-    Refinement refinement;                      ///< of the last round
-    std::optional<CameraCovariance> covariance; ///< nothing: the views do not determine it
+    Refinement refinement; ///< of the last round
+    LearntShape shape;
+    std::optional<Bundle> bundle; ///< how sure the cameras are; nothing where the views do not determine it
+    std::optional<CameraCovariance> covariance; ///< by the bundle
     StatedShare share;                          ///< of a pair, by the covariance
     cv::Mat share_map;                          ///< of a pair: see share_map(); empty: unknown
     StatedDirection direction;                  ///< of a single camera
