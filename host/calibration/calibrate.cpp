@@ -127,16 +127,25 @@ Solved solved_cameras(const CalibrateRequest& o, const Calibrated& c)
     throw Failure(no_calibration);
 }
 
-/// The board with a shape. The rulers set the pitch along x alone now, as the shape has what y differs by.
+/// The pitch along x as the rulers have it. Both are of one size with a board that is square as far as one knows, and
+/// their mean errs least; where the shape says by how much y differs, ruler y only checks that.
+double ruled_pitch(double printed_mm, const BoardShape& shape, const CalibrateRequest& o)
+{
+    constexpr double ruler = 100.0; // mm, as printed
+    const double by_x = o.ruler_x / ruler, by_y = o.ruler_y / ruler / (1.0 + shape.stretch_y);
+    if (o.ruler_x <= 0 && o.ruler_y <= 0) return printed_mm;
+    if (o.ruler_x <= 0) return printed_mm * by_y;
+    if (o.ruler_y <= 0 || !shape.plain()) return printed_mm * by_x;
+    return printed_mm * (0.5 * (by_x + by_y));
+}
+
+/// The board with a shape, which was found with the pitch that it has.
 BoardFile with_shape(BoardFile board, const BoardShape& shape, double printed_pitch_mm, const CalibrateRequest& o)
 {
-    board.shape = shape;
     const double before = board.layout.pitch_mm;
-    if (o.ruler_x > 0)
-        board.layout.pitch_mm = printed_pitch_mm * o.ruler_x / 100.0;
-    else if (o.ruler_y > 0)
-        board.layout.pitch_mm = printed_pitch_mm * o.ruler_y / 100.0 / (1.0 + shape.stretch_y);
-    const double smaller = before / board.layout.pitch_mm; // mm of height at 100 mm, of a board that is larger
+    board.shape = shape;
+    board.layout.pitch_mm = ruled_pitch(printed_pitch_mm, shape, o);
+    const double smaller = before / board.layout.pitch_mm; // heights at 100 mm, of a board that is larger
     for (double* bow : { &board.shape.bow_xx, &board.shape.bow_xy, &board.shape.bow_yy })
         *bow *= smaller;
     return board;
@@ -206,14 +215,8 @@ void add_files(const CalibrateRequest& o, Calibrated& c)
 
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request)
 {
-    double sum = 0, count = 0;
-    for (const double ruler : { request.ruler_x, request.ruler_y }) {
-        if (ruler <= 0) continue;
-        sum += ruler / 100.0;
-        ++count;
-    }
     BoardFile corrected = board;
-    if (count > 0) corrected.layout.pitch_mm *= sum / count;
+    corrected.layout.pitch_mm = ruled_pitch(board.layout.pitch_mm, board.shape, request);
     return corrected;
 }
 
