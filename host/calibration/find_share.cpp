@@ -2,6 +2,9 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
+#include <cmath>
+
 namespace vexo {
 
 namespace {
@@ -9,7 +12,7 @@ namespace {
 CameraCovariance covariance_of(const Calibrated& c)
 {
     CameraCovariance covariance { covariance_parameters(c.cameras), c.bundle->covariance, c.bundle->residual_px(),
-        c.refinement.made ? c.refinement.sigma : 0.0, {}, {} };
+        c.refinement.made ? c.refinement.sigma : 0.0, 0.0, {}, {} };
     const std::vector<double>& depths = c.fits[0].marker_depths;
     std::copy_n(depths.begin(), covariance.distance_mm.size(), covariance.distance_mm.begin());
     std::vector<cv::Point2f> seen, hull;
@@ -18,6 +21,15 @@ CameraCovariance covariance_of(const Calibrated& c)
     cv::convexHull(seen, hull);
     covariance.seen_px.assign(hull.begin(), hull.end());
     return covariance;
+}
+
+/// Each half has twice the variance of the whole, and their difference four times.
+double halves_ratio(const Calibrated& c)
+{
+    if (!c.hold_out.done || !c.share.share) return 0.0;
+    const DepthApart& apart = c.hold_out.apart;
+    const double ratio = 0.5 * apart.depth / c.share.share->at(apart.distance).depth_mm;
+    return std::isfinite(ratio) ? ratio : 0.0;
 }
 
 } // namespace
@@ -31,6 +43,8 @@ void find_share(Calibrated& c)
     c.covariance = covariance_of(c);
     if (c.is_pair()) {
         c.share = share_of(c.cameras, *c.covariance);
+        c.covariance->halves_ratio = halves_ratio(c);
+        if (c.share.share) c.share.share->invalid = why_invalid(*c.covariance);
         c.share_map = share_map(c.cameras, *c.covariance);
     } else {
         c.direction = direction_share(c.cameras[0], *c.covariance);
