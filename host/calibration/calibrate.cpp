@@ -177,12 +177,20 @@ void learn_shape(const CalibrateRequest& o, const BoardFile& given, const Solved
     if (c.shape.kept) c.board = with_shape(given, shaped->shape, c.printed_pitch, o);
 }
 
+/// Whether the cameras say where markers are nearly enough for these to be measured there. After photos were exchanged
+/// they are off by tens of px, and what is found then would hide which photos these are.
+bool good_enough_to_refine(const Solved& solved)
+{
+    constexpr double most_px = 5.0;
+    return solved.rms < most_px;
+}
+
 /// Calibrates, and with refinement again from what these cameras let the markers be measured by.
 Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& on_step)
 {
     const BoardFile given = c.board;
     Solved solved = solved_cameras(o, c);
-    for (int round = 0; o.refine && round < refine_rounds; ++round) {
+    for (int round = 0; o.refine && good_enough_to_refine(solved) && round < refine_rounds; ++round) {
         next_step(on_step, "measuring the markers by their grey values");
         const int added = c.refinement.views_added;
         c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
