@@ -259,7 +259,7 @@ std::optional<Bundle> adjusted(Adjustment& adjustment, Bundle bundle)
     bundle.cameras = adjustment.state().cameras;
     bundle.shape = adjustment.state().board.shape;
     bundle.squares = adjustment.squares();
-    const auto cameras_only = static_cast<Eigen::Index>(bundle.names.size());
+    const int cameras_only = bundle_columns(bundle.cameras).shape;
     const Eigen::MatrixXd covariance
         = cofactors->topLeftCorner(cameras_only, cameras_only) * (bundle.squares / freedom);
     cv::eigen2cv(covariance, bundle.covariance);
@@ -281,7 +281,6 @@ std::optional<Bundle> adjust_bundle(const BoardViews& views, const BoardFile& bo
     State state { start, {}, board };
     std::vector<BundleMarkers> markers;
     Bundle bundle;
-    bundle.names = covariance_parameters(start);
     for (std::size_t v = 0; v < views.count(); ++v) {
         if (!use[v]) continue;
         BundleMarkers seen = markers_of(views, v);

@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/statistics.h"
+#include "host/calibration/bundle.h"
 #include "host/calibration/checks.h"
 #include "host/calibration/find_share.h"
 #include "host/calibration/pair_agreement.h"
@@ -174,12 +175,20 @@ void learn_shape(const CalibrateRequest& o, const BoardFile& given, const Solved
     if (c.shape.kept) c.board = with_shape(given, shaped->shape, c.printed_pitch, o);
 }
 
+/// Whether the cameras say where markers are nearly enough for these to be measured there. After photos were exchanged
+/// they are off by tens of px, and what is found then would hide which photos these are.
+bool good_enough_to_refine(const Solved& solved)
+{
+    constexpr double most_px = 5.0;
+    return solved.rms < most_px;
+}
+
 /// Calibrates, and with refinement again from what these cameras let the markers be measured by.
 Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& on_step)
 {
     const BoardFile given = c.board;
     Solved solved = solved_cameras(o, c);
-    for (int round = 0; o.refine && round < refine_rounds; ++round) {
+    for (int round = 0; o.refine && good_enough_to_refine(solved) && round < refine_rounds; ++round) {
         next_step(on_step, "measuring the markers by their grey values");
         const int added = c.refinement.views_added;
         c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
@@ -188,7 +197,6 @@ Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& o
         learn_shape(o, given, solved, c);
         if (c.shape.kept) solved = solved_cameras(o, c);
     }
-    c.bundle = adjust_bundle(c.views, c.board, c.used, solved.cameras, { o.flags, c.shape.kept });
     return solved;
 }
 
@@ -236,7 +244,7 @@ Calibrated calibrate(const BoardViews& views, const BoardFile& board, double pri
     add_files(request, c);
     next_step(on_step, "hold-out check");
     hold_against_views(request, c);
-    find_share(c);
+    find_share(request.flags, c);
     return c;
 }
 

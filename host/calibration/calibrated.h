@@ -1,6 +1,5 @@
 #pragma once
 
-#include "host/calibration/bundle.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/depth_apart.h"
 #include "host/calibration/pair_agreement.h"
@@ -52,8 +51,7 @@ struct Calibrated {
     HoldOut hold_out;
     Refinement refinement; ///< of the last round
     LearntShape shape;
-    std::optional<Bundle> bundle; ///< how sure the cameras are; nothing where the views do not determine it
-    std::optional<CameraCovariance> covariance; ///< by the bundle
+    std::optional<CameraCovariance> covariance; ///< nothing: the views do not determine it
     StatedShare share;                          ///< of a pair, by the covariance
     cv::Mat share_map;                          ///< of a pair: see share_map(); empty: unknown
     StatedDirection direction;                  ///< of a single camera
