@@ -25,6 +25,14 @@ double normal_density(double z)
     return at_zero * std::exp(-0.5 * z * z);
 }
 
+/// mm of the board that a pixel spans at most, at the marker's centre: the slope's larger singular value.
+double most_mm_per_px(const MarkerModel& model)
+{
+    const cv::Matx22d slope = model.on_board.slope({ 0.0, 0.0 });
+    const double squares = slope.dot(slope), area = cv::determinant(slope);
+    return std::sqrt(0.5 * (squares + std::sqrt(std::max(0.0, squares * squares - 4.0 * area * area))));
+}
+
 } // namespace
 
 struct MarkerFitter::Parameters {
@@ -71,12 +79,17 @@ void MarkerFitter::_collect(const MarkerModel& model)
     if (!(m.x - reach >= 1.0 && m.y - reach >= 1.0 && m.x + reach <= _picture.cols - 2.0
             && m.y + reach <= _picture.rows - 2.0))
         return;
+    // A pixel that is clearly too far from the edge needs no closer look; the slope varies little over a marker.
+    constexpr double clearly = 1.25;
+    const double far = clearly * band * most_mm_per_px(model), most = _radius + far, least = std::max(0.0, _radius - far);
     const int right = cvFloor(m.x + reach), bottom = cvFloor(m.y + reach);
     for (int y = cvCeil(m.y - reach); y <= bottom; ++y)
         for (int x = cvCeil(m.x - reach); x <= right; ++x) {
             const cv::Point2d offset(x - m.x, y - m.y), at = model.on_board.at(offset);
             if (std::abs(at.x) > _half_pitch || std::abs(at.y) > _half_pitch) continue;
-            const double from_centre = std::sqrt(at.dot(at)) + 1e-9;
+            const double square = at.dot(at);
+            if (square > most * most || square < least * least) continue;
+            const double from_centre = std::sqrt(square) + 1e-9;
             const cv::Matx22d slope = model.on_board.slope(offset);
             const cv::Vec2d rise((at.x * slope(0, 0) + at.y * slope(1, 0)) / from_centre,
                 (at.x * slope(0, 1) + at.y * slope(1, 1)) / from_centre);
@@ -126,7 +139,7 @@ MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring
         by << -(edge + hole) * p.nx, -(edge + hole) * p.ny, -edge * p.radius, -edge * z - hole * zh,
             (1.0 - cover) * light, cover * light, grey * p.x, grey * p.y;
         const double residual = p.grey - grey * light;
-        sums.matrix.selfadjointView<Eigen::Lower>().rankUpdate(by);
+        sums.matrix.noalias() += by * by.transpose(); // all of it: that is faster than half
         sums.right += residual * by;
         sums.squares += residual * residual;
     }
