@@ -149,7 +149,7 @@ MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring
 std::optional<MarkerFit> MarkerFitter::fit(const MarkerModel& model, bool ring)
 {
     constexpr int most_steps = 15;
-    constexpr double settled_px = 1e-3;
+    constexpr double settled_sigmas = 0.1, settled_px = 1e-3;
     _collect(model);
     if (_pixels.size() < least_pixels) return std::nullopt;
     std::optional<Parameters> at = _first_guess(ring);
@@ -160,8 +160,12 @@ std::optional<MarkerFit> MarkerFitter::fit(const MarkerModel& model, bool ring)
         const Eigen::Matrix<double, unknowns, 1> step = solver.solve(sums.right);
         if (!step.allFinite()) return std::nullopt;
         at->add(step);
-        if (std::abs(step[0]) + std::abs(step[1]) > settled_px) continue;
         const double variance = sums.squares / static_cast<double>(_pixels.size() - unknowns);
+        // A start that has the place right may have the blur wrong, and with it sigma: all unknowns must settle. Only a
+        // blur that fills the band leaves blur, growth and levels undecided, and the place is none the worse.
+        const bool all_settled = step.dot(sums.right) <= settled_sigmas * settled_sigmas * variance;
+        const bool place_settled = std::abs(step[0]) + std::abs(step[1]) <= settled_px;
+        if (!all_settled && !(place_settled && i + 1 == most_steps)) continue;
         const Eigen::Matrix<double, unknowns, 2> columns = solver.solve(Eigen::Matrix<double, unknowns, 2>::Identity());
         const cv::Matx22d covariance(columns(0, 0), columns(0, 1), columns(1, 0), columns(1, 1));
         return MarkerFit { model.middle + cv::Point2d(at->x, at->y), covariance * variance, model.middle, at->blur,
