@@ -25,6 +25,27 @@ double normal_density(double z)
     return at_zero * std::exp(-0.5 * z * z);
 }
 
+/// How much of a pixel lies inside an edge that is blurred, and how that changes.
+struct Edge {
+    double inside;  ///< 1 - F(z)
+    double density; ///< dF/dz
+    double by_blur; ///< -dF/d(ln blur)
+};
+
+/// F is the normal distribution with what the pixel's area adds to it: a square pixel is blurred along the normal like
+/// a box, whose fourth cumulant is -(nx^4 + ny^4)/120 px^4. With k = cumulant / (24 blur^4),
+///
+///     F(z) = Phi(z) - k He3(z) phi(z),    He3 = z^3 - 3 z,    He4 = z^4 - 6 z^2 + 3
+///
+/// Without it sharp pictures leave 1 % of the contrast unexplained, and it counts as noise.
+/// Source: Edgeworth's series; Cramer, Mathematical methods of statistics, 17.7.
+Edge edge_at(double z, double k)
+{
+    const double square = z * z, phi = normal_density(z), third = k * z * (square - 3.0) * phi;
+    const double density = phi * (1.0 + k * (square * (square - 6.0) + 3.0));
+    return { normal_below(-z) + third, density, z * density - 4.0 * third };
+}
+
 /// mm of the board that a pixel spans at most, at the marker's centre: the slope's larger singular value.
 double most_mm_per_px(const MarkerModel& model)
 {
@@ -81,7 +102,8 @@ void MarkerFitter::_collect(const MarkerModel& model)
         return;
     // A pixel that is clearly too far from the edge needs no closer look; the slope varies little over a marker.
     constexpr double clearly = 1.25;
-    const double far = clearly * band * most_mm_per_px(model), most = _radius + far, least = std::max(0.0, _radius - far);
+    const double far = clearly * band * most_mm_per_px(model), most = _radius + far,
+                 least = std::max(0.0, _radius - far);
     const int right = cvFloor(m.x + reach), bottom = cvFloor(m.y + reach);
     for (int y = cvCeil(m.y - reach); y <= bottom; ++y)
         for (int x = cvCeil(m.x - reach); x <= right; ++x) {
@@ -96,8 +118,9 @@ void MarkerFitter::_collect(const MarkerModel& model)
             const double mm_per_px = std::sqrt(rise.dot(rise)), edge = (from_centre - _radius) / mm_per_px;
             const double grey = _picture.at<uchar>(y, x);
             if (!(std::abs(edge) < band) || grey >= saturated) continue;
-            _pixels.push_back({ edge, (from_centre - _hole) / mm_per_px, rise[0] / mm_per_px, rise[1] / mm_per_px,
-                _radius / mm_per_px, offset.x / tilt_unit, offset.y / tilt_unit, grey });
+            const double nx = rise[0] / mm_per_px, ny = rise[1] / mm_per_px, nx2 = nx * nx, ny2 = ny * ny;
+            _pixels.push_back({ edge, (from_centre - _hole) / mm_per_px, nx, ny, _radius / mm_per_px,
+                -(nx2 * nx2 + ny2 * ny2) / 120.0, offset.x / tilt_unit, offset.y / tilt_unit, grey });
         }
 }
 
@@ -128,15 +151,18 @@ MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring
 {
     Equations sums;
     Eigen::Matrix<double, unknowns, 1> by;
+    const double per_blur4 = 1.0 / (24.0 * at.blur * at.blur * at.blur * at.blur);
     for (const Pixel& p : _pixels) {
         const double shift = p.nx * at.x + p.ny * at.y;
-        const double z = (p.edge - shift - p.radius * at.growth) / at.blur, zh = (p.hole - shift) / at.blur;
-        const double cover = 1.0 - normal_below(z) - (ring ? 1.0 - normal_below(zh) : 0.0);
+        const double k = p.box_cumulant * per_blur4;
+        const Edge outer = edge_at((p.edge - shift - p.radius * at.growth) / at.blur, k);
+        const Edge inner = ring ? edge_at((p.hole - shift) / at.blur, k) : Edge {};
+        const double cover = outer.inside - inner.inside;
         const double light = 1.0 + at.tilt_x * p.x + at.tilt_y * p.y;
         const double grey = at.paper + (at.ink - at.paper) * cover;
         const double contrast = (at.paper - at.ink) * light / at.blur;
-        const double edge = contrast * normal_density(z), hole = ring ? -contrast * normal_density(zh) : 0.0;
-        by << -(edge + hole) * p.nx, -(edge + hole) * p.ny, -edge * p.radius, -edge * z - hole * zh,
+        const double edge = contrast * outer.density, both = edge - contrast * inner.density;
+        by << -both * p.nx, -both * p.ny, -edge * p.radius, -contrast * (outer.by_blur - inner.by_blur),
             (1.0 - cover) * light, cover * light, grey * p.x, grey * p.y;
         const double residual = p.grey - grey * light;
         sums.matrix.noalias() += by * by.transpose(); // all of it: that is faster than half
