@@ -54,12 +54,13 @@ cv::Vec3d middle_of(const BoardLayout& board)
 }
 
 /// Whether both cameras see the whole paper.
-bool sees_all(const Rig& rig, const BoardLayout& board, const BoardPose& pose) noexcept
+bool sees_all(const Rig& rig, const CalibrationOptions& o, const BoardPose& pose) noexcept
 {
-    const cv::Rect2d paper = board_paper(board);
+    const cv::Rect2d paper = board_paper(o.board);
+    const BentBoard board(o.board, o.bend);
     for (const double x : { 0.0, 0.5, 1.0 }) // distortion bends the sides
         for (const double y : { 0.0, 0.5, 1.0 }) {
-            const cv::Vec3d point = pose * cv::Vec3d(paper.x + x * paper.width, paper.y + y * paper.height, 0);
+            const cv::Vec3d point = pose * board.point({ paper.x + x * paper.width, paper.y + y * paper.height });
             if (!rig.cameras[0].sees(point) || !rig.cameras[1].sees(point)) return false;
         }
     return true;
@@ -104,6 +105,8 @@ const char* why_invalid(const CalibrationOptions& o) noexcept
     if (!within(o.max_tilt_deg, 0, 60)) return "the tilt must be 0 to 60 degrees";
     if (!within(o.blur, 0, 20)) return "the blur must be 0 to 20 px";
     if (!within(o.gradient, 1, 100)) return "the light gradient must be 1 to 100";
+    if (!within(o.bend.bow_mm, -5, 5)) return "the bow must be -5 to 5 mm";
+    if (!within(o.bend.stretch_y, -0.05, 0.05)) return "the stretch along y must be -0.05 to 0.05";
     return nullptr;
 }
 
@@ -113,7 +116,7 @@ std::vector<BoardPose> choose_poses(const Rig& rig, const CalibrationOptions& op
     for (int i = 0; i < options.views; ++i) {
         const Plan plan = plan_view(options, i);
         double distance = plan.distance;
-        while (!sees_all(rig, options.board, place(plan, options.board, 0, distance))) {
+        while (!sees_all(rig, options, place(plan, options.board, 0, distance))) {
             distance *= 1.03;
             if (distance > 4 * options.rig.distance_mm)
                 throw std::invalid_argument("the board is too large for the cameras' common view");
@@ -121,7 +124,7 @@ std::vector<BoardPose> choose_poses(const Rig& rig, const CalibrationOptions& op
         double in = 0, out = 1; // shares of the push at which the board is seen whole, and is not
         for (int k = 0; k < 30; ++k) {
             const double share = 0.5 * (in + out);
-            (sees_all(rig, options.board, place(plan, options.board, share, distance)) ? in : out) = share;
+            (sees_all(rig, options, place(plan, options.board, share, distance)) ? in : out) = share;
         }
         poses.push_back(place(plan, options.board, 0.97 * in, distance));
     }
@@ -131,7 +134,10 @@ std::vector<BoardPose> choose_poses(const Rig& rig, const CalibrationOptions& op
 // --- photos ----------------------------------------------------------------------------------------
 
 struct BoardPhotographer::Shot {
+    BentBoard board;
     cv::Matx33d board_from_ray; ///< homography: undistorted image coordinates to the board's plane, mm
+    cv::Matx33d turn;           ///< of directions in the camera to those on the board
+    cv::Vec3d centre;           ///< of the camera, in the board's frame, mm
     double light;               ///< grey levels of the best lit white, for the board's tilt
     cv::Vec2d fall;             ///< logarithm of the light per undistorted image coordinate
     double fall_middle;         ///< that of the picture's middle
@@ -169,36 +175,43 @@ double light_on(const cv::Vec3d& normal) noexcept
 }
 } // namespace
 
-float BoardPhotographer::_light(const Shot& shot, int y, int x) const noexcept
+BentBoard::Hit BoardPhotographer::_hit(const Shot& shot, int y, int x) const noexcept
 {
     const cv::Vec2d& ray = _rays(y, x);
+    const int beside = x > 0 ? x - 1 : x + 1, above = y > 0 ? y - 1 : y + 1;
+    const cv::Vec2d along[2] = { (ray - _rays(y, beside)) * (x - beside), (ray - _rays(above, x)) * (y - above) };
+    if (!shot.board.is_flat()) {
+        const auto turned = [&shot](const cv::Vec2d& ab, double z) { return shot.turn * cv::Vec3d(ab[0], ab[1], z); };
+        return shot.board.hit(shot.centre, turned(ray, 1), turned(along[0], 0), turned(along[1], 0));
+    }
     const cv::Matx33d& H = shot.board_from_ray;
     const cv::Vec3d h = H * cv::Vec3d(ray[0], ray[1], 1);
     const cv::Point2d at(h[0] / h[2], h[1] / h[2]);
+    const auto moved = [&](const cv::Vec2d& step) { // how far the point moves on the board from pixel to pixel
+        const cv::Vec3d d = H * cv::Vec3d(step[0], step[1], 0);
+        return shot.board.of_layout({ (d[0] - at.x * d[2]) / h[2], (d[1] - at.y * d[2]) / h[2] });
+    };
+    return { true, shot.board.of_layout(at), moved(along[0]), moved(along[1]) };
+}
 
-    // How far the point moves on the board from pixel to pixel.
-    const int beside = x > 0 ? x - 1 : x + 1, above = y > 0 ? y - 1 : y + 1;
-    const cv::Vec2d along[2] = { (ray - _rays(y, beside)) * (x - beside), (ray - _rays(above, x)) * (y - above) };
-    cv::Point2d move[2];
-    for (int i = 0; i < 2; ++i) {
-        const cv::Vec3d d = H * cv::Vec3d(along[i][0], along[i][1], 0);
-        move[i] = { (d[0] - at.x * d[2]) / h[2], (d[1] - at.y * d[2]) / h[2] };
-    }
-
+float BoardPhotographer::_light(const Shot& shot, int y, int x) const noexcept
+{
+    const BentBoard::Hit hit = _hit(shot, y, x);
     double edge = 0;
-    double seen = albedo(board_spot(_options->board, at, edge));
-    const bool crossed = edge < 0.5 * (std::hypot(move[0].x, move[0].y) + std::hypot(move[1].x, move[1].y));
+    double seen = albedo(hit.found ? board_spot(_options->board, hit.at, edge) : BoardSpot::outside);
+    const double pixel_mm = std::hypot(hit.along_x.x, hit.along_x.y) + std::hypot(hit.along_y.x, hit.along_y.y);
+    const bool crossed = edge < 0.5 * pixel_mm;
     if (crossed) {
         constexpr int fine = 8;
         seen = 0;
         for (int j = 0; j < fine; ++j)
             for (int i = 0; i < fine; ++i) { // rows and columns shifted a little: 64 steps at upright edges, too
                 const double right = (i + (j + 0.5) / fine) / fine - 0.5, down = (j + (i + 0.5) / fine) / fine - 0.5;
-                seen += albedo(board_spot(_options->board, at + right * move[0] + down * move[1], edge));
+                seen += albedo(board_spot(_options->board, hit.at + right * hit.along_x + down * hit.along_y, edge));
             }
         seen /= fine * fine;
     }
-    return static_cast<float>(shot.light * seen * std::exp(shot.fall.dot(ray) - shot.fall_middle));
+    return static_cast<float>(shot.light * seen * std::exp(shot.fall.dot(_rays(y, x)) - shot.fall_middle));
 }
 
 void BoardPhotographer::_light_row(const Shot& shot, int y, float* out) const noexcept
@@ -221,8 +234,7 @@ cv::Mat_<uchar> BoardPhotographer::photo(const BoardPose& pose, int view) const
     const cv::Vec3d T = camera.R * pose.T + camera.T;
     const cv::Matx33d ray_from_board(R(0, 0), R(0, 1), T[0], R(1, 0), R(1, 1), T[1], R(2, 0), R(2, 1), T[2]);
 
-    Shot shot;
-    shot.board_from_ray = ray_from_board.inv();
+    Shot shot { BentBoard(_options->board, _options->bend), ray_from_board.inv(), R.t(), -(R.t() * T), 0, {}, 0 };
     constexpr double white = 210; // grey levels of the best lit paper facing the lamp
     shot.light = white * _options->rig.exposure * light_on({ pose.R(0, 2), pose.R(1, 2), pose.R(2, 2) });
     const double from = 2 * pi * spread(view, 13, _options->rig.seed);
@@ -266,11 +278,11 @@ Json pose_json(const Rig& rig, const BoardLayout& board, const BoardPose& pose)
         { "tilt_deg", std::acos(std::min(1.0, -pose.R(2, 2))) / rad_per_deg }, { "distance_mm", middle[2] } };
 }
 
-Json board_json(const BoardLayout& b)
+Json board_json(const BoardLayout& b, const BoardBend& bend)
 {
     return { { "pitch_mm", b.pitch_mm }, { "diameter_mm", b.diameter_mm }, { "hole_mm", b.hole_mm },
         { "margin_mm", b.margin_mm }, { "columns", b.columns }, { "rows", b.rows }, { "origin_x", b.origin_x },
-        { "origin_y", b.origin_y } };
+        { "origin_y", b.origin_y }, { "bow_mm", bend.bow_mm }, { "stretch_y", bend.stretch_y } };
 }
 
 std::string truth_text(const Rig& rig, const CalibrationOptions& o, const std::vector<BoardPose>& poses)
@@ -280,7 +292,7 @@ std::string truth_text(const Rig& rig, const CalibrationOptions& o, const std::v
     json["views"] = o.views;
     json["cameras"] = { camera_json(rig, 0), camera_json(rig, 1) };
     json["baseline_mm"] = o.rig.baseline_mm;
-    json["board"] = board_json(o.board);
+    json["board"] = board_json(o.board, o.bend);
     for (const BoardPose& pose : poses)
         json["poses"].push_back(pose_json(rig, o.board, pose));
     json["options"] = { { "distance_mm", o.rig.distance_mm }, { "exposure", o.rig.exposure }, { "noise", o.rig.noise },

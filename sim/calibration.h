@@ -5,6 +5,7 @@
 
 #include "base/on_step.h"
 #include "patterns/board.h"
+#include "sim/bent_board.h"
 #include "sim/output.h"
 #include "sim/rig.h"
 
@@ -19,12 +20,13 @@ struct CalibrationOptions {
     double max_tilt_deg = 45; ///< of the board against the rig's front; steep views fix the focal lengths
     double blur = 0.7;        ///< px; standard deviation of the cameras' blur
     double gradient = 1.5;    ///< brightest over darkest light across the field of view
+    BoardBend bend;           ///< of the board: none
 };
 
 /// Null when such photos can be taken, else the options' first fault.
 const char* why_invalid(const CalibrationOptions& options) noexcept;
 
-/// Where the board lies: x_rig = R x_board + T, mm.
+/// Where the board lies: x_rig = R x_board + T, mm. A bent board touches the plane z = 0 in the middle of its markers.
 struct BoardPose {
     cv::Matx33d R;
     cv::Vec3d T;
@@ -43,11 +45,13 @@ public:
     BoardPhotographer(const Rig& rig, int camera, const CalibrationOptions& options);
 
     /// The photo of a board, 8 bits; `view` selects the noise and where the light comes from. Pixels that an edge
-    /// crosses are made of 8 x 8 samples, all others of one.
+    /// crosses are made of 8 x 8 samples, all others of one. Rays hit a bent board where it is; its light is that of a
+    /// flat one.
     cv::Mat_<uchar> photo(const BoardPose& pose, int view) const;
 
 private:
     struct Shot; ///< what is the same for all pixels of a photo
+    BentBoard::Hit _hit(const Shot& shot, int y, int x) const noexcept;
     float _light(const Shot& shot, int y, int x) const noexcept;
     void _light_row(const Shot& shot, int y, float* out) const noexcept;
     void _expose_row(const float* light, std::uint64_t key, int y, uchar* out) const noexcept;

@@ -77,6 +77,13 @@ void add_photo_options(CLI::App& command, SimulateOptions& o)
     add("--max-tilt", o.photos.max_tilt_deg, "of the board, degrees")->capture_default_str();
     add("--blur", o.photos.blur, "standard deviation of the cameras' blur, px")->capture_default_str();
     add("--gradient", o.photos.gradient, "brightest over darkest light across the picture")->capture_default_str();
+    add("--bow", o.photos.bend.bow_mm,
+        "a bent board: so many mm the middle of the markers stands nearer to the cameras than their edge at half the "
+        "longer side; negative: farther")
+        ->capture_default_str();
+    add("--stretch-y", o.photos.bend.stretch_y,
+        "a board printed too long along y by this share of the length: 0.001 is 0.1 %")
+        ->capture_default_str();
 }
 
 /// Projects the pictures that `vexo patterns` wrote, and sets the rig to what they were made for.

@@ -78,7 +78,14 @@ Entry flag(const char* name, bool& value)
     return { name, false, read, [&value] { return std::string(value ? "1" : "0"); } };
 }
 
-/// All entries of the file, in its order.
+/// The board's shape, which most files do not say.
+std::vector<Entry> shape_entries(BoardShape& s)
+{
+    return { real("bow_xx", false, s.bow_xx), real("bow_xy", false, s.bow_xy), real("bow_yy", false, s.bow_yy),
+        real("stretch_y", false, s.stretch_y), real("shear", false, s.shear) };
+}
+
+/// All other entries of the file, in its order.
 std::vector<Entry> entries(BoardFile& b)
 {
     return { real("pitch", true, b.layout.pitch_mm), whole("columns", true, b.layout.columns),
@@ -108,6 +115,16 @@ std::string fault_of_sizes(const BoardLayout& b)
     if (b.margin_mm < least_margin * b.pitch_mm)
         return "a margin of " + short_number(b.margin_mm) + " mm is too narrow; leave "
             + short_number(least_margin * b.pitch_mm) + " mm, 0.75 of the pitch";
+    return "";
+}
+
+std::string fault_of_shape(const BoardShape& s)
+{
+    constexpr double most_bow_mm = 20.0, most_share = 0.1; // beyond, it is no board whose markers are nearly in a plane
+    for (const double bow : { s.bow_xx, s.bow_xy, s.bow_yy })
+        if (std::abs(bow) > most_bow_mm) return "bow_xx, bow_xy and bow_yy must be -20 to 20 mm";
+    if (std::abs(s.stretch_y) > most_share || std::abs(s.shear) > most_share)
+        return "stretch_y and shear must be -0.1 to 0.1";
     return "";
 }
 
@@ -151,7 +168,8 @@ CalibBoardParam BoardFile::geometry() const
 std::string why_unreadable(const BoardFile& board)
 {
     const BoardLayout& b = board.layout;
-    for (const std::string& fault : { fault_of_sizes(b), fault_of_origin(b), fault_of_settings(board) })
+    for (const std::string& fault :
+        { fault_of_sizes(b), fault_of_origin(b), fault_of_shape(board.shape), fault_of_settings(board) })
         if (!fault.empty()) return fault;
     const double spacing = b.pitch_mm / b.diameter_mm, farthest = board.neighbour_limit + link_slack;
     if (spacing < least_spacing || spacing > farthest)
@@ -170,7 +188,9 @@ BoardFile load_board(const std::string& path)
 
     BoardFile board;
     board.layout.margin_mm = std::numeric_limits<double>::quiet_NaN();
-    const std::vector<Entry> known = entries(board);
+    std::vector<Entry> known = entries(board);
+    for (const Entry& entry : shape_entries(board.shape))
+        known.push_back(entry);
     for (const Entry& entry : known) {
         const cv::FileNode node = file[entry.name];
         if (node.empty() && entry.needed)
@@ -197,6 +217,10 @@ std::string board_yaml(const BoardFile& board)
         = "%YAML:1.0\n---\n# calibration board: lengths in mm on paper, then the settings of recognition\n";
     for (const Entry& entry : entries(copy))
         text.append(entry.name).append(": ").append(entry.text()).append("\n");
+    if (board.shape.plain()) return text;
+    text += "# how the markers really lie, found by calibration: mm at 100 mm from the origin, shares\n";
+    for (const Entry& entry : shape_entries(copy.shape))
+        text.append(entry.name).append(": ").append(entry.text()).append("\n");
     return text;
 }
 
@@ -217,11 +241,23 @@ std::string short_number(double value)
     return text;
 }
 
-cv::Point3f board_point(const BoardFile& board, std::size_t index)
+cv::Point3d BoardShape::at(cv::Point2d p) const
+{
+    constexpr double bow_at = 100.0; // mm
+    const cv::Point2d q = p / bow_at;
+    return { p.x + shear * p.y, p.y + stretch_y * p.y, bow_xx * q.x * q.x + bow_xy * q.x * q.y + bow_yy * q.y * q.y };
+}
+
+cv::Point2d printed_point(const BoardFile& board, std::size_t index)
 {
     const int column = static_cast<int>(index) / board.layout.rows, row = static_cast<int>(index) % board.layout.rows;
-    return { static_cast<float>((board.layout.origin_x - column) * board.layout.pitch_mm),
-        static_cast<float>((board.layout.origin_y - row) * board.layout.pitch_mm), 0.0F };
+    return { (board.layout.origin_x - column) * board.layout.pitch_mm,
+        (board.layout.origin_y - row) * board.layout.pitch_mm };
+}
+
+cv::Point3f board_point(const BoardFile& board, std::size_t index)
+{
+    return cv::Point3f(board.shape.at(printed_point(board, index)));
 }
 
 } // namespace vexo

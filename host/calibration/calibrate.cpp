@@ -165,9 +165,57 @@ Solved solved_cameras(const CalibrateRequest& o, const Calibrated& c)
     throw Failure(no_calibration);
 }
 
+/// The pitch along x as the rulers have it. Both are of one size with a board that is square as far as one knows, and
+/// their mean errs least; where the shape says by how much y differs, ruler y only checks that.
+double ruled_pitch(double printed_mm, const BoardShape& shape, const CalibrateRequest& o)
+{
+    constexpr double ruler = 100.0; // mm, as printed
+    const double by_x = o.ruler_x / ruler, by_y = o.ruler_y / ruler / (1.0 + shape.stretch_y);
+    if (o.ruler_x <= 0 && o.ruler_y <= 0) return printed_mm;
+    if (o.ruler_x <= 0) return printed_mm * by_y;
+    if (o.ruler_y <= 0 || !shape.plain()) return printed_mm * by_x;
+    return printed_mm * (0.5 * (by_x + by_y));
+}
+
+/// The board with a shape, which was found with the pitch that it has.
+BoardFile with_shape(BoardFile board, const BoardShape& shape, double printed_pitch_mm, const CalibrateRequest& o)
+{
+    const double before = board.layout.pitch_mm;
+    board.shape = shape;
+    board.layout.pitch_mm = ruled_pitch(printed_pitch_mm, shape, o);
+    const double smaller = before / board.layout.pitch_mm; // heights at 100 mm, of a board that is larger
+    for (double* bow : { &board.shape.bow_xx, &board.shape.bow_xy, &board.shape.bow_yy })
+        *bow *= smaller;
+    return board;
+}
+
+/// Whether the shape can be that of a board: a bundle of few views may explain errors of another kind by it.
+bool plausible(const BoardShape& shape)
+{
+    constexpr double most_bow_mm = 10.0, most_share = 0.02;
+    return std::abs(shape.bow_xx) < most_bow_mm && std::abs(shape.bow_xy) < most_bow_mm
+        && std::abs(shape.bow_yy) < most_bow_mm && std::abs(shape.stretch_y) < most_share
+        && std::abs(shape.shear) < most_share;
+}
+
+/// Asks the views for the board's shape, and takes it where they have it beyond doubt.
+/// @param given  the board as it was before its shape was asked for
+void learn_shape(const CalibrateRequest& o, const BoardFile& given, const Solved& solved, Calibrated& c)
+{
+    c.board = given;
+    c.shape = {};
+    const auto flat = adjust_bundle(c.views, given, c.used, solved.cameras, { o.flags, false });
+    const auto shaped = adjust_bundle(c.views, given, c.used, solved.cameras, { o.flags, true });
+    if (!flat || !shaped) return;
+    c.shape = { plausible(shaped->shape) && shape_is_significant(*flat, *shaped), flat->residual_px(),
+        shaped->residual_px() };
+    if (c.shape.kept) c.board = with_shape(given, shaped->shape, c.printed_pitch, o);
+}
+
 /// Calibrates, and with refinement again from what these cameras let the markers be measured by.
 Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& on_step)
 {
+    const BoardFile given = c.board;
     Solved solved = solved_cameras(o, c);
     for (int round = 0; o.refine && round < refine_rounds; ++round) {
         next_step(on_step, "measuring the markers by their grey values");
@@ -175,7 +223,10 @@ Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& o
         c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
         c.refinement.views_added += added;
         solved = solved_cameras(o, c);
+        learn_shape(o, given, solved, c);
+        if (c.shape.kept) solved = solved_cameras(o, c);
     }
+    c.bundle = adjust_bundle(c.views, c.board, c.used, solved.cameras, { o.flags, c.shape.kept });
     return solved;
 }
 
@@ -202,14 +253,8 @@ void add_files(const CalibrateRequest& o, Calibrated& c)
 
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request)
 {
-    double sum = 0, count = 0;
-    for (const double ruler : { request.ruler_x, request.ruler_y }) {
-        if (ruler <= 0) continue;
-        sum += ruler / 100.0;
-        ++count;
-    }
     BoardFile corrected = board;
-    if (count > 0) corrected.layout.pitch_mm *= sum / count;
+    corrected.layout.pitch_mm = ruled_pitch(board.layout.pitch_mm, board.shape, request);
     return corrected;
 }
 

@@ -18,7 +18,8 @@ struct CalibrateRequest {
     std::vector<int> dropped; ///< numbers of views that were left out on request: for the report
 };
 
-/// The board with the pitch that the printer really made: the mean of what the rulers say.
+/// The board with the pitch that the printer really made: the mean of what the rulers say, or ruler x alone where the
+/// board's shape says by how much y differs.
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request);
 
 /// Times that markers are measured with the cameras found before.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/calibration/bundle.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/depth_apart.h"
 #include "host/calibration/pair_agreement.h"
@@ -26,9 +27,16 @@ struct HoldOut {
     std::optional<CalibrationShare> share; ///< of a pair: what the whole is off by, as far as its halves show it
 };
 
+/// What the views say of how the board's markers really lie.
+struct LearntShape {
+    bool kept = false;      ///< the board has this shape now
+    double flat_px = 0.0;   ///< standard deviation of a coordinate with the board as it was given
+    double shaped_px = 0.0; ///< the same with the shape; both 0: not asked
+};
+
 /// Everything that a calibration was made from and what came out.
 struct Calibrated {
-    BoardFile board;                 ///< with the pitch as corrected by the rulers
+    BoardFile board;                 ///< with the pitch as corrected by the rulers, and the shape that was kept
     double printed_pitch = 0;        ///< mm, of the board file
     double ruler_x = 0, ruler_y = 0; ///< mm, 0: not given
     BoardViews views;
@@ -44,6 +52,8 @@ struct Calibrated {
     PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
     Refinement refinement; ///< of the last round
+    LearntShape shape;
+    std::optional<Bundle> bundle; ///< how sure the cameras are; nothing where the views do not determine it
 
     /// cameras.yaml, and of a pair the rectified camera's files and boardRT.yaml: name, and bytes
     std::vector<std::pair<std::string, std::string>> files;

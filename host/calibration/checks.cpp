@@ -1,6 +1,7 @@
 #include "host/calibration/checks.h"
 
 #include "base/text.h"
+#include "host/calibration/board_heights.h"
 #include "host/calibration/levels.h"
 #include "host/calibration/view_checks.h"
 #include "host/cameras/calibration_notes.h"
@@ -135,20 +136,57 @@ Finding check_distances(const Calibrated& c)
         l == Weight::good ? "" : "check the pitch in board.yaml, and that the board is flat and printed square" };
 }
 
+std::string percent(double share)
+{
+    return number(100 * share, 3) + " %";
+}
+
+/// By how much the rulers say that y is longer than x, and what the views say of it.
+struct Squareness {
+    double ruled = 0.0, seen = 0.0;
+    bool both = false; ///< there are two rulers
+};
+
+Squareness squareness_of(const Calibrated& c)
+{
+    const bool both = c.ruler_x > 0 && c.ruler_y > 0;
+    return { both ? c.ruler_y / c.ruler_x - 1.0 : 0.0, c.board.shape.stretch_y, both };
+}
+
 Finding check_scale(const Calibrated& c)
 {
     const std::string name = "scale";
     if (c.ruler_x <= 0 && c.ruler_y <= 0)
         return { name, Weight::unknown, "", "not measured: no picture can tell the size of the board",
             "measure the sheet's two rulers and give --ruler-x and --ruler-y" };
-    const double apart = c.ruler_x > 0 && c.ruler_y > 0 ? std::abs(c.ruler_x - c.ruler_y) / 100.0 : 0.0;
+    const Squareness square = squareness_of(c);
     const std::string answer = "rulers read " + (c.ruler_x > 0 ? short_number(c.ruler_x) + " mm along x" : "")
-        + (c.ruler_x > 0 && c.ruler_y > 0 ? ", " : "") + (c.ruler_y > 0 ? short_number(c.ruler_y) + " mm along y" : "")
+        + (square.both ? ", " : "") + (c.ruler_y > 0 ? short_number(c.ruler_y) + " mm along y" : "")
         + "; pitch corrected from " + short_number(c.printed_pitch) + " to " + short_number(c.board.layout.pitch_mm)
-        + " mm";
-    if (apart <= good_square) return { name, Weight::good, "", answer, "" };
-    return { name, Weight::worse, "", answer + "; " + number(100 * apart, 2) + " % apart: the printer is not square",
-        "one pitch cannot describe this board; use another printer" };
+        + " mm" + (c.shape.kept && c.ruler_x > 0 ? " by ruler x alone" : "");
+    if (std::abs(square.ruled - square.seen) <= good_square) return { name, Weight::good, "", answer, "" };
+    if (c.shape.kept && square.both)
+        return { name, Weight::worse, "",
+            answer + "; by the rulers y is longer by " + percent(square.ruled) + ", by the views by "
+                + percent(square.seen),
+            "measure both rulers again, to 0.1 mm" };
+    if (!square.both) return { name, Weight::good, "", answer, "" };
+    const bool asked = c.shape.flat_px > 0.0;
+    return { name, Weight::worse, "",
+        answer + "; " + percent(std::abs(square.ruled))
+            + (asked ? " apart, which the views do not show" : " apart: the printer is not square"),
+        asked ? "measure both rulers again, to 0.1 mm"
+              : "calibrate without --no-refine, which learns by how much; or use another printer" };
+}
+
+/// What a learnt shape is, and what it explains.
+std::string shape_in_words(const Calibrated& c)
+{
+    const BoardShape& shape = c.board.shape;
+    return "bowed by " + number(heights_of(c.board).range_mm, 3) + " mm, y longer by " + percent(shape.stretch_y)
+        + ", the right angle off by " + number(shape.shear * 180.0 / CV_PI, 3)
+        + " degrees: learnt from the views, whose markers lie " + number(c.shape.shaped_px, 4)
+        + " px from the cameras' with it, " + number(c.shape.flat_px, 4) + " px without; it is in board.yaml";
 }
 
 Finding check_shape(const Calibrated& c)
@@ -156,12 +194,17 @@ Finding check_shape(const Calibrated& c)
     const BoardLayout& b = c.board.layout;
     const double size = b.pitch_mm * std::max(b.columns, b.rows);
     const double squeeze = std::abs(c.pair.scale_x - c.pair.scale_y);
-    const Weight l = level(std::max(c.pair.bend / size, squeeze), good_bend, poor_bend);
-    return { "shape", l, "",
-        "bent by " + number(c.pair.bend, 3) + " mm over " + number(size, 0) + " mm; size along x "
-            + number(100 * (c.pair.scale_x - 1), 3) + " %, along y " + number(100 * (c.pair.scale_y - 1), 3)
-            + " % off the printed one",
-        l == Weight::good ? "" : "mount the sheet on a stiff, flat plate; print it unscaled" };
+    Weight l = c.is_pair() ? level(std::max(c.pair.bend / size, squeeze), good_bend, poor_bend) : Weight::good;
+    std::string text = c.shape.kept ? shape_in_words(c) : "";
+    if (c.is_pair())
+        text += (c.shape.kept ? "; beside that " : "") + std::string("bent by ") + number(c.pair.bend, 3) + " mm over "
+            + number(size, 0) + " mm; size along x " + percent(c.pair.scale_x - 1) + ", along y "
+            + percent(c.pair.scale_y - 1) + " off " + (c.shape.kept ? "that" : "the printed one");
+    if (c.shape.kept && heights_of(c.board).range_mm > poor_bend * size) l = std::max(l, Weight::worse);
+    return { "shape", l, "", text,
+        l == Weight::good
+            ? ""
+            : "mount the sheet on a stiff, flat plate, as it bends anew whenever it is moved; print it unscaled" };
 }
 
 } // namespace
@@ -197,7 +240,7 @@ std::vector<Finding> check_calibration(const Calibrated& c)
     for (const Finding& finding : check_views(c))
         checks.push_back(finding);
     checks.push_back(check_scale(c));
-    if (c.is_pair()) checks.push_back(check_shape(c));
+    if (c.is_pair() || c.shape.kept) checks.push_back(check_shape(c));
     if (!c.agreement.moved.empty()) std::swap(checks[0], checks[1]); // first what bends all the others
     constexpr std::size_t too_few = 2;
     for (Finding& finding : checks)

@@ -64,9 +64,9 @@ std::vector<MarkerModel> marker_models(const BoardFile& board, const BoardPose& 
     std::vector<cv::Point3d> points;
     const auto count = static_cast<std::size_t>(board.markers());
     for (std::size_t marker = 0; marker < count; ++marker) {
-        const cv::Point3d centre = board_point(board, marker);
+        const cv::Point2d centre = printed_point(board, marker);
         for (const cv::Point2d& offset : grid)
-            points.emplace_back(centre.x + offset.x, centre.y + offset.y, centre.z);
+            points.push_back(board.shape.at(centre + offset));
     }
     std::vector<cv::Point2d> seen;
     cv::projectPoints(points, pose.rvec, pose.tvec, camera.K, camera.D, seen);

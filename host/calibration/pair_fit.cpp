@@ -209,7 +209,7 @@ void finish_shape(const ShapeSums& sums, const BoardFile& board, PairFit& fit)
         y.push_back(p.y);
         seen_x.push_back(seen[0]);
         seen_y.push_back(seen[1]);
-        heights.push_back(seen[2]);
+        heights.push_back(seen[2] - p.z);
     }
     fit.scale_x = slope(x, seen_x);
     fit.scale_y = slope(y, seen_y);

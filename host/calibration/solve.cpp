@@ -66,27 +66,48 @@ bool all_finite(double rms, std::initializer_list<cv::Mat> matrices)
     return std::isfinite(rms);
 }
 
+/// Where calibrateCamera() begins.
+struct Start {
+    cv::Mat K = cv::Mat::eye(3, 3, CV_64F), D = cv::Mat::zeros(1, 5, CV_64F);
+    int flags = 0;
+};
+
+/// @param before  found of the same views; nothing: none
+Start start_of(const CalibratedCamera* before, const SolveOptions& options, cv::Size size)
+{
+    Start start;
+    start.flags = options.flags;
+    if (before != nullptr) {
+        start.flags |= cv::CALIB_USE_INTRINSIC_GUESS;
+        start.K = cv::Mat(before->K).clone();
+        start.D = before->D.clone();
+        return start;
+    }
+    if ((options.flags & cv::CALIB_USE_INTRINSIC_GUESS) == 0) return start;
+    if (options.focal == 0.0) {
+        start.flags &= ~cv::CALIB_USE_INTRINSIC_GUESS;
+        return start;
+    }
+    start.K.at<double>(0, 0) = start.K.at<double>(1, 1) = options.focal;
+    start.K.at<double>(0, 2) = size.width * 0.5;
+    start.K.at<double>(1, 2) = size.height * 0.5;
+    return start;
+}
+
 bool solve_one(const BoardViews& views, std::size_t index, const BoardFile& board, const std::vector<bool>& use,
-    const SolveOptions& options, Solved& solved)
+    const SolveOptions& options, const CalibratedCamera* before, Solved& solved)
 {
     const std::vector<BoardPicture>& pictures = views.cameras[index];
     const Points points = points_of(pictures, board, use);
     if (points.board.empty()) return false;
     CalibratedCamera camera;
     camera.size = pictures[points.view.front()].size;
-    cv::Mat K = cv::Mat::eye(3, 3, CV_64F), D = cv::Mat::zeros(1, 5, CV_64F), deviations, ignored, errors;
-    int flags = options.flags;
-    if ((flags & cv::CALIB_USE_INTRINSIC_GUESS) != 0 && options.focal == 0.0)
-        flags &= ~cv::CALIB_USE_INTRINSIC_GUESS;
-    else if ((flags & cv::CALIB_USE_INTRINSIC_GUESS) != 0) {
-        K.at<double>(0, 0) = K.at<double>(1, 1) = options.focal;
-        K.at<double>(0, 2) = camera.size.width * 0.5;
-        K.at<double>(1, 2) = camera.size.height * 0.5;
-    }
+    const Start start = start_of(before, options, camera.size);
+    cv::Mat K = start.K, D = start.D, deviations, ignored, errors;
     const cv::TermCriteria until(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, most_steps, DBL_EPSILON);
     std::vector<cv::Mat> rvecs, tvecs;
     solved.rms = cv::calibrateCamera(
-        points.board, points.image0, camera.size, K, D, rvecs, tvecs, deviations, ignored, errors, flags, until);
+        points.board, points.image0, camera.size, K, D, rvecs, tvecs, deviations, ignored, errors, start.flags, until);
     if (!all_finite(solved.rms, { K, D })) return false;
     camera.K = K;
     camera.D = D;
@@ -108,8 +129,9 @@ bool solve_pair(const BoardViews& views, const BoardFile& board, const std::vect
     cv::Mat R, T, essential, fundamental;
     constexpr double settled = 1e-6;
     const cv::TermCriteria until(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, most_steps, settled);
+    const int flags = options.flags | (board.shape.bowed() ? cv::CALIB_USE_INTRINSIC_GUESS : 0);
     solved.rms = cv::stereoCalibrate(points.board, points.image0, points.image1, K[0], cameras[0].D, K[1], cameras[1].D,
-        cameras[0].size, R, T, essential, fundamental, options.flags, until);
+        cameras[0].size, R, T, essential, fundamental, flags, until);
     if (!all_finite(solved.rms, { K[0], cameras[0].D, K[1], cameras[1].D, R, T })) return false;
     cameras[0].K = K[0];
     cameras[1].K = K[1];
@@ -118,19 +140,30 @@ bool solve_pair(const BoardViews& views, const BoardFile& board, const std::vect
     return true;
 }
 
+std::optional<Solved> solve_from(const std::vector<CalibratedCamera>& before, const BoardViews& views,
+    const BoardFile& board, const std::vector<bool>& use, const SolveOptions& options)
+{
+    Solved solved;
+    const bool done = value_if_opencv_throws(false, [&] {
+        for (std::size_t k = 0; k < views.cameras.size(); ++k)
+            if (!solve_one(views, k, board, use, options, before.empty() ? nullptr : &before[k], solved)) return false;
+        return !views.pair() || solve_pair(views, board, use, options, solved);
+    });
+    if (!done) return std::nullopt;
+    return solved;
+}
+
 } // namespace
 
 std::optional<Solved> solve_cameras(
     const BoardViews& views, const BoardFile& board, const std::vector<bool>& use, const SolveOptions& options)
 {
-    Solved solved;
-    const bool done = value_if_opencv_throws(false, [&] {
-        for (std::size_t k = 0; k < views.cameras.size(); ++k)
-            if (!solve_one(views, k, board, use, options, solved)) return false;
-        return !views.pair() || solve_pair(views, board, use, options, solved);
-    });
-    if (!done) return std::nullopt;
-    return solved;
+    if (!board.shape.bowed()) return solve_from({}, views, board, use, options);
+    BoardFile flat = board;
+    flat.shape = {};
+    const auto first = solve_from({}, views, flat, use, options);
+    if (!first) return std::nullopt;
+    return solve_from(first->cameras, views, board, use, options);
 }
 
 } // namespace vexo

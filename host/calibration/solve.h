@@ -24,7 +24,8 @@ struct Solved {
 /// Calibrates the camera, or the pair, from the markers of the views: each camera alone, then both with a fixed pose
 /// between them, starting from these. The functions, flags and criteria of the library's calibrators, which recognise
 /// pictures themselves and so can use no other markers: of the same markers both make the same cameras, bit for bit.
-/// Views with fewer than five markers are left out.
+/// Views with fewer than five markers are left out. A bowed board is taken for a flat one first, since only a plane
+/// lets OpenCV find a focal length to start from.
 /// @param use  views to calibrate from
 /// @return nothing for views that determine no calibration
 std::optional<Solved> solve_cameras(

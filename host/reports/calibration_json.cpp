@@ -1,5 +1,7 @@
 #include "host/reports/calibration_json.h"
 
+#include "host/calibration/board_heights.h"
+
 #include <cmath>
 
 namespace vexo {
@@ -50,6 +52,16 @@ Json to_json(const BoardPicture& picture, const BoardFile& board)
         { "outcome", outcome(picture, board) } };
 }
 
+/// What the views say of how the board's markers lie.
+Json to_json(const LearntShape& learnt, const BoardFile& board)
+{
+    const BoardShape& shape = board.shape;
+    return { { "kept", learnt.kept }, { "residual_flat_px", finite(learnt.flat_px) },
+        { "residual_shaped_px", finite(learnt.shaped_px) }, { "bow_mm", finite(heights_of(board).range_mm) },
+        { "bow_xx", finite(shape.bow_xx) }, { "bow_xy", finite(shape.bow_xy) }, { "bow_yy", finite(shape.bow_yy) },
+        { "stretch_y", finite(shape.stretch_y) }, { "shear", finite(shape.shear) } };
+}
+
 } // namespace
 
 Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
@@ -83,6 +95,7 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
             { { "cam0", c.views.cameras[0][moved.cam0].name }, { "cam1", c.views.cameras[1][moved.cam1].name } });
     json["dropped_views"] = c.dropped;
     if (c.is_pair()) json["pair"] = to_json(c.pair);
+    json["board_shape"] = to_json(c.shape, c.board);
     if (c.hold_out.done) {
         for (const CameraFit& fit : c.hold_out.fits)
             json["hold_out"]["camera_rms_px"].push_back(finite(fit.rms));

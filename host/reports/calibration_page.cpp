@@ -3,6 +3,7 @@
 #include "base/pictures.h"
 #include "base/statistics.h"
 #include "base/text.h"
+#include "host/calibration/board_heights.h"
 #include "host/cameras/calibration_notes.h"
 #include "host/reports/html.h"
 #include "host/reports/svg.h"
@@ -135,17 +136,16 @@ std::string diverging(double value)
                  : "rgb(" + mix(225, 32) + "," + mix(228, 90) + "," + mix(232, 180) + ")";
 }
 
-/// Height of the board's markers off their plane, as the pair sees it.
-std::string shape_drawing(const Calibrated& c)
+/// Heights of the board's markers off their plane, mm; NaN: not known.
+std::string heights_drawing(const BoardLayout& b, const std::vector<double>& heights)
 {
-    const BoardLayout& b = c.board.layout;
     const double step = drawing_width / (b.columns + 1), height = step * (b.rows + 1);
     double most = 1e-6;
-    for (const cv::Vec3d& s : c.pair.shape)
-        if (std::isfinite(s[2])) most = std::max(most, std::abs(s[2]));
+    for (const double z : heights)
+        if (std::isfinite(z)) most = std::max(most, std::abs(z));
     std::string svg = open_svg(drawing_width, height + 20);
-    for (std::size_t k = 0; k < c.pair.shape.size(); ++k) {
-        const double z = c.pair.shape[k][2];
+    for (std::size_t k = 0; k < heights.size(); ++k) {
+        const double z = heights[k];
         if (!std::isfinite(z)) continue;
         const int column = static_cast<int>(k) / b.rows, row = static_cast<int>(k) % b.rows;
         svg += svg_dot(step * (b.columns - column), step * (row + 1), 0.42 * step,
@@ -155,6 +155,23 @@ std::string shape_drawing(const Calibrated& c)
         + svg_text(8, height + 14,
             "red: towards the cameras, blue: away; full colour " + number(most, 3) + " mm. Board seen from its front.")
         + "</svg>";
+}
+
+/// The shape that was learnt, and what is left beside it as the pair sees it.
+std::string shape_drawings(const Calibrated& c)
+{
+    std::string html = "<div class=\"pictures\">";
+    if (c.shape.kept)
+        html += "<div><h3>Learnt, and in board.yaml</h3>" + heights_drawing(c.board.layout, heights_of(c.board).mm)
+            + "</div>";
+    if (c.is_pair()) {
+        std::vector<double> left;
+        for (const cv::Vec3d& off : c.pair.shape)
+            left.push_back(off[2]);
+        html += std::string("<div>") + (c.shape.kept ? "<h3>What is left</h3>" : "")
+            + heights_drawing(c.board.layout, left) + "</div>";
+    }
+    return html + "</div>";
 }
 
 std::string thumbnail(const BoardPicture& picture)
@@ -259,11 +276,9 @@ std::string calibration_html(const Calibrated& c, const std::vector<Finding>& fi
             "Difference between a marker and where the calibration puts it, 100 times enlarged. Red arrows that swirl "
             "or point outwards together show distortion that the model does not follow.",
             side_by_side(c, residual_drawing) } };
-    if (c.is_pair())
+    if (c.is_pair() || c.shape.kept)
         page.sections.push_back({ "Is the printed board flat?",
-            "The board as the calibrated pair measures it, averaged over all views: height of each marker off the "
-            "plane.",
-            "<div class=\"pictures\"><div>" + shape_drawing(c) + "</div></div>" });
+            "Height of each marker off the plane, as all views together say it.", shape_drawings(c) });
     page.sections.push_back(
         { "Cameras", "Intrinsics in px; x right, y down, (0, 0) the centre of the top left pixel.", cameras_table(c) });
     page.sections.push_back({ "Views", "What was recognised, and how well it fits.", views_table(c) });
