@@ -48,8 +48,17 @@ Json to_json(const PairFit& fit)
 
 Json to_json(const BoardPicture& picture, const BoardFile& board)
 {
-    return { { "file", picture.name }, { "code", picture.code }, { "found", picture.found },
+    Json json { { "file", picture.name }, { "code", picture.code }, { "found", picture.found },
         { "outcome", outcome(picture, board) } };
+    if (picture.recognised()) json["step"] = name_of(picture.step);
+    return json;
+}
+
+Json to_json(const Refinement& r)
+{
+    return { { "markers", r.markers }, { "not_fitted", r.not_fitted }, { "far_off", r.far_off },
+        { "doubtful", r.doubtful }, { "views_added", r.views_added }, { "sigma_px", finite(r.sigma) },
+        { "seconds", finite(r.seconds) } };
 }
 
 /// What the views say of how the board's markers lie.
@@ -69,6 +78,7 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
     Json json { { "verdict", calibration_verdict(findings) }, { "image_size", { c.size.width, c.size.height } },
         { "rms_px", finite(c.rms) }, { "pitch_mm", c.board.layout.pitch_mm }, { "views_used", c.used_count() } };
     if (c.is_pair()) json["baseline_mm"] = finite(c.baseline);
+    if (c.refinement.made) json["refinement"] = to_json(c.refinement);
     for (const Finding& finding : findings)
         json["checks"].push_back({ { "question", question_of(finding) }, { "level", word_of(finding.weight) },
             { "answer", finding.text }, { "advice", finding.advice } });

@@ -1,12 +1,10 @@
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/solve.h"
 #include "host/cameras/pair_files.h"
-#include "support/calibration_views.h"
-#include "support/folder.h"
+#include "support/photo_files.h"
 #include "vexo/owned.h"
 
 #include <gtest/gtest.h>
-#include <opencv2/imgcodecs.hpp>
 
 #include <cmath>
 
@@ -15,26 +13,15 @@ namespace {
 using namespace vexo;
 using namespace board_photos;
 
-/// Four views of the coarse board as files, recognised, and what both roads are told of them.
-struct Photos {
+/// The photos, and what both roads are told of them.
+struct Photos : PhotoFiles {
     explicit Photos(double focal = 0.0)
     {
-        board.layout = coarse_board().layout;
         param = calibration_param();
         param.focal_guess = focal;
         if (focal > 0.0) param.flags |= 1;
-        for (const char* camera : { "cam0", "cam1" })
-            std::filesystem::create_directory(folder / camera);
-        for (int i = 0; i < 8; ++i)
-            cv::imwrite(path(i / 4, i % 4), board_photo(i / 4, i % 4));
-        views = find_views(folder / "cam0", folder / "cam1", {});
-        recognise(views, board);
     }
 
-    std::string path(int camera, int view) const
-    {
-        return folder / ("cam" + std::to_string(camera) + "/" + std::to_string(view) + ".png");
-    }
     Solved solved() const { return *solve_cameras(views, board, { true, true, true, true }, options()); }
     SolveOptions options() const { return { param.focal_guess, param.flags }; }
 
@@ -74,10 +61,7 @@ struct Photos {
         return files;
     }
 
-    Folder folder;
-    BoardFile board;
     CameraCalibParam param;
-    BoardViews views;
 };
 
 void expect_equal(const NamedBytes& host, const NamedBytes& library)
