@@ -55,8 +55,10 @@ std::vector<Finding> unknowns(const Judged& judged, const Result& result)
     }
     if (!judged.share)
         findings.push_back({ "calibration-share", Weight::unknown, "",
-            "the calibration's share of the error is unknown, and predictions are by sigma alone",
-            "measure with a cameras.yaml of vexo calibrate from 8 or more views, which says it" });
+            "what the calibration itself is off by is "
+                + std::string(judged.stated_share.share ? "more than it says" : "unknown")
+                + ", and predictions are by sigma alone: " + judged.stated_share.doubt(),
+            "measure with a cameras.yaml of vexo calibrate and its covariance.yaml beside it, whose verdict is good" });
     return findings;
 }
 
@@ -91,7 +93,7 @@ Accepted accept(const std::string& result_folder, const AcceptanceRequest& reque
         { "points", judged.points.size() },
         { "without_sigma", judged.sigma_known ? Json(judged.without_sigma) : Json() }, { "unsure", judged.unsure } };
     acceptance.update(check.figures);
-    acceptance["calibration_share_mm"] = to_json(judged.share);
+    add_share(acceptance, judged.stated_share);
     acceptance["limit_mm"] = request.limit_mm ? Json(*request.limit_mm) : Json();
     if (request.limit_mm) accepted.beyond = beyond_limit(check, *request.limit_mm);
     acceptance["within_limit"] = request.limit_mm ? Json(accepted.beyond.empty()) : Json();

@@ -59,8 +59,9 @@ void leave_out_unsure(Judged& judged)
 
 Judged judged_points(const std::string& folder, const Result& r, const AcceptanceRequest& request, std::size_t fewest)
 {
-    Judged judged { folder, {}, !r.sigma.empty(), 0.0, 0.0, { r.size, r.f, r.cx, r.cy, r.baseline },
-        read_share(r.report, "calibration_share_mm", r.report_path) };
+    const StatedShare stated = read_share(r.report, r.report_path);
+    Judged judged { folder, {}, !r.sigma.empty(), 0.0, 0.0, { r.size, r.f, r.cx, r.cy, r.baseline }, stated.usable(),
+        stated };
     std::size_t without = 0;
     for (std::size_t i = 0; i < r.cloud.size(); ++i) {
         const cv::Point3f& p = r.cloud[i];

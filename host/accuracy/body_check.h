@@ -21,7 +21,8 @@ struct Judged {
     double without_sigma = 0.0; ///< share of the region's points that have none, and are left out
     double unsure = 0.0;        ///< the same of those with five times the middle sigma or more: edges, mostly
     Sight sight;
-    std::optional<CalibrationShare> share;
+    std::optional<CalibrationShare> share; ///< nothing: unknown, or not valid
+    StatedShare stated_share;              ///< as the report has it
 };
 
 /// Throws Failure when fewer than `fewest` points lie in the region.

@@ -17,11 +17,6 @@ namespace {
 
 constexpr int tied = cv::CALIB_FIX_ASPECT_RATIO | cv::CALIB_SAME_FOCAL_LENGTH | cv::CALIB_FIX_INTRINSIC;
 
-constexpr const char* names_of_intrinsics[] = { "fx", "fy", "cx", "cy" };
-constexpr const char* names_of_distortion[]
-    = { "k1", "k2", "p1", "p2", "k3", "k4", "k5", "k6", "s1", "s2", "s3", "s4", "tau_x", "tau_y" };
-constexpr const char* names_of_rig[] = { "rx", "ry", "rz", "tx", "ty", "tz" };
-
 /// Flags that hold a distortion coefficient fixed, by its place.
 constexpr int fixing[] = { cv::CALIB_FIX_K1, cv::CALIB_FIX_K2, cv::CALIB_FIX_TANGENT_DIST | cv::CALIB_ZERO_TANGENT_DIST,
     cv::CALIB_FIX_TANGENT_DIST | cv::CALIB_ZERO_TANGENT_DIST, cv::CALIB_FIX_K3, cv::CALIB_FIX_K4, cv::CALIB_FIX_K5,
@@ -42,22 +37,6 @@ std::vector<bool> free_ones(const std::vector<CalibratedCamera>& cameras, const 
     if (cameras.size() == 2) free.insert(free.end(), pose_parameters, true);
     free.insert(free.end(), shape_parameters, options.shape);
     return free;
-}
-
-std::vector<std::string> names_of(const std::vector<CalibratedCamera>& cameras)
-{
-    std::vector<std::string> names;
-    for (std::size_t k = 0; k < cameras.size(); ++k) {
-        const std::string prefix = "cam" + std::to_string(k) + ".";
-        for (const char* name : names_of_intrinsics)
-            names.push_back(prefix + name);
-        for (std::size_t i = 0; i < cameras[k].D.total(); ++i)
-            names.push_back(prefix + names_of_distortion[i]);
-    }
-    if (cameras.size() == 2)
-        for (const char* name : names_of_rig)
-            names.push_back(std::string("cam1.") + name);
-    return names;
 }
 
 /// Markers of a view that every camera saw.
@@ -279,7 +258,7 @@ std::optional<Bundle> adjusted(Adjustment& adjustment, Bundle bundle)
     bundle.cameras = adjustment.state().cameras;
     bundle.shape = adjustment.state().board.shape;
     bundle.squares = adjustment.squares();
-    const auto cameras_only = static_cast<Eigen::Index>(bundle.names.size());
+    const int cameras_only = bundle_columns(bundle.cameras).shape;
     const Eigen::MatrixXd covariance
         = cofactors->topLeftCorner(cameras_only, cameras_only) * (bundle.squares / freedom);
     cv::eigen2cv(covariance, bundle.covariance);
@@ -301,7 +280,6 @@ std::optional<Bundle> adjust_bundle(const BoardViews& views, const BoardFile& bo
     State state { start, {}, board };
     std::vector<BundleMarkers> markers;
     Bundle bundle;
-    bundle.names = names_of(start);
     for (std::size_t v = 0; v < views.count(); ++v) {
         if (!use[v]) continue;
         BundleMarkers seen = markers_of(views, v);

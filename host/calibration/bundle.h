@@ -6,7 +6,6 @@
 #include <opencv2/core.hpp>
 
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace vexo {
@@ -25,11 +24,9 @@ struct Bundle {
     int residuals = 0;    ///< coordinates of markers
     int parameters = 0;   ///< free ones, poses included
 
-    /// Of the cameras, poses and a free shape being unknown too: fx fy cx cy and the distortion coefficients of each
-    /// camera, of a pair then rotation (Rodrigues vector) and translation of camera 1. px, rad, mm. Rows of what was
-    /// held fixed are 0.
+    /// Of the cameras, poses and a free shape being unknown too, in the order of covariance_parameters(); px, rad, mm.
+    /// Rows of what was held fixed are 0.
     cv::Mat_<double> covariance;
-    std::vector<std::string> names; ///< of its rows, "cam0.fx"
 
     /// Standard deviation of a coordinate of a marker.
     double residual_px() const;

@@ -2,9 +2,11 @@
 
 #include "base/failure.h"
 #include "base/statistics.h"
+#include "host/calibration/bundle.h"
 #include "host/calibration/checks.h"
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/solve.h"
+#include "host/cameras/covariance_share.h"
 #include "host/cameras/pair_files.h"
 
 #include <opencv2/imgproc.hpp>
@@ -12,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <optional>
 
 namespace vexo {
 
@@ -42,36 +43,6 @@ std::vector<bool> half(const std::vector<bool>& used, bool second)
     return part;
 }
 
-/// Pixels spread evenly over the part of the picture in which markers were seen: those lie denser in the middle, points
-/// of a cloud do not.
-std::vector<cv::Point2d> evenly_over(const std::vector<cv::Point2d>& seen, cv::Size size)
-{
-    constexpr int columns = 40, rows = 32;
-    std::vector<cv::Point2f> hull, markers(seen.begin(), seen.end());
-    cv::convexHull(markers, hull);
-    std::vector<cv::Point2d> pixels;
-    for (int y = 0; y < rows; ++y)
-        for (int x = 0; x < columns; ++x) {
-            const cv::Point2d pixel((x + 0.5) * size.width / columns - 0.5, (y + 0.5) * size.height / rows - 0.5);
-            if (cv::pointPolygonTest(hull, pixel, false) >= 0.0) pixels.push_back(pixel);
-        }
-    return pixels;
-}
-
-/// Half of what the halves differ by; nothing where the cameras saw too little in common to say it.
-std::optional<CalibrationShare> share_of(const std::array<DepthApart, 3>& apart)
-{
-    CalibrationShare share;
-    for (std::size_t i = 0; i < apart.size(); ++i) {
-        share.distance_mm[i] = apart[i].distance;
-        share.depth_mm[i] = 0.5 * apart[i].depth;
-        share.bend_mm[i] = 0.5 * apart[i].bend;
-        share.scale[i] = 0.5 * apart[i].scale;
-    }
-    if (!is_share(share)) return std::nullopt;
-    return share;
-}
-
 HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c)
 {
     HoldOut held;
@@ -93,13 +64,7 @@ HoldOut hold_out(const CalibrateRequest& o, const Calibrated& c)
         std::vector<cv::Point2d> seen;
         for (const Residual& residual : c.fits[0].residuals)
             seen.push_back(residual.seen_px);
-        const auto apart_at = [&](double distance) {
-            return depth_apart(c.cameras, folds[0].cameras, folds[1].cameras, seen, distance);
-        };
-        held.apart = apart_at(c.fits[0].middle_depth);
-        seen = evenly_over(seen, c.size);
-        const std::vector<double>& depths = c.fits[0].marker_depths;
-        held.share = share_of({ apart_at(depths[0]), apart_at(depths[1]), apart_at(depths[2]) });
+        held.apart = depth_apart(c.cameras, folds[0].cameras, folds[1].cameras, seen, c.fits[0].middle_depth);
     }
     held.done = true;
     return held;
@@ -212,12 +177,20 @@ void learn_shape(const CalibrateRequest& o, const BoardFile& given, const Solved
     if (c.shape.kept) c.board = with_shape(given, shaped->shape, c.printed_pitch, o);
 }
 
+/// Whether the cameras say where markers are nearly enough for these to be measured there. After photos were exchanged
+/// they are off by tens of px, and what is found then would hide which photos these are.
+bool good_enough_to_refine(const Solved& solved)
+{
+    constexpr double most_px = 5.0;
+    return solved.rms < most_px;
+}
+
 /// Calibrates, and with refinement again from what these cameras let the markers be measured by.
 Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& on_step)
 {
     const BoardFile given = c.board;
     Solved solved = solved_cameras(o, c);
-    for (int round = 0; o.refine && round < refine_rounds; ++round) {
+    for (int round = 0; o.refine && good_enough_to_refine(solved) && round < refine_rounds; ++round) {
         next_step(on_step, "measuring the markers by their grey values");
         const Refinement before = c.refinement;
         c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
@@ -227,7 +200,6 @@ Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& o
         learn_shape(o, given, solved, c);
         if (c.shape.kept) solved = solved_cameras(o, c);
     }
-    c.bundle = adjust_bundle(c.views, c.board, c.used, solved.cameras, { o.flags, c.shape.kept });
     return solved;
 }
 
@@ -248,6 +220,47 @@ void add_files(const CalibrateRequest& o, Calibrated& c)
     c.baseline = pair->baseline;
     c.files.insert(c.files.end(), pair->files.begin(), pair->files.end());
     c.files.emplace_back("boardRT.yaml", board_pose_yaml(*pose));
+}
+
+/// rms of the markers' own standard deviations of a coordinate, px; 0: they were not refined.
+double marker_sigma(const Calibrated& c)
+{
+    Squares sigmas;
+    for (const auto& pictures : c.views.cameras)
+        for (std::size_t v = 0; v < pictures.size(); ++v)
+            for (const double sigma : pictures[v].sigma)
+                if (c.used[v] && std::isfinite(sigma)) sigmas.add(sigma * sigma);
+    return std::isfinite(sigmas.rms()) ? sigmas.rms() : 0.0;
+}
+
+/// How sure the cameras are; nothing where the views do not determine it.
+std::optional<CameraCovariance> covariance_of(const CalibrateRequest& o, const Calibrated& c)
+{
+    const auto bundle = adjust_bundle(c.views, c.board, c.used, c.cameras, { o.flags, c.shape.kept });
+    if (!bundle) return std::nullopt;
+    std::vector<cv::Point2f> seen, hull;
+    for (const Residual& residual : c.fits[0].residuals)
+        seen.emplace_back(residual.seen_px);
+    cv::convexHull(seen, hull);
+    const std::vector<double>& depths = c.fits[0].marker_depths;
+    return CameraCovariance { covariance_parameters(c.cameras), bundle->covariance, bundle->residual_px(),
+        marker_sigma(c), { depths[0], depths[1], depths[2] }, { hull.begin(), hull.end() } };
+}
+
+/// What follows from the covariance.
+void find_share(const CalibrateRequest& o, Calibrated& c)
+{
+    c.covariance = covariance_of(o, c);
+    if (!c.covariance) {
+        c.share.why_unknown = c.direction.why_unknown = "the views do not determine all that is to be calibrated";
+        return;
+    }
+    if (c.is_pair()) {
+        c.share = share_of(c.cameras, *c.covariance);
+        c.share_map = share_map(c.cameras, *c.covariance);
+    } else {
+        c.direction = direction_share(c.cameras[0], *c.covariance);
+    }
 }
 
 } // namespace
@@ -275,6 +288,7 @@ Calibrated calibrate(const BoardViews& views, const BoardFile& board, double pri
     add_files(request, c);
     next_step(on_step, "hold-out check");
     hold_against_views(request, c);
+    find_share(request, c);
     return c;
 }
 

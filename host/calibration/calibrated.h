@@ -1,12 +1,11 @@
 #pragma once
 
-#include "host/calibration/bundle.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/depth_apart.h"
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/pair_fit.h"
 #include "host/calibration/refine_views.h"
-#include "host/cameras/calibration_share.h"
+#include "host/cameras/covariance_share.h"
 
 #include <opencv2/core.hpp>
 
@@ -24,7 +23,6 @@ struct HoldOut {
     PairFit pair;
     double focal_spread = 0; ///< px, largest difference of a focal length between the halves
     DepthApart apart;        ///< of a pair: what the halves' differences do to a cloud at the middle distance
-    std::optional<CalibrationShare> share; ///< of a pair: what the whole is off by, as far as its halves show it
 };
 
 /// What the views say of how the board's markers really lie.
@@ -51,9 +49,16 @@ struct Calibrated {
     PairFit pair;
     PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
+<<<<<<< HEAD
     Refinement refinement; ///< of the last round; the views added and the seconds of all
+=======
+Refinement refinement;                      ///< of the last round
+>>>>>>> e16
     LearntShape shape;
-    std::optional<Bundle> bundle; ///< how sure the cameras are; nothing where the views do not determine it
+    std::optional<CameraCovariance> covariance; ///< nothing: the views do not determine it
+    StatedShare share;                          ///< of a pair, by the covariance
+    cv::Mat share_map;                          ///< of a pair: see share_map(); empty: unknown
+    StatedDirection direction;                  ///< of a single camera
 
     /// cameras.yaml, and of a pair the rectified camera's files and boardRT.yaml: name, and bytes
     std::vector<std::pair<std::string, std::string>> files;

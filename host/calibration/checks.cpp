@@ -3,6 +3,7 @@
 #include "base/text.h"
 #include "host/calibration/board_heights.h"
 #include "host/calibration/levels.h"
+#include "host/calibration/share_check.h"
 #include "host/calibration/view_checks.h"
 #include "host/cameras/calibration_notes.h"
 
@@ -114,10 +115,7 @@ Finding check_hold_out(const Calibrated& c)
                     + number(apart.shape, 3) + " mm in shape, at " + number(apart.distance, 0) + " mm; "
                 : "")
             + "rms " + each(rms, 3, " px on held-out views, ") + each(ratios, 2, " times that of its own")
-            + "; focal lengths of the halves differ by " + number(c.hold_out.focal_spread, 2) + " px"
-            + (c.hold_out.share ? "; the calibration's own share of a depth, beside the noise: "
-                        + depths_in_words(*c.hold_out.share)
-                                : ""),
+            + "; focal lengths of the halves differ by " + number(c.hold_out.focal_spread, 2) + " px",
         l == Weight::good ? "" : "take more views, with more tilt and closer to the corners" };
 }
 
@@ -235,7 +233,7 @@ std::vector<std::size_t> outlying_views(const Calibrated& c)
 
 std::vector<Finding> check_calibration(const Calibrated& c)
 {
-    std::vector<Finding> checks { check_rms(c), check_outliers(c), check_hold_out(c) };
+    std::vector<Finding> checks { check_rms(c), check_outliers(c), check_share(c), check_hold_out(c) };
     if (c.is_pair()) checks.insert(checks.end(), { check_rows(c), check_distances(c) });
     for (const Finding& finding : check_views(c))
         checks.push_back(finding);
@@ -260,6 +258,7 @@ std::string question_of(const Finding& finding)
         { "fit", "Do the cameras fit the pictures?" },
         { "outlying-views", "Does a view spoil it?" },
         { "rows", "Do rows match after rectification?" },
+        { "share", "How exact will points be?" },
         { "hold-out", "Does it hold for views it has not seen?" },
         { "distances", "Are distances right?" },
         { "scale", "Is the printed board true to scale?" },

@@ -11,8 +11,6 @@ struct DepthApart {
     double distance = 0; ///< from camera 0, at which they were compared
     double depth = 0;    ///< rms of the difference of the depths
     double shape = 0;    ///< rms of the distances that the best rigid motion leaves: what bends and scales a cloud
-    double bend = 0;     ///< rms of the difference of the depths after the best plane through it
-    double scale = 0;    ///< rms of the differences of lengths across it, as a share of them
 };
 
 /// Points at that distance, triangulated with `a` and with `b` from where `whole` sees them. NaN when the cameras see

@@ -37,7 +37,6 @@ CalibrationNotes notes_in(const std::string& file)
             + "\", \"" + usable_calibration + "\" or \"" + bad_calibration + "\"");
     const std::string unit = text_of(yaml, unit_key, file);
     if (!unit.empty()) notes.unit = unit_named(unit, file + ": the key unit");
-    notes.share = read_share(yaml, file);
     return notes;
 }
 
@@ -53,7 +52,6 @@ CalibrationNotes read_notes(const std::vector<std::string>& files)
                 + "; calibrate both cameras together");
         if (own.unit.stated) all.unit = own.unit;
         if (all.verdict.empty() || own.verdict == bad_calibration) all.verdict = own.verdict;
-        if (own.share) all.share = own.share;
     }
     return all;
 }
@@ -64,7 +62,6 @@ std::string with_notes(const std::string& camera_yaml, const CalibrationNotes& n
     if (!text.empty() && text.back() != '\n') text += '\n';
     text += std::string(unit_key) + ": " + notes.unit.name + "\n";
     if (!notes.verdict.empty()) text += std::string(verdict_key) + ": \"" + notes.verdict + "\"\n";
-    if (notes.share) text += share_yaml(*notes.share);
     return text;
 }
 

@@ -1,9 +1,7 @@
 #pragma once
 
-#include "host/cameras/calibration_share.h"
 #include "host/cameras/unit.h"
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +10,11 @@ namespace vexo {
 /// How good a calibration was found to be.
 constexpr const char *good_calibration = "good", *usable_calibration = "usable", *bad_calibration = "not good enough";
 
-/// What a calibration says of itself. In a camera file these are the last keys, `unit: mm`, `verdict: "usable"` and
-/// those of the share: the first key names a camera that is asked for without a name.
+/// What a calibration says of itself. In a camera file these are the last keys, `unit: mm` and `verdict: "usable"`: the
+/// first key names a camera that is asked for without a name.
 struct CalibrationNotes {
     Unit unit;
-    std::string verdict;                   ///< one of the three above; empty: not said
-    std::optional<CalibrationShare> share; ///< nothing: not known
+    std::string verdict; ///< one of the three above; empty: not said
 };
 
 /// The notes of camera files, which must not contradict one another. Files that are no YAML have none. Throws Failure.

@@ -6,23 +6,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <locale>
-#include <sstream>
 
 namespace vexo {
 
 namespace {
 
 using Three = std::array<double, 3>;
-
-struct Key {
-    const char* name;
-    Three CalibrationShare::*values;
-};
-
-constexpr Key keys[]
-    = { { "share_distance_mm", &CalibrationShare::distance_mm }, { "share_depth_mm", &CalibrationShare::depth_mm },
-          { "share_bend_mm", &CalibrationShare::bend_mm }, { "share_scale", &CalibrationShare::scale } };
 
 double between(const Three& places, const Three& values, double place)
 {
@@ -31,17 +20,33 @@ double between(const Three& places, const Three& values, double place)
     return values[i] + t * (values[i + 1] - values[i]);
 }
 
+/// Two digits at least.
+std::string fine(double value)
+{
+    return number(value, value < 0.001 ? 5 : value < 0.01 ? 4 : 3);
+}
+
+std::string at_distances(const Three& values, const Three& distances)
+{
+    std::string text;
+    for (std::size_t i = 0; i < 3; ++i)
+        text += (i == 0 ? "" : ", ") + fine(values[i]) + " mm at " + number(distances[i], 0) + " mm";
+    return text;
+}
+
 constexpr const char* distances_of_depth[] = { "near", "middle", "far" };
 
-bool read_three(const cv::FileNode& node, Three& values)
+constexpr const char *share_key = "calibration_share_mm", *unknown_key = "calibration_share_unknown";
+constexpr const char *direction_key = "direction_share", *no_direction_key = "direction_share_unknown";
+
+Json to_json(const CalibrationShare& share)
 {
-    if (!node.isSeq() || node.size() != values.size()) return false;
-    for (int k = 0; k < 3; ++k) {
-        const cv::FileNode number = node[k];
-        if (!number.isInt() && !number.isReal()) return false;
-        values[static_cast<std::size_t>(k)] = static_cast<double>(number);
-    }
-    return true;
+    Json json;
+    for (std::size_t i = 0; i < 3; ++i)
+        json[distances_of_depth[i]] = share.depth_mm[i];
+    json.update({ { "distances_mm", share.distance_mm }, { "bend_mm", share.bend_mm }, { "scale", share.scale } });
+    if (!share.invalid.empty()) json["invalid"] = share.invalid;
+    return json;
 }
 
 } // namespace
@@ -56,65 +61,34 @@ CalibrationShare::At CalibrationShare::at(double distance) const
 
 bool is_share(const CalibrationShare& share)
 {
-    for (const Key& key : keys)
-        for (const double value : share.*key.values)
+    for (const Three* values : { &share.distance_mm, &share.depth_mm, &share.bend_mm, &share.scale })
+        for (const double value : *values)
             if (!std::isfinite(value) || value < 0.0) return false;
     const Three& d = share.distance_mm;
     return d[0] > 0.0 && d[0] < d[1] && d[1] < d[2];
 }
 
-std::string share_yaml(const CalibrationShare& share)
+std::optional<CalibrationShare> StatedShare::usable() const
 {
-    std::ostringstream text;
-    text.imbue(std::locale::classic());
-    text.precision(4);
-    text.setf(std::ios::scientific);
-    for (const Key& key : keys) {
-        const Three& v = share.*key.values;
-        text << key.name << ": [ " << v[0] << ", " << v[1] << ", " << v[2] << " ]\n";
-    }
-    return text.str();
+    return share && share->invalid.empty() ? share : std::nullopt;
 }
 
-std::optional<CalibrationShare> read_share(const cv::FileStorage& yaml, const std::string& file)
+const std::string& StatedShare::doubt() const
 {
-    CalibrationShare share;
-    const auto absent = [&yaml](const Key& key) { return yaml[key.name].empty(); };
-    if (std::all_of(std::begin(keys), std::end(keys), absent)) return std::nullopt;
-    const auto whole = [&](const Key& key) { return read_three(yaml[key.name], share.*key.values); };
-    if (!std::all_of(std::begin(keys), std::end(keys), whole) || !is_share(share))
-        throw Failure(file
-            + ": the keys share_distance_mm, share_depth_mm, share_bend_mm and share_scale make no sense: each holds "
-              "three numbers, none negative, for distances that ascend; remove all four, or calibrate again");
-    return share;
+    return share ? share->invalid : why_unknown;
 }
 
-std::string depths_in_words(const CalibrationShare& share)
+void add_share(Json& report, const StatedShare& stated)
 {
-    std::string text;
-    for (std::size_t i = 0; i < 3; ++i)
-        text += (i == 0 ? "" : ", ") + number(share.depth_mm[i], 3) + " mm at " + number(share.distance_mm[i], 0)
-            + " mm";
-    return text;
+    report[share_key] = stated.share ? to_json(*stated.share) : Json("unknown");
+    if (!stated.share) report[unknown_key] = stated.why_unknown;
 }
 
-Json to_json(const CalibrationShare& share)
+StatedShare read_share(const Json& report, const std::string& file)
 {
-    Json json;
-    for (std::size_t i = 0; i < 3; ++i)
-        json[distances_of_depth[i]] = share.depth_mm[i];
-    json.update({ { "distances_mm", share.distance_mm }, { "bend_mm", share.bend_mm }, { "scale", share.scale } });
-    return json;
-}
-
-Json to_json(const std::optional<CalibrationShare>& share)
-{
-    return share ? to_json(*share) : Json("unknown");
-}
-
-std::optional<CalibrationShare> read_share(const Json& report, const std::string& key, const std::string& file)
-{
-    if (!report.contains(key) || !report[key].is_object()) return std::nullopt;
+    const std::string key = share_key;
+    if (!report.contains(key) || !report[key].is_object())
+        return { {}, text_in(report, unknown_key, "the report does not say it") };
     CalibrationShare share;
     const std::string where = "/" + key + "/";
     for (std::size_t i = 0; i < 3; ++i) {
@@ -124,8 +98,58 @@ std::optional<CalibrationShare> read_share(const Json& report, const std::string
         share.bend_mm[i] = number_in(report, where + "bend_mm" + place, file);
         share.scale[i] = number_in(report, where + "scale" + place, file);
     }
+    share.invalid = text_in(report[key], "invalid", "");
     if (!is_share(share)) throw Failure(file + ": " + key + " makes no sense; measure again");
-    return share;
+    return { share, "" };
+}
+
+void add_share(Json& report, const StatedDirection& stated)
+{
+    report[direction_key] = "unknown";
+    if (!stated.share) {
+        report[no_direction_key] = stated.why_unknown;
+        return;
+    }
+    const DirectionShare& share = *stated.share;
+    report[direction_key]
+        = { { "px", share.px }, { "distances_mm", share.distance_mm }, { "across_mm", share.across_mm } };
+    if (!share.invalid.empty()) report[direction_key]["invalid"] = share.invalid;
+}
+
+StatedDirection read_direction_share(const Json& report, const std::string& file)
+{
+    if (!report.contains(direction_key) || !report[direction_key].is_object())
+        return { {}, text_in(report, no_direction_key, "nothing says it") };
+    const std::string where = std::string("/") + direction_key;
+    DirectionShare share;
+    share.px = number_in(report, where + "/px", file);
+    for (std::size_t i = 0; i < 3; ++i) {
+        share.distance_mm[i] = number_in(report, where + "/distances_mm/" + std::to_string(i), file);
+        share.across_mm[i] = number_in(report, where + "/across_mm/" + std::to_string(i), file);
+    }
+    share.invalid = text_in(report[direction_key], "invalid", "");
+    return { share, "" };
+}
+
+std::string in_words(const StatedDirection& stated)
+{
+    if (!stated.share) return "unknown: " + stated.why_unknown;
+    const DirectionShare& share = *stated.share;
+    return fine(share.px) + " px of a direction, across the line of sight "
+        + at_distances(share.across_mm, share.distance_mm)
+        + (share.invalid.empty() ? "" : ", but not valid: " + share.invalid);
+}
+
+std::string depths_in_words(const CalibrationShare& share)
+{
+    return at_distances(share.depth_mm, share.distance_mm);
+}
+
+std::string in_words(const StatedShare& stated)
+{
+    if (!stated.share) return "unknown: " + stated.why_unknown;
+    const std::string& invalid = stated.share->invalid;
+    return depths_in_words(*stated.share) + (invalid.empty() ? "" : ", but not valid: " + invalid);
 }
 
 } // namespace vexo

@@ -40,6 +40,12 @@ bool read_matrix(const cv::FileStorage& file, const std::string& key, int rows, 
     return fits;
 }
 
+bool has_camera(const std::string& path, const std::string& name)
+{
+    cv::FileStorage file;
+    return open_yaml(path, file) && file.root().isMap() && !(file[name + "_K"].empty() && file[name + "_P"].empty());
+}
+
 CalibratedCamera read_camera(const std::string& path, const std::string& name)
 {
     read_bytes(path, max_yaml_bytes); // says what is wrong with the file itself

@@ -21,6 +21,9 @@ struct CalibratedCamera {
 /// OpenCV's exceptions pass.
 bool read_matrix(const cv::FileStorage& file, const std::string& key, int rows, int cols, cv::Mat& out);
 
+/// Whether a file has keys of a camera of that name.
+bool has_camera(const std::string& path, const std::string& name);
+
 /// Reads the camera of that name. Throws Failure.
 CalibratedCamera read_camera(const std::string& path, const std::string& name);
 

@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "base/whole_file.h"
 #include "host/cameras/calibration_files.h"
+#include "host/cameras/covariance_share.h"
 #include "host/cameras/opencv_files.h"
 #include "host/cameras/rectification.h"
 #include "host/cameras/stereo_file.h"
@@ -66,12 +67,32 @@ void open_camera(const CalibrationFiles& calibration, Stereo& stereo)
 }
 
 /// Rectified files say nothing of themselves; the camera file beside them does, when it is of the same pair.
-CalibrationNotes notes_of(const CalibrationFiles& calibration, double baseline)
+void add_what_files_say(const CalibrationFiles& calibration, Stereo& stereo)
 {
-    if (calibration.kind == Kind::cameras || calibration.kind == Kind::opencv) return read_notes(calibration.files);
-    const auto beside = (std::filesystem::path(calibration.files[0]).parent_path() / "cameras.yaml").string();
-    const bool same = std::abs(baseline_in(beside) - baseline) <= 1e-6 * baseline;
-    return same ? read_notes({ beside }) : CalibrationNotes();
+    std::vector<std::string> files = calibration.files;
+    if (calibration.kind == Kind::opencv) {
+        stereo.notes = read_notes(files);
+        return;
+    }
+    if (calibration.kind != Kind::cameras) {
+        files = { (std::filesystem::path(files[0]).parent_path() / "cameras.yaml").string() };
+        const double baseline = stereo.camera->get_baseline_length();
+        if (!(std::abs(baseline_in(files[0]) - baseline) <= 1e-6 * baseline)) {
+            stereo.share.why_unknown = "beside them there is no cameras.yaml of this pair";
+            return;
+        }
+    }
+    stereo.notes = read_notes(files);
+    stereo.share = share_beside(files);
+}
+
+/// Covariances are in mm, and so is what follows from them.
+void set_unit(const std::string& unit, Stereo& stereo)
+{
+    if (!unit.empty()) stereo.notes.unit = unit_named(unit, "--unit");
+    const std::string& name = stereo.notes.unit.name;
+    if (stereo.share.share && name != "mm")
+        stereo.share = { {}, "it is known in mm, and the unit is said to be " + name };
 }
 
 /// The same rectification that the library computed from these cameras.
@@ -107,10 +128,10 @@ std::vector<Finding> doubts_of_size(const std::array<CalibratedCamera, 2>& camer
 Stereo open_stereo(const std::vector<std::string>& named, const StereoCameraParam& param, const std::string& unit)
 {
     const CalibrationFiles calibration = find_calibration(named);
-    Stereo stereo { calibration.files, param, {}, {}, {}, {}, {}, {} };
+    Stereo stereo { calibration.files, param, {}, {}, {}, {}, {}, {}, {} };
     open_camera(calibration, stereo);
-    stereo.notes = notes_of(calibration, stereo.camera->get_baseline_length());
-    if (!unit.empty()) stereo.notes.unit = unit_named(unit, "--unit");
+    add_what_files_say(calibration, stereo);
+    set_unit(unit, stereo);
     stereo.geometry = probe_geometry(*stereo.camera);
     const cv::Size frames(param.inp_width, param.inp_height);
     if (calibration.kind == Kind::stereo) stereo.rectifying_rotation = read_stereo_file(stereo.files[0]).rotation0;
@@ -132,7 +153,7 @@ Stereo open_rectified(const RectifiedPair& pair, const StereoCameraParam& param,
             + size_text(param.inp_width, param.inp_height));
     const cv::Matx33d K(pair.f, 0, pair.cx, 0, pair.f, pair.cy, 0, 0, 1), R = cv::Matx33d::eye();
     const double none[5] = {}, T[3] = { -pair.baseline, 0, 0 };
-    Stereo stereo { {}, param, {}, {}, R, {}, {}, {} };
+    Stereo stereo { {}, param, {}, {}, R, {}, {}, {}, {} };
     stereo.camera.reset(CreateStereoCameraFromRaw(K.val, none, K.val, none, R.val, T, &param));
     if (!stereo.camera) throw Failure("--rectified: these numbers make no stereo camera for the frames");
     if (!unit.empty()) stereo.notes.unit = unit_named(unit, "--unit");

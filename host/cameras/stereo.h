@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/cameras/calibration_notes.h"
+#include "host/cameras/calibration_share.h"
 #include "host/cameras/geometry.h"
 #include "host/cameras/rectifying_tables.h"
 #include "host/verdict/finding.h"
@@ -27,6 +28,7 @@ struct Stereo {
     RectifyingTables tables;     ///< of the library's rectification
     std::vector<Finding> doubts; ///< whether the files belong to these frames
     CalibrationNotes notes;      ///< the unit of all lengths, and how good the calibration was found
+    StatedShare share;           ///< what the calibration itself is off by
 };
 
 /// Opens what find_calibration() finds, for images of param's input size. Throws Failure that says which file and why.

@@ -14,9 +14,13 @@ namespace fs = std::filesystem;
 
 void add_files(OutputFolder& out, const Calibrated& c, const std::vector<Finding>& findings)
 {
-    const CalibrationNotes notes { unit_named("mm", "board.yaml"), calibration_verdict(findings), c.hold_out.share };
-    for (const auto& [name, bytes] : c.files)
-        out.add(name, name == "cameras.yaml" ? with_notes(bytes, notes) : bytes);
+    const CalibrationNotes notes { unit_named("mm", "board.yaml"), calibration_verdict(findings) };
+    for (const auto& [name, bytes] : c.files) {
+        const bool cameras = name == "cameras.yaml";
+        const std::string written = cameras ? with_notes(bytes, notes) : bytes;
+        out.add(name, written);
+        if (cameras && c.covariance) out.add(covariance_file, covariance_yaml(*c.covariance, written));
+    }
     out.add("board.yaml", board_yaml(c.board));
     out.add("report.json", json_text(calibration_json(c, findings)));
     out.add("report.html", calibration_html(c, findings));

@@ -79,6 +79,13 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
         { "rms_px", finite(c.rms) }, { "pitch_mm", c.board.layout.pitch_mm }, { "views_used", c.used_count() } };
     if (c.is_pair()) json["baseline_mm"] = finite(c.baseline);
     if (c.refinement.made) json["refinement"] = to_json(c.refinement);
+    if (c.is_pair())
+        add_share(json, c.share);
+    else
+        add_share(json, c.direction);
+    if (c.covariance)
+        json["markers_off"] = { { "residual_px", finite(c.covariance->residual_px) },
+            { "expected_px", finite(c.covariance->marker_sigma_px) } };
     for (const Finding& finding : findings)
         json["checks"].push_back({ { "question", question_of(finding) }, { "level", word_of(finding.weight) },
             { "answer", finding.text }, { "advice", finding.advice } });
@@ -113,7 +120,6 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
         if (c.is_pair())
             json["hold_out"]["halves_apart"] = { { "distance_mm", finite(c.hold_out.apart.distance) },
                 { "depth_mm", finite(c.hold_out.apart.depth) }, { "shape_mm", finite(c.hold_out.apart.shape) } };
-        if (c.is_pair()) json["hold_out"]["share_mm"] = vexo::to_json(c.hold_out.share);
         if (c.is_pair()) json["hold_out"]["pair"] = to_json(c.hold_out.pair);
     }
     return json;

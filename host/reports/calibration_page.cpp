@@ -7,6 +7,7 @@
 #include "host/cameras/calibration_notes.h"
 #include "host/reports/calibration_text.h"
 #include "host/reports/html.h"
+#include "host/reports/share_section.h"
 #include "host/reports/svg.h"
 
 #include <opencv2/imgproc.hpp>
@@ -268,6 +269,7 @@ std::string calibration_html(const Calibrated& c, const std::vector<Finding>& fi
         weight_of(judged), "The calibration is " + judged, head + ". Board: " + describe(c.board), {} };
     page.sections = { { "Is it good?", "Every answer with its figures, the gravest first, and what to do beside it.",
                           findings_html(findings, question_of) },
+        share_section(c),
         { "Which view spoils it?",
             "Error of each view with the best pose of the board for that view alone. Red: more than twice the median.",
             bars_of(c) },

@@ -7,8 +7,10 @@
 #include "base/whole_file.h"
 #include "host/cameras/calibration_notes.h"
 #include "host/cameras/camera_file.h"
+#include "host/cameras/covariance_share.h"
 #include "host/cameras/rectification.h"
 #include "host/files/ply.h"
+#include "host/reports/accuracy_info.h"
 #include "vexo/limits.h"
 
 #include <opencv2/calib3d.hpp>
@@ -18,6 +20,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 
 namespace vexo {
 
@@ -119,14 +122,42 @@ Json describe_camera_yaml(const cv::FileStorage& yaml, const InfoRequest& o)
     const bool pair = std::find(names.begin(), names.end(), "cam0") != names.end()
         && std::find(names.begin(), names.end(), "cam1") != names.end();
     if (!pair && o.depth) throw Failure(o.file + ": --depth needs a file of a camera pair, cam0 and cam1");
+    if (!pair && names.front() == "cam0") add_share(info, direction_share_beside(o.file));
     if (!pair) return info;
     const CalibrationNotes notes = read_notes({ o.file });
     info["unit"] = notes.unit.name + (notes.unit.stated ? "" : " (assumed: the file does not say)");
     if (!notes.verdict.empty()) info["calibration_verdict"] = notes.verdict;
-    info["calibration_share_mm"] = to_json(notes.share);
     const auto cameras = read_cameras({ o.file });
     const Rectification r = rectify(cameras, cameras[0].size, -1.0, 0, cameras[0].size);
     add_rectified(info, r.P0(0, 0), r.baseline, r.P0(0, 2) - r.P1(0, 2), o.depth);
+    add_accuracy({ r.P0(0, 0), r.baseline, notes.unit }, share_beside({ o.file }), o.depth, info);
+    return info;
+}
+
+/// What it is of, and what follows from it for the cameras beside it.
+Json describe_covariance(const InfoRequest& o)
+{
+    const CameraCovariance c = read_covariance(o.file).covariance;
+    Json info { { "kind", "covariance of calibrated cameras (YAML)" }, { "residual_px", c.residual_px },
+        { "marker_sigma_px", c.marker_sigma_px }, { "distances_mm", c.distance_mm } };
+    Json deviations;
+    for (int i = 0; i < c.covariance.rows; ++i)
+        deviations[c.parameters[static_cast<std::size_t>(i)]] = std::sqrt(c.covariance(i, i));
+    info["standard_deviations"] = deviations;
+    const std::string cameras = (std::filesystem::path(o.file).parent_path() / "cameras.yaml").string();
+    std::error_code ignored;
+    if (!std::filesystem::exists(cameras, ignored)) {
+        info["belongs_to"] = "unknown: there is no cameras.yaml beside it";
+        return info;
+    }
+    cv::FileStorage yaml;
+    if (!open_yaml(cameras, yaml)) throw Failure(cameras + ": is not a YAML file that this program reads");
+    const Json own = describe_camera_yaml(yaml, { cameras, o.depth });
+    info["belongs_to"] = covariance_beside({ cameras }).covariance ? "cameras.yaml beside it"
+                                                                   : "another cameras.yaml than that beside it";
+    for (const char* key : { "calibration_share_mm", "calibration_share_unknown", "direction_share",
+             "direction_share_unknown", "expected_accuracy" })
+        if (own.contains(key)) info[key] = own[key];
     return info;
 }
 
@@ -136,6 +167,7 @@ Json describe_yaml(const InfoRequest& o)
     if (!open_yaml(o.file, yaml)) throw Failure(o.file + ": is not a YAML file that this program reads");
     return failure_if_opencv_throws(o.file + ": holds matrices of no camera", [&] {
         if (!yaml.root().isMap()) throw Failure(o.file + ": is YAML, but holds no keys");
+        if (!yaml["cameras_sha256"].empty()) return describe_covariance(o);
         return yaml["StereoName"].empty() ? describe_camera_yaml(yaml, o) : describe_stereo_yaml(yaml, o);
     });
 }
@@ -230,7 +262,10 @@ Json describe_ply(const std::string& bytes, const InfoRequest& o)
 
 std::string plain_text(const Json& value)
 {
-    if (value.is_number_float()) return number(value.get<double>(), 4);
+    if (value.is_number_float()) {
+        const double v = value.get<double>();
+        return number(v, v != 0.0 && std::abs(v) < 0.001 ? 8 : 4);
+    }
     if (value.is_string()) return value.get<std::string>();
     if (!value.is_structured()) return value.dump();
     std::string text;

@@ -4,9 +4,11 @@
 #include "base/text.h"
 #include "host/cameras/calibration_notes.h"
 #include "host/cameras/camera_file.h"
+#include "host/cameras/covariance_share.h"
 #include "host/cameras/rectification.h"
 #include "host/captures/frames.h"
 #include "host/files/marker.h"
+#include "host/reports/accuracy_info.h"
 #include "host/results/read_result.h"
 
 #include <algorithm>
@@ -93,13 +95,17 @@ double depth_of_crossing(const std::array<CalibratedCamera, 2>& cameras)
 void add_cameras(const InfoRequest& o, Json& info)
 {
     const std::string file = (fs::path(o.file) / "cameras.yaml").string();
-    const auto cameras = read_cameras({ file });
     const CalibrationNotes notes = read_notes({ file });
     info["unit"] = notes.unit.name;
     info["unit_stated"] = notes.unit.stated;
     if (!notes.verdict.empty()) info["calibration_verdict"] = notes.verdict;
-    info["calibration_share_mm"] = to_json(notes.share);
+    if (has_camera(file, "cam0") && !has_camera(file, "cam1")) {
+        add_share(info, direction_share_beside(file));
+        return;
+    }
+    const auto cameras = read_cameras({ file });
     const Rectification r = rectify(cameras, cameras[0].size, -1.0, 0, cameras[0].size);
+    add_accuracy({ r.P0(0, 0), r.baseline, notes.unit }, share_beside({ file }), o.depth, info);
     const double depth = o.depth ? 0.5 * (o.depth->first + o.depth->second) : depth_of_crossing(cameras);
     if (depth > 0.0)
         add_view(info, cameras[0].size, r.P0(0, 0), r.baseline, depth);
@@ -111,8 +117,8 @@ void add_result(const InfoRequest& o, Json& info)
 {
     const Result result = read_result(o.file);
     const Json& report = result.report;
-    for (const char* key :
-        { "method", "unit", "unit_stated", "calibration_verdict", "verdict", "calibration_share_mm" })
+    for (const char* key : { "method", "unit", "unit_stated", "calibration_verdict", "verdict", "calibration_share_mm",
+             "calibration_share_unknown" })
         if (report.contains(key)) info[key] = report[key];
     const Json::json_pointer middle("/depth/q50");
     const bool measured = report.contains(middle) && report[middle].is_number();
@@ -170,8 +176,10 @@ std::vector<std::string> folder_lines(const Json& info)
     for (const auto& [key, what] :
         { std::pair("method", "method"), { "calibration_verdict", "calibration" }, { "verdict", "verdict" } })
         if (info.contains(key) && info[key].is_string()) add(what, info[key]);
-    if (const auto share = read_share(info, "calibration_share_mm", "cameras.yaml"))
-        add("  its share", depths_in_words(*share) + " of depth, beside the noise");
+    if (info.contains("calibration_share_mm")) add("  its share", in_words(read_share(info, "report.json")));
+    if (info.contains("direction_share")) add("  its share", in_words(read_direction_share(info, "cameras.yaml")));
+    if (const std::string expected = accuracy_in_words(info); !expected.empty())
+        add("  to expect", expected + ": this share, and a usual scan's noise");
     if (info.contains("pictures")) add("pictures", info["pictures"][0].dump() + " and " + info["pictures"][1].dump());
     if (info.contains("points")) add("points", grouped(info["points"].get<long long>()));
     if (info.contains("baseline")) add("baseline", length(info["baseline"], 2));

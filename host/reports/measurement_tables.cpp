@@ -1,6 +1,7 @@
 #include "host/reports/measurement_tables.h"
 
 #include "base/text.h"
+#include "host/cameras/calibration_share.h"
 #include "host/reports/html.h"
 
 #include <algorithm>
@@ -49,14 +50,16 @@ std::string sigma_fact(const Measured& m, const Json& report)
             + ", of the noise alone");
 }
 
-/// Half of what two calibrations differ by, each from one half of the views.
+/// What the cameras themselves are off by, beside sigma.
 std::string calibration_fact(const Json& report)
 {
-    const std::string key = "/calibration_share_mm/";
-    const std::string middle = figure(report, key + "middle", 3);
-    if (middle == dash) return fact("Calibration's share", "not known", "its files do not say it; not in sigma");
-    return fact("Calibration's share", middle + " mm",
-        figure(report, key + "near", 3) + " mm near, " + figure(report, key + "far", 3) + " mm far; not in sigma");
+    const StatedShare stated = read_share(report, "report.json");
+    const std::string what = "Calibration's share";
+    if (!stated.share) return fact(what, "not known", sentence_html(stated.why_unknown) + " Not in sigma");
+    const std::string& invalid = stated.share->invalid;
+    return fact(what, number(stated.share->depth_mm[1], 4) + " mm",
+        depths_in_words(*stated.share) + "; not in sigma"
+            + (invalid.empty() ? "" : ". <strong>Not valid:</strong> " + sentence_html(invalid)));
 }
 
 std::string rows_fact(const RowError& rows)

@@ -96,9 +96,8 @@ void add_precision(std::vector<std::string>& lines, const Measured& m, const Jso
     else
         lines.push_back("sigma        " + quantile_text(report["sigma"], m.unit.decimals(4)) + " " + m.unit.name
             + " (1 / 50 / 99 %), of the noise alone");
-    const auto share = read_share(report, "calibration_share_mm", "report.json");
-    lines.push_back("calibration  its own share of the error, beside sigma: "
-        + (share ? depths_in_words(*share) : "unknown, its files do not say it"));
+    lines.push_back(
+        "calibration  its own share of the error, beside sigma: " + in_words(read_share(report, "report.json")));
 }
 
 void add_quantiles(std::vector<std::string>& lines, const Measured& m, const Json& report)

@@ -155,7 +155,7 @@ Json make_report(
     report["unit"] = stereo.notes.unit.name;
     report["unit_stated"] = stereo.notes.unit.stated;
     report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);
-    report["calibration_share_mm"] = vexo::to_json(stereo.notes.share);
+    add_share(report, stereo.share);
     if (!m.fringes[0].empty())
         report["fringes"] = { { "cam0", describe_fringes(m, 0) }, { "cam1", describe_fringes(m, 1) } };
     if (m.method() != Method::sgbm)

@@ -59,6 +59,11 @@ protected:
         return told("calibrate", "--board " + at("board.yaml") + " " + arguments);
     }
 
+    static double number_of(const std::string& yaml, const std::string& key)
+    {
+        return static_cast<double>(cv::FileStorage(yaml, cv::FileStorage::READ)[key]);
+    }
+
     static std::string answer(const Json& report, const std::string& question, const std::string& part)
     {
         for (const Json& check : report["checks"])
@@ -225,7 +230,32 @@ TEST_F(Calibrate, RulersCorrectThePitchAndTellAPrinterThatIsNotSquare)
     const Json report = calibrated(at("photos") + " --no-hold-out --ruler-x 99.6 --ruler-y 99.8 --out " + at("rulers"));
     EXPECT_NEAR(report["pitch_mm"].get<double>(), 20 * 0.997, 1e-9);
     EXPECT_NEAR(report["baseline_mm"].get<double>(), truth["baseline_mm"].get<double>() * 0.997, 0.3);
-    EXPECT_NE(answer(report, "Is the printed board true to scale?", "answer").find("not square"), std::string::npos);
+    EXPECT_NE(answer(report, "Is the printed board true to scale?", "answer")
+                  .find("0.201 % apart, which the views do not show"),
+        std::string::npos);
+}
+
+TEST_F(Calibrate, LearnsHowABentBoardLiesAndLetsRulerXAloneSetItsPitch)
+{
+    ASSERT_EQ(run("simulate calibration --quiet --size 800x640 --views 8 --bow 0.3 --stretch-y 0.003 --board "
+                  + at("board.yaml") + " --out " + at("bent"))
+                  .code,
+        0);
+    const Json report = calibrated(at("bent") + " --no-hold-out --ruler-x 99 --ruler-y 99.3 --out " + at("of_bent"));
+    for (std::size_t k = 0; k < 2; ++k)
+        EXPECT_NEAR(report["cameras"][k]["fx"].get<double>(), matrix(truth["cameras"][k]["K"])(0, 0), 0.2);
+    const Json& shape = report["board_shape"];
+    EXPECT_TRUE(shape["kept"].get<bool>());
+    EXPECT_NEAR(shape["stretch_y"].get<double>(), 0.003, 5e-5);
+    EXPECT_NEAR(shape["bow_xx"].get<double>(), shape["bow_yy"].get<double>(), 0.005) << "a paraboloid was bent";
+    EXPECT_LT(shape["bow_xx"].get<double>(), -0.1) << "its middle nearer to the cameras than the rim";
+    const double printed = number_of(at("board.yaml"), "pitch");
+    EXPECT_DOUBLE_EQ(number_of(at("of_bent/board.yaml"), "pitch"), 0.99 * printed);
+    EXPECT_EQ(answer(report, "Is the printed board true to scale?", "level"), "good")
+        << "ruler y agrees with the views";
+    EXPECT_NEAR(number_of(at("of_bent/board.yaml"), "bow_xx"), shape["bow_xx"].get<double>(), 1e-6);
+    const Json verified = told("verify", at("bent") + " --calib " + at("of_bent"));
+    EXPECT_LT(verified["cameras"][0]["rms_px"].get<double>(), 0.2) << "a flat board would be off by more";
 }
 
 TEST_F(Calibrate, OneCameraIsCalibratedFromItsPicturesAlone)

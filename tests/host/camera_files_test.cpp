@@ -74,29 +74,6 @@ TEST_F(CameraFiles, SayUnitAndVerdictInTheirLastKeysAndABaselineThatLooksLikeAno
         EXPECT_NE(why_refused({ put("cameras.yaml", bare + keys) }).find("cameras.yaml"), std::string::npos) << keys;
 }
 
-TEST_F(CameraFiles, SayTheCalibrationsShareOrThatItIsUnknownButNeverNonsense)
-{
-    const CalibrationShare share { { 500, 600, 800 }, { 0.02, 0.03, 0.05 }, { 0.01, 0.01, 0.02 }, { 1e-5, 2e-5, 0 } };
-    EXPECT_FALSE(open_stereo({ put("cameras.yaml", text) }, param()).notes.share);
-    const std::string said = text + share_yaml(share);
-    const auto read = open_stereo({ put("cameras.yaml", said) }, param()).notes.share;
-    ASSERT_TRUE(read);
-    EXPECT_EQ(to_json(*read), to_json(share));
-    EXPECT_NEAR(read->at(700).depth_mm, 0.04, 1e-12);
-    EXPECT_NEAR(read->at(1600).depth_mm, 0.2, 1e-12) << "grows with the square of the distance";
-    EXPECT_NEAR(read->at(250).bend_mm, 0.0025, 1e-12);
-    const std::pair<std::string, std::string> damages[]
-        = { { "share_scale", "shore_scale" }, { "5.0000e+02", "9e9" }, { "2.0000e-02", "-2e-2" },
-              { "2.0000e-02", ".nan" }, { "2.0000e-02", ".Inf" }, { "2.0000e-02,", "" }, { "2.0000e-02", "none" } };
-    for (const auto& [good, bad] : damages) {
-        std::string damaged = said;
-        damaged.replace(damaged.find(good), good.size(), bad);
-        EXPECT_NE(why_refused({ put("cameras.yaml", damaged) }).find("share_depth_mm"), std::string::npos) << bad;
-    }
-    EXPECT_FALSE(read_share(Json { { "share", "unknown" } }, "share", "report.json"));
-    EXPECT_THROW(read_share(Json { { "share", { { "near", 1 } } } }, "share", "report.json"), Failure);
-}
-
 /// A rig in all the forms in which others have it; each in a folder of its own.
 class ForeignCameraFiles : public CameraFiles {
 protected:
