@@ -5,6 +5,7 @@
 #include "base/text.h"
 #include "host/calibration/board_heights.h"
 #include "host/cameras/calibration_notes.h"
+#include "host/reports/calibration_text.h"
 #include "host/reports/html.h"
 #include "host/reports/share_section.h"
 #include "host/reports/svg.h"
@@ -283,7 +284,8 @@ std::string calibration_html(const Calibrated& c, const std::vector<Finding>& fi
             "Height of each marker off the plane, as all views together say it.", shape_drawings(c) });
     page.sections.push_back(
         { "Cameras", "Intrinsics in px; x right, y down, (0, 0) the centre of the top left pixel.", cameras_table(c) });
-    page.sections.push_back({ "Views", "What was recognised, and how well it fits.", views_table(c) });
+    page.sections.push_back({ "Views",
+        "What was recognised, and how well it fits. In all: " + refinement_line(c.refinement) + ".", views_table(c) });
     return page_html(page);
 }
 
