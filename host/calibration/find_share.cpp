@@ -34,7 +34,16 @@ std::optional<CameraCovariance> covariance_of(int flags, const Calibrated& c)
     cv::convexHull(seen, hull);
     const std::vector<double>& depths = c.fits[0].marker_depths;
     return CameraCovariance { covariance_parameters(c.cameras), bundle->covariance, bundle->residual_px(),
-        marker_sigma(c), { depths[0], depths[1], depths[2] }, { hull.begin(), hull.end() } };
+        marker_sigma(c), 0.0, { depths[0], depths[1], depths[2] }, { hull.begin(), hull.end() } };
+}
+
+/// Each half has twice the variance of the whole, and their difference four times.
+double halves_ratio(const Calibrated& c)
+{
+    if (!c.hold_out.done || !c.share.share) return 0.0;
+    const DepthApart& apart = c.hold_out.apart;
+    const double ratio = 0.5 * apart.depth / c.share.share->at(apart.distance).depth_mm;
+    return std::isfinite(ratio) ? ratio : 0.0;
 }
 
 } // namespace
@@ -48,6 +57,8 @@ void find_share(int flags, Calibrated& c)
     }
     if (c.is_pair()) {
         c.share = share_of(c.cameras, *c.covariance);
+        c.covariance->halves_ratio = halves_ratio(c);
+        if (c.share.share) c.share.share->invalid = why_invalid(*c.covariance);
         c.share_map = share_map(c.cameras, *c.covariance);
     } else {
         c.direction = direction_share(c.cameras[0], *c.covariance);
