@@ -42,6 +42,7 @@ void say_result(const GlobalOptions& options, const Calibrated& c, const std::ve
     if (c.is_pair() && !hmat)
         say(options, "no hmat set: it cannot express a rectified size that differs from the pictures'");
     say(options, view_lines(c));
+    say(options, refinement_line(c.refinement));
     say(options, finding_lines(findings));
 }
 

@@ -190,9 +190,10 @@ Solved solve_in_rounds(const CalibrateRequest& o, Calibrated& c, const OnStep& o
     Solved solved = solved_cameras(o, c);
     for (int round = 0; o.refine && good_enough_to_refine(solved) && round < refine_rounds; ++round) {
         next_step(on_step, "measuring the markers by their grey values");
-        const int added = c.refinement.views_added;
+        const Refinement before = c.refinement;
         c.refinement = refine_views(c.views, c.used, c.board, solved.cameras);
-        c.refinement.views_added += added;
+        c.refinement.views_added += before.views_added;
+        c.refinement.seconds += before.seconds;
         solved = solved_cameras(o, c);
         learn_shape(o, given, solved, c);
         if (c.shape.kept) solved = solved_cameras(o, c);

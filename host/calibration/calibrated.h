@@ -49,7 +49,7 @@ struct Calibrated {
     PairFit pair;
     PairAgreement agreement; ///< only asked for when the pair fits far worse than its cameras, else empty
     HoldOut hold_out;
-    Refinement refinement; ///< of the last round
+    Refinement refinement; ///< of the last round; the views added and the seconds of all
     LearntShape shape;
     std::optional<CameraCovariance> covariance; ///< nothing: the views do not determine it
     StatedShare share;                          ///< of a pair, by the covariance

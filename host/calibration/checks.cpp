@@ -252,6 +252,7 @@ std::string question_of(const Finding& finding)
         { "views", "Are there enough views?" },
         { "coverage", "Do the views fill the image?" },
         { "tilt", "Is the board tilted enough?" },
+        { "markers", "Can the markers be measured?" },
         { "board", "Is board.yaml that of this board?" },
         { "sides", "Is camera 1 to the right of camera 0?" },
         { "fit", "Do the cameras fit the pictures?" },

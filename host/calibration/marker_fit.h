@@ -45,6 +45,7 @@ private:
     struct Pixel {
         double edge, hole;     ///< signed distances from both edges, px, positive outside
         double nx, ny, radius; ///< normal, and the radius along it, px
+        double box_cumulant;   ///< fourth, of the pixel's area along the normal, px^4
         double x, y;           ///< from the middle, in units of 10 px
         double grey;
     };

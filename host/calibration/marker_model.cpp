@@ -20,14 +20,6 @@ std::array<double, 6> terms(cv::Point2d p)
     return { 1.0, p.x, p.y, p.x * p.x, p.x * p.y, p.y * p.y };
 }
 
-double sum(const std::array<double, 6>& coefficients, const std::array<double, 6>& of)
-{
-    double total = 0.0;
-    for (std::size_t i = 0; i < of.size(); ++i)
-        total += coefficients[i] * of[i];
-    return total;
-}
-
 /// The quadratics of least squares that take one list of points to the other.
 Quadratics fit(const std::array<cv::Point2d, grid_points>& from, const std::array<cv::Point2d, grid_points>& to)
 {
@@ -65,19 +57,6 @@ std::array<cv::Point2d, grid_points> grid_on_board(double radius)
 }
 
 } // namespace
-
-cv::Point2d Quadratics::at(cv::Point2d p) const
-{
-    const std::array<double, 6> t = terms(p);
-    return { sum(x, t), sum(y, t) };
-}
-
-cv::Matx22d Quadratics::slope(cv::Point2d p) const
-{
-    const auto by_a = [p](const std::array<double, 6>& c) { return c[1] + 2.0 * c[3] * p.x + c[4] * p.y; };
-    const auto by_b = [p](const std::array<double, 6>& c) { return c[2] + c[4] * p.x + 2.0 * c[5] * p.y; };
-    return { by_a(x), by_b(x), by_a(y), by_b(y) };
-}
 
 std::vector<MarkerModel> marker_models(const BoardFile& board, const BoardPose& pose, const CalibratedCamera& camera)
 {

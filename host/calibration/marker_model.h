@@ -15,9 +15,19 @@ namespace vexo {
 struct Quadratics {
     std::array<double, 6> x {}, y {};
 
-    cv::Point2d at(cv::Point2d p) const;
+    cv::Point2d at(cv::Point2d p) const { return { _value(x, p), _value(y, p) }; }
     /// Derivatives: d(x, y) / d(a, b).
-    cv::Matx22d slope(cv::Point2d p) const;
+    cv::Matx22d slope(cv::Point2d p) const { return { _by_a(x, p), _by_b(x, p), _by_a(y, p), _by_b(y, p) }; }
+
+private:
+    using Coefficients = std::array<double, 6>;
+
+    static double _value(const Coefficients& c, cv::Point2d p)
+    {
+        return c[0] + p.x * (c[1] + c[3] * p.x + c[4] * p.y) + p.y * (c[2] + c[5] * p.y);
+    }
+    static double _by_a(const Coefficients& c, cv::Point2d p) { return c[1] + 2.0 * c[3] * p.x + c[4] * p.y; }
+    static double _by_b(const Coefficients& c, cv::Point2d p) { return c[2] + c[4] * p.x + 2.0 * c[5] * p.y; }
 };
 
 /// How a camera sees the surroundings of one marker, through pose and distortion. Both directions, since edges are

@@ -1,5 +1,6 @@
 #include "host/calibration/refine_markers.h"
 
+#include "base/statistics.h"
 #include "host/calibration/marker_edges.h"
 #include "host/calibration/marker_fit.h"
 
@@ -7,6 +8,7 @@
 #include <cfloat>
 #include <cmath>
 #include <limits>
+#include <optional>
 
 namespace vexo {
 
@@ -33,6 +35,26 @@ bool agree(const MarkerFit& fit, cv::Point2d by_edges)
     return cv::norm(by_edges - fit.centre) <= sigmas * sigma_of(fit) + more_px;
 }
 
+/// What the model leaves of a marker's grey values, in units in which noise, which grows with the root of the light,
+/// and faults of the model, which grow with the contrast, are alike for markers in the light and in the dark.
+double misfit(const MarkerFit& fit)
+{
+    return fit.rms / std::sqrt(fit.paper - fit.ink);
+}
+
+using Fits = std::vector<std::optional<MarkerFit>>;
+
+/// The misfit beyond which something lies on a marker that its model does not know: it would be believed otherwise, as
+/// what is wrong counts as noise there.
+double most_misfit(const Fits& fits)
+{
+    constexpr double times = 3.0; // clean markers differ by less, whatever the light
+    std::vector<double> misfits;
+    for (const auto& fit : fits)
+        if (fit) misfits.push_back(misfit(*fit));
+    return misfits.empty() ? 0.0 : times * median(misfits);
+}
+
 } // namespace
 
 RefinedMarkers refine_markers(const cv::Mat& picture, const BoardFile& board, const BoardPose& pose,
@@ -41,24 +63,29 @@ RefinedMarkers refine_markers(const cv::Mat& picture, const BoardFile& board, co
     const std::vector<MarkerModel> models = marker_models(board, pose, camera);
     const std::vector<BoardMarker> markers = board_markers(board.layout);
     MarkerFitter fitter(picture, board);
-    const auto refine = [&](std::size_t i, cv::Point2f& centre, double& sigma) {
-        const bool ring = markers[i].ring;
-        const auto fit = fitter.fit(models[i], ring);
+    Fits fits(models.size());
+    for (std::size_t i = 0; i < fits.size(); ++i)
+        fits[i] = fitter.fit(models[i], markers[i].ring);
+    const double most = most_misfit(fits);
+    const auto judge = [&](std::size_t i) {
+        const auto& fit = fits[i];
         if (!fit) return Marker::not_fitted;
         const bool seen = i < recognised.size() && recognised[i].x != FLT_MAX;
         if (moved_far(models[i], seen ? cv::Point2d(recognised[i]) : models[i].middle, fit->centre))
             return Marker::far_off;
-        const auto edges = centre_by_edges(picture, board, models[i], *fit, ring);
-        if (!edges || !agree(*fit, *edges)) return Marker::doubtful;
-        centre = cv::Point2f(fit->centre);
-        sigma = sigma_of(*fit);
-        return Marker::kept;
+        if (misfit(*fit) > most) return Marker::doubtful;
+        const auto edges = centre_by_edges(picture, board, models[i], *fit, markers[i].ring);
+        return edges && agree(*fit, *edges) ? Marker::kept : Marker::doubtful;
     };
     RefinedMarkers refined;
     refined.centres.assign(models.size(), { FLT_MAX, FLT_MAX });
     refined.sigma.assign(models.size(), std::numeric_limits<double>::quiet_NaN());
     for (std::size_t i = 0; i < models.size(); ++i) {
-        const Marker marker = refine(i, refined.centres[i], refined.sigma[i]);
+        const Marker marker = judge(i);
+        if (marker == Marker::kept) {
+            refined.centres[i] = cv::Point2f(fits[i]->centre);
+            refined.sigma[i] = sigma_of(*fits[i]);
+        }
         refined.found += marker == Marker::kept ? 1 : 0;
         refined.not_fitted += marker == Marker::not_fitted ? 1 : 0;
         refined.far_off += marker == Marker::far_off ? 1 : 0;

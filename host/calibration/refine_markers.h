@@ -17,7 +17,7 @@ struct RefinedMarkers {
     int found = 0;
     int not_fitted = 0; ///< hidden, outside, or without convergence
     int far_off = 0;    ///< farther from where it was recognised than recognition errs
-    int doubtful = 0;   ///< the grey values say another place than the edges, beyond their sigma
+    int doubtful = 0;   ///< grey values unlike the other markers', or another place than the edges say, beyond sigma
 };
 
 /// Fits every marker of the board through pose and distortion, those too that recognition missed, and holds it against

@@ -92,13 +92,41 @@ std::vector<Finding> check_sides(const Calibrated& c)
         "exchange cam0 and cam1 here if captures have them the other way round; else all is well" } };
 }
 
+/// Single markers are spoilt by dirt, glints and shadows' edges; more of them say that the pictures are not right.
+constexpr double few_left_out = 0.05;
+
+/// The used picture with the fewest markers, "cam1 view07.png (190 of 285)".
+std::string poorest_picture(const Calibrated& c)
+{
+    const BoardPicture* poorest = nullptr;
+    for (const auto& pictures : c.views.cameras)
+        for (std::size_t v = 0; v < pictures.size(); ++v)
+            if (c.used[v] && (poorest == nullptr || pictures[v].found < poorest->found)) poorest = &pictures[v];
+    return "cam" + std::to_string(poorest->camera) + " " + poorest->name + " (" + std::to_string(poorest->found)
+        + " of " + std::to_string(c.board.markers()) + ")";
+}
+
+/// Says something only where markers that were seen did not let themselves be measured.
+std::vector<Finding> check_markers(const Calibrated& c)
+{
+    const Refinement& r = c.refinement;
+    const int left_out = r.far_off + r.doubtful, all = r.markers + left_out;
+    if (left_out <= few_left_out * all || c.used_count() == 0) return {};
+    return { { "markers", Weight::worse, "",
+        number(100.0 * left_out / all, 0) + " % of the markers were left out: of " + std::to_string(r.doubtful)
+            + " have grey values unlike the others, or edges that say another place; " + std::to_string(r.far_off)
+            + " are far from where they were recognised; fewest were kept in " + poorest_picture(c),
+        "look for glints, dirt, shadows' edges and motion blur; take these pictures again, the board at rest in soft "
+        "light" } };
+}
+
 } // namespace
 
 std::vector<Finding> check_views(const Calibrated& c)
 {
     std::vector<Finding> findings { check_count(c), check_coverage(c), check_tilt(c), check_board(c) };
-    for (const Finding& finding : check_sides(c))
-        findings.push_back(finding);
+    for (const auto& more : { check_sides(c), check_markers(c) })
+        findings.insert(findings.end(), more.begin(), more.end());
     return findings;
 }
 

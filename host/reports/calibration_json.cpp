@@ -48,8 +48,17 @@ Json to_json(const PairFit& fit)
 
 Json to_json(const BoardPicture& picture, const BoardFile& board)
 {
-    return { { "file", picture.name }, { "code", picture.code }, { "found", picture.found },
+    Json json { { "file", picture.name }, { "code", picture.code }, { "found", picture.found },
         { "outcome", outcome(picture, board) } };
+    if (picture.recognised()) json["step"] = name_of(picture.step);
+    return json;
+}
+
+Json to_json(const Refinement& r)
+{
+    return { { "markers", r.markers }, { "not_fitted", r.not_fitted }, { "far_off", r.far_off },
+        { "doubtful", r.doubtful }, { "views_added", r.views_added }, { "sigma_px", finite(r.sigma) },
+        { "seconds", finite(r.seconds) } };
 }
 
 /// What the views say of how the board's markers lie.
@@ -62,6 +71,19 @@ Json to_json(const LearntShape& learnt, const BoardFile& board)
         { "stretch_y", finite(shape.stretch_y) }, { "shear", finite(shape.shear) } };
 }
 
+Json to_json(const HoldOut& held)
+{
+    Json json;
+    for (const CameraFit& fit : held.fits)
+        json["camera_rms_px"].push_back(finite(fit.rms));
+    json["focal_spread_px"] = finite(held.focal_spread);
+    if (held.fits.size() < 2) return json;
+    json["halves_apart"] = { { "distance_mm", finite(held.apart.distance) }, { "depth_mm", finite(held.apart.depth) },
+        { "shape_mm", finite(held.apart.shape) } };
+    json["pair"] = to_json(held.pair);
+    return json;
+}
+
 } // namespace
 
 Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
@@ -69,6 +91,7 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
     Json json { { "verdict", calibration_verdict(findings) }, { "image_size", { c.size.width, c.size.height } },
         { "rms_px", finite(c.rms) }, { "pitch_mm", c.board.layout.pitch_mm }, { "views_used", c.used_count() } };
     if (c.is_pair()) json["baseline_mm"] = finite(c.baseline);
+    if (c.refinement.made) json["refinement"] = to_json(c.refinement);
     if (c.is_pair())
         add_share(json, c.share);
     else
@@ -103,15 +126,7 @@ Json calibration_json(const Calibrated& c, const std::vector<Finding>& findings)
     json["dropped_views"] = c.dropped;
     if (c.is_pair()) json["pair"] = to_json(c.pair);
     json["board_shape"] = to_json(c.shape, c.board);
-    if (c.hold_out.done) {
-        for (const CameraFit& fit : c.hold_out.fits)
-            json["hold_out"]["camera_rms_px"].push_back(finite(fit.rms));
-        json["hold_out"]["focal_spread_px"] = finite(c.hold_out.focal_spread);
-        if (c.is_pair())
-            json["hold_out"]["halves_apart"] = { { "distance_mm", finite(c.hold_out.apart.distance) },
-                { "depth_mm", finite(c.hold_out.apart.depth) }, { "shape_mm", finite(c.hold_out.apart.shape) } };
-        if (c.is_pair()) json["hold_out"]["pair"] = to_json(c.hold_out.pair);
-    }
+    if (c.hold_out.done) json["hold_out"] = to_json(c.hold_out);
     return json;
 }
 

@@ -48,6 +48,18 @@ std::vector<std::string> view_lines(const Calibrated& c)
     return lines;
 }
 
+std::string refinement_line(const Refinement& r)
+{
+    if (!r.made) return "markers as they were recognised, not measured by their grey values";
+    const auto part = [](int count, const char* why) { return count == 0 ? "" : ", " + std::to_string(count) + why; };
+    const std::string left_out = part(r.not_fitted, " hidden, outside or too faint")
+        + part(r.far_off, " far from where they were recognised") + part(r.doubtful, " with something on them");
+    return std::to_string(r.markers) + " markers measured by their grey values, to " + number(r.sigma, 4)
+        + " px a coordinate; left out: " + (left_out.empty() ? "none" : left_out.substr(2))
+        + (r.views_added == 0 ? "" : "; views that the other camera's pose added: " + std::to_string(r.views_added))
+        + "; " + number(r.seconds, 1) + " s";
+}
+
 std::vector<std::string> finding_lines(const std::vector<Finding>& findings)
 {
     std::vector<std::string> lines;
