@@ -3,6 +3,7 @@
 #include "base/boundary.h"
 #include "host/calibration/bundle_view.h"
 #include "host/cameras/board_pose.h"
+#include "host/cameras/camera_covariance.h"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core/eigen.hpp>

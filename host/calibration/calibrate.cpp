@@ -4,12 +4,10 @@
 #include "base/statistics.h"
 #include "host/calibration/bundle.h"
 #include "host/calibration/checks.h"
+#include "host/calibration/find_share.h"
 #include "host/calibration/pair_agreement.h"
 #include "host/calibration/solve.h"
-#include "host/cameras/covariance_share.h"
 #include "host/cameras/pair_files.h"
-
-#include <opencv2/imgproc.hpp>
 
 #include <algorithm>
 #include <array>
@@ -222,47 +220,6 @@ void add_files(const CalibrateRequest& o, Calibrated& c)
     c.files.emplace_back("boardRT.yaml", board_pose_yaml(*pose));
 }
 
-/// rms of the markers' own standard deviations of a coordinate, px; 0: they were not refined.
-double marker_sigma(const Calibrated& c)
-{
-    Squares sigmas;
-    for (const auto& pictures : c.views.cameras)
-        for (std::size_t v = 0; v < pictures.size(); ++v)
-            for (const double sigma : pictures[v].sigma)
-                if (c.used[v] && std::isfinite(sigma)) sigmas.add(sigma * sigma);
-    return std::isfinite(sigmas.rms()) ? sigmas.rms() : 0.0;
-}
-
-/// How sure the cameras are; nothing where the views do not determine it.
-std::optional<CameraCovariance> covariance_of(const CalibrateRequest& o, const Calibrated& c)
-{
-    const auto bundle = adjust_bundle(c.views, c.board, c.used, c.cameras, { o.flags, c.shape.kept });
-    if (!bundle) return std::nullopt;
-    std::vector<cv::Point2f> seen, hull;
-    for (const Residual& residual : c.fits[0].residuals)
-        seen.emplace_back(residual.seen_px);
-    cv::convexHull(seen, hull);
-    const std::vector<double>& depths = c.fits[0].marker_depths;
-    return CameraCovariance { covariance_parameters(c.cameras), bundle->covariance, bundle->residual_px(),
-        marker_sigma(c), { depths[0], depths[1], depths[2] }, { hull.begin(), hull.end() } };
-}
-
-/// What follows from the covariance.
-void find_share(const CalibrateRequest& o, Calibrated& c)
-{
-    c.covariance = covariance_of(o, c);
-    if (!c.covariance) {
-        c.share.why_unknown = c.direction.why_unknown = "the views do not determine all that is to be calibrated";
-        return;
-    }
-    if (c.is_pair()) {
-        c.share = share_of(c.cameras, *c.covariance);
-        c.share_map = share_map(c.cameras, *c.covariance);
-    } else {
-        c.direction = direction_share(c.cameras[0], *c.covariance);
-    }
-}
-
 } // namespace
 
 BoardFile corrected_board(const BoardFile& board, const CalibrateRequest& request)
@@ -288,7 +245,7 @@ Calibrated calibrate(const BoardViews& views, const BoardFile& board, double pri
     add_files(request, c);
     next_step(on_step, "hold-out check");
     hold_against_views(request, c);
-    find_share(request, c);
+    find_share(request.flags, c);
     return c;
 }
 

@@ -58,9 +58,10 @@ std::string better_views(const Calibrated& c)
 /// What to do about a share that is not valid.
 std::string remedy(const Calibrated& c)
 {
-    return c.covariance && !(c.covariance->marker_sigma_px > 0.0)
-        ? "calibrate without --no-refine"
-        : "mount the sheet on a stiff, flat plate, hold it still, check board.yaml, and leave out views that stand out";
+    if (!(c.covariance->marker_sigma_px > 0.0)) return "calibrate without --no-refine";
+    return "take sharper photos, mount the sheet on a stiff, flat plate, hold it still, check board.yaml, and leave "
+           "out "
+           "views that stand out";
 }
 
 Finding check_direction(const Calibrated& c)

@@ -22,6 +22,9 @@ struct CameraCovariance {
     double residual_px = 0.0;
     /// px, what the markers' own sigmas let one expect of it, rms; 0: the markers were not refined.
     double marker_sigma_px = 0.0;
+    /// Depths by the cameras of either half of the views differ by so many times what the covariance lets one expect;
+    /// 0: not asked.
+    double halves_ratio = 0.0;
     std::array<double, 3> distance_mm {}; ///< near, middle, far: depths of markers in camera 0, ascending
     std::vector<cv::Point2d> seen_px;     ///< convex hull of the markers seen in camera 0
 };

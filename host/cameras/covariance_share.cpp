@@ -134,11 +134,14 @@ Points without_rotation(const Points& of, Points moves)
 
 std::string why_invalid(const CameraCovariance& c)
 {
-    constexpr double most_times = 2.0;
+    constexpr double most_times = 2.0, most_apart = 3.0; // by chance halves are so far apart once in hundreds
     if (!(c.marker_sigma_px > 0.0))
         return "the markers were not refined, and centres as they are recognised are off the same way in all pictures, "
                "which no residual shows";
     const double times = c.residual_px / c.marker_sigma_px;
+    if (times <= most_times && c.halves_ratio > most_apart)
+        return "the two halves of the views are " + number(c.halves_ratio, 1)
+            + " times as far apart as follows from it: markers are off alike in many photos, as in blurred ones";
     if (times <= most_times) return "";
     return "the markers lie " + number(c.residual_px, 3) + " px from where the cameras put them, " + number(times, 1)
         + " times what their own noise explains: a bent or wrong board, one that moved, or a lens that the model does "

@@ -25,7 +25,14 @@ constexpr double drawing_width = 560.0; ///< units of the drawings
 
 constexpr int thumbnail_width = 200; ///< px
 
-constexpr double arrow_scale = 100.0;
+/// By how much residuals are enlarged: so that one of usual length is some tens of px long, in tens.
+double arrow_scale_of(const Calibrated& c)
+{
+    double rms = 1e-3;
+    for (const CameraFit& fit : c.fits)
+        rms = std::max(rms, std::isfinite(fit.rms) ? fit.rms : 0.0);
+    return std::pow(10.0, std::clamp(std::round(std::log10(15.0 / rms)), 0.0, 3.0));
+}
 
 std::string or_dash(double value, int decimals)
 {
@@ -64,6 +71,7 @@ std::string coverage_drawing(const Calibrated& c, std::size_t camera)
 std::string residual_drawing(const Calibrated& c, std::size_t camera)
 {
     constexpr int across = 16, down = 12, least = 3;
+    const double arrow_scale = arrow_scale_of(c), shown = 10.0 / arrow_scale; // px
     const double scale = drawing_width / c.size.width, height = c.size.height * scale;
     struct Cell {
         cv::Point2d at;
@@ -87,13 +95,13 @@ std::string residual_drawing(const Calibrated& c, std::size_t camera)
         bold += stroke(at, cell.error * (scale * arrow_scale / cell.count));
         feet += stroke(at, { 0, 0 });
     }
-    const double tenth = 0.1 * scale * arrow_scale;
+    const double mark = shown * scale * arrow_scale;
     return open_svg(drawing_width, height + 20) + "<path d=\"" + fine
         + "\" stroke=\"#6b8fb8\" stroke-opacity=\".8\" stroke-width=\".7\" fill=\"none\"/><path d=\"" + feet
         + "\" stroke=\"#b3202c\" stroke-width=\"3.4\" stroke-linecap=\"round\"/><path d=\"" + bold
         + "\" stroke=\"#b3202c\" stroke-width=\"1.8\" fill=\"none\"/><path d=\""
-        + stroke({ 8, height + 11 }, { tenth, 0 }) + "\" stroke=\"#1c2430\" stroke-width=\"2\"/>"
-        + svg_text(16 + tenth, height + 15, "0.1 px")
+        + stroke({ 8, height + 11 }, { mark, 0 }) + "\" stroke=\"#1c2430\" stroke-width=\"2\"/>"
+        + svg_text(16 + mark, height + 15, short_number(shown) + " px")
         + svg_text(drawing_width - 8, height + 15, "blue: each marker, red: mean of a cell", "text-anchor=\"end\"")
         + "</svg>";
 }
@@ -276,8 +284,9 @@ std::string calibration_html(const Calibrated& c, const std::vector<Finding>& fi
         { "Where were the markers?", "All markers of the used views in the image; red cells have none.",
             side_by_side(c, coverage_drawing) },
         { "What do the cameras not explain?",
-            "Difference between a marker and where the calibration puts it, 100 times enlarged. Red arrows that swirl "
-            "or point outwards together show distortion that the model does not follow.",
+            "Difference between a marker and where the calibration puts it, " + number(arrow_scale_of(c), 0)
+                + " times enlarged. Red arrows that swirl or point outwards together show distortion that the model "
+                  "does not follow.",
             side_by_side(c, residual_drawing) } };
     if (c.is_pair() || c.shape.kept)
         page.sections.push_back({ "Is the printed board flat?",

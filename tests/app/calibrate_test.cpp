@@ -94,11 +94,31 @@ TEST_F(Calibrate, FindsThePairThatWasRendered)
     const Json measured = told("measure",
         "--method sgbm --cam0 " + picture("photos", 0, 5) + " --cam1 " + picture("photos", 1, 5) + " --calib "
             + at("calib") + " --out " + at("shared"));
-    const Json &share = measured["calibration_share_mm"], info = told("info", at("calib/cameras.yaml"));
-    EXPECT_EQ(share, info["calibration_share_mm"]);
-    EXPECT_NEAR(
-        share["middle"].get<double>(), 0.5 * apart["depth_mm"].get<double>(), 0.5 * share["middle"].get<double>())
-        << "half of it, there by the markers seen, here evenly over the picture";
+    const Json& share = measured["calibration_share_mm"];
+    ASSERT_TRUE(share.is_object()) << measured["calibration_share_unknown"];
+    EXPECT_EQ(share, report["calibration_share_mm"]);
+    for (const char* known : { "calib", "calib/cameras.yaml", "calib/covariance.yaml" }) {
+        const Json info = told("info", at(known) + " --depth 500:700"), expected = info["expected_accuracy"];
+        EXPECT_EQ(share, info["calibration_share_mm"]) << known;
+        EXPECT_EQ(expected["distances_mm"], Json({ 500.0, 600.0, 700.0 })) << known;
+        for (std::size_t i = 0; i < 3; ++i)
+            EXPECT_NEAR(expected["accuracy_mm"][i].get<double>(),
+                std::hypot(expected["share_mm"][i].get<double>(), expected["noise_mm"][i].get<double>()), 1e-12);
+    }
+}
+
+TEST_F(Calibrate, IsNotCalledGoodWithoutRefinementAndOfASingleCameraSaysDirections)
+{
+    const std::string to_raw = at("photos") + " --no-refine --no-hold-out --out " + at("raw");
+    const Json raw = Json::parse(run("calibrate --json --board " + at("board.yaml") + " " + to_raw).out);
+    EXPECT_NE(raw["verdict"], "good");
+    EXPECT_NE(raw["calibration_share_mm"]["invalid"].get<std::string>().find("not refined"), std::string::npos);
+    EXPECT_NE(answer(raw, "How exact will points be?", "answer").find(" mm at "), std::string::npos);
+    const Json single = calibrated("--cam0 " + at("photos/cam0") + " --no-hold-out --out " + at("single"));
+    EXPECT_LT(single["direction_share"]["px"].get<double>(), 0.05);
+    for (const char* file : { "single", "single/cameras.yaml", "single/covariance.yaml" })
+        EXPECT_EQ(told("info", at(file))["direction_share"], single["direction_share"]) << file;
+    EXPECT_NE(program::read(at("single/report.html")).find("across the line of sight"), std::string::npos);
 }
 
 TEST_F(Calibrate, WritesFilesThatOtherCommandsReadAndAPageThatNeedsNoOtherFile)

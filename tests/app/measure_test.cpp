@@ -287,6 +287,7 @@ TEST_F(Measure, ResultIsJudgedWithoutATruthAsItIsAgainstIt)
     ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + result).code, 0);
     const Json c = told("compare", result + " " + at("scan")), a = told("compare", result + " --plane")["acceptance"];
     EXPECT_EQ(a["calibration_share_mm"], "unknown") << "simulated cameras are exact";
+    EXPECT_NE(a["calibration_share_unknown"].get<std::string>().find("no covariance.yaml"), std::string::npos);
     EXPECT_NEAR(a["flatness"]["ratio"].get<double>(), c["sigma"]["z_rms"].get<double>(), 0.05);
     // Depths of the truth are those of the raw camera, turned by 7.6 degrees against the rectified one.
     const double rms = c["error"]["rms_without_outliers"];

@@ -184,10 +184,11 @@ TEST_F(Share, MakesACalibrationWorseThatIsNotWellBelowAScansNoiseOrThatCannotBeT
     calibrated.baseline = cv::norm(cameras[1].T - cameras[1].R * cameras[0].R.t() * cameras[0].T);
     calibrated.fits.resize(2);
     calibrated.views.cameras = { {}, {} };
-    const auto judged = [&](double depth_over_noise, double residual, double sigma) {
+    const auto judged = [&](double depth_over_noise, double residual, double sigma, double halves) {
         calibrated.covariance = c;
         calibrated.covariance->residual_px = residual;
         calibrated.covariance->marker_sigma_px = sigma;
+        calibrated.covariance->halves_ratio = halves;
         calibrated.share = share_of(cameras, *calibrated.covariance);
         for (std::size_t i = 0; i < 3; ++i) // rectifying hardly changes the focal length
             calibrated.share.share->depth_mm[i]
@@ -195,14 +196,15 @@ TEST_F(Share, MakesACalibrationWorseThatIsNotWellBelowAScansNoiseOrThatCannotBeT
         return check_share(calibrated);
     };
     const struct {
-        double depth_over_noise, residual, sigma;
+        double depth_over_noise, residual, sigma, halves;
         Weight weight;
         const char* says;
-    } cases[] = { { 0.3, 0.01, 0.01, Weight::good, "" }, { 1.0, 0.01, 0.01, Weight::worse, "views" },
-        { 7.0, 0.01, 0.01, Weight::spoils, "views" }, { 0.3, 0.031, 0.01, Weight::worse, "3.1 times" },
-        { 7.0, 0.031, 0.01, Weight::spoils, "3.1 times" }, { 0.3, 0.08, 0.0, Weight::worse, "--no-refine" } };
+    } cases[] = { { 0.3, 0.01, 0.01, 1.5, Weight::good, "" }, { 1.0, 0.01, 0.01, 0, Weight::worse, "views" },
+        { 7.0, 0.01, 0.01, 0, Weight::spoils, "views" }, { 0.3, 0.031, 0.01, 1, Weight::worse, "3.1 times" },
+        { 7.0, 0.031, 0.01, 1, Weight::spoils, "3.1 times" }, { 0.3, 0.08, 0.0, 1, Weight::worse, "--no-refine" },
+        { 0.3, 0.01, 0.01, 3.4, Weight::worse, "3.4 times as far apart" } };
     for (const auto& k : cases) {
-        const Finding finding = judged(k.depth_over_noise, k.residual, k.sigma);
+        const Finding finding = judged(k.depth_over_noise, k.residual, k.sigma, k.halves);
         EXPECT_EQ(finding.weight, k.weight) << finding.text;
         EXPECT_NE((finding.text + finding.advice).find(k.says), std::string::npos) << finding.text << finding.advice;
         EXPECT_NE(finding.text.find(" mm at 600 mm"), std::string::npos) << finding.text;
