@@ -77,13 +77,13 @@ std::string meaning(int code)
     case 1:
         return "another size than this camera's first picture";
     case 2:
-        return "too few circles; is the board sharp, well lit and in the picture?";
+        return "too few circles (is the board sharp, well lit and in the picture?)";
     case 3:
-        return "no ring marker seen; is the middle of the board hidden or blurred?";
+        return "no ring marker seen (is the middle of the board hidden or blurred?)";
     case 4:
         return "not exactly three ring markers seen";
     case 5:
-        return "the three rings do not stand as on this board; is it seen from behind, or partly hidden?";
+        return "the three rings do not stand as on this board (is it seen from behind, or partly hidden?)";
     default:
         return "not recognised";
     }
