@@ -2,6 +2,7 @@
 
 #include "base/parallel.h"
 #include "base/pictures.h"
+#include "base/statistics.h"
 #include "base/stopwatch.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/refine_markers.h"
@@ -84,10 +85,12 @@ Refinement refine_views(
             found[i] = refine_markers(grey, board, *poses[v][k], cameras[k], picture.markers);
     });
     double squares = 0.0;
+    std::vector<double> blurs;
     for (std::size_t i = 0; i < found.size(); ++i) {
         const std::size_t v = i / cameras.size(), k = i % cameras.size();
         if (!poses[v][k] || !take(found[i], board, views.cameras[k][v])) continue;
         made.markers += found[i].found;
+        blurs.push_back(found[i].blur_over_gap);
         made.not_fitted += found[i].not_fitted;
         made.far_off += found[i].far_off;
         made.doubtful += found[i].doubtful;
@@ -99,6 +102,7 @@ Refinement refine_views(
         used[v] = views.good(v);
     }
     made.sigma = made.markers > 0 ? std::sqrt(squares / made.markers) : 0.0;
+    made.blur_over_gap = blurs.empty() ? 0.0 : median(blurs);
     made.seconds = clock.lap();
     return made;
 }

@@ -14,6 +14,7 @@ struct Refinement {
     int not_fitted = 0, far_off = 0, doubtful = 0; ///< left out, see RefinedMarkers
     int views_added = 0;                           ///< that the recogniser had refused in one of the cameras
     double sigma = 0.0;                            ///< px, rms of the markers' own standard deviations
+    double blur_over_gap = 0.0;                    ///< median over the pictures, see RefinedMarkers
     double seconds = 0.0;
 };
 
