@@ -162,6 +162,7 @@ cv::Mat_<double> relative_pose(const std::vector<CalibratedCamera>& pair)
 std::vector<std::string> covariance_parameters(const std::vector<CalibratedCamera>& cameras)
 {
     std::vector<std::size_t> distortions;
+    distortions.reserve(cameras.size());
     for (const CalibratedCamera& camera : cameras)
         distortions.push_back(camera.D.total());
     return names_of(distortions);
