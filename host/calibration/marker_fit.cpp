@@ -13,7 +13,9 @@ namespace {
 constexpr double band = 3.0;             // px beside the edge that are looked at
 constexpr std::size_t least_pixels = 60; // in it
 constexpr int unknowns = 8;
-constexpr double tilt_unit = 10.0; // px: keeps the equations well conditioned
+constexpr double out_of_reach = 4.5; // blurs, at which a marker still covers 3e-6
+constexpr double none_near = 1e6;    // px
+constexpr double tilt_unit = 10.0;   // px: keeps the equations well conditioned
 
 /// The normal distribution and its density from tables of both, by cubic pieces (Hermite) that also have their slopes:
 /// to 2e-10, in a fifth of the time of erfc() and exp().
@@ -119,6 +121,22 @@ MarkerFitter::MarkerFitter(const cv::Mat& picture, const BoardFile& board)
     CV_Assert(picture.type() == CV_8U);
 }
 
+/// Only one of the four beside it is ever near enough to reach over.
+/// @param at  place on the board, mm from the marker's centre
+double MarkerFitter::_from_other(const MarkerModel& model, cv::Point2d at, const cv::Matx22d& slope) const
+{
+    const bool along_x = std::abs(at.x) > std::abs(at.y);
+    const double pitch = 2.0 * _half_pitch;
+    const std::size_t which = along_x ? (at.x > 0.0 ? 0U : 1U) : (at.y > 0.0 ? 2U : 3U);
+    if (!model.beside[which]) return none_near;
+    const cv::Point2d from
+        = at - (along_x ? cv::Point2d(std::copysign(pitch, at.x), 0.0) : cv::Point2d(0.0, std::copysign(pitch, at.y)));
+    const double distance = std::sqrt(from.dot(from));
+    const cv::Vec2d rise((from.x * slope(0, 0) + from.y * slope(1, 0)) / distance,
+        (from.x * slope(0, 1) + from.y * slope(1, 1)) / distance);
+    return (distance - _radius) / std::sqrt(rise.dot(rise));
+}
+
 void MarkerFitter::_collect(const MarkerModel& model)
 {
     constexpr double saturated = 255.0, margin = 2.0;
@@ -147,8 +165,9 @@ void MarkerFitter::_collect(const MarkerModel& model)
             const double grey = _picture.at<uchar>(y, x);
             if (!(std::abs(edge) < band) || grey >= saturated) continue;
             const double nx = rise[0] / mm_per_px, ny = rise[1] / mm_per_px, nx2 = nx * nx, ny2 = ny * ny;
-            _pixels.push_back({ edge, (from_centre - _hole) / mm_per_px, nx, ny, _radius / mm_per_px,
-                -(nx2 * nx2 + ny2 * ny2) / 120.0, offset.x / tilt_unit, offset.y / tilt_unit, grey });
+            _pixels.push_back(
+                { edge, (from_centre - _hole) / mm_per_px, _from_other(model, at, slope), nx, ny, _radius / mm_per_px,
+                    -(nx2 * nx2 + ny2 * ny2) / 120.0, offset.x / tilt_unit, offset.y / tilt_unit, grey });
         }
 }
 
@@ -185,13 +204,16 @@ MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring
         const double k = p.box_cumulant * per_blur4;
         const Edge outer = edge_at((p.edge - shift - p.radius * at.growth) / at.blur, k);
         const Edge inner = ring ? edge_at((p.hole - shift) / at.blur, k) : Edge {};
-        const double cover = outer.inside - inner.inside;
+        const double to_other = (p.beside - p.radius * at.growth) / at.blur;
+        const Edge other = to_other < out_of_reach ? edge_at(to_other, k) : Edge {};
+        const double cover = outer.inside - inner.inside + other.inside;
         const double light = 1.0 + at.tilt_x * p.x + at.tilt_y * p.y;
         const double grey = at.paper + (at.ink - at.paper) * cover;
         const double contrast = (at.paper - at.ink) * light / at.blur;
         const double edge = contrast * outer.density, both = edge - contrast * inner.density;
-        rows.col(next++) << -both * p.nx, -both * p.ny, -edge * p.radius, -contrast * (outer.by_blur - inner.by_blur),
-            (1.0 - cover) * light, cover * light, grey * p.x, grey * p.y, p.grey - grey * light;
+        rows.col(next++) << -both * p.nx, -both * p.ny, -(edge + contrast * other.density) * p.radius,
+            -contrast * (outer.by_blur - inner.by_blur + other.by_blur), (1.0 - cover) * light, cover * light,
+            grey * p.x, grey * p.y, p.grey - grey * light;
     }
     // All products of two columns at once, residuals' included: faster than to add pixel by pixel.
     const Eigen::Matrix<double, unknowns + 1, unknowns + 1> all = rows * rows.transpose();

@@ -81,6 +81,8 @@ std::vector<MarkerModel> marker_models(const BoardFile& board, const BoardPose& 
             model.reach = std::max({ model.reach, std::abs(offsets[i].x), std::abs(offsets[i].y) });
         }
         model.reach /= grid_step * (side / 2);
+        const auto rows = static_cast<std::size_t>(board.layout.rows);
+        model.beside = { marker >= rows, marker + rows<count, marker % rows> 0, (marker + 1) % rows > 0 };
         model.on_board = fit(offsets, grid);
         model.in_picture = fit(grid, offsets);
     }

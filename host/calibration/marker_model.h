@@ -37,6 +37,8 @@ struct MarkerModel {
     Quadratics on_board;   ///< mm from its centre, by px from `middle`
     Quadratics in_picture; ///< px from `middle`, by mm from its centre
     double reach = 0.0;    ///< the disc lies within so many px of `middle`, along both axes
+    /// Whether the board has a marker beside it towards its x, its -x, its y and its -y: blurred, that reaches over.
+    std::array<bool, 4> beside {};
 };
 
 /// Models of all markers of a board, in the order of the recogniser's lists. Each is fitted to the projections of 5 x 5

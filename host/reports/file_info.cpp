@@ -288,7 +288,7 @@ std::vector<std::string> info_lines(const Json& info)
 {
     std::vector<std::string> lines;
     const auto print = [&lines](std::string key, const Json& value) {
-        key.resize(std::max<std::size_t>(key.size(), 24), ' ');
+        key.resize(std::max<std::size_t>(key.size() + 1, 24), ' ');
         lines.push_back(key + plain_text(value));
     };
     for (const auto& item : info.items()) {
