@@ -18,7 +18,7 @@ constexpr double none_near = 1e6;    // px
 constexpr double tilt_unit = 10.0;   // px: keeps the equations well conditioned
 
 /// The normal distribution and its density from tables of both, by cubic pieces (Hermite) that also have their slopes:
-/// to 2e-10, in a fifth of the time of erfc() and exp().
+/// to 2e-10, in a fraction of the time of erfc() and exp().
 class NormalTable {
 public:
     NormalTable()
