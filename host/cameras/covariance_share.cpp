@@ -76,10 +76,9 @@ double mean_square_depth(const Points& moves)
 }
 
 /// The pixels over which the share is asked for, of both cameras, at one distance.
-CommonPixels pixels_at(
-    const std::vector<CalibratedCamera>& pair, const CameraCovariance& c, cv::Size grid, double distance)
+CommonPixels pixels_at(const std::vector<CalibratedCamera>& pair, cv::Size grid, double distance)
 {
-    return in_common(pair, evenly_over(c.seen_px, pair[0].size, grid), distance);
+    return in_common(pair, evenly_over(pair[0].size, grid), distance);
 }
 
 void add_at(const std::vector<CalibratedCamera>& pair, const std::vector<cv::Mat_<double>>& changes,
@@ -160,7 +159,7 @@ StatedShare share_of(const std::vector<CalibratedCamera>& pair, const CameraCova
     share.invalid = why_invalid(covariance);
     share.distance_mm = covariance.distance_mm;
     for (std::size_t i = 0; i < 3; ++i) {
-        const CommonPixels pixels = pixels_at(pair, covariance, coarse_grid, share.distance_mm[i]);
+        const CommonPixels pixels = pixels_at(pair, coarse_grid, share.distance_mm[i]);
         if (pixels.of[0].size() < fewest_points)
             return { {}, "the cameras see too little in common at " + number(share.distance_mm[i], 0) + " mm" };
         add_at(pair, changes, pixels, i, share);
@@ -172,7 +171,7 @@ StatedShare share_of(const std::vector<CalibratedCamera>& pair, const CameraCova
 cv::Mat share_map(const std::vector<CalibratedCamera>& pair, const CameraCovariance& covariance)
 {
     if (pair.size() != 2 || !is_of(covariance, pair)) return {};
-    const CommonPixels pixels = pixels_at(pair, covariance, fine_grid, covariance.distance_mm[1]);
+    const CommonPixels pixels = pixels_at(pair, fine_grid, covariance.distance_mm[1]);
     if (pixels.of[0].size() < fewest_points) return {};
     const auto where = [&pixels](const std::vector<CalibratedCamera>& moved) { return triangulate(moved, pixels); };
     std::vector<double> squares(pixels.of[0].size(), 0.0);
@@ -193,9 +192,9 @@ cv::Mat share_map(const std::vector<CalibratedCamera>& pair, const CameraCovaria
 
 StatedDirection direction_share(const CalibratedCamera& camera, const CameraCovariance& covariance)
 {
-    const Pixels pixels = evenly_over(covariance.seen_px, camera.size, coarse_grid);
+    const Pixels pixels = evenly_over(camera.size, coarse_grid);
     if (!is_of(covariance, { camera })) return { {}, "the covariance is not that of this camera" };
-    if (pixels.size() < fewest_points) return { {}, "too little of the picture shows markers" };
+    if (pixels.size() < fewest_points) return { {}, "the picture is too small" };
     const auto where = [&pixels](const std::vector<CalibratedCamera>& moved) { return directions(moved[0], pixels); };
     const Points seen = directions(camera, pixels);
     double angle = 0.0, across = 0.0; // squares; lengths across are those of points in one plane before the camera
