@@ -34,7 +34,8 @@ std::optional<CameraCovariance> covariance_of(int flags, const Calibrated& c)
     cv::convexHull(seen, hull);
     const std::vector<double>& depths = c.fits[0].marker_depths;
     return CameraCovariance { covariance_parameters(c.cameras), bundle->covariance, bundle->residual_px(),
-        marker_sigma(c), 0.0, { depths[0], depths[1], depths[2] }, { hull.begin(), hull.end() } };
+        marker_sigma(c), 0.0, c.refinement.blur_over_gap, { depths[0], depths[1], depths[2] },
+        { hull.begin(), hull.end() } };
 }
 
 /// Each half has twice the variance of the whole, and their difference four times.

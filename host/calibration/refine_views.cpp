@@ -2,6 +2,7 @@
 
 #include "base/parallel.h"
 #include "base/pictures.h"
+#include "base/statistics.h"
 #include "base/stopwatch.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/refine_markers.h"
@@ -87,6 +88,7 @@ Refinement refine_views(BoardViews& views, std::vector<bool>& used, const BoardF
             found[i] = refine_markers(grey, board, *poses[v][k], cameras[k], picture.markers);
     });
     double squares = 0.0;
+    std::vector<double> blurs;
     for (std::size_t i = 0; i < found.size(); ++i) {
         const std::size_t v = i / cameras.size(), k = i % cameras.size();
         BoardPicture& picture = views.cameras[k][v];
@@ -96,6 +98,7 @@ Refinement refine_views(BoardViews& views, std::vector<bool>& used, const BoardF
         }
         take(found[i], picture);
         made.markers += found[i].found;
+        blurs.push_back(found[i].blur_over_gap);
         made.not_fitted += found[i].not_fitted;
         made.far_off += found[i].far_off;
         made.doubtful += found[i].doubtful;
@@ -107,6 +110,7 @@ Refinement refine_views(BoardViews& views, std::vector<bool>& used, const BoardF
         used[v] = views.good(v);
     }
     made.sigma = made.markers > 0 ? std::sqrt(squares / made.markers) : 0.0;
+    made.blur_over_gap = blurs.empty() ? 0.0 : median(blurs);
     made.seconds = clock.lap();
     return made;
 }

@@ -19,8 +19,9 @@ struct Refinement {
     int markers = 0;                               ///< measured, of all pictures
     int not_fitted = 0, far_off = 0, doubtful = 0; ///< left out, see RefinedMarkers
     int views_added = 0;                           ///< that the recogniser had refused in one of the cameras
-    int pictures_kept = 0; ///< that keep their recognised markers, since too few of these could be measured
-    double sigma = 0.0;    ///< px, rms of the markers' own standard deviations
+    int pictures_kept = 0;      ///< that keep their recognised markers, since too few of these could be measured
+    double sigma = 0.0;         ///< px, rms of the markers' own standard deviations
+    double blur_over_gap = 0.0; ///< median over the pictures, see RefinedMarkers
     double seconds = 0.0;
 };
 

@@ -131,10 +131,11 @@ const char* fault_in(const cv::FileStorage& yaml, CovarianceFile& read)
     if (!read_rows(yaml["covariance"], n, n, static_cast<int>(n), matrix) || !is_covariance(matrix))
         return "covariance is no covariance of these parameters";
     c.covariance = matrix;
-    for (const auto& [key, value] : { std::pair("residual_px", &c.residual_px),
-             { "marker_sigma_px", &c.marker_sigma_px }, { "halves_ratio", &c.halves_ratio } })
+    for (const auto& [key, value] :
+        { std::pair("residual_px", &c.residual_px), { "marker_sigma_px", &c.marker_sigma_px },
+            { "halves_ratio", &c.halves_ratio }, { "blur_over_gap", &c.blur_over_gap } })
         if (!read_number(yaml[key], *value) || *value < 0.0)
-            return "residual_px, marker_sigma_px and halves_ratio are not all there and at least 0";
+            return "residual_px, marker_sigma_px, halves_ratio and blur_over_gap are not all there and at least 0";
     bool three = distances.isSeq() && distances.size() == 3;
     for (int i = 0; three && i < 3; ++i)
         three = read_number(distances[i], c.distance_mm[static_cast<std::size_t>(i)]);
@@ -161,6 +162,7 @@ cv::Mat_<double> relative_pose(const std::vector<CalibratedCamera>& pair)
 std::vector<std::string> covariance_parameters(const std::vector<CalibratedCamera>& cameras)
 {
     std::vector<std::size_t> distortions;
+    distortions.reserve(cameras.size());
     for (const CalibratedCamera& camera : cameras)
         distortions.push_back(camera.D.total());
     return names_of(distortions);
@@ -204,6 +206,7 @@ std::string covariance_yaml(const CameraCovariance& covariance, const std::strin
     cv::write(yaml, "residual_px", covariance.residual_px);
     cv::write(yaml, "marker_sigma_px", covariance.marker_sigma_px);
     cv::write(yaml, "halves_ratio", covariance.halves_ratio);
+    cv::write(yaml, "blur_over_gap", covariance.blur_over_gap);
     yaml.startWriteStruct("distance_mm", cv::FileNode::SEQ | cv::FileNode::FLOW);
     for (const double distance : covariance.distance_mm)
         cv::write(yaml, cv::String(), distance);

@@ -135,10 +135,14 @@ Points without_rotation(const Points& of, Points moves)
 std::string why_invalid(const CameraCovariance& c)
 {
     constexpr double most_times = 2.0, most_apart = 3.0; // by chance halves are so far apart once in hundreds
+    constexpr double most_blur = 0.37;                   // at 0.39 depths were off by two to three times the share
     if (!(c.marker_sigma_px > 0.0))
         return "the markers were not refined, and centres as they are recognised are off the same way in all pictures, "
                "which no residual shows";
     const double times = c.residual_px / c.marker_sigma_px;
+    if (times <= most_times && c.blur_over_gap > most_blur)
+        return "the photos are blurred: by " + number(c.blur_over_gap, 2)
+            + " of the paper between the markers, as a standard deviation, which then run into each other";
     if (times <= most_times && c.halves_ratio > most_apart)
         return "the two halves of the views are " + number(c.halves_ratio, 1)
             + " times as far apart as follows from it: markers are off alike in many photos, as in blurred ones";

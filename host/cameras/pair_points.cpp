@@ -31,6 +31,7 @@ CommonPixels in_common(
     std::vector<cv::Point2d> rays, seen;
     cv::undistortPoints(of_camera0, rays, pair[0].K, pair[0].D);
     std::vector<cv::Point3d> points;
+    points.reserve(rays.size());
     for (const cv::Point2d& ray : rays)
         points.emplace_back(ray.x * depth, ray.y * depth, depth);
     const cv::Matx33d R = pair[1].R * pair[0].R.t();

@@ -210,6 +210,9 @@ TEST_F(Share, MakesACalibrationWorseThatIsNotWellBelowAScansNoiseOrThatCannotBeT
         EXPECT_NE(finding.text.find(" mm at 600 mm"), std::string::npos) << finding.text;
         EXPECT_EQ(finding.advice.empty(), k.weight == Weight::good);
     }
+    CameraCovariance blurred = c;
+    blurred.blur_over_gap = 0.5;
+    EXPECT_NE(share_of(cameras, blurred).share->invalid.find("blurred"), std::string::npos);
     calibrated.share = { {}, "the views are too few" };
     EXPECT_EQ(check_share(calibrated).weight, Weight::worse);
     EXPECT_NE(check_share(calibrated).text.find("unknown: the views are too few"), std::string::npos);
