@@ -37,6 +37,7 @@ void remove_strays(std::vector<cv::Point2f>& markers, const BoardFile& board)
     constexpr double farthest = 3.0; // medians; boards of up to 60 degrees keep within 2
     const std::vector<Link> links = links_of(markers, board);
     std::vector<double> lengths;
+    lengths.reserve(links.size());
     for (const Link& link : links)
         lengths.push_back(link.px);
     if (lengths.empty()) return;
