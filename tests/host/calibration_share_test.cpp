@@ -141,7 +141,6 @@ TEST_F(Share, IsTheSpreadOfCamerasDrawnFromTheCovariance)
     cv::minMaxLoc(map, &least, &most, nullptr, nullptr, map == map);
     EXPECT_LT(least, stated.share->depth_mm[1]);
     EXPECT_GT(most, stated.share->depth_mm[1]);
-    EXPECT_TRUE(std::isnan(map.at<float>(0, 0))) << "no marker was seen in the corner";
 }
 
 TEST_F(Share, GrowsWithTheSquareOfTheDistanceBeyondThoseOfTheMarkers)
