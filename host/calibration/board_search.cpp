@@ -1,6 +1,7 @@
 #include "host/calibration/board_search.h"
 
 #include "base/failure.h"
+#include "host/calibration/stray_markers.h"
 #include "vexo/factories.h"
 
 #include <opencv2/imgproc.hpp>
@@ -38,14 +39,22 @@ BoardFile adaptive(BoardFile board)
     return board;
 }
 
-/// At twice the size, sharpened by an unsharp mask: 3 b - 2 Gauss(b).
-cv::Mat enlarged(const cv::Mat& grey)
+/// Discs look smaller than they are where the paper outshines small ones.
+BoardFile with_far_neighbours(BoardFile board)
 {
-    constexpr double sigma = 6.0;
-    cv::Mat large, soft, sharp;
-    cv::resize(grey, large, {}, zoom, zoom, cv::INTER_CUBIC);
-    cv::GaussianBlur(large, soft, {}, sigma);
-    cv::addWeighted(large, 3.0, soft, -2.0, 0.0, sharp);
+    constexpr double limit = 1.35; // diameters; the next disc but one is 1.77 away
+    board.neighbour_limit = std::max(board.neighbour_limit, limit);
+    return board;
+}
+
+/// An unsharp mask, gain b - (gain - 1) Gauss(b).
+/// @param fine  px; above 0 the first b is smoothed, too, which takes the noise of single pixels off
+cv::Mat sharpened(const cv::Mat& picture, double sigma, double gain, double fine)
+{
+    cv::Mat smooth, soft, sharp;
+    if (fine > 0.0) cv::GaussianBlur(picture, smooth, {}, fine);
+    cv::GaussianBlur(picture, soft, {}, sigma);
+    cv::addWeighted(fine > 0.0 ? smooth : picture, gain, soft, 1.0 - gain, 0.0, sharp);
     return sharp;
 }
 
@@ -71,6 +80,12 @@ const char* name_of(SearchStep step)
         return "enlarged and sharpened";
     case SearchStep::adaptive:
         return "adaptive binarisation";
+    case SearchStep::smoothed:
+        return "enlarged, smoothed and sharpened";
+    case SearchStep::strengthened:
+        return "enlarged, smoothed and sharpened strongly";
+    case SearchStep::fine:
+        return "enlarged and finely sharpened";
     case SearchStep::by_other_camera:
         return "by the other camera's pose";
     default:
@@ -79,20 +94,32 @@ const char* name_of(SearchStep step)
 }
 
 BoardSearch::BoardSearch(const BoardFile& board)
-    : _recognisers { make_recogniser(board), make_recogniser(with_small_rings(board)),
-        make_recogniser(with_small_rings(board)), make_recogniser(adaptive(with_small_rings(board))) }
+    : _board(board)
 {
+    const BoardFile small = with_small_rings(board);
+    _recognisers
+        = { make_recogniser(board), make_recogniser(small), make_recogniser(small), make_recogniser(adaptive(small)),
+              make_recogniser(small), make_recogniser(small), make_recogniser(with_far_neighbours(small)) };
 }
 
 BoardSearchResult BoardSearch::find(const cv::Mat& grey)
 {
+    constexpr int other_size = 1;
     BoardSearchResult result;
-    if (_try(SearchStep::as_set, grey, result) || _try(SearchStep::small_rings, grey, result)) return result;
-    if (_try(SearchStep::enlarged, enlarged(grey), result)) {
+    if (_try(SearchStep::as_set, grey, result) || result.code == other_size) return result;
+    if (_try(SearchStep::small_rings, grey, result)) return result;
+    cv::Mat large;
+    cv::resize(grey, large, {}, zoom, zoom, cv::INTER_CUBIC);
+    const auto in_large = [&](SearchStep step, double sigma, double gain, double fine) {
+        if (!_try(step, sharpened(large, sigma, gain, fine), result)) return false;
         take_back(result, grey.size());
-        return result;
-    }
-    _try(SearchStep::adaptive, grey, result);
+        return true;
+    };
+    if (in_large(SearchStep::enlarged, 6.0, 3.0, 0.0)) return result;
+    if (_try(SearchStep::adaptive, grey, result)) return result;
+    if (in_large(SearchStep::smoothed, 10.0, 3.0, 1.4)) return result;
+    if (in_large(SearchStep::strengthened, 8.0, 8.0, 2.0)) return result;
+    in_large(SearchStep::fine, 3.0, 3.0, 0.0);
     return result;
 }
 
@@ -115,6 +142,7 @@ bool BoardSearch::_try(SearchStep step, cv::Mat picture, BoardSearchResult& resu
     if (found) {
         result.step = step;
         result.markers = std::move(markers);
+        remove_strays(result.markers, _board);
     }
     return found;
 }

@@ -17,12 +17,15 @@ enum class SearchStep {
     as_set,          ///< with the settings of the board's file
     small_rings,     ///< circles down to a radius of 2 px
     enlarged,        ///< that, in the picture at twice its size, sharpened: rings that are small and soft
-    adaptive,        ///< that, and each pixel against the mean around it: light that falls off
+    adaptive,        ///< small rings, and each pixel against the mean around it: light that falls off
+    smoothed,        ///< enlarged, its noise smoothed before it is sharpened: rings that are soft and noisy
+    strengthened,    ///< the same, sharpened more: rings whose holes the blur has closed
+    fine,            ///< enlarged, sharpened finely, discs that look too small for their distance: small, steep boards
     by_other_camera, ///< not by itself: markers are where the pose that the other camera sees puts them
     none
 };
 
-/// "as it is", "small rings", "enlarged and sharpened", "adaptive binarisation", "by the other camera", "".
+/// In words: "as it is", "small rings", "enlarged and sharpened" ...; empty for none.
 const char* name_of(SearchStep step);
 
 /// What was recognised in one picture.
@@ -40,6 +43,7 @@ public:
     /// Throws Failure for parameters that the library refuses.
     explicit BoardSearch(const BoardFile& board);
 
+    /// A picture of another size than the first is refused by the first step, and not tried again.
     BoardSearchResult find(const cv::Mat& grey);
 
     /// The name of a code.
@@ -50,7 +54,8 @@ private:
 
     bool _try(SearchStep step, cv::Mat picture, BoardSearchResult& result);
 
-    std::array<Recogniser, 4> _recognisers; ///< by step: each holds to the size of its first picture
+    BoardFile _board;
+    std::array<Recogniser, 7> _recognisers; ///< by step: each holds to the size of its first picture
 };
 
 } // namespace vexo

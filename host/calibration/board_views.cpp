@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "base/pictures.h"
+#include "base/text.h"
 #include "host/captures/frames.h"
 #include "host/captures/names.h"
 
@@ -76,16 +77,29 @@ std::string meaning(int code)
     case 1:
         return "another size than this camera's first picture";
     case 2:
-        return "too few circles; is the board sharp, well lit and in the picture?";
+        return "too few circles (is the board sharp, well lit and in the picture?)";
     case 3:
-        return "no ring marker seen; is the middle of the board hidden or blurred?";
+        return "no ring marker seen (is the middle of the board hidden or blurred?)";
     case 4:
         return "not exactly three ring markers seen";
     case 5:
-        return "the three rings do not stand as on this board; is it seen from behind, or partly hidden?";
+        return "the three rings do not stand as on this board (is it seen from behind, or partly hidden?)";
     default:
         return "not recognised";
     }
+}
+
+/// The radius from which on each of 24 sharp, bright photos at slants of up to 40 degrees was recognised; it is given
+/// for rings that are seen from the front.
+constexpr double least_hole_px = 2.0;
+
+std::string why_refused(const std::string& name, int code)
+{
+    constexpr int other_size = 1;
+    const std::string reason = name + ": " + meaning(code);
+    if (code == other_size) return reason;
+    return reason + "; the holes of the rings must have a radius of " + number(least_hole_px, 1)
+        + " px or more in the picture";
 }
 
 void recognise_one(BoardSearch& search, BoardPicture& picture)
@@ -96,10 +110,7 @@ void recognise_one(BoardSearch& search, BoardPicture& picture)
     picture.code = result.code;
     picture.step = result.step;
     picture.markers = std::move(result.markers);
-    if (!picture.recognised())
-        picture.reason = search.error_name(picture.code) + ": " + meaning(picture.code)
-            + "; tried with small rings, enlarged and sharpened, and with adaptive binarisation: the holes of the "
-              "rings need a radius of 1.5 px in the picture";
+    if (!picture.recognised()) picture.reason = why_refused(search.error_name(picture.code), picture.code);
     picture.found = static_cast<int>(std::count_if(
         picture.markers.begin(), picture.markers.end(), [](const cv::Point2f& p) { return p.x != FLT_MAX; }));
     picture.drawing = encode(".jpg", result.drawing.empty() ? grey : result.drawing);

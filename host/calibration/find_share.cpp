@@ -4,8 +4,6 @@
 #include "host/calibration/bundle.h"
 #include "host/cameras/covariance_share.h"
 
-#include <opencv2/imgproc.hpp>
-
 #include <cmath>
 
 namespace vexo {
@@ -28,13 +26,9 @@ std::optional<CameraCovariance> covariance_of(int flags, const Calibrated& c)
 {
     const auto bundle = adjust_bundle(c.views, c.board, c.used, c.cameras, { flags, c.shape.kept });
     if (!bundle || c.fits[0].residuals.empty()) return std::nullopt;
-    std::vector<cv::Point2f> seen, hull;
-    for (const Residual& residual : c.fits[0].residuals)
-        seen.emplace_back(residual.seen_px);
-    cv::convexHull(seen, hull);
     const std::vector<double>& depths = c.fits[0].marker_depths;
     return CameraCovariance { covariance_parameters(c.cameras), bundle->covariance, bundle->residual_px(),
-        marker_sigma(c), 0.0, { depths[0], depths[1], depths[2] }, { hull.begin(), hull.end() } };
+        marker_sigma(c), 0.0, c.refinement.blur_over_gap, { depths[0], depths[1], depths[2] } };
 }
 
 /// Each half has twice the variance of the whole, and their difference four times.

@@ -3,6 +3,7 @@
 #include <Eigen/Dense>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace vexo {
@@ -16,16 +17,41 @@ constexpr double out_of_reach = 4.5; // blurs, at which a marker still covers 3e
 constexpr double none_near = 1e6;    // px
 constexpr double tilt_unit = 10.0;   // px: keeps the equations well conditioned
 
-double normal_below(double z)
-{
-    return 0.5 * std::erfc(-z * M_SQRT1_2);
-}
+/// The normal distribution and its density from tables of both, by cubic pieces (Hermite) that also have their slopes:
+/// to 2e-10, in a fraction of the time of erfc() and exp().
+class NormalTable {
+public:
+    NormalTable()
+    {
+        for (int i = 0; i < entries; ++i) {
+            const double z = i / per_unit - most;
+            _at[static_cast<std::size_t>(i)] = { 0.5 * std::erfc(-z * M_SQRT1_2), at_zero * std::exp(-0.5 * z * z) };
+        }
+    }
 
-double normal_density(double z)
-{
-    constexpr double at_zero = 0.39894228040143268;
-    return at_zero * std::exp(-0.5 * z * z);
-}
+    struct Value {
+        double below, density;
+    };
+
+    Value operator()(double z) const
+    {
+        if (!(std::abs(z) < most)) return { z > 0.0 ? 1.0 : 0.0, 0.0 };
+        const double place = (z + most) * per_unit;
+        const auto i = static_cast<std::size_t>(place);
+        const double t = place - static_cast<double>(i), from = 1.0 - t, h = 1.0 / per_unit;
+        const double z0 = z - t * h;
+        const Value &a = _at[i], &b = _at[i + 1];
+        const double wa = from * from * (1.0 + 2.0 * t), wb = t * t * (3.0 - 2.0 * t);
+        const double sa = h * t * from * from, sb = -h * t * t * from;
+        return { wa * a.below + wb * b.below + sa * a.density + sb * b.density,
+            wa * a.density + wb * b.density - sa * z0 * a.density - sb * (z0 + h) * b.density };
+    }
+
+private:
+    static constexpr double most = 6.0, per_unit = 64.0, at_zero = 0.39894228040143268;
+    static constexpr int entries = static_cast<int>(2.0 * most * per_unit) + 2;
+    std::array<Value, entries> _at;
+};
 
 /// How much of a pixel lies inside an edge that is blurred, and how that changes.
 struct Edge {
@@ -43,9 +69,11 @@ struct Edge {
 /// Source: Edgeworth's series; Cramer, Mathematical methods of statistics, 17.7.
 Edge edge_at(double z, double k)
 {
-    const double square = z * z, phi = normal_density(z), third = k * z * (square - 3.0) * phi;
+    static const NormalTable normal;
+    const auto [below, phi] = normal(z);
+    const double square = z * z, third = k * z * (square - 3.0) * phi;
     const double density = phi * (1.0 + k * (square * (square - 6.0) + 3.0));
-    return { normal_below(-z) + third, density, z * density - 4.0 * third };
+    return { 1.0 - below + third, density, z * density - 4.0 * third };
 }
 
 /// mm of the board that a pixel spans at most, at the marker's centre: the slope's larger singular value.
@@ -168,8 +196,8 @@ std::optional<MarkerFitter::Parameters> MarkerFitter::_first_guess(bool ring) co
 
 MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring) const
 {
-    Equations sums;
-    Eigen::Matrix<double, unknowns, 1> by;
+    Eigen::Matrix<double, unknowns + 1, Eigen::Dynamic> rows(unknowns + 1, static_cast<Eigen::Index>(_pixels.size()));
+    Eigen::Index next = 0;
     const double per_blur4 = 1.0 / (24.0 * at.blur * at.blur * at.blur * at.blur);
     for (const Pixel& p : _pixels) {
         const double shift = p.nx * at.x + p.ny * at.y;
@@ -183,14 +211,16 @@ MarkerFitter::Equations MarkerFitter::_equations(const Parameters& at, bool ring
         const double grey = at.paper + (at.ink - at.paper) * cover;
         const double contrast = (at.paper - at.ink) * light / at.blur;
         const double edge = contrast * outer.density, both = edge - contrast * inner.density;
-        by << -both * p.nx, -both * p.ny, -(edge + contrast * other.density) * p.radius,
+        rows.col(next++) << -both * p.nx, -both * p.ny, -(edge + contrast * other.density) * p.radius,
             -contrast * (outer.by_blur - inner.by_blur + other.by_blur), (1.0 - cover) * light, cover * light,
-            grey * p.x, grey * p.y;
-        const double residual = p.grey - grey * light;
-        sums.matrix.noalias() += by * by.transpose(); // all of it: that is faster than half
-        sums.right += residual * by;
-        sums.squares += residual * residual;
+            grey * p.x, grey * p.y, p.grey - grey * light;
     }
+    // All products of two columns at once, residuals' included: faster than to add pixel by pixel.
+    const Eigen::Matrix<double, unknowns + 1, unknowns + 1> all = rows * rows.transpose();
+    Equations sums;
+    sums.matrix = all.topLeftCorner<unknowns, unknowns>();
+    sums.right = all.topRightCorner<unknowns, 1>();
+    sums.squares = all(unknowns, unknowns);
     return sums;
 }
 

@@ -11,7 +11,7 @@ namespace vexo {
 namespace {
 
 constexpr int side = 5, grid_points = side * side;
-constexpr double grid_step = 0.7; // radii
+constexpr double grid_step = 0.7, grid_reach = 1.4; // radii, from point to point and to the outermost
 
 using Design = Eigen::Matrix<double, grid_points, 6>;
 
@@ -50,9 +50,11 @@ Quadratics fit(const std::array<cv::Point2d, grid_points>& from, const std::arra
 std::array<cv::Point2d, grid_points> grid_on_board(double radius)
 {
     std::array<cv::Point2d, grid_points> grid;
-    for (int i = 0; i < grid_points; ++i)
-        grid[static_cast<std::size_t>(i)]
-            = { grid_step * radius * (i % side - side / 2), grid_step * radius * (i / side - side / 2) };
+    constexpr int middle = side / 2;
+    for (int i = 0; i < grid_points; ++i) {
+        const int column = i % side - middle, row = i / side - middle;
+        grid[static_cast<std::size_t>(i)] = { grid_step * radius * column, grid_step * radius * row };
+    }
     return grid;
 }
 
@@ -80,9 +82,9 @@ std::vector<MarkerModel> marker_models(const BoardFile& board, const BoardPose& 
             offsets[i] = seen[first + i] - model.middle;
             model.reach = std::max({ model.reach, std::abs(offsets[i].x), std::abs(offsets[i].y) });
         }
-        model.reach /= grid_step * (side / 2);
+        model.reach /= grid_reach;
         const auto rows = static_cast<std::size_t>(board.layout.rows);
-        model.beside = { marker >= rows, marker + rows<count, marker % rows> 0, (marker + 1) % rows > 0 };
+        model.beside = { marker >= rows, (marker + rows) < count, (marker % rows) > 0, ((marker + 1) % rows) > 0 };
         model.on_board = fit(offsets, grid);
         model.in_picture = fit(grid, offsets);
     }

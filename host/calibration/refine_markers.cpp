@@ -55,6 +55,17 @@ double most_misfit(const Fits& fits)
     return misfits.empty() ? 0.0 : times * median(misfits);
 }
 
+/// Median over the markers of their blur over the paper between them and the next.
+double blur_over_gap(const Fits& fits, const std::vector<MarkerModel>& models, const BoardLayout& board)
+{
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < fits.size(); ++i)
+        if (fits[i])
+            ratios.push_back(
+                fits[i]->blur * 0.5 * board.diameter_mm / ((board.pitch_mm - board.diameter_mm) * models[i].reach));
+    return ratios.empty() ? 0.0 : median(ratios);
+}
+
 } // namespace
 
 RefinedMarkers refine_markers(const cv::Mat& picture, const BoardFile& board, const BoardPose& pose,
@@ -78,6 +89,7 @@ RefinedMarkers refine_markers(const cv::Mat& picture, const BoardFile& board, co
         return edges && agree(*fit, *edges) ? Marker::kept : Marker::doubtful;
     };
     RefinedMarkers refined;
+    refined.blur_over_gap = blur_over_gap(fits, models, board.layout);
     refined.centres.assign(models.size(), { FLT_MAX, FLT_MAX });
     refined.sigma.assign(models.size(), std::numeric_limits<double>::quiet_NaN());
     for (std::size_t i = 0; i < models.size(); ++i) {

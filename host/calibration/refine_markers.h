@@ -14,6 +14,7 @@ namespace vexo {
 struct RefinedMarkers {
     std::vector<cv::Point2f> centres; ///< by board position; (FLT_MAX, FLT_MAX) where there is none
     std::vector<double> sigma;        ///< px, standard deviation of each coordinate; NaN where there is no centre
+    double blur_over_gap = 0.0;       ///< median: blur, as a standard deviation, over the gap to the next marker
     int found = 0;
     int not_fitted = 0; ///< hidden, outside, or without convergence
     int far_off = 0;    ///< farther from where it was recognised than recognition errs

@@ -2,6 +2,7 @@
 
 #include "base/parallel.h"
 #include "base/pictures.h"
+#include "base/statistics.h"
 #include "base/stopwatch.h"
 #include "host/calibration/camera_fit.h"
 #include "host/calibration/refine_markers.h"
@@ -45,27 +46,30 @@ ViewPoses poses_of(
     return poses;
 }
 
-/// Takes what was found into the picture. One that was not recognised needs most of the markers.
-bool take(const RefinedMarkers& found, const BoardFile& board, BoardPicture& picture)
+/// Whether so many of the picture's markers were measured that they may stand for it: of those that were recognised, or
+/// of the whole board where it was not.
+bool enough(const RefinedMarkers& found, const BoardFile& board, const BoardPicture& picture)
 {
     constexpr double most = 0.6;
-    const bool known = picture.recognised();
-    if (found.found < (known ? static_cast<int>(fewest_markers_of_a_pose) : cvCeil(most * board.markers())))
-        return false;
+    const int least = cvCeil(most * (picture.recognised() ? picture.found : board.markers()));
+    return found.found >= std::max(least, static_cast<int>(fewest_markers_of_a_pose));
+}
+
+void take(const RefinedMarkers& found, BoardPicture& picture)
+{
     picture.markers = found.centres;
     picture.sigma = found.sigma;
     picture.found = found.found;
-    if (known) return true;
+    if (picture.recognised()) return;
     picture.code = 0;
     picture.step = SearchStep::by_other_camera;
     picture.reason.clear();
-    return true;
 }
 
 } // namespace
 
-Refinement refine_views(
-    BoardViews& views, std::vector<bool>& used, const BoardFile& board, const std::vector<CalibratedCamera>& cameras)
+Refinement refine_views(BoardViews& views, std::vector<bool>& used, const BoardFile& board,
+    const std::vector<CalibratedCamera>& cameras, Refused refused)
 {
     Stopwatch clock;
     Refinement made;
@@ -78,16 +82,23 @@ Refinement refine_views(
     in_parallel(found.size(), [&](std::size_t i) {
         const std::size_t v = i / cameras.size(), k = i % cameras.size();
         const BoardPicture& picture = views.cameras[k][v];
-        if (!poses[v][k]) return;
+        if (!poses[v][k] || (refused == Refused::leave && !picture.recognised())) return;
         const cv::Mat grey = read_grey(picture.path);
         if (grey.size() == cameras[k].size)
             found[i] = refine_markers(grey, board, *poses[v][k], cameras[k], picture.markers);
     });
     double squares = 0.0;
+    std::vector<double> blurs;
     for (std::size_t i = 0; i < found.size(); ++i) {
         const std::size_t v = i / cameras.size(), k = i % cameras.size();
-        if (!poses[v][k] || !take(found[i], board, views.cameras[k][v])) continue;
+        BoardPicture& picture = views.cameras[k][v];
+        if (!enough(found[i], board, picture)) {
+            made.pictures_kept += picture.recognised() ? 1 : 0;
+            continue;
+        }
+        take(found[i], picture);
         made.markers += found[i].found;
+        blurs.push_back(found[i].blur_over_gap);
         made.not_fitted += found[i].not_fitted;
         made.far_off += found[i].far_off;
         made.doubtful += found[i].doubtful;
@@ -99,6 +110,7 @@ Refinement refine_views(
         used[v] = views.good(v);
     }
     made.sigma = made.markers > 0 ? std::sqrt(squares / made.markers) : 0.0;
+    made.blur_over_gap = blurs.empty() ? 0.0 : median(blurs);
     made.seconds = clock.lap();
     return made;
 }

@@ -98,7 +98,8 @@ void fit(Verified& v, const std::vector<CalibratedCamera>& cameras, const BoardF
 Verified verify_calibration(
     const std::vector<CalibratedCamera>& cameras, BoardViews views, const BoardFile& board, const OnStep& on_step)
 {
-    Verified v { std::move(views), {}, {}, {}, 0, {} };
+    Verified v;
+    v.views = std::move(views);
     recognise(v.views, board, on_step);
     check_sizes(cameras, v.views);
     for (std::size_t view = 0; view < v.views.count(); ++view)
@@ -108,6 +109,9 @@ Verified verify_calibration(
         throw Failure(
             "the board was recognised in no view; the first picture, " + first.path + ": " + outcome(first, board));
     }
+    // A camera that moved or changed shows the board elsewhere than the other's pose says: what it refused stays
+    // refused.
+    v.refinement = refine_views(v.views, v.used, board, cameras, Refused::leave);
     fit(v, cameras, board);
     if (v.is_pair()) v.findings = check_partners(v, cameras, board);
     v.findings.push_back(check_reprojection(v));

@@ -19,7 +19,7 @@ namespace {
 constexpr const char* lens_names[] = { "fx", "fy", "cx", "cy" };
 constexpr const char* distortion_names[]
     = { "k1", "k2", "p1", "p2", "k3", "k4", "k5", "k6", "s1", "s2", "s3", "s4", "tau_x", "tau_y" };
-constexpr std::size_t most_distortion = std::size(distortion_names), most_hull = 4096;
+constexpr std::size_t most_distortion = std::size(distortion_names);
 
 /// @param distortions  coefficients of each camera, one or two
 std::vector<std::string> names_of(const std::vector<std::size_t>& distortions)
@@ -126,22 +126,20 @@ const char* fault_in(const cv::FileStorage& yaml, CovarianceFile& read)
     for (const cv::FileNode name : names)
         c.parameters.push_back(name.isString() ? name.string() : "");
     if (!are_names(c.parameters)) return "parameters are no list of a camera's or a pair's";
-    cv::Mat matrix, hull;
+    cv::Mat matrix;
     const std::size_t n = c.parameters.size();
     if (!read_rows(yaml["covariance"], n, n, static_cast<int>(n), matrix) || !is_covariance(matrix))
         return "covariance is no covariance of these parameters";
     c.covariance = matrix;
-    for (const auto& [key, value] : { std::pair("residual_px", &c.residual_px),
-             { "marker_sigma_px", &c.marker_sigma_px }, { "halves_ratio", &c.halves_ratio } })
+    for (const auto& [key, value] :
+        { std::pair("residual_px", &c.residual_px), { "marker_sigma_px", &c.marker_sigma_px },
+            { "halves_ratio", &c.halves_ratio }, { "blur_over_gap", &c.blur_over_gap } })
         if (!read_number(yaml[key], *value) || *value < 0.0)
-            return "residual_px, marker_sigma_px and halves_ratio are not all there and at least 0";
+            return "residual_px, marker_sigma_px, halves_ratio and blur_over_gap are not all there and at least 0";
     bool three = distances.isSeq() && distances.size() == 3;
     for (int i = 0; three && i < 3; ++i)
         three = read_number(distances[i], c.distance_mm[static_cast<std::size_t>(i)]);
     if (!three || !ascend(c.distance_mm)) return "distance_mm does not hold three depths that ascend";
-    if (!read_rows(yaml["seen_px"], 3, most_hull, 2, hull)) return "seen_px holds no corners of a polygon";
-    for (int i = 0; i < hull.rows; ++i)
-        c.seen_px.emplace_back(hull.at<double>(i, 0), hull.at<double>(i, 1));
     return nullptr;
 }
 
@@ -161,6 +159,7 @@ cv::Mat_<double> relative_pose(const std::vector<CalibratedCamera>& pair)
 std::vector<std::string> covariance_parameters(const std::vector<CalibratedCamera>& cameras)
 {
     std::vector<std::size_t> distortions;
+    distortions.reserve(cameras.size());
     for (const CalibratedCamera& camera : cameras)
         distortions.push_back(camera.D.total());
     return names_of(distortions);
@@ -204,13 +203,13 @@ std::string covariance_yaml(const CameraCovariance& covariance, const std::strin
     cv::write(yaml, "residual_px", covariance.residual_px);
     cv::write(yaml, "marker_sigma_px", covariance.marker_sigma_px);
     cv::write(yaml, "halves_ratio", covariance.halves_ratio);
+    cv::write(yaml, "blur_over_gap", covariance.blur_over_gap);
     yaml.startWriteStruct("distance_mm", cv::FileNode::SEQ | cv::FileNode::FLOW);
     for (const double distance : covariance.distance_mm)
         cv::write(yaml, cv::String(), distance);
     yaml.endWriteStruct();
     write_list(yaml, "parameters", covariance.parameters);
     cv::write(yaml, "covariance", covariance.covariance);
-    cv::write(yaml, "seen_px", cv::Mat(covariance.seen_px).reshape(1));
     return yaml.releaseAndGetString();
 }
 

@@ -25,8 +25,8 @@ struct CameraCovariance {
     /// Depths by the cameras of either half of the views differ by so many times what the covariance lets one expect;
     /// 0: not asked.
     double halves_ratio = 0.0;
+    double blur_over_gap = 0.0; ///< of the photos, as a standard deviation over the paper between markers; 0: not known
     std::array<double, 3> distance_mm {}; ///< near, middle, far: depths of markers in camera 0, ascending
-    std::vector<cv::Point2d> seen_px;     ///< convex hull of the markers seen in camera 0
 };
 
 /// "cam0.fx": fx, fy, cx, cy and the distortion in OpenCV's order (k1, k2, p1, p2, k3, ...) of camera 0; of a pair the

@@ -76,10 +76,9 @@ double mean_square_depth(const Points& moves)
 }
 
 /// The pixels over which the share is asked for, of both cameras, at one distance.
-CommonPixels pixels_at(
-    const std::vector<CalibratedCamera>& pair, const CameraCovariance& c, cv::Size grid, double distance)
+CommonPixels pixels_at(const std::vector<CalibratedCamera>& pair, cv::Size grid, double distance)
 {
-    return in_common(pair, evenly_over(c.seen_px, pair[0].size, grid), distance);
+    return in_common(pair, evenly_over(pair[0].size, grid), distance);
 }
 
 void add_at(const std::vector<CalibratedCamera>& pair, const std::vector<cv::Mat_<double>>& changes,
@@ -135,10 +134,14 @@ Points without_rotation(const Points& of, Points moves)
 std::string why_invalid(const CameraCovariance& c)
 {
     constexpr double most_times = 2.0, most_apart = 3.0; // by chance halves are so far apart once in hundreds
+    constexpr double most_blur = 0.37;                   // at 0.39 depths were off by two to three times the share
     if (!(c.marker_sigma_px > 0.0))
         return "the markers were not refined, and centres as they are recognised are off the same way in all pictures, "
                "which no residual shows";
     const double times = c.residual_px / c.marker_sigma_px;
+    if (times <= most_times && c.blur_over_gap > most_blur)
+        return "the photos are blurred: by " + number(c.blur_over_gap, 2)
+            + " of the paper between the markers, as a standard deviation, which then run into each other";
     if (times <= most_times && c.halves_ratio > most_apart)
         return "the two halves of the views are " + number(c.halves_ratio, 1)
             + " times as far apart as follows from it: markers are off alike in many photos, as in blurred ones";
@@ -156,7 +159,7 @@ StatedShare share_of(const std::vector<CalibratedCamera>& pair, const CameraCova
     share.invalid = why_invalid(covariance);
     share.distance_mm = covariance.distance_mm;
     for (std::size_t i = 0; i < 3; ++i) {
-        const CommonPixels pixels = pixels_at(pair, covariance, coarse_grid, share.distance_mm[i]);
+        const CommonPixels pixels = pixels_at(pair, coarse_grid, share.distance_mm[i]);
         if (pixels.of[0].size() < fewest_points)
             return { {}, "the cameras see too little in common at " + number(share.distance_mm[i], 0) + " mm" };
         add_at(pair, changes, pixels, i, share);
@@ -168,7 +171,7 @@ StatedShare share_of(const std::vector<CalibratedCamera>& pair, const CameraCova
 cv::Mat share_map(const std::vector<CalibratedCamera>& pair, const CameraCovariance& covariance)
 {
     if (pair.size() != 2 || !is_of(covariance, pair)) return {};
-    const CommonPixels pixels = pixels_at(pair, covariance, fine_grid, covariance.distance_mm[1]);
+    const CommonPixels pixels = pixels_at(pair, fine_grid, covariance.distance_mm[1]);
     if (pixels.of[0].size() < fewest_points) return {};
     const auto where = [&pixels](const std::vector<CalibratedCamera>& moved) { return triangulate(moved, pixels); };
     std::vector<double> squares(pixels.of[0].size(), 0.0);
@@ -189,9 +192,9 @@ cv::Mat share_map(const std::vector<CalibratedCamera>& pair, const CameraCovaria
 
 StatedDirection direction_share(const CalibratedCamera& camera, const CameraCovariance& covariance)
 {
-    const Pixels pixels = evenly_over(covariance.seen_px, camera.size, coarse_grid);
+    const Pixels pixels = evenly_over(camera.size, coarse_grid);
     if (!is_of(covariance, { camera })) return { {}, "the covariance is not that of this camera" };
-    if (pixels.size() < fewest_points) return { {}, "too little of the picture shows markers" };
+    if (pixels.size() < fewest_points) return { {}, "the picture is too small" };
     const auto where = [&pixels](const std::vector<CalibratedCamera>& moved) { return directions(moved[0], pixels); };
     const Points seen = directions(camera, pixels);
     double angle = 0.0, across = 0.0; // squares; lengths across are those of points in one plane before the camera

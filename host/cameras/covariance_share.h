@@ -15,12 +15,12 @@ namespace vexo {
 /// Why points may be off by more than the covariance says, in a clause; empty: nothing says so.
 std::string why_invalid(const CameraCovariance& covariance);
 
-/// The share of a pair, over the part of the picture in which markers were seen. Unknown where the cameras see too
-/// little of it in common, or the covariance is not one of these cameras.
+/// The share of a pair, over all that both cameras see, the corners too where no marker was. Unknown where the cameras
+/// see too little of it in common, or the covariance is not one of these cameras.
 StatedShare share_of(const std::vector<CalibratedCamera>& pair, const CameraCovariance& covariance);
 
 /// The share of the depth over the raw picture of camera 0, at the middle distance, mm; CV_32F, a cell of it per pixel,
-/// NaN where no markers were seen or camera 1 does not look. Empty where the share is unknown.
+/// NaN where camera 1 does not look. Empty where the share is unknown.
 cv::Mat share_map(const std::vector<CalibratedCamera>& pair, const CameraCovariance& covariance);
 
 /// The same of a single camera.

@@ -3,23 +3,19 @@
 #include "host/cameras/rectification.h"
 
 #include <opencv2/calib3d.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include <cmath>
 
 namespace vexo {
 
-std::vector<cv::Point2d> evenly_over(const std::vector<cv::Point2d>& seen, cv::Size picture, cv::Size grid)
+std::vector<cv::Point2d> evenly_over(cv::Size picture, cv::Size grid)
 {
-    std::vector<cv::Point2f> hull, all(seen.begin(), seen.end());
-    if (!all.empty()) cv::convexHull(all, hull);
     std::vector<cv::Point2d> pixels;
-    for (int y = 0; y < grid.height && !hull.empty(); ++y)
-        for (int x = 0; x < grid.width; ++x) {
-            const cv::Point2d pixel(
+    pixels.reserve(static_cast<std::size_t>(grid.area()));
+    for (int y = 0; y < grid.height; ++y)
+        for (int x = 0; x < grid.width; ++x)
+            pixels.emplace_back(
                 (x + 0.5) * picture.width / grid.width - 0.5, (y + 0.5) * picture.height / grid.height - 0.5);
-            if (cv::pointPolygonTest(hull, pixel, false) >= 0.0) pixels.push_back(pixel);
-        }
     return pixels;
 }
 
@@ -31,6 +27,7 @@ CommonPixels in_common(
     std::vector<cv::Point2d> rays, seen;
     cv::undistortPoints(of_camera0, rays, pair[0].K, pair[0].D);
     std::vector<cv::Point3d> points;
+    points.reserve(rays.size());
     for (const cv::Point2d& ray : rays)
         points.emplace_back(ray.x * depth, ray.y * depth, depth);
     const cv::Matx33d R = pair[1].R * pair[0].R.t();

@@ -10,10 +10,9 @@
 /// Points that a pair of cameras sees, without pictures: what a calibration does to depth is asked at these.
 namespace vexo {
 
-/// Pixels spread evenly over the convex hull of those in which something was seen: markers lie denser in the middle,
-/// points of a cloud do not.
-/// @param grid  columns and rows of the whole picture, of which the pixels are the middles of the cells
-std::vector<cv::Point2d> evenly_over(const std::vector<cv::Point2d>& seen, cv::Size picture, cv::Size grid);
+/// Pixels spread evenly over a picture, as the points of a cloud are and markers are not.
+/// @param grid  columns and rows, of which the pixels are the middles of the cells
+std::vector<cv::Point2d> evenly_over(cv::Size picture, cv::Size grid);
 
 /// Pixels of both raw pictures that show the same points.
 struct CommonPixels {

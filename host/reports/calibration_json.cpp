@@ -57,8 +57,8 @@ Json to_json(const BoardPicture& picture, const BoardFile& board)
 Json to_json(const Refinement& r)
 {
     return { { "markers", r.markers }, { "not_fitted", r.not_fitted }, { "far_off", r.far_off },
-        { "doubtful", r.doubtful }, { "views_added", r.views_added }, { "sigma_px", finite(r.sigma) },
-        { "seconds", finite(r.seconds) } };
+        { "doubtful", r.doubtful }, { "views_added", r.views_added }, { "pictures_kept", r.pictures_kept },
+        { "sigma_px", finite(r.sigma) }, { "seconds", finite(r.seconds) } };
 }
 
 /// What the views say of how the board's markers lie.

@@ -57,6 +57,9 @@ std::string refinement_line(const Refinement& r)
     return std::to_string(r.markers) + " markers measured by their grey values, to " + number(r.sigma, 4)
         + " px a coordinate; left out: " + (left_out.empty() ? "none" : left_out.substr(2))
         + (r.views_added == 0 ? "" : "; views that the other camera's pose added: " + std::to_string(r.views_added))
+        + (r.pictures_kept == 0 ? ""
+                                : "; pictures that keep their markers as recognised, since too few could be measured: "
+                    + std::to_string(r.pictures_kept))
         + "; " + number(r.seconds, 1) + " s";
 }
 

@@ -24,7 +24,7 @@ std::string map_html(const Calibrated& c)
     const std::string title = "Share of the depth at " + number(c.covariance->distance_mm[1], 0) + " mm";
     return "<div class=\"pictures\"><figure>" + picture_html(encode(".png", picture), "image/png", title)
         + scale_html(span, Ramp::Rainbow, "depth [mm]") + "<figcaption><strong>" + title
-        + ".</strong> Over the raw picture of camera 0; dark grey where no markers were seen or camera 1 does not "
+        + ".</strong> Over the raw picture of camera 0; dark grey where camera 1 does not "
           "look.</figcaption></figure></div>";
 }
 

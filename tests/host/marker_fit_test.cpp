@@ -83,6 +83,7 @@ TEST(MarkerFit, FindsCentresOfTiltedMarkersWithinTheirOwnSigmaWhateverNoiseBlurA
     // pixels' grid, so that an edge rises in straight pieces: its error is no larger, but the noise of 0.5 levels is.
     for (const Case& c : { Case { 0.0, 0.6, 1.6, 1.0, 0.008, 1.3 }, Case { 0.7, 0.6, 1.6, 1.0, 0.010, 1.3 },
              Case { 0.7, 0.6, 4.0, 3.0, 0.040, 1.3 }, Case { 0.5, 1.5, 1.6, 1.5, 0.016, 1.3 },
+             Case { 0.5, 2.0, 1.6, 1.0, 0.018, 1.3 }, // reaches from each marker over to the next, 6 px away
              Case { 0.7, 0.3, 0.5, 1.0, 0.007, 2.0 }, Case { 1.0, 0.7, 1.6, 8.0, 0.040, 1.3 } }) {
         SCOPED_TRACE(testing::Message() << c.tilt << ' ' << c.blur << ' ' << c.noise);
         Shot shot(c.tilt, { c.blur, c.noise, c.gradient }, 0.13);
