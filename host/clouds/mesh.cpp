@@ -1,6 +1,8 @@
 #include "host/clouds/mesh.h"
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace vexo {
 
