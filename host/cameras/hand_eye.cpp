@@ -1,6 +1,7 @@
 #include "host/cameras/hand_eye.h"
 
 #include "base/boundary.h"
+#include "host/cameras/inverted.h"
 
 #include <opencv2/calib3d.hpp>
 
@@ -28,10 +29,11 @@ constexpr double deg_per_rad = 180.0 / CV_PI;
 Vec3d turn_of(const Matx33d& R)
 {
     const Vec3d twice_sine(R(2, 1) - R(1, 2), R(0, 2) - R(2, 0), R(1, 0) - R(0, 1));
-    constexpr double small = 1e-2; // rad, where asin(s) = s + s^3 / 6 to 1e-11
-    const double sine = 0.5 * cv::norm(twice_sine);
-    if (sine < small && R(0, 0) + R(1, 1) + R(2, 2) > 1) return 0.5 * (1 + sine * sine / 6) * twice_sine;
-    Vec3d turn;
+    const double sine = 0.5 * cv::norm(twice_sine), cosine = 0.5 * (R(0, 0) + R(1, 1) + R(2, 2) - 1);
+    constexpr double small = 1e-4; // where the angle over its sine is 1 + sine^2 / 6 to 1e-17
+    if (sine < small && cosine > 0) return 0.5 * (1 + sine * sine / 6) * twice_sine;
+    if (sine > small) return 0.5 * std::atan2(sine, cosine) / sine * twice_sine;
+    Vec3d turn; // by half a turn
     cv::Rodrigues(R, turn);
     return turn;
 }
@@ -58,8 +60,8 @@ HandEye moved(const HandEye& state, const Step& step)
 /// What camera, board and picture say of the robot: base_from_gripper.
 Affine3d predicted(const HandEye& h, const Affine3d& camera_from_board)
 {
-    return h.setup == HandEyeSetup::eye_in_hand ? h.board * camera_from_board.inv() * h.camera.inv()
-                                                : h.camera * camera_from_board * h.board.inv();
+    return h.setup == HandEyeSetup::eye_in_hand ? h.board * inverted(camera_from_board) * inverted(h.camera)
+                                                : h.camera * camera_from_board * inverted(h.board);
 }
 
 /// The robot's reading less what is predicted: translation, then the turn between both.
@@ -238,7 +240,7 @@ public:
 
     std::optional<HandEye> run()
     {
-        constexpr int most = 60;
+        constexpr int most = 40;
         constexpr double settled = 1e-4; // share of a variance, which itself is known to 10 % at best
         for (int round = 0; round < most; ++round) {
             const auto change = _settle_variances();
@@ -339,8 +341,8 @@ Vec3d HandEye::rotation_sigma_deg() const
 
 Affine3d HandEye::camera_from_board(const Affine3d& base_from_gripper) const
 {
-    return setup == HandEyeSetup::eye_in_hand ? camera.inv() * base_from_gripper.inv() * board
-                                              : camera.inv() * base_from_gripper * board;
+    return setup == HandEyeSetup::eye_in_hand ? inverted(camera) * inverted(base_from_gripper) * board
+                                              : inverted(camera) * base_from_gripper * board;
 }
 
 HandEyeResidual HandEye::residual(const HandEyePose& pose, const Vec3d& board_point_mm) const

@@ -1,5 +1,6 @@
 #include "base/boundary.h"
 #include "host/cameras/hand_eye.h"
+#include "host/cameras/inverted.h"
 
 #include <opencv2/calib3d.hpp>
 
@@ -26,7 +27,7 @@ cv::Affine3d mean_board(const std::vector<HandEyePose>& poses, const HandEye& h)
     for (const HandEyePose& pose : poses) {
         const cv::Affine3d& robot = pose.base_from_gripper;
         const cv::Affine3d board
-            = (h.setup == HandEyeSetup::eye_in_hand ? robot : robot.inv()) * h.camera * pose.camera_from_board();
+            = (h.setup == HandEyeSetup::eye_in_hand ? robot : inverted(robot)) * h.camera * pose.camera_from_board();
         sum += board.rotation();
         place += board.translation() / static_cast<double>(poses.size());
     }
@@ -51,7 +52,7 @@ std::optional<HandEye> closed_form(
     std::vector<cv::Mat> robot_R, robot_T, seen_R, seen_T;
     for (const HandEyePose& pose : poses) {
         const cv::Affine3d robot
-            = setup == HandEyeSetup::eye_in_hand ? pose.base_from_gripper : pose.base_from_gripper.inv();
+            = setup == HandEyeSetup::eye_in_hand ? pose.base_from_gripper : inverted(pose.base_from_gripper);
         const cv::Affine3d seen = pose.camera_from_board();
         robot_R.emplace_back(robot.rotation(), true);
         robot_T.emplace_back(robot.translation(), true);
