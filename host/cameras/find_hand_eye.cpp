@@ -32,24 +32,31 @@ std::string text_of(const HandEyeResidual& r)
 }
 
 /// Rotation vectors about the first view's turn, less their mean; by the standard deviations of their principal axes.
-TurnSpread spread_of(const std::vector<HandEyePose>& poses)
+TurnSpread spread_of(const std::vector<cv::Matx33d>& rotations)
 {
-    const cv::Matx33d first = poses.front().camera_from_board().rotation();
     std::vector<cv::Vec3d> turns;
     cv::Vec3d mean;
-    for (const HandEyePose& pose : poses) {
+    for (const cv::Matx33d& rotation : rotations) {
         cv::Vec3d turn;
-        cv::Rodrigues(first.t() * pose.camera_from_board().rotation(), turn);
+        cv::Rodrigues(rotations.front().t() * rotation, turn);
         turns.push_back(turn);
-        mean += turn / static_cast<double>(poses.size());
+        mean += turn / static_cast<double>(rotations.size());
     }
     cv::Matx33d sum;
     for (const cv::Vec3d& turn : turns)
         sum += (turn - mean) * (turn - mean).t();
     cv::Vec3d values;
-    cv::eigen(sum * (1.0 / static_cast<double>(poses.size())), values);
+    cv::eigen(sum * (1.0 / static_cast<double>(rotations.size())), values);
     const auto degrees = [](double square) { return std::sqrt(std::max(0.0, square)) * 180 / CV_PI; };
     return { degrees(values[0]), degrees(values[1]) };
+}
+
+std::vector<cv::Matx33d> rotations_of(const std::vector<HandEyePose>& poses, bool of_robot)
+{
+    std::vector<cv::Matx33d> all;
+    for (const HandEyePose& pose : poses)
+        all.push_back((of_robot ? pose.base_from_gripper : pose.camera_from_board()).rotation());
+    return all;
 }
 
 constexpr const char* more_turning
@@ -87,7 +94,7 @@ HandEye solved_for(const std::vector<HandEyePose>& poses, const HandEyeRequest& 
             + more_turning);
     constexpr double clearly = 3.0;
     const bool clear = next > clearly * least;
-    if (!request.setup)
+    if (!request.setup && least < poor_fit.mm) // else there is more to be said than that
         findings.push_back({ "setup", clear ? Weight::note : Weight::spoils, "",
             std::string("the poses are those of ") + name_of(best->setup) + ": they fit to " + number(least, 3) + " mm"
                 + (std::isfinite(next) ? ", of the other setup to " + number(next, 3) + " mm" : ""),
@@ -204,9 +211,11 @@ std::vector<Finding> check_reading(
                 + text_of(other->rms),
             other->advice } };
     if (level(found.rms, good_fit, poor_fit) != Weight::spoils) return {};
+    const double robot_deg = spread_of(rotations_of(poses_of(views, request.reading), true)).first_deg;
     return { { "convention", Weight::spoils, "",
         "the poses fit to " + text_of(found.rms) + ", read as " + as_read
-            + "; no other order, unit, inverse or setup fits better by far",
+            + "; no other order, unit, inverse or setup fits. The robot says that it turns by " + number(robot_deg, 1)
+            + " degrees, the photos say " + number(found.spread.first_deg, 1),
         "see that poses and photos belong together by their numbers, that the board's pitch is right, and that "
         "nothing moved but the robot" } };
 }
@@ -220,7 +229,7 @@ FoundHandEye find_hand_eye(const std::vector<HandEyeView>& views, const HandEyeR
             + std::to_string(fewest_hand_eye_views) + " are needed, and 15 are better");
     const std::vector<HandEyePose> poses = poses_of(views, request.reading);
     FoundHandEye found;
-    found.spread = spread_of(poses);
+    found.spread = spread_of(rotations_of(poses, false));
     refuse_little_turning(found.spread);
     found.solved = solved_for(poses, request, found.findings);
     found.residuals = residuals_of(poses, found.solved, request.board_point_mm);
