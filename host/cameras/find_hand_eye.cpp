@@ -4,6 +4,7 @@
 #include "base/statistics.h"
 #include "base/text.h"
 #include "host/cameras/hand_eye_readings.h"
+#include "host/cameras/hand_eye_strays.h"
 
 #include <opencv2/calib3d.hpp>
 
@@ -196,6 +197,23 @@ std::vector<Finding> check_single(const std::vector<HandEyeView>& views, const F
     return findings;
 }
 
+/// Where all poses but a few fit: which.
+std::optional<Finding> check_strays(
+    const std::vector<HandEyeView>& views, const HandEyeRequest& request, const FoundHandEye& found)
+{
+    const StrayPoses stray
+        = find_stray_poses(poses_of(views, request.reading), found.solved.setup, request.board_point_mm, good_fit);
+    if (stray.strays.empty()) return std::nullopt;
+    std::string names, lines;
+    for (const std::size_t i : stray.strays) {
+        names += (names.empty() ? "" : ", ") + views[i].picture;
+        lines += (lines.empty() ? "" : ", ") + std::to_string(views[i].row.line);
+    }
+    return Finding { "strays", Weight::spoils, "",
+        "all poses but " + names + " fit, to " + text_of(stray.rms) + ": their photos or poses are others'",
+        "put right or leave out the lines: " + lines };
+}
+
 /// Where poses do not fit: which other meaning of the numbers does.
 std::vector<Finding> check_reading(
     const std::vector<HandEyeView>& views, const HandEyeRequest& request, const FoundHandEye& found)
@@ -211,6 +229,7 @@ std::vector<Finding> check_reading(
                 + text_of(other->rms),
             other->advice } };
     if (level(found.rms, good_fit, poor_fit) != Weight::spoils) return {};
+    if (const auto strays = check_strays(views, request, found)) return { *strays };
     const double robot_deg = spread_of(rotations_of(poses_of(views, request.reading), true)).first_deg;
     return { { "convention", Weight::spoils, "",
         "the poses fit to " + text_of(found.rms) + ", read as " + as_read

@@ -62,7 +62,8 @@ std::vector<OtherReading> others(const HandEyeRequest& request, HandEyeSetup tri
                 all.push_back(reading);
             }
     for (const int shift : { 1, -1 })
-        all.push_back({ request.reading, tried, shift, {}, "", "" });
+        for (const HandEyeSetup setup : { tried, other(tried) }) // poses far off suggest no setup
+            all.push_back({ request.reading, setup, shift, {}, "", "" });
     return all;
 }
 

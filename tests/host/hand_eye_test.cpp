@@ -361,6 +361,10 @@ TEST(HandEyeChecks, NameThePoseThatIsWrongAndRefusePosesThatTurnTooLittle)
     const FoundHandEye wrong = Written(rig.poses, "", as_matrix).find({}, {});
     EXPECT_EQ(wrong.worst[0], 6U);
     EXPECT_EQ(text_of(wrong, "pose").rfind("view6: ", 0), 0U) << text_of(wrong, "pose");
+    std::swap(rig.poses[6].base_from_gripper, rig.poses[11].base_from_gripper);
+    const FoundHandEye exchanged = Written(rig.poses, "", as_matrix).find({}, {});
+    EXPECT_EQ(text_of(exchanged, "strays").rfind("all poses but view6, view11 fit", 0), 0U)
+        << text_of(exchanged, "strays") << text_of(exchanged, "convention");
     const Written flat(Rig(HandEyeSetup::eye_in_hand, 1, {}, 1.0).poses, "", as_matrix);
     EXPECT_THROW(flat.find({}, {}), Failure);
     rig.poses.resize(3);
