@@ -4,6 +4,7 @@
 #include "base/statistics.h"
 #include "base/text.h"
 #include "host/cameras/hand_eye_readings.h"
+#include "host/cameras/hand_eye_scale.h"
 #include "host/cameras/hand_eye_strays.h"
 
 #include <opencv2/calib3d.hpp>
@@ -239,6 +240,24 @@ std::vector<Finding> check_reading(
         "nothing moved but the robot" } };
 }
 
+/// Whether board and robot agree about a mm. Not asked of poses that do not fit at all.
+std::vector<Finding> check_scale(
+    const std::vector<HandEyePose>& poses, const HandEyeRequest& request, const FoundHandEye& found)
+{
+    constexpr HandEyeResidual any_scale { 30.0, poor_fit.deg }; // 3 % of a metre
+    if (level(found.rms, any_scale, any_scale) != Weight::good) return {};
+    const auto scale = find_board_scale(poses, found.solved.setup, request.board_point_mm, found.rms);
+    if (!scale) return {};
+    const double share = scale->factor - 1;
+    constexpr double harmless = 0.002; // 1 mm at half a metre
+    return { { "scale", std::abs(share) > harmless ? Weight::spoils : Weight::worse, "",
+        "with a board " + number(100 * std::abs(share), 2) + (share > 0 ? " % larger" : " % smaller")
+            + " than its file says the poses fit to " + number(scale->rms.mm, 3) + " mm, not "
+            + number(found.rms.mm, 3),
+        "measure the board with a ruler, and set its pitch; calibrate again with it; if the pitch is right, the "
+        "robot's lengths are not" } };
+}
+
 } // namespace
 
 FoundHandEye find_hand_eye(const std::vector<HandEyeView>& views, const HandEyeRequest& request)
@@ -257,6 +276,8 @@ FoundHandEye find_hand_eye(const std::vector<HandEyeView>& views, const HandEyeR
     found.held_out_rms = rms_of(found.held_out);
     found.worst = worst_of(found.held_out);
     for (const Finding& finding : check_reading(views, request, found))
+        found.findings.push_back(finding);
+    for (const Finding& finding : check_scale(poses, request, found))
         found.findings.push_back(finding);
     for (const Finding& finding :
         { check_fit(found), check_sigma(found), check_turning(found), check_count(views.size()) })

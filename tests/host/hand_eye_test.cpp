@@ -354,7 +354,15 @@ TEST(HandEyeChecks, NameThePoseThatIsWrongAndRefusePosesThatTurnTooLittle)
 {
     Rig rig(HandEyeSetup::eye_to_hand, 7, {});
     const FoundHandEye right = Written(rig.poses, "", as_matrix).find({}, {});
-    EXPECT_EQ(text_of(right, "pose"), "");
+    EXPECT_EQ(text_of(right, "pose") + text_of(right, "scale"), "");
+    Rig small = rig;
+    for (HandEyePose& pose : small.poses)
+        pose.board_tvec *= 0.98;
+    const FoundHandEye scaled = Written(small.poses, "", as_matrix).find({}, {});
+    EXPECT_EQ(heaviest(scaled.findings), Weight::spoils);
+    // 1 / 0.98, by poses that say it to 0.2 %.
+    EXPECT_NEAR(std::stod("0" + text_of(scaled, "scale").substr(std::string("with a board ").size())), 2.04, 0.6);
+    EXPECT_NE(text_of(scaled, "scale").find("larger"), std::string::npos);
     EXPECT_LT(right.held_out_rms.mm, 0.6);
     EXPECT_GT(right.held_out_rms.mm, right.rms.mm);
     rig.poses[6].base_from_gripper = rig.poses[6].base_from_gripper.translate({ 4, 0, 0 });
