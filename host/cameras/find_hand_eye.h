@@ -1,30 +1,13 @@
 #pragma once
 
 #include "host/cameras/hand_eye.h"
-#include "host/cameras/robot_poses.h"
+#include "host/cameras/hand_eye_view.h"
 #include "host/verdict/finding.h"
 
-#include <opencv2/core.hpp>
-
 #include <cstddef>
-#include <optional>
-#include <string>
 #include <vector>
 
 namespace vexo {
-
-/// A line of the robot's file, and what the camera saw at that pose.
-struct HandEyeView {
-    std::string picture;
-    RobotPoseRow row;
-    HandEyePose pose; ///< base_from_gripper is set from the row
-};
-
-struct HandEyeRequest {
-    PoseReading reading;
-    std::optional<HandEyeSetup> setup; ///< nothing: the one that fits
-    cv::Vec3d board_point_mm;          ///< on the board, whose errors are said; its middle
-};
 
 /// How far the board's turns in the camera spread about their mean, as standard deviations: about the axis of most
 /// turning, and about the second one at right angles to it. One axis alone leaves the camera's place along it open.
@@ -42,8 +25,6 @@ struct FoundHandEye {
     TurnSpread spread;
     std::vector<Finding> findings;
 };
-
-constexpr std::size_t fewest_hand_eye_views = 4; ///< three determine the camera, the fourth tests it
 
 /// Solves, tests each view by the others (leave-one-out; 20 folds of many views), and where the poses do not fit tries
 /// other meanings of their numbers: orders, units, the inverse, the other setup, and pictures that are shifted by one.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/cameras/find_hand_eye.h"
+#include "host/cameras/hand_eye_view.h"
 
 #include <optional>
 #include <string>

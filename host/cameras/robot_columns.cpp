@@ -58,26 +58,26 @@ PoseColumn column_named(const std::string& name)
 }
 
 /// Units of both kinds, which must not contradict one another.
-bool take_unit(const Name& name, const PoseColumn& column, RobotPoseFile& file)
+bool take_unit(const Name& name, const PoseColumn& column, StatedColumns& stated)
 {
     if (name.unit.empty()) return true;
     const bool angle = name.unit == "deg" || name.unit == "rad";
     if (angle != (column.kind == Kind::rotation)) return false;
     if (angle) {
         const bool degrees = name.unit == "deg";
-        if (file.degrees.value_or(degrees) != degrees) return false;
-        file.degrees = degrees;
+        if (stated.degrees.value_or(degrees) != degrees) return false;
+        stated.degrees = degrees;
         return true;
     }
     const double unit = name.unit == "mm" ? 1.0 : 1000.0;
-    if (file.unit_mm.value_or(unit) != unit) return false;
-    file.unit_mm = unit;
+    if (stated.unit_mm.value_or(unit) != unit) return false;
+    stated.unit_mm = unit;
     return true;
 }
 
 /// What names of a rotation's columns say. Quaternions stay in the order of the file, so that another order can be
 /// tried.
-void take_rotation(const Names& names, std::vector<PoseColumn>& columns, RobotPoseFile& file)
+void take_rotation(const Names& names, std::vector<PoseColumn>& columns, StatedColumns& stated)
 {
     std::string first, letters;
     for (std::size_t i = 0; i < columns.size(); ++i) {
@@ -89,13 +89,13 @@ void take_rotation(const Names& names, std::vector<PoseColumn>& columns, RobotPo
         std::size_t next = 0;
         for (PoseColumn& column : columns)
             if (column.kind == Kind::rotation) column.index = next++;
-        file.rotation = RotationForm { RotationForm::Kind::quaternion, letters };
+        stated.rotation = RotationForm { RotationForm::Kind::quaternion, letters };
     } else if (letters.size() == 4) {
-        file.rotation = RotationForm { RotationForm::Kind::quaternion, "xyzw" };
+        stated.rotation = RotationForm { RotationForm::Kind::quaternion, "xyzw" };
     } else if (first.rfind("rv", 0) == 0) {
-        file.rotation = RotationForm { RotationForm::Kind::vector, "" };
+        stated.rotation = RotationForm { RotationForm::Kind::vector, "" };
     }
-    file.by_axis = letters.size() == 3 && !is_one_of(first, { "a", "b", "c" });
+    stated.by_axis = letters.size() == 3 && !is_one_of(first, { "a", "b", "c" });
 }
 
 /// rx, roll, a, rvx or qx, and as many as each has.
@@ -130,7 +130,7 @@ std::string fault_of(const std::vector<PoseColumn>& columns)
 
 } // namespace
 
-std::vector<PoseColumn> named_columns(const Names& texts, RobotPoseFile& file, std::string& fault)
+std::vector<PoseColumn> named_columns(const Names& texts, StatedColumns& stated, std::string& fault)
 {
     std::vector<PoseColumn> columns;
     Names names;
@@ -138,12 +138,12 @@ std::vector<PoseColumn> named_columns(const Names& texts, RobotPoseFile& file, s
         const Name name = name_of(text);
         columns.push_back(column_named(name.name));
         names.push_back(name.name);
-        if (columns.back().kind != Kind::other && !take_unit(name, columns.back(), file))
+        if (columns.back().kind != Kind::other && !take_unit(name, columns.back(), stated))
             fault = "the unit of column " + text + " makes no sense, or is another than before";
     }
     if (fault.empty()) fault = fault_of(columns);
     if (fault.empty() && !is_one_family(names, columns)) fault = expected;
-    if (fault.empty()) take_rotation(names, columns, file);
+    if (fault.empty()) take_rotation(names, columns, stated);
     return columns;
 }
 

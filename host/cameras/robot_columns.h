@@ -1,8 +1,9 @@
 #pragma once
 
-#include "host/cameras/robot_poses.h"
+#include "host/cameras/robot_rotation.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,9 +16,17 @@ struct PoseColumn {
     std::size_t index = 0; ///< in place, rotation or the 16 numbers of the matrix
 };
 
-/// Columns by their names; what these say of rotation and units goes into `file`. Columns of other names are ignored.
+/// What the names of columns say.
+struct StatedColumns {
+    std::optional<RotationForm> rotation; ///< where the header names one
+    bool by_axis = false;                 ///< three angles that the header calls those about x, y and z
+    std::optional<bool> degrees;          ///< of "rx_deg", "rx_rad"
+    std::optional<double> unit_mm;        ///< of "x_mm", "x_m"
+};
+
+/// Columns by their names; what these say of rotation and units goes into `stated`. Columns of other names are ignored.
 /// @param fault  a clause that says what is missing or comes twice
-std::vector<PoseColumn> named_columns(const std::vector<std::string>& names, RobotPoseFile& file, std::string& fault);
+std::vector<PoseColumn> named_columns(const std::vector<std::string>& names, StatedColumns& stated, std::string& fault);
 
 /// Columns of lines that are named by nothing: 7, 8 or 17.
 std::vector<PoseColumn> plain_columns(std::size_t count, std::string& fault);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/cameras/robot_columns.h"
 #include "host/cameras/robot_rotation.h"
 
 #include <opencv2/core.hpp>
@@ -20,14 +21,10 @@ struct RobotPoseRow {
     std::vector<double> rotation; ///< 3, 4 or 9 numbers
 };
 
-/// What the columns say of themselves.
-struct RobotPoseFile {
+/// The lines, and what the columns say of themselves.
+struct RobotPoseFile : StatedColumns {
     std::string path;
     std::vector<RobotPoseRow> rows;
-    std::optional<RotationForm> rotation; ///< where the header names one
-    bool by_axis = false;                 ///< three angles that the header calls those about x, y and z
-    std::optional<bool> degrees;          ///< of "rx_deg", "rx_rad"
-    std::optional<double> unit_mm;        ///< of "x_mm", "x_m"
 };
 
 /// Reads lines of numbers between commas, semicolons or blanks; a point is the decimal sign whatever the locale is, and
