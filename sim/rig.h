@@ -34,6 +34,9 @@ struct RigOptions {
     std::uint64_t seed = 1;                ///< of the noise
     std::array<int, 2> swapped = { 0, 0 }; ///< two frames that are projected in each other's place
     double move_mm = 0;                    ///< the scene moves by so much before the last two frames
+    /// Degrees by which the scene is turned about the upright axis through its middle, clockwise seen from above:
+    /// what faces camera 1's side comes to the front.
+    double turned_deg = 0;
 };
 
 /// Null when the options describe a rig that can be built, else their first fault.
