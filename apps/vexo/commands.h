@@ -22,5 +22,6 @@ void add_check(CLI::App& app, GlobalOptions& options);
 void add_calibrate(CLI::App& app, GlobalOptions& options);
 void add_verify(CLI::App& app, GlobalOptions& options);
 void add_pose(CLI::App& app, GlobalOptions& options);
+void add_handeye(CLI::App& app, GlobalOptions& options);
 
 } // namespace vexo::app

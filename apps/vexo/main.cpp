@@ -61,6 +61,7 @@ int run(int argc, char** argv)
     vexo::app::add_calibrate(app, options);
     vexo::app::add_verify(app, options);
     vexo::app::add_pose(app, options);
+    vexo::app::add_handeye(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

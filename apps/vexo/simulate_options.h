@@ -19,6 +19,8 @@ struct SimulateOptions {
     sim::RigOptions rig;
     std::string patterns, swap, board;
     sim::CalibrationOptions photos;
+    std::string robot;
+    std::vector<double> robot_noise = { sim::RobotOptions().noise_mm, sim::RobotOptions().noise_deg };
     std::vector<CLI::Option*> only_scenes, only_photos; ///< what has no meaning for the other kind of series
 };
 
@@ -27,6 +29,9 @@ void declare(CLI::App& command, SimulateOptions& o);
 
 /// The rig, from options given in other words. Throws Failure.
 sim::RigOptions rig_of(const SimulateOptions& o);
+
+/// The photos of a board. Throws Failure.
+sim::CalibrationOptions photos_of(const SimulateOptions& o);
 
 /// What the rig projects: the pattern of its method, or the pictures of --patterns, for which the rig is then set.
 /// Throws Failure.
