@@ -70,7 +70,7 @@ void add_bust(Scene& scene, double middle_z)
 
 const std::vector<std::string>& scene_names()
 {
-    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres" };
+    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres", "albedo" };
     return names;
 }
 
@@ -79,6 +79,15 @@ cv::Matx44d turned(const RigOptions& options)
     const double angle = options.turned_deg * CV_PI / 180.0, c = std::cos(angle), s = std::sin(angle);
     const double z = options.distance_mm; // the axis: x = 0, this z; p -> R (p - a) + a
     return { c, 0, s, -s * z, 0, 1, 0, 0, -s, 0, c, z - c * z, 0, 0, 0, 1 };
+}
+
+double stripe_albedo(const cv::Vec3d& point_mm) noexcept
+{
+    constexpr double width = 24; // mm, some 70 px of the default rig
+    constexpr int levels = 4;
+    const double stripe = std::floor(point_mm[0] / width);
+    const auto level = static_cast<int>(stripe - levels * std::floor(stripe / levels));
+    return std::pow(4.0, level - 2);
 }
 
 Balls make_balls(const RigOptions& options)
@@ -101,7 +110,8 @@ Scene make_scene(const std::string& name, const RigOptions& options)
         add_wall(scene, { 0, 0, z + 30 }, 0);
         add_steps(scene, z + 30);
     }
-    if (name == "bust") add_bust(scene, z);
+    if (name == "bust" || name == "albedo") add_bust(scene, z);
+    if (name == "albedo") scene.paint(stripe_albedo);
     if (name == "spheres") {
         add_wall(scene, { 0, 0, z }, options.tilt_deg);
         add_balls(scene, options);
