@@ -74,6 +74,11 @@ const std::vector<std::string>& scene_names()
     return names;
 }
 
+bool stands_free(const std::string& name)
+{
+    return name == "bust" || name == "albedo";
+}
+
 cv::Matx44d turned(const RigOptions& options)
 {
     const double angle = options.turned_deg * CV_PI / 180.0, c = std::cos(angle), s = std::sin(angle);

@@ -19,6 +19,9 @@ struct Balls {
 /// Names of the scenes that make_scene() builds.
 const std::vector<std::string>& scene_names();
 
+/// Whether a scene has nothing that a turntable could not turn.
+bool stands_free(const std::string& name);
+
 /// Builds a scene at the rig's working distance:
 ///     plane    a wall tilted by `tilt_deg`
 ///     sphere   a ball of 150 mm before a wall
