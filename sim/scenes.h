@@ -29,6 +29,7 @@ bool stands_free(const std::string& name);
 ///     bust     a head with neck and shoulders, nothing behind it
 ///     spheres  two balls of 40 mm, 150 mm apart, lying on a plane tilted by `tilt_deg`
 ///     albedo   the bust in upright stripes, see stripe_albedo()
+///     plate    the default calibration board, upright between three balls of 40 mm
 /// For block matching all surfaces are painted with blotches, four camera pixels and more in size.
 /// An unknown name gives an empty scene.
 Scene make_scene(const std::string& name, const RigOptions& options);

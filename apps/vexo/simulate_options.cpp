@@ -72,9 +72,13 @@ void add_scene_options(CLI::App& command, SimulateOptions& o)
     add("--ambient", o.rig.ambient, "other light than the projector's, grey levels on white")->capture_default_str();
     add("--gamma", o.rig.gamma, "of the projector: light = grey^gamma")->capture_default_str();
     add("--defocus", o.rig.defocus, "standard deviation of the projector's blur, projector px")->capture_default_str();
+    CLI::Option* turned = add("--turned", o.rig.turned_deg,
+        "the scene is turned by so many degrees about the upright "
+        "axis through its middle");
     add("--turntable", o.turntable,
         "so many captures of a scene without walls, view0, view1 and so on, between which a turntable turned it")
-        ->check(CLI::Range(2, most_views));
+        ->check(CLI::Range(2, most_views))
+        ->excludes(turned);
     add("--swap", o.swap, "A:B, two frames in each other's place: a faulty capture to try vexo check on");
     add("--move", o.rig.move_mm, "the scene moves by so many mm before the last two frames: a faulty capture");
 }
