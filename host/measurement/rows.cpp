@@ -30,13 +30,6 @@ constexpr double least_texture = 3.0;
 /// 0.9.
 constexpr double least_texture_per_noise = 0.95;
 
-/// Rows by which texture is shifted against itself, and the largest correlation that it may have with itself there.
-/// Shading leaves a bulge along y that looks the same rows further on: on plain balls nine windows of ten correlated by
-/// 0.95 and more from -8 to 8 px, and their peaks lay anywhere between. The slowest texture that is left of a picture,
-/// of 31 px, has 0.7.
-constexpr int self_shift = 4;
-constexpr double most_self_correlation = 0.8;
-
 /// Right windows of textured surfaces correlate by 0.9 and more, wrong ones seldom by more than a half.
 constexpr double least_correlation = 0.8;
 
@@ -117,36 +110,14 @@ std::optional<double> peak_of(const std::array<double, 2 * reach + 1>& values)
     return static_cast<double>(best - values.begin()) - reach + (bend < 0 ? 0.5 * (before - after) / bend : 0.0);
 }
 
-cv::Rect window_around(cv::Point middle)
-{
-    return { middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1 };
-}
-
-std::vector<float> values_in(const cv::Mat& structure, const cv::Rect& window)
-{
-    const cv::Mat values = structure(window).clone();
-    return { values.begin<float>(), values.end<float>() };
-}
-
 /// What camera 0 has in a window of a measured surface, row by row; empty where it is not measured well enough.
 std::vector<float> own_values(const Pictures& p, cv::Point middle)
 {
-    const cv::Rect window = window_around(middle);
+    const cv::Rect window(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1);
     const cv::Mat around = p.disparity(window);
     if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return {};
-    return values_in(p.left, window);
-}
-
-/// Whether the window would tell a shift along y: it is not the same a few rows above or below.
-bool tells_rows(const Pictures& p, cv::Point middle, const std::vector<float>& own)
-{
-    const double squares = std::inner_product(own.begin(), own.end(), own.begin(), 0.0);
-    if (std::sqrt(squares / static_cast<double>(own.size())) < p.least_texture) return false;
-    for (const int shift : { -self_shift, self_shift }) {
-        const std::vector<float> shifted = values_in(p.left, window_around(middle + cv::Point(0, shift)));
-        if (correlation(own.data(), shifted.data(), own.size()) > most_self_correlation) return false;
-    }
-    return true;
+    const cv::Mat own = p.left(window).clone();
+    return { own.begin<float>(), own.end<float>() };
 }
 
 /// The same of camera 1, by `reach` rows higher; empty where some of it lies beside the picture.
@@ -168,7 +139,8 @@ Window compare(const Pictures& p, cv::Point middle)
     Window window;
     const std::vector<float> own = own_values(p, middle);
     if (own.empty()) return window;
-    const bool textured = tells_rows(p, middle, own);
+    const double squares = std::inner_product(own.begin(), own.end(), own.begin(), 0.0);
+    const bool textured = std::sqrt(squares / static_cast<double>(own.size())) >= p.least_texture;
     const std::vector<float> other = textured ? others_values(p, middle) : std::vector<float>();
     if (textured && other.empty()) return window;
     window.at = middle;
