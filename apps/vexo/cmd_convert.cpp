@@ -52,8 +52,13 @@ std::vector<std::string> lines_of(const Json& figures)
         ? "mesh         " + vertices + " vertices, " + grouped(figures["triangles"].get<long long>()) + " triangles"
         : "points       " + vertices;
     const std::string axes = figures["axes"] == "x, y, z" ? "" : ", written as " + figures["axes"].get<std::string>();
-    return { counts, "bounds       " + bounds + " " + unit_name,
-        "axes         " + figures["frame"].get<std::string>() + axes };
+    std::vector<std::string> lines { counts };
+    if (const auto smoothed = figures["smoothed"].get<long long>(); smoothed > 0)
+        lines.push_back(
+            "smoothed     " + grouped(smoothed) + " points by quadratics over 7 x 7 px; sigma is that of the fit");
+    lines.push_back("bounds       " + bounds + " " + unit_name);
+    lines.push_back("axes         " + figures["frame"].get<std::string>() + axes);
+    return lines;
 }
 
 void run(const GlobalOptions& global, const Typed& o)
@@ -97,6 +102,8 @@ void add_convert(CLI::App& app, GlobalOptions& global)
         ->type_name("X0 .. Z1")
         ->expected(6);
     cmd->add_option("--every", r.every, "each Nth point of a cloud")->type_name("N")->capture_default_str();
+    cmd->add_flag("--smooth", r.smooth,
+        "put each point on the surface around it, as vexo measure --smooth does: less noise, but smaller detail goes");
     add_force(*cmd, global);
     finish_command(*cmd, global,
         "vexo convert result --to mesh.glb\n"

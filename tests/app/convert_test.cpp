@@ -29,4 +29,24 @@ TEST_F(ConvertFiles, StandBesideTheirResultUntilItIsMeasuredAnewAndReplaceNothin
         program::expect_refused(*work, convert + at(arguments), why, at("mesh.ply"));
 }
 
+TEST_F(ConvertFiles, SmoothWhereAskedAndSaySo)
+{
+    const std::string plain = at("scan") + " --out " + at("r"), smooth = at("scan") + " --smooth --out " + at("s");
+    ASSERT_EQ(run("simulate bust --size 320x256 --period 16 --quiet --out " + at("scan")).code, 0);
+    const nlohmann::json before = told("measure", plain), after = told("measure", smooth);
+    EXPECT_GT(after["smoothing"]["points"], 0.8 * after["pixels"]["measured"].get<double>());
+    EXPECT_EQ(before["smoothing"]["points"], 0);
+    EXPECT_LT(after["sigma"]["q50"].get<double>(), 0.6 * before["sigma"]["q50"].get<double>());
+    EXPECT_EQ(after["pixels"], before["pixels"]) << "no point comes or goes";
+    EXPECT_NE(program::read(at("s/cloud.ply")).find("smoothed by quadratics"), std::string::npos);
+    EXPECT_EQ(program::read(at("r/cloud.ply")).find("smoothed"), std::string::npos);
+    EXPECT_EQ(
+        told("convert", at("r") + " --smooth --to " + at("r/mesh.glb"))["smoothed"], after["smoothing"]["points"]);
+    EXPECT_NE(program::read(at("r/mesh.glb")).find("smoothed by quadratics"), std::string::npos);
+    EXPECT_NE(program::read(at("r/mesh.glb")).find("written as x, -y, -z of that frame"), std::string::npos);
+    program::expect_refused(*work, "convert " + at("s") + " --smooth --to " + at("a.ply"), "already", at("a.ply"));
+    program::expect_refused(*work, "measure " + smooth + " --interpolate", "no sigma");
+    program::expect_refused(*work, "measure " + smooth + " --method sgbm", "no meaning for the method sgbm");
+}
+
 } // namespace
