@@ -65,6 +65,9 @@ void run(const GlobalOptions& global, const Typed& o)
 {
     const ConvertRequest request = request_of(o);
     const fs::path file(request.file);
+    std::error_code ignored;
+    if (fs::equivalent(file, fs::path(o.result) / "cloud.ply", ignored))
+        throw UsageFailure(request.file + ": is the cloud that the file is made of; name another file");
     const std::string folder = file.has_parent_path() ? file.parent_path().string() : ".";
     const std::string name = file.filename().string();
     OutputFolder out(folder, { "convert " + name, {}, {}, true, global.force });
@@ -85,6 +88,8 @@ void add_convert(CLI::App& app, GlobalOptions& global)
 {
     auto o = std::make_shared<Typed>();
     ConvertRequest& r = o->request;
+    const CLI::Validator something(
+        [](const std::string& text) { return text.empty() ? "is empty" : std::string(); }, "");
     CLI::App* cmd
         = app.add_subcommand("convert", "result -> mesh or cloud for other programs: PLY STL GLB OBJ PCD XYZ");
     cmd->add_option("result", o->result, "folder that vexo measure wrote")->required();
@@ -95,8 +100,10 @@ void add_convert(CLI::App& app, GlobalOptions& global)
     cmd->add_option("--frame", r.frame,
            "board: the axes of boardRT.yaml in the calibration's folder; or a file with a frame's place in the "
            "camera's axes, 4 x 4")
+        ->check(something)
         ->type_name("board|FILE");
     cmd->add_option("--calib", r.calibration, "for --frame board: folder of the calibration (default: as measured)")
+        ->check(something)
         ->type_name("DIR");
     cmd->add_option("--box", o->box, "only points within X0 Y0 Z0 X1 Y1 Z1, mm in the axes of cloud.ply")
         ->type_name("X0 .. Z1")

@@ -1,16 +1,17 @@
 #include "host/results/convert.h"
 
 #include "base/text.h"
-#include "host/cameras/unit.h"
 #include "host/clouds/mesh.h"
 #include "host/clouds/normals.h"
 #include "host/clouds/smooth.h"
+#include "host/files/marker.h"
 #include "host/files/shape_format.h"
 #include "host/results/frame.h"
 #include "host/results/result_maps.h"
 
 #include <cmath>
 #include <limits>
+#include <sstream>
 
 namespace vexo {
 
@@ -24,6 +25,15 @@ struct Surface {
     DisparityScale scale;
     long long smoothed = 0; ///< points that were put on the surface around them
 };
+
+/// The report says where points are seen and in which unit: one that was changed by hand would be believed.
+void refuse_changed(const std::string& folder, const Result& r)
+{
+    const Marker marker = read_marker(folder);
+    const auto report = marker.find("report.json");
+    if (report != marker.end() && !report->second.holds(hash_of_file(r.report_path)))
+        throw Failure(r.report_path + ": was changed since vexo measure wrote it; run it again");
+}
 
 void refuse_unfit_for_smoothing(const Result& r)
 {
@@ -53,7 +63,7 @@ void smooth_points(Surface& s, cv::Mat_<float>& disparity, cv::Mat_<float>& sigm
 /// Normals are fitted before anything is cut away.
 Surface surface_of(const std::string& folder, const Result& r, bool smoothed)
 {
-    Surface s { read_maps(folder, r), {}, {}, { r.f, r.cx, r.cy, r.baseline, r.disparity_at_infinity } };
+    Surface s { read_maps(folder, r), {}, {}, { r.f, r.cx, r.cy, r.baseline, 0.0 } };
     cv::extractChannel(s.maps.points, s.depth, 2);
     cv::Mat_<float> disparity(r.size), sigma(s.maps.sigma.size());
     for (int y = 0; y < disparity.rows; ++y)
@@ -125,6 +135,21 @@ void refuse_nothing(const Shape& shape, const std::vector<cv::Point3f>& cloud, c
     throw Failure("--box: nothing to write lies within it; the cloud spans " + extent);
 }
 
+/// Numbers of files have 24 bits: far from the origin they would round the points off.
+void refuse_far(const Frame& frame, const std::vector<cv::Point3f>& cloud, const Unit& unit)
+{
+    constexpr double rounding = 1.0 / (1 << 24), most = 1e-5; // of the depth
+    double farthest = 0.0;
+    for (int k = 0; k < 3; ++k)
+        farthest = std::max(farthest, std::abs(frame.from_camera(k, 3)));
+    if (farthest * rounding <= most * static_cast<double>(bounds_of(cloud).low[2])) return;
+    std::ostringstream text;
+    text << "--frame: its origin lies " << farthest << ' ' << unit.name
+         << " away, where the numbers of a file would round points by " << farthest * rounding << ' ' << unit.name
+         << "; give it in " << unit.name << ", and nearer";
+    throw Failure(text.str());
+}
+
 /// The numbers as they stand in the file.
 Json figures_of(const Shape& shape, const ShapeFormat& format, const ConvertRequest& request, const Frame& frame,
     long long smoothed)
@@ -155,12 +180,14 @@ Converted convert(const std::string& folder, const ConvertRequest& request, cons
     const ShapeFormat& format = shape_format_of(request.file);
     next_step(on_step, "reading the result");
     const Result r = read_result(folder);
+    refuse_changed(folder, r);
     refuse_empty(r);
     if (request.smooth) refuse_unfit_for_smoothing(r);
-    const Unit unit = unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit");
+    const Unit unit = unit_of(r);
     const Frame frame = request.frame.empty() ? Frame()
         : request.frame == "board"            ? frame_of_board(r, request.calibration)
                                               : frame_of_file(request.frame);
+    refuse_far(frame, r.cloud, unit);
     next_step(on_step, request.mesh ? "laying the mesh" : "fitting normals");
     Surface surface = surface_of(folder, r, request.smooth);
     if (request.box) cut(surface, *request.box, unit);

@@ -266,7 +266,10 @@ TEST_F(Convert, RefusesAFrameThatIsNoRigidTransform)
     for (const auto& [text, why] : std::vector<std::pair<std::string, std::string>> { { "1 0 0", "16 numbers" },
              { "1 0 0 0 0 1 0 0 0 0 1.00001 0 0 0 0 1", "scales" }, { "1 0 0 0 0 1 0 0 0 0 -1 0 0 0 0 1", "mirrors" },
              { "1 0 0 0 0 1 0 0 0 0 1 0 5 5 5 1", "last row" }, { "1 0 0 nan 0 1 0 0 0 0 1 0 0 0 0 1", "finite" },
-             { "%YAML:1.0\n---\nT: 5\n", "16 numbers" }, { "a b", "16 numbers" } }) {
+             { "%YAML:1.0\n---\nT: 5\n", "16 numbers" }, { "a b", "16 numbers" },
+             { "1 0 0 0 0 1 0 0 0 0 1 3e4 0 0 0 1", "round points by" },
+             { "%YAML:1.0\n---\nRT: !!opencv-matrix\n   rows: 4\n   cols: 4\n   dt: d\n   data: [ 1 ]\n",
+                 "16 numbers" } }) {
         put(folder / "frame", text);
         EXPECT_NE(refusal(request).find(why), std::string::npos) << text << ": " << refusal(request);
     }
@@ -328,6 +331,10 @@ TEST_F(Convert, RefusesWhatAFormatHasNoRoomForAndFilesOfTwoMeasurements)
     cv::Mat other = depth.clone();
     other.at<float>(3, 3) += 0.001F;
     put_bytes("depth.tiff", encode(".tiff", other));
+    EXPECT_NE(refusal(to("mesh.ply")).find("not of one measurement"), std::string::npos);
+    put_bytes("depth.tiff", encode(".tiff", depth));
+    report["camera"]["cx"] = cx + 0.1;
+    put(folder / "report.json", json_text(report));
     EXPECT_NE(refusal(to("mesh.ply")).find("not of one measurement"), std::string::npos);
     put_bytes("depth.tiff", encode(".tiff", depth.rowRange(0, 40)));
     EXPECT_NE(refusal(to("mesh.ply")).find("depth.tiff"), std::string::npos);
