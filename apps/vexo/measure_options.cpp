@@ -135,7 +135,8 @@ void complete(MeasureOptions& o)
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
     complete_frames_of(o.frames, o.files);
     if (o.request.smooth && (o.files.decoded || o.request.interpolate))
-        throw UsageFailure("--smooth weighs points by their sigma, which nothing says with --decoded or --interpolate");
+        throw UsageFailure(
+            "--smooth weighs points by their sigma, and with --decoded or --interpolate they have no sigma");
     if (o.files.decoded && (!o.files.order.empty() || o.files.bits))
         throw UsageFailure("--decoded: maps have neither --order nor --bits");
     if (!o.calib.given()) o.calib.files = { (fs::path(o.files.folder) / "cameras.yaml").string() };

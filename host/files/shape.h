@@ -35,6 +35,9 @@ inline cv::Vec3f y_up(const cv::Vec3f& v)
     return { v[0], -v[1], -v[2] };
 }
 
+/// What y_up() makes of x, y, z.
+constexpr const char* y_up_axes = "x, -y, -z";
+
 /// The points of a GLB: metres, y up.
 std::vector<cv::Point3f> in_metres_y_up(const Shape& shape);
 
