@@ -165,31 +165,36 @@ cv::Affine3d motion_of(const Vector6& step, const Frame& frame)
     return { turned.rotation(), shift };
 }
 
-/// Some points of all views in the common axes.
-std::vector<cv::Vec3d> places_of(const std::vector<View>& views, const Poses& poses)
+/// Some points of a view in the common axes.
+std::vector<cv::Vec3d> places_of(const View& view, const cv::Affine3d& pose)
 {
     constexpr std::size_t enough = 1000;
     std::vector<cv::Vec3d> places;
-    for (std::size_t i = 0; i < views.size(); ++i)
-        for (const cv::Point& p : spread_pixels(views[i], enough))
-            places.push_back(poses[i] * cv::Vec3d(views[i].points(p)));
+    for (const cv::Point& p : spread_pixels(view, enough))
+        places.push_back(pose * cv::Vec3d(view.points(p)));
     return places;
+}
+
+cv::Vec3d middle_of(const std::vector<cv::Vec3d>& places)
+{
+    cv::Vec3d middle;
+    std::vector<double> values(places.size());
+    for (int k = 0; k < 3; ++k) {
+        std::transform(places.begin(), places.end(), values.begin(), [k](const cv::Vec3d& p) { return p[k]; });
+        middle[k] = median(values);
+    }
+    return middle;
 }
 
 Frame frame_of(const std::vector<View>& views, const Poses& poses)
 {
-    const std::vector<cv::Vec3d> places = places_of(views, poses);
-    Frame frame;
-    std::vector<double> values(places.size());
-    for (int k = 0; k < 3; ++k) {
-        std::transform(places.begin(), places.end(), values.begin(), [k](const cv::Vec3d& p) { return p[k]; });
-        frame.pivot[k] = median(values);
+    std::vector<cv::Vec3d> places;
+    for (std::size_t i = 0; i < views.size(); ++i) {
+        const auto own = places_of(views[i], poses[i]);
+        places.insert(places.end(), own.begin(), own.end());
     }
-    std::transform(places.begin(), places.end(), values.begin(),
-        [&frame](const cv::Vec3d& p) { return cv::norm(p - frame.pivot); });
-    frame.reach = std::max(median(values), 1e-9);
-    frame.radius = farthest_in_reaches * frame.reach;
-    return frame;
+    const double reach = reach_of(views);
+    return { middle_of(places), reach, farthest_in_reaches * reach };
 }
 
 /// Standard deviation of the depth of most points, mm.
@@ -208,7 +213,7 @@ ViewPair pair_of(std::size_t a, std::size_t b, const std::vector<View>& views, c
     ViewPair pair;
     pair.a = a;
     pair.b = b;
-    std::vector<double> sizes;
+    std::vector<double> sizes, in_sigmas;
     double squares = 0.0;
     std::size_t within = 0, front = 0;
     for (const auto& [own, other] : { std::pair(a, b), std::pair(b, a) }) {
@@ -218,6 +223,7 @@ ViewPair pair_of(std::size_t a, std::size_t b, const std::vector<View>& views, c
             if (std::abs(p.along) > nearest_mm) continue;
             ++here;
             sizes.push_back(std::abs(p.along));
+            in_sigmas.push_back(sigmas);
             if (sigmas <= 6.0) {
                 squares += sigmas * sigmas;
                 ++within;
@@ -234,6 +240,7 @@ ViewPair pair_of(std::size_t a, std::size_t b, const std::vector<View>& views, c
     pair.beyond = 1.0 - static_cast<double>(within) / all;
     pair.in_front = static_cast<double>(front) / all;
     pair.median_mm = median(std::move(sizes));
+    pair.typical_sigmas = of_median * median(std::move(in_sigmas));
     return pair;
 }
 
@@ -241,14 +248,24 @@ constexpr std::size_t few = 5000, many = 20000; ///< points of each view
 
 } // namespace
 
-double reach_of(const std::vector<View>& views, const Poses& poses)
+double reach_of(const std::vector<View>& views)
 {
-    return frame_of(views, poses).reach;
+    std::vector<double> reaches;
+    for (const View& view : views) {
+        const auto places = places_of(view, cv::Affine3d::Identity());
+        const cv::Vec3d middle = middle_of(places);
+        std::vector<double> values(places.size());
+        std::transform(
+            places.begin(), places.end(), values.begin(), [&](const cv::Vec3d& p) { return cv::norm(p - middle); });
+        reaches.push_back(median(std::move(values)));
+    }
+    return std::max(median(std::move(reaches)), 1e-9);
 }
 
-std::vector<ViewPair> overlaps_of(const std::vector<View>& views, const Poses& poses, double nearest_mm)
+std::vector<ViewPair> overlaps_of(
+    const std::vector<View>& views, const Poses& poses, double nearest_mm, std::size_t points)
 {
-    const Pixels pixels = spread_over(views, many);
+    const Pixels pixels = spread_over(views, points);
     std::vector<ViewPair> pairs;
     for (std::size_t a = 0; a < views.size(); ++a)
         for (std::size_t b = a + 1; b < views.size(); ++b) {
@@ -276,7 +293,7 @@ std::vector<std::size_t> joined(std::size_t views, const std::vector<ViewPair>& 
     return first;
 }
 
-AlignedViews align_views(const std::vector<View>& views, Poses poses, const OnStep& on_step)
+AlignedViews align_views(const std::vector<View>& views, Poses poses)
 {
     constexpr int most_rounds = 100;
     constexpr double shrinking = 0.8, in_scatters = 6.0, in_sigmas = 30.0, still_in_sigmas = 0.02;
@@ -288,7 +305,6 @@ AlignedViews align_views(const std::vector<View>& views, Poses poses, const OnSt
     const double sigma = usual_sigma(views, pixels), least_radius = in_sigmas * sigma;
     bool coarse = true;
     for (a.rounds = 1; a.rounds <= most_rounds; ++a.rounds) {
-        if (a.rounds % 10 == 1) next_step(on_step, "laying the views onto one another");
         const auto pairs = all_sums(views, pixels, a.common_from_view, frame);
         double scatter = 0.0;
         for (const PairSums& p : pairs)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "base/on_step.h"
 #include "host/clouds/view.h"
 
 #include <cstddef>
@@ -10,13 +9,14 @@ namespace vexo {
 
 /// Two views that have surface in common, both ways.
 struct ViewPair {
-    std::size_t a = 0, b = 0; ///< numbers of the views, a < b
-    std::size_t pairs = 0;    ///< points of either beside surface of the other, of the evenly spread ones
-    double overlap = 0.0;     ///< share of the points of that which has more of its own in the other
-    double rms_sigmas = 0.0;  ///< of the distances along the normal over their sigma, those beyond 6 left out
-    double median_mm = 0.0;   ///< of the distances, absolute
-    double beyond = 0.0;      ///< share of the pairs beyond 6 sigma
-    double in_front = 0.0;    ///< share of the pairs that are clearly in front of what the other sees there
+    std::size_t a = 0, b = 0;    ///< numbers of the views, a < b
+    std::size_t pairs = 0;       ///< points of either beside surface of the other, of the evenly spread ones
+    double overlap = 0.0;        ///< share of the points of that which has more of its own in the other
+    double typical_sigmas = 0.0; ///< of the distances along the normal over their sigma, by their median: near 1
+    double rms_sigmas = 0.0;     ///< root of their mean square, those beyond 6 left out
+    double median_mm = 0.0;      ///< of the distances, absolute
+    double beyond = 0.0;         ///< share of the pairs beyond 6 sigma
+    double in_front = 0.0;       ///< share of the pairs that are clearly in front of what the other sees there
 };
 
 /// Fewer pairs than this, of the evenly spread points, are no overlap.
@@ -24,15 +24,19 @@ constexpr std::size_t fewest_view_pairs = 100;
 
 /// The pairs of views that overlap where the poses put them, and how they fit there.
 /// @param nearest_mm  points farther than this from the surface of the other view are none of it
-std::vector<ViewPair> overlaps_of(
-    const std::vector<View>& views, const std::vector<cv::Affine3d>& common_from_view, double nearest_mm);
+/// @param points      of each view that are asked
+std::vector<ViewPair> overlaps_of(const std::vector<View>& views, const std::vector<cv::Affine3d>& common_from_view,
+    double nearest_mm, std::size_t points = 20000);
 
 /// For each view the first one that it is joined to by pairs, directly or through others; equal for all views: they
 /// hang together.
 std::vector<std::size_t> joined(std::size_t views, const std::vector<ViewPair>& pairs);
 
-/// How far the surface of all views reaches from its middle, mm, and what a pose may be off by at most.
-double reach_of(const std::vector<View>& views, const std::vector<cv::Affine3d>& common_from_view);
+/// How far the surface of a view reaches from its middle, mm: half of its points are as near. Of the view in the
+/// middle.
+double reach_of(const std::vector<View>& views);
+
+/// What a pose may be off by at most, in reaches.
 constexpr double farthest_in_reaches = 0.2;
 
 /// Views laid onto one another.
@@ -51,7 +55,6 @@ struct AlignedViews {
 /// views those above four of their typical size do not count.
 /// The views are to hang together. Source: Chen, Medioni, Image and Vision Computing 10 (1992) 145; jointly, as Pulli,
 /// 3DIM (1999) 160, asks for.
-AlignedViews align_views(
-    const std::vector<View>& views, std::vector<cv::Affine3d> common_from_view, const OnStep& on_step = {});
+AlignedViews align_views(const std::vector<View>& views, std::vector<cv::Affine3d> common_from_view);
 
 } // namespace vexo

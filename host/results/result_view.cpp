@@ -1,6 +1,7 @@
 #include "host/results/result_view.h"
 
 #include "base/failure.h"
+#include "host/cameras/calibration_share.h"
 #include "host/clouds/normals.h"
 #include "host/results/result_maps.h"
 
@@ -48,16 +49,30 @@ cv::Mat_<cv::Vec3f> normals_of(const View& view)
     return surface_normals(disparity, sigma, view.scale);
 }
 
+/// Lengths of shares are in mm.
+double share_of(const Result& r, double in_mm)
+{
+    if (!r.report.contains("calibration_share_mm")) return 0.0;
+    const auto share = read_share(r.report, r.report_path).usable();
+    return share ? share->at(number_in(r.report, "/depth/q50", r.report_path) * in_mm).bend_mm : 0.0;
+}
+
+void refuse_without_sigma(const std::string& folder, const cv::Mat_<float>& sigma)
+{
+    for (const float s : sigma)
+        if (s > 0.0F) return;
+    throw Failure(folder
+        + ": its points have no sigma, which says how much each counts; measure it by a fringe "
+          "method, from frames and without --interpolate");
+}
+
 } // namespace
 
 ResultView read_view(const std::string& folder, const std::optional<cv::Vec6d>& box_mm)
 {
     Result r = read_result(folder);
     refuse_empty(r);
-    if (r.sigma.empty())
-        throw Failure(folder
-            + ": its points have no sigma, which says how much each counts; measure it without "
-              "--interpolate, by a fringe method and from frames");
+    refuse_without_sigma(folder, r.sigma.empty() ? cv::Mat_<float>() : cv::Mat_<float>(r.sigma));
     ResultView v;
     v.folder = folder;
     v.unit = unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit");
@@ -67,13 +82,14 @@ ResultView read_view(const std::string& folder, const std::optional<cv::Vec6d>& 
     const cv::Rect part = part_with_points(maps.points);
     if (part.empty()) throw Failure(folder + ": no point of it lies within --box");
     v.corner = part.tl();
-    v.view.points = maps.points(part) * v.unit.in_mm;
-    v.view.sigma = maps.sigma(part) * v.unit.in_mm;
-    v.view.grey = cv::Mat_<uchar>(maps.texture(part)).clone();
+    maps.points(part).convertTo(v.view.points, CV_32F, v.unit.in_mm);
+    maps.sigma(part).convertTo(v.view.sigma, CV_32F, v.unit.in_mm);
+    v.view.grey = maps.texture(part).clone();
     v.view.scale = { r.f, r.cx - part.x, r.cy - part.y, r.baseline * v.unit.in_mm, r.disparity_at_infinity };
     v.view.normals = normals_of(v.view);
     for (const cv::Vec3f& point : v.view.points)
         v.points += std::isnan(point[2]) ? 0U : 1U;
+    v.share_mm = share_of(r, v.unit.in_mm);
     v.report = std::move(r.report);
     return v;
 }

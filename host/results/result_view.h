@@ -20,6 +20,7 @@ struct ResultView {
     View view;        ///< of the part of the picture that holds points, with normals
     cv::Point corner; ///< of that part in the rectified picture, px
     std::size_t points = 0;
+    double share_mm = 0.0; ///< what its calibration bends surfaces by, as a standard deviation; 0: it does not say
 };
 
 /// Reads the folder of a result. Throws Failure: also where it holds no points, or no sigma.

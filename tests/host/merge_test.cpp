@@ -95,7 +95,7 @@ TEST(AlignViews, FindsPosesWithinTheNoiseFromMillimetresAndDegreesOff)
         // 1 mm on a body of 45 mm are off by more.
         EXPECT_LT(turn.worst_mm(a.common_from_view), 0.05) << off_mm;
         EXPECT_LT(turn.worst_deg(a.common_from_view), 0.08) << off_mm;
-        const double reach = reach_of(turn.views, a.common_from_view);
+        const double reach = reach_of(turn.views);
         const auto pairs = overlaps_of(turn.views, a.common_from_view, farthest_in_reaches * reach);
         EXPECT_GE(pairs.size(), 6U) << "each has two neighbours at least";
         for (const ViewPair& p : pairs)
@@ -118,7 +118,7 @@ TEST(AlignViews, SaysThatAnotherBodyDoesNotFitAndWhichViewsHangTogether)
     Turn turn(uneven, 0.5, 0.2);
     turn.views[3] = view_of(turn.truth[3] * cv::Affine3d(cv::Vec3d(), { 0, 4, 2 }), { 45, 60, 75 }, 9);
     turn.given[5] = cv::Affine3d(cv::Vec3d(), { 900, 0, 0 }) * turn.given[5];
-    const double reach = 60;
+    const double reach = reach_of(turn.views);
     const auto first = joined(6, overlaps_of(turn.views, turn.given, farthest_in_reaches * reach));
     EXPECT_EQ(first, (std::vector<std::size_t> { 0, 0, 0, 0, 0, 5 }));
     double least_beyond = 1;
