@@ -26,6 +26,7 @@ struct RigOptions {
     double baseline_mm = 160;              ///< between the optical centres
     double toe_in_deg = -1;                ///< each camera turned inwards; negative: both look at the middle
     double exposure = 1;                   ///< factor on all light; at 1 a white wall reads about 190
+    double exposure_ms = 0;                ///< what capture.json says of it; 0: nothing
     double ambient = 8;                    ///< grey levels that a white surface has with the projector dark
     double noise = 1.6;                    ///< grey levels; standard deviation at grey 128, read and shot noise
     double gamma = 1;                      ///< of the projector: light = grey^gamma
@@ -38,6 +39,14 @@ struct RigOptions {
     /// what faces camera 1's side comes to the front.
     double turned_deg = 0;
 };
+
+/// The options of one capture of a series, whose noise is not that of the others.
+RigOptions with_own_noise(RigOptions options, std::size_t index);
+
+/// The options of one capture of a series at several exposures: the same rig, noise of its own, and a time of 10 ms at
+/// exposure 1.
+/// @param index  of the capture in its series
+RigOptions at_exposure(RigOptions options, double exposure, std::size_t index);
 
 /// Null when the options describe a rig that can be built, else their first fault.
 const char* why_invalid(const RigOptions& options) noexcept;

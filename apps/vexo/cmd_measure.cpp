@@ -39,7 +39,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     out.stay_out_of(all_pictures(o.files));
 
     constexpr int other_steps = 3;
-    Progress progress(global, measure_steps + other_steps);
+    Progress progress(global, measure_steps + other_steps + (o.request.smooth ? 1 : 0));
     progress.step("reading the frames");
     Stopwatch clock;
     const Capture capture = read_capture(o.files, choice);

@@ -17,6 +17,8 @@ struct SimulateOptions {
     std::vector<int> projector = { 1024, 768 }; ///< px
     std::string method = name_of(sim::RigOptions().method);
     sim::RigOptions rig;
+    std::vector<double> exposures { 1 }; ///< several: a capture of the scene at each
+    int turntable = 0;                   ///< captures of the scene on a turntable, evenly around; 0: one as it stands
     std::string patterns, swap, board;
     sim::CalibrationOptions photos;
     std::string robot;
@@ -27,7 +29,10 @@ struct SimulateOptions {
 /// Declares them. `o` must live as long as the command.
 void declare(CLI::App& command, SimulateOptions& o);
 
-/// The rig, from options given in other words. Throws Failure.
+/// Folder of one of several exposures: "e0.25".
+std::string exposure_folder(double exposure);
+
+/// The rig, from options given in other words, at the first exposure. Throws Failure.
 sim::RigOptions rig_of(const SimulateOptions& o);
 
 /// The photos of a board. Throws Failure.
