@@ -3,6 +3,7 @@
 #include "host/files/output_folder.h"
 #include "host/reports/merge_text.h"
 #include "host/results/merge_report.h"
+#include "merge_poses.h"
 #include "options.h"
 
 #include <CLI/CLI.hpp>
@@ -15,8 +16,8 @@ namespace {
 
 struct Typed {
     MergeRequest request;
-    std::string out, rotation, angles, unit;
-    bool inverse = false;
+    std::string out, board, rotation, angles, unit;
+    bool inverse = false, accept_verdict = false;
     std::vector<double> box;
 };
 
@@ -24,20 +25,28 @@ struct Typed {
 MergeRequest request_of(const Typed& o)
 {
     MergeRequest request = o.request;
-    request.reading = { o.rotation, {}, {}, o.inverse };
-    if (!o.angles.empty()) request.reading.degrees = o.angles == "degrees";
-    if (!o.unit.empty()) request.reading.unit_mm = o.unit == "mm" ? 1.0 : 1000.0;
+    if (!o.board.empty()) request.poses = o.board;
     if (!o.box.empty()) request.box = cv::Vec6d(o.box.data());
     if (const char* const fault = why_invalid(request)) throw UsageFailure("merge: " + std::string(fault));
     return request;
+}
+
+ViewPoses poses_of(const Typed& o, const OnStep& on_step)
+{
+    const std::vector<std::string> names = names_of_results(o.request.results);
+    if (!o.board.empty()) return poses_by_board(o.request.results, o.board, on_step);
+    PoseReadingRequest reading { o.rotation, {}, {}, o.inverse };
+    if (!o.angles.empty()) reading.degrees = o.angles == "degrees";
+    if (!o.unit.empty()) reading.unit_mm = o.unit == "mm" ? 1.0 : 1000.0;
+    return read_view_poses(o.request.poses, names, reading);
 }
 
 void run(const GlobalOptions& global, const Typed& o)
 {
     const MergeRequest request = request_of(o);
     OutputFolder out(o.out, { "merge", { "report.json" }, {}, false, global.force });
-    Progress progress(global, merge_steps + 1);
-    Merged merged = merge(request, progress.on_step());
+    Progress progress(global, merge_steps + 1 + (o.board.empty() ? 0 : static_cast<int>(request.results.size())));
+    Merged merged = merge(request, poses_of(o, progress.on_step()), progress.on_step());
     progress.step("writing " + o.out);
     const Json report = merge_report(request, merged);
     out.add("cloud.ply", make_ply(merged.cloud));
@@ -52,7 +61,7 @@ void run(const GlobalOptions& global, const Typed& o)
     say(global, "result    " + o.out + ": cloud.ply, mesh.ply, report.json");
     put_json(global, report);
     for (const Finding& finding : merged.findings)
-        if (finding.weight == Weight::spoils) throw BelowLimit("the result cannot be trusted: " + sentence(finding));
+        if (!o.accept_verdict && finding.weight == Weight::spoils) throw BelowLimit("the result cannot be trusted: " + sentence(finding));
 }
 
 void declare(CLI::App& command, Typed& o)
@@ -60,22 +69,28 @@ void declare(CLI::App& command, Typed& o)
     MergeRequest& r = o.request;
     command.add_option("results", r.results, "folders that vexo measure wrote, of one object from several sides")
         ->required();
-    command
-        .add_option("--poses", r.poses,
-            "where camera 0 was at each result: lines with picture (the result's folder), x, y, z and the rotation; "
-            "or a turntable's axis and step, .yaml")
-        ->required();
+    auto* poses = command.add_option("--poses", r.poses,
+        "where camera 0 was at each result: lines with picture (the result's folder), x, y, z and the rotation; or a "
+        "turntable's axis and step, .yaml");
+    auto* board = command.add_option(
+        "--board", o.board, "board.yaml of a board that stands fast beside the object and is seen in the lit frames");
+    board->excludes(poses);
     command.add_option("--out", o.out, "folder for cloud.ply, mesh.ply and report.json")->required();
-    command.add_option("--rotation", o.rotation,
+    auto* rotation = command.add_option("--rotation", o.rotation,
         "xyzw or wxyz (quaternions), vector, matrix, or Euler angles: ZYX about turning axes, xyz about fixed ones "
         "(default: as the columns are named)");
-    command.add_option("--angles", o.angles, "degrees or radians (default: as named, else by their size)")
-        ->check(CLI::IsMember({ "degrees", "radians" }));
-    command.add_option("--unit", o.unit, "of x, y and z: mm or m (default: as named, else by their size)")
-        ->check(CLI::IsMember({ "mm", "m" }));
-    command.add_flag("--inverse", o.inverse, "the poses are those of the common frame in the camera");
-    command.add_flag("--rectified", r.rectified,
-        "the poses are those of rectified camera 0, whose axes cloud.ply has (default: of raw camera 0)");
+    auto* angles = command.add_option("--angles", o.angles, "degrees or radians (default: as named, else by size)");
+    angles->check(CLI::IsMember({ "degrees", "radians" }));
+    auto* unit = command.add_option("--unit", o.unit, "of x, y and z: mm or m (default: as named, else by their size)");
+    unit->check(CLI::IsMember({ "mm", "m" }));
+    for (CLI::Option* option : { rotation, angles, unit })
+        option->excludes(board);
+    command.add_flag("--inverse", o.inverse, "the poses are those of the common frame in the camera")->excludes(board);
+    command
+        .add_flag("--rectified", r.rectified,
+            "the poses are those of rectified camera 0, whose axes cloud.ply has (default: of raw camera 0)")
+        ->excludes(board);
+    command.add_flag("--accept-verdict", o.accept_verdict, "exit code 0 also where a finding spoils the result");
     command.add_option("--box", o.box, "only points within X0 Y0 Z0 X1 Y1 Z1, mm in the axes of each cloud.ply")
         ->type_name("X0 .. Z1")
         ->expected(6);

@@ -244,7 +244,7 @@ ViewPair pair_of(std::size_t a, std::size_t b, const std::vector<View>& views, c
     return pair;
 }
 
-constexpr std::size_t few = 5000, many = 20000; ///< points of each view
+constexpr std::size_t few = 4000, many = 12000; ///< points of each view
 
 } // namespace
 

@@ -42,6 +42,7 @@ public:
     Sight(const cv::Affine3d& to_from_own, const View& to)
         : _R(cv::Matx33f(to_from_own.rotation()))
         , _t(cv::Vec3f(to_from_own.translation()))
+        , _from_camera(_R.t() * _t)
         , _to(to)
         , _f(static_cast<float>(to.scale.f))
         , _cx(static_cast<float>(to.scale.cx))
@@ -49,9 +50,9 @@ public:
     {
     }
 
-    /// A point and its normal in the other's axes, and the pixel there.
+    /// A point in the other's axes, and the pixel there.
     struct Seen {
-        cv::Vec3f place, normal;
+        cv::Vec3f place;
         cv::Point pixel;
     };
 
@@ -60,12 +61,11 @@ public:
     bool see(const cv::Vec3f& point, const cv::Vec3f& normal, Seen& seen) const
     {
         constexpr float least_cosine = 0.17F; // 80 degrees
+        const cv::Vec3f sight = point + _from_camera;
+        const float facing = normal.dot(sight);
+        if (!(facing < 0.0F) || facing * facing < least_cosine * least_cosine * sight.dot(sight)) return false;
         seen.place = _R * point + _t;
-        seen.normal = _R * normal;
         if (!(seen.place[2] > 0.0F)) return false;
-        if (!(seen.normal.dot(seen.place) < 0.0F)) return false;
-        const float facing = seen.normal.dot(seen.place), length = seen.place.dot(seen.place);
-        if (facing * facing < least_cosine * least_cosine * length) return false;
         const float x = _f * seen.place[0] / seen.place[2] + _cx, y = _f * seen.place[1] / seen.place[2] + _cy;
         if (!(x > -0.5F && y > -0.5F)) return false;
         if (!(x < static_cast<float>(_to.points.cols) - 0.5F && y < static_cast<float>(_to.points.rows) - 0.5F))
@@ -80,6 +80,7 @@ public:
 private:
     cv::Matx33f _R;
     cv::Vec3f _t;
+    cv::Vec3f _from_camera; ///< from the other camera to the own origin, in own axes
     const View& _to;
     float _f, _cx, _cy;
 };

@@ -21,7 +21,8 @@ struct PointPair {
 };
 
 /// The points of a view that another view has surface for: its camera looks at them, and what it sees there is turned
-/// the same way, within 45 degrees. How far off that surface is does not matter.
+/// the same way, within 45 degrees, and by less than 70 degrees to the side of either: beyond, planes through some
+/// pixels are not those of the surface. How far off that surface is does not matter.
 std::vector<PointPair> pairs_of(const View& view, const std::vector<cv::Point>& pixels,
     const cv::Affine3d& common_from_view, const View& other, const cv::Affine3d& common_from_other);
 

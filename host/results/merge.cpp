@@ -21,21 +21,6 @@ using Poses = std::vector<cv::Affine3d>;
 
 constexpr std::size_t most_results = 255; // the PLY's `view` is a byte
 
-/// What folders are called, whatever path leads there. Throws Failure for one that is named twice.
-std::vector<std::string> names_of(const std::vector<std::string>& folders)
-{
-    std::vector<std::string> names;
-    std::set<std::string> places;
-    for (const std::string& folder : folders) {
-        std::error_code error;
-        const fs::path place = fs::canonical(folder, error);
-        if (error) throw Failure(folder + ": " + error.message());
-        if (!places.insert(place.string()).second) throw UsageFailure(folder + ": is named twice");
-        names.push_back(place.filename().string());
-    }
-    return names;
-}
-
 /// Throws Failure.
 void refuse_strangers(const std::vector<ResultView>& results)
 {
@@ -191,17 +176,31 @@ const char* why_invalid(const MergeRequest& r)
 {
     if (r.results.size() < 2) return "two results at least";
     if (r.results.size() > most_results) return "255 results at most";
-    if (r.poses.empty()) return "--poses FILE says where the camera was at each result";
+    if (r.poses.empty()) return "--poses FILE or --board FILE says where the camera was at each result";
     for (int k = 0; r.box && k < 3; ++k)
         if (!((*r.box)[k] < (*r.box)[k + 3])) return "a box is X0 Y0 Z0 X1 Y1 Z1, each 1 above its 0";
     return nullptr;
 }
 
-Merged merge(const MergeRequest& request, const OnStep& on_step)
+std::vector<std::string> names_of_results(const std::vector<std::string>& folders)
+{
+    std::vector<std::string> names;
+    std::set<std::string> places;
+    for (const std::string& folder : folders) {
+        std::error_code error;
+        const fs::path place = fs::canonical(folder, error);
+        if (error) throw Failure(folder + ": " + error.message());
+        if (!places.insert(place.string()).second) throw UsageFailure(folder + ": is named twice");
+        names.push_back(place.filename().string());
+    }
+    return names;
+}
+
+Merged merge(const MergeRequest& request, ViewPoses poses, const OnStep& on_step)
 {
     Stopwatch clock;
     Merged m;
-    m.poses = read_view_poses(request.poses, names_of(request.results), request.reading);
+    m.poses = std::move(poses);
     next_step(on_step, "reading the results");
     m.results = read_results(request);
     m.given = poses_of_points(m.results, m.poses.common_from_camera, request.rectified);

@@ -17,8 +17,7 @@ namespace vexo {
 /// Which results become one.
 struct MergeRequest {
     std::vector<std::string> results; ///< folders
-    std::string poses;                ///< file, see read_view_poses()
-    PoseReadingRequest reading;
+    std::string poses;                ///< file that the poses were read from
     /// The poses are those of rectified camera 0, in whose axes cloud.ply is; else those of raw camera 0, which is
     /// turned against it by the rectifying rotation
     bool rectified = false;
@@ -43,10 +42,15 @@ struct Merged {
     double seconds = 0.0;
 };
 
-constexpr int merge_steps = 5;
+constexpr int merge_steps = 4;
+
+/// What folders are called, whatever path leads there. Throws Failure for one that is not there, UsageFailure for one
+/// that is named twice.
+std::vector<std::string> names_of_results(const std::vector<std::string>& folders);
 
 /// Joins results of one object that were measured from several sides. Throws Failure that names the results: those
 /// which share no surface with the others or do not fit, of different units, or of one and the same capture.
-Merged merge(const MergeRequest& request, const OnStep& on_step);
+/// @param poses  one a result, in their order
+Merged merge(const MergeRequest& request, ViewPoses poses, const OnStep& on_step);
 
 } // namespace vexo

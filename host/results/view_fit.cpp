@@ -10,11 +10,15 @@ namespace vexo {
 namespace {
 
 /// Pairs with fewer points in common, of 20 000 of each view, are too narrow to be judged, or to join views.
-constexpr std::size_t enough_pairs = 500;
+constexpr std::size_t enough_pairs = 500, full = 20000;
 
 /// Beyond the first a pair does not fit, beyond the second that is worth saying. Sigma is the noise alone; what the
 /// calibrations are off by is allowed beside it as far as the results say it.
-constexpr double misfit_sigmas = 6.0, misfit_beyond = 0.3, poor_sigmas = 1.5, poor_beyond = 0.1, in_shares = 3.0;
+constexpr double misfit_sigmas = 6.0, misfit_beyond = 0.3, in_shares = 3.0;
+constexpr double poor_sigmas = 2.0, poor_beyond = 0.1;
+
+/// Narrower overlaps see surface that is turned from both cameras, which fits worse than sigma says.
+constexpr double broad_overlap = 0.15;
 
 std::vector<ViewPair> wide_ones(std::vector<ViewPair> pairs)
 {
@@ -73,7 +77,8 @@ public:
     {
         std::vector<Finding> found;
         for (const ViewPair& p : fit.pairs)
-            if (p.pairs >= enough_pairs && (p.typical_sigmas > poor_sigmas || p.beyond > poor_beyond))
+            if (p.pairs >= enough_pairs && p.overlap >= broad_overlap
+                && (p.typical_sigmas > poor_sigmas || p.beyond > poor_beyond))
                 found.push_back({ "fit", Weight::worse, _results[p.a].folder + ", " + _results[p.b].folder,
                     "they lie " + number(p.typical_sigmas, 1) + " sigma apart, and " + percent(p.beyond, 1.0)
                         + " of the points by more than 6",
@@ -122,11 +127,14 @@ ViewFit fit_views(const std::vector<ResultView>& results, const std::vector<View
     const double radius = farthest_in_reaches * reach_of(views);
     const Judge judge(results, radius);
     ViewFit fit;
-    const std::vector<ViewPair> given = overlaps_of(views, common_from_view, radius);
+    constexpr std::size_t roughly = 5000;
+    std::vector<ViewPair> given = overlaps_of(views, common_from_view, radius, roughly);
+    for (ViewPair& p : given)
+        p.pairs *= full / roughly;
     fit.fault = judge.apart(given, "where the poses put them");
     if (!fit.fault.empty()) return fit;
     fit.aligned = align_views(views, common_from_view);
-    fit.pairs = overlaps_of(views, fit.aligned.common_from_view, radius);
+    fit.pairs = overlaps_of(views, fit.aligned.common_from_view, radius, full);
     fit.fault = judge.misfit(given, fit.pairs);
     if (fit.fault.empty()) fit.fault = judge.apart(fit.pairs, "after they were laid onto one another");
     if (fit.fault.empty() && !fit.aligned.converged)
