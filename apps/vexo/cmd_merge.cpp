@@ -1,4 +1,5 @@
 #include "base/failure.h"
+#include "base/parallel.h"
 #include "commands.h"
 #include "host/files/output_folder.h"
 #include "host/reports/merge_text.h"
@@ -8,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
 #include <memory>
 
 namespace vexo::app {
@@ -49,10 +51,14 @@ void run(const GlobalOptions& global, const Typed& o)
     Merged merged = merge(request, poses_of(o, progress.on_step()), progress.on_step());
     progress.step("writing " + o.out);
     const Json report = merge_report(request, merged);
-    out.add("cloud.ply", make_ply(merged.cloud));
-    merged.cloud = Shape();
-    out.add("mesh.ply", make_ply(merged.mesh));
-    merged.mesh = Shape();
+    std::array<std::vector<unsigned char>, 2> files;
+    in_parallel(files.size(), [&](std::size_t k) {
+        Shape& shape = k == 0 ? merged.cloud : merged.mesh;
+        files[k] = make_ply(shape);
+        shape = Shape();
+    });
+    out.add("cloud.ply", std::move(files[0]));
+    out.add("mesh.ply", std::move(files[1]));
     out.add("report.json", json_text(report));
     const std::vector<std::string> kept = out.commit();
     progress.finish();
@@ -61,7 +67,8 @@ void run(const GlobalOptions& global, const Typed& o)
     say(global, "result    " + o.out + ": cloud.ply, mesh.ply, report.json");
     put_json(global, report);
     for (const Finding& finding : merged.findings)
-        if (!o.accept_verdict && finding.weight == Weight::spoils) throw BelowLimit("the result cannot be trusted: " + sentence(finding));
+        if (!o.accept_verdict && finding.weight == Weight::spoils)
+            throw BelowLimit("the result cannot be trusted: " + sentence(finding));
 }
 
 void declare(CLI::App& command, Typed& o)

@@ -36,7 +36,7 @@ struct Meeting {
 /// How good each point is: standard deviation along the line of sight, averaged over its neighbours.
 cv::Mat_<float> blur_of(const View& view)
 {
-    constexpr int side = 15;
+    constexpr int side = 41;
     constexpr double of_unknown = 4.0; // where no sigma is known there is a reason: times the usual one
     const auto usual = static_cast<float>(of_unknown * quantile(finite_values(view.sigma), 0.5));
     cv::Mat_<float> sums(view.points.size(), 0.0F), counts(view.points.size(), 0.0F);

@@ -24,7 +24,7 @@ struct FusedViews {
 
 /// Decides which points of views that lie on one another form one surface, without doubled layers. A place that several
 /// views see is kept from that with the least sigma along the line of sight: this is a view from the front, as depth
-/// errors grow to the side; along the normal alone a flat line of sight would look good. Sigma is averaged over 15 x 15
+/// errors grow to the side; along the normal alone a flat line of sight would look good. Sigma is averaged over 41 x 41
 /// pixels, so that neighbours come from one view. Two points are of one place within 6 sigma of the distance along the
 /// normal. A point that nothing supports and that lies farther off the surface which another view sees there
 /// goes, and so does one in the free space before what another view sees: both where fewer other views see a surface

@@ -130,35 +130,63 @@ GridMesh mesh_of_kept(const View& view, const cv::Mat_<uchar>& fates)
     return mesh_of(depth, view.sigma, view.scale);
 }
 
-void add_mesh(const View& view, const GridMesh& mesh, const Placing& placing, std::size_t number, Shape& shape)
+/// Room for so many points.
+void reserve(std::size_t points, Shape& shape)
 {
-    const auto first = static_cast<std::uint32_t>(shape.points.size());
-    for (const cv::Point& p : mesh.pixels)
-        placing.add(view, p, number, shape);
-    for (const auto& t : mesh.triangles)
-        shape.triangles.push_back({ first + t[0], first + t[1], first + t[2] });
+    shape.points.reserve(points);
+    shape.normals.reserve(points);
+    shape.grey.reserve(points);
+    shape.sigma.reserve(points);
+    shape.view.reserve(points);
+}
+
+void fill_cloud(
+    const std::vector<View>& views, const std::vector<Placing>& placings, const FusedViews& fused, Shape& cloud)
+{
+    for (std::size_t i = 0; i < views.size(); ++i)
+        for (int y = 0; y < views[i].points.rows; ++y)
+            for (int x = 0; x < views[i].points.cols; ++x)
+                if (fused.kept(i, { x, y })) placings[i].add(views[i], { x, y }, i, cloud);
+}
+
+void fill_mesh(const std::vector<View>& views, const std::vector<Placing>& placings,
+    const std::vector<GridMesh>& meshes, Shape& shape)
+{
+    for (std::size_t i = 0; i < views.size(); ++i) {
+        const auto first = static_cast<std::uint32_t>(shape.points.size());
+        for (const cv::Point& p : meshes[i].pixels)
+            placings[i].add(views[i], p, i, shape);
+        for (const auto& t : meshes[i].triangles)
+            shape.triangles.push_back({ first + t[0], first + t[1], first + t[2] });
+    }
 }
 
 void add_shapes(const std::vector<View>& views, const FusedViews& fused, Merged& m)
 {
     std::vector<GridMesh> meshes(views.size());
-    in_parallel(views.size(), [&](std::size_t i) { meshes[i] = mesh_of_kept(views[i], fused.fates[i]); });
+    std::vector<Placing> placings;
     const Unit& unit = m.results[0].unit;
+    std::size_t points = 0;
+    for (std::size_t i = 0; i < views.size(); ++i) {
+        placings.emplace_back(m.fit.aligned.common_from_view[i], unit.in_mm);
+        m.counts.push_back(
+            { fused.count(i, Fate::kept), fused.count(i, Fate::doubled), fused.count(i, Fate::contradicted) });
+        points += m.counts.back().kept;
+    }
     for (Shape* const shape : { &m.cloud, &m.mesh }) {
         shape->unit = unit.name;
         shape->in_mm = unit.in_mm;
         shape->notes = { "vexo: unit " + unit.name, "axes: the common frame of the poses",
             "view: number of the result in report.json" };
+        reserve(points, *shape);
     }
-    for (std::size_t i = 0; i < views.size(); ++i) {
-        const Placing placing(m.fit.aligned.common_from_view[i], unit.in_mm);
-        for (int y = 0; y < views[i].points.rows; ++y)
-            for (int x = 0; x < views[i].points.cols; ++x)
-                if (fused.kept(i, { x, y })) placing.add(views[i], { x, y }, i, m.cloud);
-        add_mesh(views[i], meshes[i], placing, i, m.mesh);
-        m.counts.push_back(
-            { fused.count(i, Fate::kept), fused.count(i, Fate::doubled), fused.count(i, Fate::contradicted) });
-    }
+    in_parallel(views.size(), [&](std::size_t i) { meshes[i] = mesh_of_kept(views[i], fused.fates[i]); });
+    in_parallel(2, [&](std::size_t k) {
+        if (k == 0)
+            fill_cloud(views, placings, fused, m.cloud);
+        else
+            fill_mesh(views, placings, meshes, m.mesh);
+    });
 }
 
 void add_findings(Merged& m)
