@@ -66,11 +66,12 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
 }
 
 /// What is needed to measure the frames, without what only a simulation knows.
-std::string manifest_text(const Pattern& pattern)
+std::string manifest_text(const Pattern& pattern, double exposure_ms)
 {
     Json json { { "schema", 1 }, { "method", name_of(pattern.method) } };
     if (pattern.periods.size() > 1) json["periods"] = pattern.periods;
     json["unit"] = "mm";
+    if (exposure_ms > 0) json["exposure_ms"] = exposure_ms;
     return json.dump(2) + "\n";
 }
 } // namespace
@@ -164,7 +165,7 @@ Capture make_capture(
     add_images({ { "truth.tiff", capture.truth.depth }, { "visible.png", capture.truth.visible },
                    { "visible1.png", visible1 } },
         capture.files);
-    add_text("capture.json", manifest_text(pattern), capture.files);
+    add_text("capture.json", manifest_text(pattern, options.exposure_ms), capture.files);
     add_text("scene.json", capture.scene_json, capture.files);
     return capture;
 }

@@ -18,7 +18,7 @@ namespace sim {
 ///                            the last column of multi-phase frames there is nothing to measure. Under flat light
 ///                            (block matching) everything is lit
 ///     visible1.png           the same of camera 1's pixels
-///     capture.json           method, periods and unit
+///     capture.json           method, periods and unit; the exposure if the options say it in ms
 ///     scene.json             the scene's name, all options, the rig, and the balls of `spheres`
 struct Capture {
     Files files;

@@ -26,6 +26,7 @@ struct RigOptions {
     double baseline_mm = 160;              ///< between the optical centres
     double toe_in_deg = -1;                ///< each camera turned inwards; negative: both look at the middle
     double exposure = 1;                   ///< factor on all light; at 1 a white wall reads about 190
+    double exposure_ms = 0;                ///< what capture.json says of it; 0: nothing
     double ambient = 8;                    ///< grey levels that a white surface has with the projector dark
     double noise = 1.6;                    ///< grey levels; standard deviation at grey 128, read and shot noise
     double gamma = 1;                      ///< of the projector: light = grey^gamma
@@ -35,6 +36,11 @@ struct RigOptions {
     std::array<int, 2> swapped = { 0, 0 }; ///< two frames that are projected in each other's place
     double move_mm = 0;                    ///< the scene moves by so much before the last two frames
 };
+
+/// The options of one capture of a series at several exposures: the same rig, noise of its own, and a time of 10 ms at
+/// exposure 1.
+/// @param index  of the capture in its series
+RigOptions at_exposure(RigOptions options, double exposure, std::size_t index);
 
 /// Null when the options describe a rig that can be built, else their first fault.
 const char* why_invalid(const RigOptions& options) noexcept;

@@ -20,11 +20,12 @@ struct Hit {
     double t = 0;      ///< ray parameter
     cv::Vec3d point;   ///< rig frame, mm
     cv::Vec3d normal;  ///< unit length, on the side the ray comes from
-    double albedo = 0; ///< share of light that is thrown back, 0 to 1
+    double albedo = 0; ///< share of light that is thrown back; 1: white
     int surface = -1;  ///< number of the surface in its scene
 };
 
-/// Share of light thrown back at a point of the rig frame, 0 to 1. Called from several threads; must not throw.
+/// Share of light thrown back at a point of the rig frame; above 1 is brighter than white. Called from several threads;
+/// must not throw.
 using Albedo = std::function<double(const cv::Vec3d&)>;
 
 /// A surface that rays can meet. Surfaces are matt (Lambert) and seen from both sides.

@@ -70,8 +70,17 @@ void add_bust(Scene& scene, double middle_z)
 
 const std::vector<std::string>& scene_names()
 {
-    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres" };
+    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres", "albedo" };
     return names;
+}
+
+double stripe_albedo(const cv::Vec3d& point_mm) noexcept
+{
+    constexpr double width = 24; // mm, some 70 px of the default rig
+    constexpr int levels = 4;
+    const double stripe = std::floor(point_mm[0] / width);
+    const auto level = static_cast<int>(stripe - levels * std::floor(stripe / levels));
+    return std::pow(4.0, level - 2);
 }
 
 Balls make_balls(const RigOptions& options)
@@ -94,7 +103,8 @@ Scene make_scene(const std::string& name, const RigOptions& options)
         add_wall(scene, { 0, 0, z + 30 }, 0);
         add_steps(scene, z + 30);
     }
-    if (name == "bust") add_bust(scene, z);
+    if (name == "bust" || name == "albedo") add_bust(scene, z);
+    if (name == "albedo") scene.paint(stripe_albedo);
     if (name == "spheres") {
         add_wall(scene, { 0, 0, z }, options.tilt_deg);
         add_balls(scene, options);

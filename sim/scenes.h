@@ -25,6 +25,7 @@ const std::vector<std::string>& scene_names();
 ///     steps    stairs of 20 mm going up and down again, before a wall
 ///     bust     a head with neck and shoulders, nothing behind it
 ///     spheres  two balls of 40 mm, 150 mm apart, lying on a plane tilted by `tilt_deg`
+///     albedo   the bust in upright stripes, see stripe_albedo()
 /// For block matching all surfaces are painted with blotches, four camera pixels and more in size.
 /// An unknown name gives an empty scene.
 Scene make_scene(const std::string& name, const RigOptions& options);
@@ -34,6 +35,10 @@ Balls make_balls(const RigOptions& options);
 
 /// The field of the bust, see Implicit: mm; x to the right, y down, z into the head, origin between the ears.
 double bust_field(const cv::Vec3d& point) noexcept;
+
+/// Albedo of the scene `albedo`, over the light that a white surface throws back: stripes of 24 mm from left to right,
+/// 1/16, 1/4, 1, 4 and so on. No single exposure measures them all; 4 stands for a gloss that is brighter than white.
+double stripe_albedo(const cv::Vec3d& point_mm) noexcept;
 
 /// Box around the bust, same frame.
 constexpr double bust_low[3] = { -130, -140, -110 };

@@ -26,12 +26,13 @@ void write(sim::Files& files, OutputFolder& out, const GlobalOptions& global)
     say_kept(global, out.commit());
 }
 
-void say_capture(const GlobalOptions& global, const SimulateOptions& o, const sim::RigOptions& rig, const Json& result)
+/// @param out  folder of the capture
+void say_capture(const GlobalOptions& global, const std::string& out, const sim::RigOptions& rig, const Json& result)
 {
     const long long surface = result["surface_pixels"], visible = result["visible_pixels"];
     const int frames = result["frames"];
     say(global,
-        o.out + ": " + std::to_string(frames) + (frames == 1 ? " frame" : " frames")
+        out + ": " + std::to_string(frames) + (frames == 1 ? " frame" : " frames")
             + " of each camera, cameras.yaml, capture.json, truth.tiff, visible.png, visible1.png, scene.json");
     say(global,
         "  " + grouped(surface) + " camera-0 pixels see the surface; "
@@ -44,6 +45,38 @@ void say_capture(const GlobalOptions& global, const SimulateOptions& o, const si
         say(global, "  the scene moves by " + number(rig.move_mm, 2) + " mm before the last two frames");
 }
 
+/// A capture of the scene at each exposure, in folders that capture.json beside them lists.
+void simulate_exposures(const SimulateOptions& o, const sim::RigOptions& rig, const sim::Pattern& pattern,
+    OutputFolder& out, const GlobalOptions& global)
+{
+    const std::size_t count = o.exposures.size();
+    Progress progress(global, static_cast<int>(count) * sim::capture_steps(pattern) + 1);
+    sim::Files files;
+    std::vector<Json> made;
+    Json manifest { { "schema", 1 }, { "exposures", Json::array() } };
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string name = exposure_folder(o.exposures[i]);
+        sim::Capture capture
+            = sim::make_capture(o.scene, sim::at_exposure(rig, o.exposures[i], i), pattern, progress.on_step());
+        for (auto& [file, bytes] : capture.files)
+            files.emplace_back(name + "/" + file, std::move(bytes));
+        made.push_back(Json::parse(capture.scene_json));
+        manifest["exposures"].push_back(name);
+    }
+    sim::add_text("capture.json", manifest.dump(2) + "\n", files);
+    progress.step("writing");
+    write(files, out, global);
+    progress.finish();
+    Json result { { "out", o.out }, { "exposures", Json::array() } };
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string folder = o.out + "/" + exposure_folder(o.exposures[i]);
+        say_capture(global, folder, rig, made[i]);
+        made[i]["out"] = folder;
+        result["exposures"].push_back(made[i]);
+    }
+    put_json(global, result);
+}
+
 void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
 {
     reject(o.only_photos, "is for calibration photos, vexo simulate calibration");
@@ -54,6 +87,7 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
             throw UsageFailure(
                 "--swap " + o.swap + ": there are frames 0 to " + std::to_string(pattern.frames.size() - 1));
     OutputFolder out = folder_of(o, global);
+    if (o.exposures.size() > 1) return simulate_exposures(o, rig, pattern, out, global);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
     sim::Capture capture = sim::make_capture(o.scene, rig, pattern, progress.on_step());
@@ -62,7 +96,7 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
     progress.finish();
 
     auto result = Json::parse(capture.scene_json);
-    say_capture(global, o, rig, result);
+    say_capture(global, o.out, rig, result);
     result["out"] = o.out;
     put_json(global, result);
 }

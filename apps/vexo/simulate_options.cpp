@@ -8,10 +8,14 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <set>
+#include <sstream>
 
 namespace vexo::app {
 
 namespace {
+
+constexpr int most_exposures = 8;
 
 void add_rig_options(CLI::App& command, SimulateOptions& o)
 {
@@ -26,7 +30,15 @@ void add_rig_options(CLI::App& command, SimulateOptions& o)
         .add_option("--toe-in", o.rig.toe_in_deg,
             "each camera turned inwards, degrees (default: both look at the middle of the scene)")
         ->check(CLI::Range(0.0, 45.0));
-    command.add_option("--exposure", o.rig.exposure, "factor on all light")->capture_default_str();
+    command
+        .add_option("--exposure", o.exposures,
+            "factor on all light; several, as in 0.25,1,4, make a capture of the scene at each, e0.25, e1 and e4 in "
+            "the "
+            "folder, for vexo measure --exposures")
+        ->delimiter(',')
+        ->expected(1, most_exposures)
+        ->allow_extra_args(false)
+        ->capture_default_str();
     command.add_option("--noise", o.rig.noise, "standard deviation at grey 128, grey levels; 0: none")
         ->capture_default_str();
     command.add_option("--seed", o.rig.seed, "of the noise")
@@ -122,9 +134,30 @@ void declare(CLI::App& command, SimulateOptions& o)
     add_photo_options(command, o);
 }
 
+std::string exposure_folder(double exposure)
+{
+    std::ostringstream name;
+    name << 'e' << exposure;
+    return name.str();
+}
+
+void check_exposures(const SimulateOptions& o)
+{
+    std::set<std::string> folders;
+    for (const double exposure : o.exposures) {
+        if (!(exposure > 0)) throw UsageFailure("--exposure: exposures must be positive");
+        if (!folders.insert(exposure_folder(exposure)).second)
+            throw UsageFailure("--exposure: " + exposure_folder(exposure).substr(1) + " is named twice");
+    }
+    if (o.scene == "calibration" && o.exposures.size() > 1)
+        throw UsageFailure("--exposure: several are for scenes; calibration photos have one");
+}
+
 sim::RigOptions rig_of(const SimulateOptions& o)
 {
+    check_exposures(o);
     sim::RigOptions rig = o.rig;
+    rig.exposure = o.exposures[0];
     rig.method = method_named(o.method).value();
     rig.image_size = { o.size[0], o.size[1] };
     rig.projector_size = { o.projector[0], o.projector[1] };
@@ -142,6 +175,8 @@ sim::Pattern pattern_of(const SimulateOptions& o, sim::RigOptions& rig)
     if (o.patterns.empty()) check_method(rig);
     sim::Pattern pattern = o.patterns.empty() ? sim::pattern_of(rig) : patterns_in(o.patterns, rig);
     check_method(rig);
+    for (const double exposure : o.exposures)
+        check_method(sim::at_exposure(rig, exposure, 0));
     return pattern;
 }
 

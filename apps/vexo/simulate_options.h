@@ -17,6 +17,7 @@ struct SimulateOptions {
     std::vector<int> projector = { 1024, 768 }; ///< px
     std::string method = name_of(sim::RigOptions().method);
     sim::RigOptions rig;
+    std::vector<double> exposures { 1 }; ///< several: a capture of the scene at each
     std::string patterns, swap, board;
     sim::CalibrationOptions photos;
     std::vector<CLI::Option*> only_scenes, only_photos; ///< what has no meaning for the other kind of series
@@ -25,7 +26,10 @@ struct SimulateOptions {
 /// Declares them. `o` must live as long as the command.
 void declare(CLI::App& command, SimulateOptions& o);
 
-/// The rig, from options given in other words. Throws Failure.
+/// Folder of one of several exposures: "e0.25".
+std::string exposure_folder(double exposure);
+
+/// The rig, from options given in other words, at the first exposure. Throws Failure.
 sim::RigOptions rig_of(const SimulateOptions& o);
 
 /// What the rig projects: the pattern of its method, or the pictures of --patterns, for which the rig is then set.
