@@ -12,11 +12,16 @@ namespace vexo {
 
 namespace {
 
-cv::Mat contrast_of(const std::vector<cv::Mat>& frames)
+template <class Grey> void drop_mixtures_of(const cv::Mat& contrast, cv::Mat& mask)
 {
-    cv::Mat contrast;
-    cv::subtract(frames[1], frames[0], contrast);
-    return contrast;
+    cv::Mat brightest;
+    cv::dilate(contrast, brightest, cv::Mat::ones(3, 3, CV_8U));
+    for (int y = 0; y < mask.rows; ++y) {
+        const Grey *own = contrast.ptr<Grey>(y), *most = brightest.ptr<Grey>(y);
+        uchar* const kept = mask.ptr(y);
+        for (int x = 0; x < mask.cols; ++x)
+            kept[x] = 5 * own[x] < 2 * most[x] ? 0 : kept[x];
+    }
 }
 
 } // namespace
@@ -31,7 +36,9 @@ LeastLight least_light(const std::vector<cv::Mat>& frames, const std::vector<std
     constexpr int contrast_floor = 8, fewest_pixels = 1000;
     constexpr double modulation_floor = 3.0, sigmas = 3.5;
     const LeastLight usual = usual_light();
-    const cv::Mat lit = contrast_of(frames) >= contrast_floor;
+    cv::Mat lit;
+    cv::subtract(frames[1], frames[0], lit);
+    lit = lit >= contrast_floor;
     if (sets.empty() || cv::countNonZero(lit) < fewest_pixels) return usual;
     const NoiseModel noise = estimate_noise(frames, sets, lit);
     const double dim_grey = cv::mean(frames[0], lit)[0] + 0.5 * contrast_floor;
@@ -41,17 +48,12 @@ LeastLight least_light(const std::vector<cv::Mat>& frames, const std::vector<std
         std::clamp(sigmas * s, modulation_floor, usual.modulation), true };
 }
 
-void drop_mixtures(const std::vector<cv::Mat>& frames, cv::Mat& mask)
+void drop_mixtures(const cv::Mat& contrast, cv::Mat& mask)
 {
-    const cv::Mat contrast = contrast_of(frames);
-    cv::Mat brightest;
-    cv::dilate(contrast, brightest, cv::Mat::ones(3, 3, CV_8U));
-    for (int y = 0; y < mask.rows; ++y) {
-        const uchar *own = contrast.ptr(y), *most = brightest.ptr(y);
-        uchar* const kept = mask.ptr(y);
-        for (int x = 0; x < mask.cols; ++x)
-            kept[x] = 5 * own[x] < 2 * most[x] ? 0 : kept[x];
-    }
+    if (contrast.depth() == CV_32F)
+        drop_mixtures_of<float>(contrast, mask);
+    else
+        drop_mixtures_of<uchar>(contrast, mask);
 }
 
 } // namespace vexo

@@ -30,7 +30,9 @@ LeastLight least_light(const std::vector<cv::Mat>& frames, const std::vector<std
 /// Takes from the mask the pixels that have less than 0.4 of the contrast of one of their eight neighbours: they are
 /// mixed of a surface's edge and of what lies behind it, at a phase of neither. On a simulated bust these are 0.2 % of
 /// the points, and a third to a half of its wrong ones.
-/// @param mask  CV_8U, 255: lit, and with fringes
-void drop_mixtures(const std::vector<cv::Mat>& frames, cv::Mat& mask);
+/// @param contrast  of lit and dark frame, CV_8U or CV_32F, on one scale for all pixels: those of other exposures are
+///                  brought to it
+/// @param mask      CV_8U, 255: lit, and with fringes
+void drop_mixtures(const cv::Mat& contrast, cv::Mat& mask);
 
 } // namespace vexo

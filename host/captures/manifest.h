@@ -22,6 +22,8 @@ struct Manifest {
     /// [camera][frame of the method]: path of the file, "" for a frame that was not recorded; empty: not said
     std::array<std::vector<std::string>, 2> frames;
 
+    std::vector<std::string> exposures; ///< folders with a capture each, of one scene at several exposures
+
     bool names_frames() const { return !frames[0].empty(); }
 };
 
