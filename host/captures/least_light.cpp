@@ -1,5 +1,6 @@
 #include "host/captures/least_light.h"
 
+#include "host/captures/fringe_steps.h"
 #include "host/captures/noise.h"
 #include "host/captures/positions.h"
 
@@ -12,18 +13,34 @@ namespace vexo {
 
 namespace {
 
-template <class Grey> void drop_mixtures_of(const cv::Mat& contrast, cv::Mat& mask)
+/// Whether the phases of a pixel and its neighbours in the row and in the column go on as on one surface: in a straight
+/// line but for a fifth of a camera pixel, of fringes that are ten px long.
+bool goes_on(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask, int y, int x)
 {
-    cv::Mat brightest;
-    cv::dilate(contrast, brightest, cv::Mat::ones(3, 3, CV_8U));
-    for (int y = 0; y < mask.rows; ++y) {
-        const Grey *own = contrast.ptr<Grey>(y), *most = brightest.ptr<Grey>(y);
-        uchar* const kept = mask.ptr(y);
-        for (int x = 0; x < mask.cols; ++x)
-            kept[x] = 5 * own[x] < 2 * most[x] ? 0 : kept[x];
+    constexpr double most_bent = 0.02; // periods
+    if (y < 1 || x < 1 || y + 1 >= mask.rows || x + 1 >= mask.cols) return false;
+    const auto phase = [&](int row, int column) { return FringeSteps(frames, first, row, column).phase(); };
+    for (const cv::Point& way : { cv::Point(1, 0), cv::Point(0, 1) }) {
+        if (mask.at<uchar>(y - way.y, x - way.x) == 0 || mask.at<uchar>(y + way.y, x + way.x) == 0) return false;
+        const double bent = phase(y - way.y, x - way.x) - 2.0 * phase(y, x) + phase(y + way.y, x + way.x);
+        if (std::abs(bent - std::round(bent)) > most_bent) return false;
     }
+    return true;
 }
 
+/// CV_8U, 255: less than 0.4 of the contrast of a neighbour.
+template <class Grey> cv::Mat beside_brighter(const cv::Mat& contrast)
+{
+    cv::Mat brightest, found(contrast.size(), CV_8U);
+    cv::dilate(contrast, brightest, cv::Mat::ones(3, 3, CV_8U));
+    for (int y = 0; y < contrast.rows; ++y) {
+        const Grey *own = contrast.ptr<Grey>(y), *most = brightest.ptr<Grey>(y);
+        uchar* const to = found.ptr(y);
+        for (int x = 0; x < contrast.cols; ++x)
+            to[x] = 5 * own[x] < 2 * most[x] ? 255 : 0;
+    }
+    return found;
+}
 } // namespace
 
 LeastLight usual_light()
@@ -48,12 +65,21 @@ LeastLight least_light(const std::vector<cv::Mat>& frames, const std::vector<std
         std::clamp(sigmas * s, modulation_floor, usual.modulation), true };
 }
 
-void drop_mixtures(const cv::Mat& contrast, cv::Mat& mask)
+void drop_mixtures(
+    const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& sets, const cv::Mat& contrast, cv::Mat& mask)
 {
-    if (contrast.depth() == CV_32F)
-        drop_mixtures_of<float>(contrast, mask);
-    else
-        drop_mixtures_of<uchar>(contrast, mask);
+    const cv::Mat suspect
+        = contrast.depth() == CV_32F ? beside_brighter<float>(contrast) : beside_brighter<uchar>(contrast);
+    const cv::Mat seen = mask.clone();
+    for (int y = 0; y < mask.rows; ++y) {
+        const uchar* const asked = suspect.ptr(y);
+        uchar* const kept = mask.ptr(y);
+        for (int x = 0; x < mask.cols; ++x)
+            if (asked[x] != 0 && kept[x] != 0 && !std::all_of(sets.begin(), sets.end(), [&](std::size_t first) {
+                    return goes_on(frames, first, seen, y, x);
+                }))
+                kept[x] = 0;
+    }
 }
 
 } // namespace vexo

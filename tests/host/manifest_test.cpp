@@ -141,7 +141,7 @@ TEST_F(ForeignCaptures, AreRefusedWithTheKeyThatIsWrong)
     for (int i = 0; i < 20; ++i)
         many += ", null";
     const std::vector<std::pair<std::string, std::string>> cases {
-        { R"({"ordre": 1})", "unknown key \"ordre\"; there are bits, exposure_ms, frames" },
+        { R"({"ordre": 1})", "unknown key \"ordre\"; there are bits, exposure_ms, exposures, frames" },
         { R"({"method": "phase"})", "method must be" },
         { R"({"method": 1})", "method must be" },
         { R"({"bits": 12.5})", "bits must be a whole number" },
