@@ -10,6 +10,18 @@
 namespace vexo {
 namespace sim {
 
+cv::Matx44d cam0_from_scene(const Rig& rig)
+{
+    const Camera& camera = rig.cameras[0];
+    cv::Matx44d cam0_from_rig = cv::Matx44d::eye();
+    for (int row = 0; row < 3; ++row) {
+        for (int column = 0; column < 3; ++column)
+            cam0_from_rig(row, column) = camera.R(row, column);
+        cam0_from_rig(row, 3) = camera.T[row];
+    }
+    return cam0_from_rig * turned(rig.options);
+}
+
 namespace {
 Json balls_json(const Rig& rig)
 {
@@ -37,6 +49,7 @@ Json options_json(const RigOptions& o)
     json["tilt_deg"] = o.tilt_deg;
     if (o.swapped[0] != o.swapped[1]) json["swapped"] = o.swapped;
     if (o.move_mm > 0) json["move_mm"] = o.move_mm;
+    if (o.turned_deg != 0) json["turned_deg"] = o.turned_deg;
     json["seed"] = o.seed;
     return json;
 }
@@ -62,6 +75,7 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
     json["surface_pixels"] = cv::countNonZero(truth.depth == truth.depth);
     json["visible_pixels"] = cv::countNonZero(truth.visible);
     if (scene == "spheres") json["balls"] = balls_json(rig);
+    if (rig.options.turned_deg != 0) json["cam0_from_scene"] = to_json(cam0_from_scene(rig).get_minor<3, 4>(0, 0));
     return json.dump(2) + "\n";
 }
 

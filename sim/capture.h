@@ -37,6 +37,9 @@ Capture make_capture(const std::string& scene, const RigOptions& options, const 
 Capture make_capture(
     const std::string& scene, const RigOptions& options, const Pattern& pattern, const OnStep& on_step = {});
 
+/// Where a point of the scene, as it was before it was turned, lies in raw camera-0 axes: 4 x 4, mm.
+cv::Matx44d cam0_from_scene(const Rig& rig);
+
 /// Both cameras as YAML text.
 std::string cameras_yaml(const Rig& rig);
 

@@ -93,6 +93,7 @@ const char* why_invalid(const RigOptions& o) noexcept
     if (!within(o.gamma, 0.2, 5)) return "gamma must be 0.2 to 5";
     if (!within(o.defocus, 0, 20)) return "the defocus must be 0 to 20 projector pixels";
     if (!within(o.move_mm, 0, 100)) return "the scene may move by 0 to 100 mm";
+    if (!within(o.turned_deg, -360, 360)) return "the scene may be turned by -360 to 360 degrees";
     if (!within(o.tilt_deg, -60, 60)) return "the tilt must be -60 to 60 degrees";
     return nullptr;
 }

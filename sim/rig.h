@@ -35,6 +35,9 @@ struct RigOptions {
     std::uint64_t seed = 1;                ///< of the noise
     std::array<int, 2> swapped = { 0, 0 }; ///< two frames that are projected in each other's place
     double move_mm = 0;                    ///< the scene moves by so much before the last two frames
+    /// Degrees by which the scene is turned about the upright axis through its middle, clockwise seen from above:
+    /// what faces camera 1's side comes to the front.
+    double turned_deg = 0;
 };
 
 /// The options of one capture of a series at several exposures: the same rig, noise of its own, and a time of 10 ms at

@@ -206,7 +206,7 @@ bool Implicit::intersect(const Ray& ray, double t0, double t1, Hit& hit) const n
 
 bool Scene::intersect(const Ray& ray, Hit& hit) const noexcept
 {
-    const Ray local { ray.origin - _moved, ray.direction };
+    const Ray local { _to_scene(ray.origin), _turned.t() * ray.direction };
     double nearest = infinity;
     hit.surface = -1;
     for (std::size_t i = 0; i < _surfaces.size(); ++i) {
@@ -215,7 +215,8 @@ bool Scene::intersect(const Ray& ray, Hit& hit) const noexcept
         hit.surface = static_cast<int>(i);
     }
     if (hit.surface < 0) return false;
-    hit.point += _moved;
+    hit.point = _turned * hit.point + _moved;
+    hit.normal = _turned * hit.normal;
     hit.albedo = albedo(hit.surface, hit.point);
     return true;
 }
@@ -223,7 +224,7 @@ bool Scene::intersect(const Ray& ray, Hit& hit) const noexcept
 bool Scene::blocked(const cv::Vec3d& on_surface, const cv::Vec3d& from) const noexcept
 {
     constexpr double off_the_surface = 1e-6; // share of the way, about half a micrometre
-    const Ray ray { on_surface - _moved, from - on_surface };
+    const Ray ray { _to_scene(on_surface), _turned.t() * (from - on_surface) };
     Hit hit;
     for (const auto& surface : _surfaces)
         if (surface->intersect(ray, off_the_surface, 1, hit)) return true;

@@ -107,11 +107,18 @@ public:
     /// Moves everything, mm; albedos move with the surfaces.
     void move(const cv::Vec3d& by) { _moved += by; }
 
+    /// Turns everything about an axis through `about`, as a turntable does; albedos turn with the surfaces.
+    void turn(const cv::Matx33d& rotation, const cv::Vec3d& about)
+    {
+        _turned = rotation * _turned;
+        _moved = rotation * (_moved - about) + about;
+    }
+
     /// Albedo of a surface of intersect() at a point near it.
     double albedo(int surface, const cv::Vec3d& point) const noexcept
     {
         const Albedo& of_surface = _surfaces[static_cast<std::size_t>(surface)]->albedo;
-        return of_surface ? of_surface(point - _moved) : 1.0;
+        return of_surface ? of_surface(_to_scene(point)) : 1.0;
     }
 
     /// Nearest surface along a ray.
@@ -121,7 +128,10 @@ public:
     bool blocked(const cv::Vec3d& on_surface, const cv::Vec3d& from) const noexcept;
 
 private:
+    cv::Vec3d _to_scene(const cv::Vec3d& point) const noexcept { return _turned.t() * (point - _moved); }
+
     std::vector<std::unique_ptr<Surface>> _surfaces;
+    cv::Matx33d _turned = cv::Matx33d::eye(); ///< x_rig = _turned x_scene + _moved
     cv::Vec3d _moved;
 };
 

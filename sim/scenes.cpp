@@ -83,6 +83,13 @@ double stripe_albedo(const cv::Vec3d& point_mm) noexcept
     return std::pow(4.0, level - 2);
 }
 
+cv::Matx44d turned(const RigOptions& options)
+{
+    const double angle = options.turned_deg * CV_PI / 180.0, c = std::cos(angle), s = std::sin(angle);
+    const double z = options.distance_mm; // the axis: x = 0, this z; p -> R (p - a) + a
+    return { c, 0, s, -s * z, 0, 1, 0, 0, -s, 0, c, z - c * z, 0, 0, 0, 1 };
+}
+
 Balls make_balls(const RigOptions& options)
 {
     const Axes axes = tilted_axes(options.tilt_deg);
@@ -108,6 +115,10 @@ Scene make_scene(const std::string& name, const RigOptions& options)
     if (name == "spheres") {
         add_wall(scene, { 0, 0, z }, options.tilt_deg);
         add_balls(scene, options);
+    }
+    if (options.turned_deg != 0.0) {
+        const cv::Matx44d pose = turned(options);
+        scene.turn(pose.get_minor<3, 3>(0, 0), { 0, 0, z });
     }
     if (options.method == Method::sgbm) {
         const double finest = 4 * make_rig(options).pixel_mm(); // smaller blotches would be lost in the pixels

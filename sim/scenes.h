@@ -30,6 +30,10 @@ const std::vector<std::string>& scene_names();
 /// An unknown name gives an empty scene.
 Scene make_scene(const std::string& name, const RigOptions& options);
 
+/// Where a point of the scene as it was built lies after `turned_deg`: 4 x 4, rig frame from scene frame, both of which
+/// have the rig's axes and origin.
+cv::Matx44d turned(const RigOptions& options);
+
 /// Where the balls of `spheres` lie.
 Balls make_balls(const RigOptions& options);
 

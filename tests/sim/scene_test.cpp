@@ -99,6 +99,28 @@ TEST(SimScene, TrueDepthLeadsBackToTheSurface)
     EXPECT_GT(on_bust, 10000);
 }
 
+TEST(SimScene, ATurnedBustIsTheSameBustSeenFromAnotherSide)
+{
+    RigOptions options = small_rig();
+    for (const double degrees : { 45.0, 180.0, -90.0 }) {
+        options.turned_deg = degrees;
+        const Rig rig = make_rig(options);
+        const View view(make_scene("bust", options), rig, 0);
+        const cv::Matx44d scene_from_rig = turned(options).inv();
+        int seen = 0;
+        for (int y = 0; y < 256; ++y)
+            for (int x = 0; x < 320; ++x) {
+                if (std::isnan(view.depth()(y, x))) continue;
+                const cv::Vec3d p = point_of(rig.cameras[0], view.depth(), y, x);
+                const cv::Vec4d q = scene_from_rig * cv::Vec4d(p[0], p[1], p[2], 1.0);
+                const cv::Vec3d b = (cv::Vec3d(q.val) - cv::Vec3d(0, -13 * bust_scale, 640)) / bust_scale;
+                ASSERT_LT(std::abs(bust_field(b)), 4e-5) << degrees << ' ' << x << ' ' << y;
+                ++seen;
+            }
+        EXPECT_GT(seen, 8000) << degrees;
+    }
+}
+
 /// The shadow and the hidden part, found a second way: by the distance of the ball from the line of sight.
 TEST(SimScene, PixelsAreMarkedVisibleExactlyWhereNeitherLightNorSightIsBlocked)
 {
