@@ -2,15 +2,12 @@
 
 #include "base/failure.h"
 #include "base/parallel.h"
-#include "base/statistics.h"
 #include "base/text.h"
 #include "host/captures/exposure_agreement.h"
 #include "host/captures/noise.h"
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <numeric>
 #include <utility>
 
 namespace vexo {
@@ -88,25 +85,24 @@ void sort(std::vector<Capture>& captures, bool by_time)
     });
 }
 
-/// Light of the second over that of the first: the median of lit - dark over lit - dark, of pixels that are bright in
-/// the first and clipped in neither; NaN: there are too few.
+/// Light of the second over that of the first: the sums of lit - dark, over the pixels that are bright in the first and
+/// clipped in neither, so that rounding averages out; NaN: there are too few.
 double ratio_of(const Capture& longer, const Capture& shorter)
 {
-    constexpr std::size_t enough = 200;
-    std::vector<float> ratios;
+    constexpr double enough = 200.0;
     for (const int bright : { 64, 16 }) {
-        for (std::size_t c = 0; c < 2 && ratios.size() < enough; ++c) {
+        double light = 0.0, other = 0.0, count = 0.0;
+        for (std::size_t c = 0; c < 2; ++c) {
             const std::vector<cv::Mat>&a = longer.frames.frames[c], &b = shorter.frames.frames[c];
-            const cv::Mat seen = unclipped(a) & unclipped(b);
-            for (int y = 0; y < seen.rows; ++y)
-                for (int x = 0; x < seen.cols; ++x) {
-                    const int light = a[1].at<uchar>(y, x) - a[0].at<uchar>(y, x);
-                    if (seen.at<uchar>(y, x) == 0 || light < bright) continue;
-                    const int other = b[1].at<uchar>(y, x) - b[0].at<uchar>(y, x);
-                    ratios.push_back(static_cast<float>(other) / static_cast<float>(light));
-                }
+            cv::Mat more, less;
+            cv::subtract(a[1], a[0], more, {}, CV_16S);
+            cv::subtract(b[1], b[0], less, {}, CV_16S);
+            const cv::Mat seen = unclipped(a) & unclipped(b) & (more >= bright);
+            light += cv::mean(more, seen)[0] * cv::countNonZero(seen);
+            other += cv::mean(less, seen)[0] * cv::countNonZero(seen);
+            count += cv::countNonZero(seen);
         }
-        if (ratios.size() >= enough) return quantile(std::move(ratios), 0.5);
+        if (count >= enough) return other / light;
     }
     return std::nan("");
 }
