@@ -9,6 +9,7 @@
 #include "host/captures/positions.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace vexo {
@@ -46,7 +47,7 @@ public:
         , _frames { &longer, &shorter }
     {
         for (std::size_t i = 0; i < 2; ++i)
-            _noise[i] = estimate_noise(*_frames[i], _sets, lit(i));
+            _noise[i] = estimate_noise(*_frames[i], _sets, _lit(i));
     }
 
     Comparison compare() const
@@ -65,7 +66,7 @@ public:
 private:
     static constexpr std::size_t first_plane = 2;
 
-    cv::Mat lit(std::size_t i) const
+    cv::Mat _lit(std::size_t i) const
     {
         cv::Mat contrast;
         cv::subtract((*_frames[i])[1], (*_frames[i])[0], contrast);
