@@ -85,7 +85,7 @@ void sort(std::vector<Capture>& captures, bool by_time)
     });
 }
 
-/// Light of the second over that of the first: the sums of lit - dark, over the pixels that are bright in the first and
+/// Light of the second over that of the first: the sums of lit - dark, over the pixels that are bright in one and
 /// clipped in neither, so that rounding averages out; NaN: there are too few.
 double ratio_of(const Capture& longer, const Capture& shorter)
 {
@@ -97,7 +97,7 @@ double ratio_of(const Capture& longer, const Capture& shorter)
             cv::Mat more, less;
             cv::subtract(a[1], a[0], more, {}, CV_16S);
             cv::subtract(b[1], b[0], less, {}, CV_16S);
-            const cv::Mat seen = unclipped(a) & unclipped(b) & (more >= bright);
+            const cv::Mat seen = unclipped(a) & unclipped(b) & (cv::max(more, less) >= bright);
             light += cv::mean(more, seen)[0] * cv::countNonZero(seen);
             other += cv::mean(less, seen)[0] * cv::countNonZero(seen);
             count += cv::countNonZero(seen);

@@ -30,7 +30,7 @@ protected:
         sim::RigOptions options = sim::at_exposure(rig, exposure, index);
         options.image_size = { width, height };
         if (options.method == Method::gray_phase) options.fringe_period = 32;
-        sim::Capture& rendered = _rendered[{ exposure, index, options.method, options.distance_mm, options.swapped }];
+        sim::Capture& rendered = _rendered[{ exposure, index, options.method, options.turned_deg, options.swapped }];
         if (rendered.files.empty()) rendered = sim::make_capture("albedo", options);
         for (const auto& [file, bytes] : rendered.files) {
             const fs::path path = fs::path(folder / name) / file;
@@ -161,7 +161,7 @@ TEST_F(ExposuresTest, WhatIsNoExposureOfTheSameSceneIsRefusedByTheNameOfItsFolde
         return odd;
     };
     const std::vector<std::pair<const char*, std::function<void()>>> cases {
-        { "moved", [&] { rig.distance_mm += 1.0; } },
+        { "moved", [&] { rig.turned_deg = 2.0; } },
         { "fringes exchanged",
             [&] {
                 rig.swapped = { 10, 11 };
