@@ -94,10 +94,11 @@ double ratio_of(const Capture& longer, const Capture& shorter)
         double light = 0.0, other = 0.0, count = 0.0;
         for (std::size_t c = 0; c < 2; ++c) {
             const std::vector<cv::Mat>&a = longer.frames.frames[c], &b = shorter.frames.frames[c];
-            cv::Mat more, less;
+            cv::Mat more, less, brighter;
             cv::subtract(a[1], a[0], more, {}, CV_16S);
             cv::subtract(b[1], b[0], less, {}, CV_16S);
-            const cv::Mat seen = unclipped(a) & unclipped(b) & (cv::max(more, less) >= bright);
+            cv::max(more, less, brighter);
+            const cv::Mat seen = unclipped(a) & unclipped(b) & (brighter >= bright);
             light += cv::mean(more, seen)[0] * cv::countNonZero(seen);
             other += cv::mean(less, seen)[0] * cv::countNonZero(seen);
             count += cv::countNonZero(seen);
