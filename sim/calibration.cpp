@@ -107,7 +107,7 @@ const char* why_invalid(const CalibrationOptions& o) noexcept
     if (!within(o.gradient, 1, 100)) return "the light gradient must be 1 to 100";
     if (!within(o.bend.bow_mm, -5, 5)) return "the bow must be -5 to 5 mm";
     if (!within(o.bend.stretch_y, -0.05, 0.05)) return "the stretch along y must be -0.05 to 0.05";
-    return nullptr;
+    return o.robot ? why_invalid(*o.robot) : nullptr;
 }
 
 std::vector<BoardPose> choose_poses(const Rig& rig, const CalibrationOptions& options)
@@ -298,7 +298,20 @@ std::string truth_text(const Rig& rig, const CalibrationOptions& o, const std::v
     json["options"] = { { "distance_mm", o.rig.distance_mm }, { "exposure", o.rig.exposure }, { "noise", o.rig.noise },
         { "seed", o.rig.seed }, { "max_tilt_deg", o.max_tilt_deg }, { "blur", o.blur }, { "gradient", o.gradient } };
     json["sensor"] = to_json(rig.sensor);
+    if (o.robot) json["robot"] = robot_json(*o.robot);
     return json.dump(2) + "\n";
+}
+
+std::vector<cv::Matx44d> seen_by_camera0(const Rig& rig, const std::vector<BoardPose>& poses)
+{
+    std::vector<cv::Matx44d> seen;
+    for (const BoardPose& pose : poses) {
+        const cv::Matx33d R = rig.cameras[0].R * pose.R;
+        const cv::Vec3d T = rig.cameras[0].to_camera(pose.T);
+        seen.push_back({ R(0, 0), R(0, 1), R(0, 2), T[0], R(1, 0), R(1, 1), R(1, 2), T[1], R(2, 0), R(2, 1), R(2, 2),
+            T[2], 0, 0, 0, 1 });
+    }
+    return seen;
 }
 } // namespace
 
@@ -317,6 +330,8 @@ Files make_calibration(const CalibrationOptions& options, const OnStep& on_step)
                        { picture_name(1, "view", view), cameras[1].photo(pose, view) } },
             files);
     }
+    if (options.robot)
+        add_text("poses.csv", robot_poses_text(*options.robot, seen_by_camera0(rig, poses), options.rig.seed), files);
     add_text("truth.json", truth_text(rig, options, poses), files);
     return files;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "sim/bent_board.h"
 #include "sim/output.h"
 #include "sim/rig.h"
+#include "sim/robot.h"
 
 namespace vexo {
 namespace sim {
@@ -17,10 +19,11 @@ struct CalibrationOptions {
     RigOptions rig; ///< of these: image size, distance, baseline, toe-in, exposure, noise and seed
     BoardLayout board;
     int views = 16;
-    double max_tilt_deg = 45; ///< of the board against the rig's front; steep views fix the focal lengths
-    double blur = 0.7;        ///< px; standard deviation of the cameras' blur
-    double gradient = 1.5;    ///< brightest over darkest light across the field of view
-    BoardBend bend;           ///< of the board: none
+    double max_tilt_deg = 45;          ///< of the board against the rig's front; steep views fix the focal lengths
+    double blur = 0.7;                 ///< px; standard deviation of the cameras' blur
+    double gradient = 1.5;             ///< brightest over darkest light across the field of view
+    BoardBend bend;                    ///< of the board: none
+    std::optional<RobotOptions> robot; ///< that moved the board or the cameras
 };
 
 /// Null when such photos can be taken, else the options' first fault.
@@ -64,6 +67,7 @@ private:
 
 /// Renders all photos and the truth.
 ///     cam0/view00.png ...   8-bit photos of camera 0; cam1/ likewise, each pair at the same pose
+///     poses.csv             of a robot: what it said of its gripper at each view
 ///     truth.json            both cameras in raw camera-0 axes, the poses, the board and all options
 /// The cameras are not written as the YAML file that measuring would read: it is calibration's work to find them.
 /// Throws std::invalid_argument for options that why_invalid() refuses, and as choose_poses() does; Stopped. A step is

@@ -105,8 +105,7 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
 {
     reject(o.only_scenes, "has no meaning for calibration photos");
     const BoardFile board = o.board.empty() ? BoardFile() : load_board(o.board);
-    sim::CalibrationOptions photos = o.photos;
-    photos.rig = rig_of(o);
+    sim::CalibrationOptions photos = photos_of(o);
     photos.board = board.layout;
     if (const char* fault = sim::why_invalid(photos)) throw UsageFailure(std::string("simulate: ") + fault);
     OutputFolder out = folder_of(o, global);
@@ -119,8 +118,8 @@ void simulate_photos(const SimulateOptions& o, const GlobalOptions& global)
     progress.finish();
 
     say(global,
-        o.out + ": " + std::to_string(photos.views)
-            + " photos of each camera, board.yaml; the true cameras and poses are in truth.json");
+        o.out + ": " + std::to_string(photos.views) + " photos of each camera, board.yaml"
+            + (photos.robot ? ", poses.csv" : "") + "; the true cameras and poses are in truth.json");
     say(global, "  board: " + describe(board));
     put_json(
         global, { { "out", o.out }, { "views", photos.views }, { "board", "board.yaml" }, { "truth", "truth.json" } });

@@ -12,6 +12,7 @@ namespace vexo::app {
 void add_simulate(CLI::App& app, GlobalOptions& options);
 void add_measure(CLI::App& app, GlobalOptions& options);
 void add_compare(CLI::App& app, GlobalOptions& options);
+void add_convert(CLI::App& app, GlobalOptions& options);
 void add_table(CLI::App& app, GlobalOptions& options);
 void add_drift(CLI::App& app, GlobalOptions& options);
 void add_info(CLI::App& app, GlobalOptions& options);
@@ -21,5 +22,6 @@ void add_check(CLI::App& app, GlobalOptions& options);
 void add_calibrate(CLI::App& app, GlobalOptions& options);
 void add_verify(CLI::App& app, GlobalOptions& options);
 void add_pose(CLI::App& app, GlobalOptions& options);
+void add_handeye(CLI::App& app, GlobalOptions& options);
 
 } // namespace vexo::app

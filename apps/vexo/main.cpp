@@ -51,6 +51,7 @@ int run(int argc, char** argv)
     vexo::app::add_simulate(app, options);
     vexo::app::add_measure(app, options);
     vexo::app::add_compare(app, options);
+    vexo::app::add_convert(app, options);
     vexo::app::add_table(app, options);
     vexo::app::add_drift(app, options);
     vexo::app::add_info(app, options);
@@ -60,6 +61,7 @@ int run(int argc, char** argv)
     vexo::app::add_calibrate(app, options);
     vexo::app::add_verify(app, options);
     vexo::app::add_pose(app, options);
+    vexo::app::add_handeye(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

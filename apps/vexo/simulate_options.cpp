@@ -93,6 +93,15 @@ void add_photo_options(CLI::App& command, SimulateOptions& o)
         "a bent board: so many mm the middle of the markers stands nearer to the cameras than their edge at half the "
         "longer side; negative: farther")
         ->capture_default_str();
+    CLI::Option* robot = add("--robot", o.robot,
+        "eye-in-hand or eye-to-hand: a robot moved the cameras, or the board; its poses are in poses.csv");
+    robot->check(CLI::IsMember({ "eye-in-hand", "eye-to-hand" }));
+    add("--robot-noise", o.robot_noise, "of its poses, MM,DEGREES: standard deviations along and about each axis")
+        ->delimiter(',')
+        ->expected(2)
+        ->allow_extra_args(false)
+        ->needs(robot)
+        ->capture_default_str();
     add("--stretch-y", o.photos.bend.stretch_y,
         "a board printed too long along y by this share of the length: 0.001 is 0.1 %")
         ->capture_default_str();
@@ -168,6 +177,15 @@ sim::RigOptions rig_of(const SimulateOptions& o)
             throw UsageFailure("--swap " + o.swap + ": give the numbers of two frames, as in 10:11");
     }
     return rig;
+}
+
+sim::CalibrationOptions photos_of(const SimulateOptions& o)
+{
+    sim::CalibrationOptions photos = o.photos;
+    photos.rig = rig_of(o);
+    if (!o.robot.empty())
+        photos.robot = sim::RobotOptions { o.robot == "eye-in-hand", o.robot_noise[0], o.robot_noise[1] };
+    return photos;
 }
 
 sim::Pattern pattern_of(const SimulateOptions& o, sim::RigOptions& rig)

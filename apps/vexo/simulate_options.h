@@ -20,6 +20,8 @@ struct SimulateOptions {
     std::vector<double> exposures { 1 }; ///< several: a capture of the scene at each
     std::string patterns, swap, board;
     sim::CalibrationOptions photos;
+    std::string robot;
+    std::vector<double> robot_noise = { sim::RobotOptions().noise_mm, sim::RobotOptions().noise_deg };
     std::vector<CLI::Option*> only_scenes, only_photos; ///< what has no meaning for the other kind of series
 };
 
@@ -31,6 +33,9 @@ std::string exposure_folder(double exposure);
 
 /// The rig, from options given in other words, at the first exposure. Throws Failure.
 sim::RigOptions rig_of(const SimulateOptions& o);
+
+/// The photos of a board. Throws Failure.
+sim::CalibrationOptions photos_of(const SimulateOptions& o);
 
 /// What the rig projects: the pattern of its method, or the pictures of --patterns, for which the rig is then set.
 /// Throws Failure.

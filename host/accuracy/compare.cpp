@@ -62,6 +62,8 @@ Compared compare(const std::string& result_folder, const std::string& scan_folde
 {
     next_step(on_step, "reading the result");
     const Result r = read_result_in_mm(result_folder);
+    if (!r.raw_from_rectified)
+        throw Failure(r.report_path + ": says no rectifying rotation; measure with a YAML calibration");
     next_step(on_step, "reading the truth");
     const Truth t = read_truth(scan_folder);
     next_step(on_step, "comparing");

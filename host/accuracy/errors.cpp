@@ -35,7 +35,7 @@ VisibleSurface rectified_visible(const Result& r, const Truth& t)
     for (int y = 0; y < r.size.height; ++y) {
         for (int x = 0; x < r.size.width; ++x)
             rays[static_cast<std::size_t>(x)]
-                = rotate(r.raw_from_rectified, { (x - r.cx) / r.f, (y - r.cy) / r.f, 1.0 });
+                = rotate(*r.raw_from_rectified, { (x - r.cx) / r.f, (y - r.cy) / r.f, 1.0 });
         const std::vector<cv::Point2d> pixels = project(rays, t.camera0);
         for (std::size_t i = 0; i < rays.size(); ++i)
             points[i] = rays[i] * (depth_at(t.depth, pixels[i]) / rays[i].z);
@@ -64,7 +64,7 @@ Errors find_errors(const Result& r, const Truth& t)
 {
     Errors e;
     for (const cv::Point3f& p : r.cloud)
-        e.points.push_back(rotate(r.raw_from_rectified, cv::Point3d(p)));
+        e.points.push_back(rotate(*r.raw_from_rectified, cv::Point3d(p)));
     const std::vector<cv::Point2d> pixels = project(e.points, t.camera0);
     e.picture = cv::Mat(r.size, CV_32F, cv::Scalar(static_cast<double>(std::nanf(""))));
     e.measured = cv::Mat::zeros(r.size, CV_8U);

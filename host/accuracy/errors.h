@@ -32,6 +32,7 @@ struct Errors {
     VisibleSurface visible;
 };
 
+/// @param result  must say its rectifying rotation
 Errors find_errors(const Result& result, const Truth& truth);
 
 /// Shares of the surface that both cameras see that were measured.

@@ -16,6 +16,9 @@ namespace {
 constexpr double smallest_radius = 2.0; // px
 constexpr double zoom = 2.0;
 
+/// px; of larger pictures four times as many would be taken into memory, twice, and their rings are not small.
+constexpr std::size_t most_enlarged = 100'000'000;
+
 Owned<iCalibBoardRecognizer> make_recogniser(BoardFile board)
 {
     Owned<iCalibBoardRecognizer> recogniser(CreateCalibBoardRecognizer());
@@ -109,9 +112,9 @@ BoardSearchResult BoardSearch::find(const cv::Mat& grey)
     if (_try(SearchStep::as_set, grey, result) || result.code == other_size) return result;
     if (_try(SearchStep::small_rings, grey, result)) return result;
     cv::Mat large;
-    cv::resize(grey, large, {}, zoom, zoom, cv::INTER_CUBIC);
+    if (grey.total() <= most_enlarged) cv::resize(grey, large, {}, zoom, zoom, cv::INTER_CUBIC);
     const auto in_large = [&](SearchStep step, double sigma, double gain, double fine) {
-        if (!_try(step, sharpened(large, sigma, gain, fine), result)) return false;
+        if (large.empty() || !_try(step, sharpened(large, sigma, gain, fine), result)) return false;
         take_back(result, grey.size());
         return true;
     };

@@ -40,12 +40,11 @@ std::vector<unsigned char> with_axes(
 }
 
 /// By the normal equations of the reprojection: C = f (sum J^T J / sigma^2)^-1, J the derivatives of a marker's pixel
-/// by the pose. f is what the residuals exceed the markers' own sigmas by: the cameras have errors, too. Nothing where
-/// the markers have no sigma.
-std::optional<cv::Vec3d> position_sigma(
+/// by the pose. f is what the residuals exceed the markers' own sigmas by: the cameras have errors, too. Markers
+/// without a sigma weigh alike, and the residuals alone say how much.
+std::optional<cv::Matx66d> covariance_of(
     const BoardPicture& picture, const CalibratedCamera& camera, const BoardFile& board, const BoardPose& pose)
 {
-    if (picture.sigma.empty()) return std::nullopt;
     const SeenMarkers seen = seen_markers(picture, board);
     std::vector<cv::Point2f> projected;
     cv::Mat jacobian; // 2 n x 15 or more: by the rotation and the translation first
@@ -56,7 +55,7 @@ std::optional<cv::Vec3d> position_sigma(
     for (std::size_t i = 0; i < picture.markers.size(); ++i) {
         if (picture.markers[i].x == FLT_MAX) continue;
         const std::size_t k = next++;
-        const double weight = 1.0 / (picture.sigma[i] * picture.sigma[i]);
+        const double weight = picture.sigma.empty() ? 1.0 : 1.0 / (picture.sigma[i] * picture.sigma[i]);
         const int row = 2 * static_cast<int>(k);
         const cv::Mat of_pose = jacobian(cv::Rect(0, row, 6, 2));
         normal += cv::Matx66d(cv::Mat(weight * of_pose.t() * of_pose));
@@ -65,16 +64,15 @@ std::optional<cv::Vec3d> position_sigma(
         count += 2.0;
     }
     bool regular = false;
-    const cv::Matx66d covariance = normal.inv(cv::DECOMP_CHOLESKY, &regular);
+    const cv::Matx66d inverse = normal.inv(cv::DECOMP_CHOLESKY, &regular);
     if (!regular || count <= 6.0) return std::nullopt;
-    const double factor = std::max(1.0, squares / (count - 6.0));
-    return cv::Vec3d(std::sqrt(factor * covariance(3, 3)), std::sqrt(factor * covariance(4, 4)),
-        std::sqrt(factor * covariance(5, 5)));
+    const double factor = squares / (count - 6.0);
+    return inverse * (picture.sigma.empty() ? factor : std::max(1.0, factor));
 }
 
 PosedPicture pose_of(const BoardPicture& picture, const CalibratedCamera& camera, const BoardFile& board)
 {
-    PosedPicture posed { picture, {}, {}, 0.0, picture.reason };
+    PosedPicture posed { picture, {}, {}, {}, 0.0, picture.reason };
     if (!picture.recognised()) return posed;
     if (!camera.size.empty() && picture.size != camera.size) {
         posed.reason = "the picture is " + size_text(picture.size.width, picture.size.height)
@@ -84,7 +82,11 @@ PosedPicture pose_of(const BoardPicture& picture, const CalibratedCamera& camera
     posed.pose = solve_board_pose(seen_markers(picture, board), camera);
     posed.reason = posed.pose ? "" : "the markers determine no pose";
     if (!posed.pose) return posed;
-    posed.position_sigma_mm = position_sigma(picture, camera, board, *posed.pose);
+    posed.covariance = covariance_of(picture, camera, board, *posed.pose);
+    if (posed.covariance && !picture.sigma.empty()) {
+        const cv::Matx66d& c = *posed.covariance;
+        posed.position_sigma_mm = cv::Vec3d(std::sqrt(c(3, 3)), std::sqrt(c(4, 4)), std::sqrt(c(5, 5)));
+    }
     posed.tilt_deg = tilt_deg(posed.pose->rvec, posed.pose->tvec, board);
     posed.picture.drawing = with_axes(picture, camera, board, *posed.pose);
     return posed;

@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "host/cameras/pair_points.h"
+#include "host/cameras/rectification.h"
 
 #include <opencv2/calib3d.hpp>
 
@@ -36,6 +37,27 @@ auto moves(const std::vector<CalibratedCamera>& cameras, const cv::Mat_<double>&
     return moved;
 }
 
+/// Surfaces as they are measured: they face the rig, turned by ten degrees to each of four sides.
+using Normals = std::array<cv::Vec3d, 4>;
+
+Normals usual_normals(const std::vector<CalibratedCamera>& pair)
+{
+    const double slope = std::tan(10.0 * CV_PI / 180.0);
+    const Rectification r = rectify({ pair[0], pair[1] }, pair[0].size, -1.0, 0, pair[0].size);
+    const auto turned = [&](double x, double y) { return r.rotation0.t() * cv::Vec3d(x, y, 1.0); };
+    return { turned(slope, 0.0), turned(-slope, 0.0), turned(0.0, slope), turned(0.0, -slope) };
+}
+
+/// Mean square of what a surface through the point is off by in depth, as one reads it along the line of sight on which
+/// the point now lies: a move within the surface is none.
+double square_of_depth(const cv::Vec3d& point, const cv::Vec3d& move, const Normals& normals)
+{
+    double squares = 0.0;
+    for (const cv::Vec3d& normal : normals)
+        squares += std::pow(normal.dot(move) * point[2] / normal.dot(point), 2.0) / static_cast<double>(normals.size());
+    return squares;
+}
+
 /// rms of what the plane through the moves along z leaves of them.
 double bend_of(const Points& points, const Points& moves)
 {
@@ -67,11 +89,11 @@ double square_of_lengths(const Points& points, const Points& moves)
     return pairs > 0.0 ? squares / pairs : 0.0;
 }
 
-double mean_square_depth(const Points& moves)
+double mean_square_depth(const Points& points, const Points& moves, const Normals& normals)
 {
     double squares = 0.0;
-    for (const cv::Vec3d& move : moves)
-        squares += move[2] * move[2];
+    for (std::size_t i = 0; i < points.size(); ++i)
+        squares += square_of_depth(points[i], moves[i], normals);
     return squares / static_cast<double>(moves.size());
 }
 
@@ -86,10 +108,11 @@ void add_at(const std::vector<CalibratedCamera>& pair, const std::vector<cv::Mat
 {
     const auto where = [&pixels](const std::vector<CalibratedCamera>& moved) { return triangulate(moved, pixels); };
     const Points points = where(pair);
+    const Normals normals = usual_normals(pair);
     double depth = 0.0, bend = 0.0, scale = 0.0;
     for (const cv::Mat_<double>& change : changes) {
         const Points moved = moves(pair, change, where);
-        depth += mean_square_depth(moved);
+        depth += mean_square_depth(points, moved, normals);
         bend += std::pow(bend_of(points, moved), 2.0);
         scale += square_of_lengths(points, moved);
     }
@@ -174,11 +197,13 @@ cv::Mat share_map(const std::vector<CalibratedCamera>& pair, const CameraCovaria
     const CommonPixels pixels = pixels_at(pair, fine_grid, covariance.distance_mm[1]);
     if (pixels.of[0].size() < fewest_points) return {};
     const auto where = [&pixels](const std::vector<CalibratedCamera>& moved) { return triangulate(moved, pixels); };
-    std::vector<double> squares(pixels.of[0].size(), 0.0);
+    const Points points = where(pair);
+    const Normals normals = usual_normals(pair);
+    std::vector<double> squares(points.size(), 0.0);
     for (const cv::Mat_<double>& change : independent_changes(covariance.covariance)) {
         const Points moved = moves(pair, change, where);
         for (std::size_t i = 0; i < moved.size(); ++i)
-            squares[i] += moved[i][2] * moved[i][2];
+            squares[i] += square_of_depth(points[i], moved[i], normals);
     }
     cv::Mat_<float> map(fine_grid, std::nanf(""));
     for (std::size_t i = 0; i < squares.size(); ++i) {

@@ -15,8 +15,9 @@ namespace vexo {
 /// Why points may be off by more than the covariance says, in a clause; empty: nothing says so.
 std::string why_invalid(const CameraCovariance& covariance);
 
-/// The share of a pair, over all that both cameras see, the corners too where no marker was. Unknown where the cameras
-/// see too little of it in common, or the covariance is not one of these cameras.
+/// The share of a pair, over all that both cameras see, the corners too where no marker was:
+/// what surfaces that face the rig, turned by ten degrees to either side, are off by in depth. Unknown where the
+/// cameras see too little of it in common, or the covariance is not one of these cameras.
 StatedShare share_of(const std::vector<CalibratedCamera>& pair, const CameraCovariance& covariance);
 
 /// The share of the depth over the raw picture of camera 0, at the middle distance, mm; CV_32F, a cell of it per pixel,

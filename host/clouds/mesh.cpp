@@ -1,6 +1,8 @@
 #include "host/clouds/mesh.h"
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace vexo {
 
@@ -8,6 +10,9 @@ namespace {
 
 /// tan(75 degrees): beyond, a surface is seen too much from the side to be told from a step.
 constexpr float steepest = 3.7320508F;
+
+/// What noise may add, as a share of that: points which know their depth no better stand at the rim of a step.
+constexpr float most_noise = 0.5F;
 
 class Mesher {
 public:
@@ -44,10 +49,10 @@ private:
     /// False, too, where a corner was not measured.
     bool _on_one_surface(cv::Point a, cv::Point b) const
     {
-        const cv::Point apart = a - b;
-        const auto length = static_cast<float>(std::hypot(apart.x, apart.y));
-        const float width = _pixel * std::min(_depth.at<float>(a), _depth.at<float>(b));
-        return _step(a, b) <= 3.0F * std::sqrt(_variance(a) + _variance(b)) + steepest * width * length;
+        const float length = a.x == b.x || a.y == b.y ? 1.0F : 1.4142136F;
+        const float rise = steepest * length * _pixel * std::min(_depth.at<float>(a), _depth.at<float>(b));
+        const float noise = 3.0F * std::sqrt(_variance(a) + _variance(b));
+        return _step(a, b) <= rise + std::min(noise, most_noise * rise);
     }
 
     bool _add(const Corners& c)

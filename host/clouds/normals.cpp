@@ -3,7 +3,6 @@
 #include "base/parallel.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <limits>
 
@@ -13,8 +12,20 @@ namespace {
 
 constexpr int reach = 3; // px to each side
 
-/// px; of a point whose noise nobody knows.
-constexpr float usual_sigma = 0.05F;
+/// px; of a point whose noise nobody knows, and the least that is believed, so that no weight drowns all others.
+constexpr float usual_sigma = 0.05F, least_sigma = 1e-3F;
+
+/// px^2; of each disparity.
+cv::Mat_<float> variances(cv::Size size, const cv::Mat& sigma)
+{
+    cv::Mat_<float> variance(size, usual_sigma * usual_sigma);
+    for (int y = 0; y < sigma.rows; ++y)
+        for (int x = 0; x < sigma.cols; ++x) {
+            const float s = std::max(sigma.at<float>(y, x), least_sigma);
+            if (sigma.at<float>(y, x) > 0.0F && s < 1e3F) variance(y, x) = s * s; // false for NaN
+        }
+    return variance;
+}
 
 /// Sums of weighted least squares of d = a x + b y + c.
 struct PlaneSums {
@@ -49,34 +60,29 @@ struct PlaneSums {
 /// The maps, and what is asked of one pixel.
 struct Maps {
     const cv::Mat& disparity;
-    const cv::Mat& sigma;
+    const cv::Mat_<float> variance;
     const DisparityScale& scale;
-
-    float sigma_at(int y, int x) const
-    {
-        if (sigma.empty()) return usual_sigma;
-        const float s = sigma.at<float>(y, x);
-        return s > 0.0F ? s : usual_sigma;
-    }
 
     PlaneSums sums_around(int y, int x) const
     {
-        const float own = disparity.at<float>(y, x), own_sigma = sigma_at(y, x);
+        const float own = disparity.at<float>(y, x), own_variance = variance(y, x);
         PlaneSums sums;
-        for (int j = std::max(0, y - reach); j <= std::min(disparity.rows - 1, y + reach); ++j)
+        for (int j = std::max(0, y - reach); j <= std::min(disparity.rows - 1, y + reach); ++j) {
+            const float *row = disparity.ptr<float>(j), *row_variance = variance.ptr<float>(j);
             for (int i = std::max(0, x - reach); i <= std::min(disparity.cols - 1, x + reach); ++i) {
-                const float off = disparity.at<float>(j, i) - own;
+                const float off = row[i] - own;
                 if (off != off) continue;
-                const float s = sigma_at(j, i);
-                const auto distance = static_cast<float>(std::hypot(j - y, i - x));
-                if (std::abs(off) > 3.0F * std::sqrt(s * s + own_sigma * own_sigma) + distance) continue;
-                sums.add(i - x, j - y, static_cast<double>(off), 1.0 / (static_cast<double>(s) * s));
+                const auto dx = static_cast<float>(i - x), dy = static_cast<float>(j - y);
+                const float beyond = std::abs(off) - std::sqrt(dx * dx + dy * dy);
+                if (beyond > 0.0F && beyond * beyond > 9.0F * (row_variance[i] + own_variance)) continue;
+                sums.add(i - x, j - y, static_cast<double>(off), 1.0 / static_cast<double>(row_variance[i]));
             }
+        }
         return sums;
     }
 
-    /// Of the plane a x + b y + c in disparities about this pixel: X n = -f baseline with
-    /// n = -(a f, b f, c + a cx + b cy - at_infinity), c the plane's disparity at pixel (0, 0).
+    /// The plane d = a x + b y + c has X n = -f baseline with n = -(a f, b f, c + a cx + b cy - at_infinity), c at
+    /// pixel (0, 0): n points towards the camera.
     cv::Vec3d normal_at(int y, int x) const
     {
         const cv::Vec3d towards_camera((scale.cx - x) / scale.f, (scale.cy - y) / scale.f, -1.0);
@@ -95,7 +101,7 @@ cv::Mat_<cv::Vec3f> surface_normals(const cv::Mat& disparity, const cv::Mat& sig
 {
     constexpr float nan = std::numeric_limits<float>::quiet_NaN();
     cv::Mat_<cv::Vec3f> normals(disparity.size(), cv::Vec3f(nan, nan, nan));
-    const Maps maps { disparity, sigma, scale };
+    const Maps maps { disparity, variances(disparity.size(), sigma), scale };
     in_parallel(static_cast<std::size_t>(disparity.rows), [&](std::size_t row) {
         const int y = static_cast<int>(row);
         for (int x = 0; x < disparity.cols; ++x)

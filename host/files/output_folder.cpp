@@ -96,8 +96,11 @@ Marker OutputFolder::_known() const
 
 bool OutputFolder::_is_mine(const WrittenFile& file) const
 {
+    const auto wrote_it = [&file](const std::string& command) {
+        return file.command == command || file.command.rfind(command + " ", 0) == 0;
+    };
     const auto& also = _owner.dependents;
-    return file.command == _owner.command || std::find(also.begin(), also.end(), file.command) != also.end();
+    return file.command == _owner.command || std::any_of(also.begin(), also.end(), wrote_it);
 }
 
 bool OutputFolder::_is_new(const std::string& name) const

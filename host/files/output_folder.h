@@ -19,7 +19,8 @@ struct Owner {
     /// Files that say what the others are, such as the report: removed first and written last, in this order, so that
     /// none ever stands beside files of another run.
     std::vector<std::string> reports;
-    /// Commands whose files in the folder speak of this one's: those go when this one writes.
+    /// Commands whose files in the folder speak of this one's: those go when this one writes. "compare" stands for
+    /// "compare acceptance.json", too.
     std::vector<std::string> dependents = {};
     bool among_others = false; ///< single files, in a folder that may hold others
     bool force = false;        ///< replaces what has the names of its files, whoever wrote that

@@ -17,15 +17,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-cv::Matx33d rotation_in(const Json& report, const std::string& path)
+std::optional<cv::Matx33d> raw_from_rectified_in(const Json& report, const std::string& path)
 {
     const Json::json_pointer where("/camera/rectifying_rotation");
-    if (!report.contains(where) || !report.at(where).is_array() || report.at(where).size() != 9)
-        throw Failure(path + ": says no rectifying rotation; measure with a YAML calibration");
+    if (!report.contains(where)) return std::nullopt;
     cv::Matx33d rotation;
     for (int i = 0; i < 9; ++i)
         rotation.val[i] = number_in(report, "/camera/rectifying_rotation/" + std::to_string(i), path);
-    return rotation;
+    return rotation.t();
 }
 
 /// Noise of the fringes of both cameras under "/fringes/camN" + `where`.
@@ -90,7 +89,7 @@ Result read_result(const std::string& folder)
     if (!(r.f > 0.0) || !(r.baseline > 0.0) || !is_picture_size(width, height))
         throw Failure(r.report_path + ": f, baseline or size make no sense; run vexo measure again");
     r.size = { static_cast<int>(width), static_cast<int>(height) };
-    r.raw_from_rectified = rotation_in(r.report, r.report_path).t();
+    r.raw_from_rectified = raw_from_rectified_in(r.report, r.report_path);
     PlyCloud cloud = read_ply_cloud((fs::path(folder) / "cloud.ply").string());
     r.cloud = std::move(cloud.points);
     r.sigma = std::move(cloud.sigma);

@@ -18,9 +18,9 @@ struct Result {
     std::string method;
     cv::Size size; ///< of the rectified picture
     double f = 0.0, cx = 0.0, cy = 0.0, baseline = 0.0, disparity_at_infinity = 0.0;
-    cv::Matx33d raw_from_rectified;
-    std::vector<cv::Point3f> cloud; ///< rectified camera-0 axes, in the unit of the report
-    std::vector<float> sigma;       ///< of the depth of each point; NaN: of this point none; empty: of none
+    std::optional<cv::Matx33d> raw_from_rectified; ///< nothing: measured with an hmat set, which does not say it
+    std::vector<cv::Point3f> cloud;                ///< rectified camera-0 axes, in the unit of the report
+    std::vector<float> sigma; ///< of the depth of each point; NaN: of this point none; empty: of none
     double decode_and_match_seconds = 0.0;
     /// Standard deviation of the depth by first order, see predicted_noise(); nothing where there is no model of the
     /// noise (block matching) or no picture to read it from (decoded maps)

@@ -115,7 +115,7 @@ TEST_F(Share, IsTheSpreadOfCamerasDrawnFromTheCovariance)
     ASSERT_TRUE(stated.share) << stated.why_unknown;
     const auto changes = independent_changes(c.covariance);
     const CommonPixels pixels = in_common(cameras, evenly_over({ 320, 256 }, { 10, 8 }), 600);
-    const auto depths = [&](const std::vector<CalibratedCamera>& pair) {
+    const auto points = [&](const std::vector<CalibratedCamera>& pair) {
         std::array<std::vector<cv::Point2d>, 2> rays;
         for (std::size_t k = 0; k < 2; ++k)
             cv::undistortPoints(pixels.of[k], rays[k], pair[k].K, pair[k].D);
@@ -124,16 +124,34 @@ TEST_F(Share, IsTheSpreadOfCamerasDrawnFromTheCovariance)
         cv::hconcat(R, pair[1].T - R * pair[0].T, P1);
         cv::Mat h;
         cv::triangulatePoints(cv::Matx34d::eye(), P1, rays[0], rays[1], h);
-        return cv::Mat(h.row(2) / h.row(3));
+        std::vector<cv::Vec3d> found;
+        for (int i = 0; i < h.cols; ++i)
+            found.emplace_back(
+                cv::Vec3d(h.at<double>(0, i), h.at<double>(1, i), h.at<double>(2, i)) / h.at<double>(3, i));
+        return found;
     };
-    const cv::Mat right = depths(cameras);
+    const std::vector<cv::Vec3d> right = points(cameras);
+    cv::Mat R0, R1, P0, P1, Q;
+    cv::stereoRectify(cameras[0].K, cameras[0].D, cameras[1].K, cameras[1].D, cameras[0].size,
+        cameras[1].R * cameras[0].R.t(), cameras[1].T - cameras[1].R * cameras[0].R.t() * cameras[0].T, R0, R1, P0, P1,
+        Q);
+    const cv::Matx33d to_raw = cv::Matx33d(R0).t();
+    const double slope = std::tan(10 * CV_PI / 180);
     double squares = 0.0;
     constexpr int draws = 1500; // their mean square is known to 4 % where a single change makes most of it
     for (int i = 0; i < draws; ++i) {
         cv::Mat_<double> change(c.covariance.rows, 1, 0.0);
         for (const auto& one : changes)
             change += normal(random) * one;
-        squares += cv::norm(depths(changed_by(cameras, change)), right, cv::NORM_L2SQR) / right.cols / draws;
+        const std::vector<cv::Vec3d> drawn = points(changed_by(cameras, change));
+        for (const auto& [x, y] :
+            { std::pair(slope, 0.0), std::pair(-slope, 0.0), std::pair(0.0, slope), std::pair(0.0, -slope) })
+            for (std::size_t k = 0; k < right.size(); ++k) {
+                const cv::Vec3d normal = to_raw * cv::Vec3d(x, y, 1);
+                const double depth = normal.dot(right[k]) / normal.dot(drawn[k] / drawn[k][2]); // of the surface there
+                const double off = drawn[k][2] - depth;
+                squares += off * off / (4.0 * static_cast<double>(right.size()) * draws);
+            }
     }
     EXPECT_NEAR(stated.share->depth_mm[1] / std::sqrt(squares), 1.0, 0.1);
     const cv::Mat map = share_map(cameras, c);
