@@ -29,7 +29,7 @@ bool goes_on(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Ma
 }
 
 /// CV_8U, 255: less than 0.4 of the contrast of a neighbour.
-template <class Grey> cv::Mat beside_brighter(const cv::Mat& contrast)
+template <class Grey> cv::Mat beside_brighter_of(const cv::Mat& contrast)
 {
     cv::Mat brightest, found(contrast.size(), CV_8U);
     cv::dilate(contrast, brightest, cv::Mat::ones(3, 3, CV_8U));
@@ -41,6 +41,12 @@ template <class Grey> cv::Mat beside_brighter(const cv::Mat& contrast)
     }
     return found;
 }
+
+cv::Mat beside_brighter(const cv::Mat& contrast)
+{
+    return contrast.depth() == CV_32F ? beside_brighter_of<float>(contrast) : beside_brighter_of<uchar>(contrast);
+}
+
 } // namespace
 
 LeastLight usual_light()
@@ -65,12 +71,15 @@ LeastLight least_light(const std::vector<cv::Mat>& frames, const std::vector<std
         std::clamp(sigmas * s, modulation_floor, usual.modulation), true };
 }
 
+void drop_mixtures(const cv::Mat& contrast, cv::Mat& mask)
+{
+    mask.setTo(0, beside_brighter(contrast));
+}
+
 void drop_mixtures(
     const std::vector<cv::Mat>& frames, const std::vector<std::size_t>& sets, const cv::Mat& contrast, cv::Mat& mask)
 {
-    const cv::Mat suspect
-        = contrast.depth() == CV_32F ? beside_brighter<float>(contrast) : beside_brighter<uchar>(contrast);
-    const cv::Mat seen = mask.clone();
+    const cv::Mat suspect = beside_brighter(contrast), seen = mask.clone();
     for (int y = 0; y < mask.rows; ++y) {
         const uchar* const asked = suspect.ptr(y);
         uchar* const kept = mask.ptr(y);

@@ -98,7 +98,10 @@ void mask_pixels(Work& w)
         std::vector<cv::Mat>& frames = w.frames[camera];
         w.m.masks[camera] = make_masks(frames, limits, sets, w.m.min_modulation);
         cv::Mat& seen = w.m.masks[camera].modulation;
-        if (!w.decoded()) drop_mixtures(frames, sets, contrast_of(w.capture, camera), seen);
+        if (w.capture.exposures)
+            drop_mixtures(frames, sets, contrast_of(w.capture, camera), seen);
+        else if (!w.decoded())
+            drop_mixtures(contrast_of(w.capture, camera), seen);
         w.m.fringes[camera] = figures_of(w, camera);
         frames[1] = frames[1].clone(); // the capture stays as it was recorded
         frames[1].setTo(0, seen == 0);
