@@ -159,11 +159,12 @@ std::vector<cv::Mat> merge_frames(const std::vector<Capture>& captures, const cv
 /// The logarithm of the lit frame's light.
 cv::Mat picture_of(const Exposures& exposures, const cv::Mat& lit, std::size_t camera)
 {
-    constexpr double start = 16.0; // grey levels from which on it is a logarithm
-    const double most = 255.0 / exposures.sets.back().factor, scale = 255.0 / std::log1p(most / start);
+    constexpr double start = 64.0; // grey levels from which on it is a logarithm: noise shows alike in dark and light
     cv::Mat light = exposures.to_light(lit, camera) / start + 1.0, picture;
     cv::log(light, light);
-    light.convertTo(picture, CV_8U, scale);
+    double most = 0.0;
+    cv::minMaxLoc(light, nullptr, &most);
+    light.convertTo(picture, CV_8U, 255.0 / std::max(most, 1.0));
     return picture;
 }
 
@@ -178,6 +179,7 @@ void count_shares(Exposures& exposures, const std::vector<cv::Mat>& merged, std:
     }
 }
 
+/// @param found  gets notes; what spoils a result by an exposure that adds nothing to it goes
 void note_shares(const Exposures& exposures, std::vector<Finding>& found)
 {
     constexpr double least_share = 0.001;
@@ -185,6 +187,9 @@ void note_shares(const Exposures& exposures, std::vector<Finding>& found)
     for (const Exposure& e : exposures.sets) {
         list += (list.empty() ? "" : ", ") + percent(e.share[0], 1.0) + " from " + e.folder;
         if (std::max(e.share[0], e.share[1]) >= least_share) continue;
+        found.erase(std::remove_if(found.begin(), found.end(),
+                        [&e](const Finding& f) { return f.weight == Weight::spoils && f.where == e.folder; }),
+            found.end());
         found.push_back({ "exposure-unused", Weight::note, e.folder,
             "adds nothing: " + percent(std::max(e.share[0], e.share[1]), 1.0) + " of the lit pixels are taken from it",
             "leave it out, or choose one farther from the others" });
