@@ -151,6 +151,9 @@ void complete_exposures(MeasureOptions& o, const std::vector<std::string>& folde
                            "cam1/ each");
     std::set<fs::path> seen;
     for (const std::string& folder : folders) {
+        if (const auto manifest = read_manifest(folder); manifest && !manifest->exposures.empty())
+            throw UsageFailure("--exposures: " + manifest->path
+                + " lists exposures itself; name that folder alone, or the folders that it lists");
         CaptureFiles files = o.files;
         files.folder = folder;
         complete_cameras(folder, files.cam0, files.cam1);

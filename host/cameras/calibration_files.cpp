@@ -139,8 +139,9 @@ std::string one_camera_file(const std::vector<std::string>& folders)
         if (!read_file(path, largest, own)) continue;
         if (!found.empty() && own != text)
             throw Failure(path + ": is not the calibration in " + found
-                + "; exposures of one scene have one pair of "
-                  "cameras");
+                + "; exposures of one scene have one pair of cameras: give each folder the file that they were "
+                  "recorded "
+                  "with, or none and --calib");
         if (!found.empty()) continue;
         found = std::move(path);
         text = std::move(own);

@@ -47,6 +47,9 @@ public:
             if (known == keys.end()) throw Failure(_unknown(key, keys));
             known->second(value);
         }
+        for (const auto& [key, value] : json.items())
+            _refuse_unless(_manifest.exposures.empty() || key == "exposures" || key == "schema", "exposures",
+                "stands alone; write " + key + " into the capture.json of each folder");
         return std::move(_manifest);
     }
 
@@ -179,6 +182,14 @@ std::optional<Manifest> read_manifest(const std::string& folder)
     std::error_code error;
     if (fs::symlink_status(path, error).type() == fs::file_type::not_found) return std::nullopt;
     return ManifestReader(folder, path).read(read_json(path));
+}
+
+std::optional<Manifest> manifest_of_capture(const std::string& folder)
+{
+    std::optional<Manifest> manifest = read_manifest(folder);
+    if (manifest && !manifest->exposures.empty())
+        throw Failure(manifest->path + ": lists exposures, which vexo measure merges; name one of their folders");
+    return manifest;
 }
 
 } // namespace vexo

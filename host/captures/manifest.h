@@ -34,4 +34,7 @@ constexpr const char* manifest_name = "capture.json";
 /// value that the key cannot have, a file that is named twice, does not exist or lies outside of the folder.
 std::optional<Manifest> read_manifest(const std::string& folder);
 
+/// The same of a folder that has to hold one capture: throws Failure when its manifest lists exposures.
+std::optional<Manifest> manifest_of_capture(const std::string& folder);
+
 } // namespace vexo

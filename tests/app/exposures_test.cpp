@@ -63,7 +63,8 @@ TEST_F(ExposuresProgram, WhatCannotBeMergedOrSimulatedIsRefusedInALine)
     fs::remove_all(odd + "/cam1");
     fs::copy(one + "/cam0", odd + "/cam1");
     fs::copy(one + "/cameras.yaml", odd, fs::copy_options::overwrite_existing);
-    refused("measure --exposures " + one + " " + odd, odd + ": is no exposure of what " + one);
+    refused("measure --exposures " + one + " " + odd, odd + ", " + one + ": are no exposures of one scene");
+    refused("measure --exposures " + one + " " + at("E"), at("E/capture.json") + " lists exposures itself");
     for (const char* list : { "1,1.0", "1,0", "1,-4", "1,1000" })
         refused(std::string("simulate plane --size 64x64 --exposure ") + list, "exposure");
     refused("simulate calibration --exposure 1,4", "--exposure: several are for scenes");

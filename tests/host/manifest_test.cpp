@@ -162,6 +162,13 @@ TEST_F(ForeignCaptures, AreRefusedWithTheKeyThatIsWrong)
         { both(frame + ", null", other), "as many files" },
         { both(many, other), "as many file names as" },
         { both(frame + ", null", other + ", null"), "fit no method" },
+        { R"({"exposures": ["cam0"]})", "exposures must be a list of 2 to 8 folders" },
+        { R"({"exposures": ["cam0", 1]})", "exposures must hold folders" },
+        { R"({"exposures": ["cam0", "../wrong/cam1"]})", "../wrong/cam1 leaves the folder" },
+        { R"({"exposures": ["cam0", "cam1/../cam0"]})", "is named twice" },
+        { R"({"exposures": ["cam0", "cam2"]})", "exposures: cam2 is no folder" },
+        { R"({"exposures": ["cam0", "cam1"], "bits": 12})", "exposures stands alone; write bits into" },
+        { R"({"exposures": ["cam0", "cam1"]})", "lists exposures, which vexo measure merges" },
         { "[1]", "capture.json" },
     };
     const CaptureFiles files = write("wrong", frames, as_projected, "");
