@@ -92,13 +92,14 @@ void declare(CLI::App& command, MeasureOptions& o)
 {
     command.add_option("folder", o.folders, "folder with cam0/ and cam1/ and cameras.yaml; with --exposures several");
     command.add_flag("--exposures", o.exposures,
-        "merge captures of one scene at several exposures: each pixel is taken from the longest that does not clip it");
+        "merge captures of one scene at several exposures: the folders of each, or one whose capture.json lists them; "
+        "each pixel is taken from the longest exposure that does not clip it");
     command.add_option("--out", o.out, "folder for the results")->required();
     command
         .add_option("--method", o.files.method,
             "gray-phase (13 pictures of each camera), multi-phase (14) or sgbm (1); default: as capture.json, "
-            "scene.json or "
-            "patterns.json says, else by the number of pictures")
+            "scene.json "
+            "or patterns.json says, else by the number of pictures")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }));
     add_calibration(command, o.calib, "calibration");
     command.add_option("--cam0", o.files.cam0, "pictures of camera 0: a folder, or a pattern such as 'left_*.png'");

@@ -179,7 +179,7 @@ void count_shares(Exposures& exposures, const std::vector<cv::Mat>& merged, std:
     }
 }
 
-/// @param found  gets notes; what spoils a result by an exposure that adds nothing to it goes
+/// @param found  gets notes; what was to be said against an exposure that adds nothing goes
 void note_shares(const Exposures& exposures, std::vector<Finding>& found)
 {
     constexpr double least_share = 0.001;
@@ -188,7 +188,7 @@ void note_shares(const Exposures& exposures, std::vector<Finding>& found)
         list += (list.empty() ? "" : ", ") + percent(e.share[0], 1.0) + " from " + e.folder;
         if (std::max(e.share[0], e.share[1]) >= least_share) continue;
         found.erase(std::remove_if(found.begin(), found.end(),
-                        [&e](const Finding& f) { return f.weight == Weight::spoils && f.where == e.folder; }),
+                        [&e](const Finding& f) { return f.weight >= Weight::worse && f.where == e.folder; }),
             found.end());
         found.push_back({ "exposure-unused", Weight::note, e.folder,
             "adds nothing: " + percent(std::max(e.share[0], e.share[1]), 1.0) + " of the lit pixels are taken from it",

@@ -38,6 +38,7 @@ TEST_F(ExposuresProgram, FoldersOrTheListInCaptureJsonGiveOneResultThatSaysWhatC
     EXPECT_EQ(report["exposures"]["sets"][0]["folder"], at("E/e4"));
     EXPECT_EQ(report["made_from"]["cam0"].size(), 39U);
     told("measure", "--accept-verdict " + at("E") + " --out " + at("listed"));
+    EXPECT_EQ(told("info", at("E"))["kind"], "one scene at 3 exposures");
     EXPECT_EQ(program::read(at("named/cloud.ply")), program::read(at("listed/cloud.ply")));
     const auto coverage = [](const std::string& result) {
         return told("compare", at(result) + " " + at("E/e1"))["coverage"]["coverage"].get<double>();
