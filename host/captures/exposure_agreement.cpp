@@ -87,12 +87,12 @@ private:
     /// That of a capture with few lit pixels is the other's.
     void _estimate_noise()
     {
-        constexpr int enough = 1000;
+        constexpr int enough = 1000, least_lit = 8;
         std::array<int, 2> lit {};
         for (std::size_t i = 0; i < 2; ++i) {
             cv::Mat contrast;
             cv::subtract((*_frames[i])[1], (*_frames[i])[0], contrast);
-            contrast = contrast >= least_contrast / 2;
+            contrast = contrast >= least_lit;
             lit[i] = cv::countNonZero(contrast);
             _noise[i] = estimate_noise(*_frames[i], _sets, contrast);
         }
@@ -189,7 +189,7 @@ std::string why_refuted(const ExposureAgreement& a)
     if (a.exchanged > most_exchanged) return "dark and lit frame are exchanged in one of them";
     if (a.codes > most_codes)
         return "planes of the gray code differ in " + percent(a.codes, 1.0) + " of the pixels that both measure";
-    const std::string apart = "their phases are " + number(a.median, 3)
+    std::string apart = "their phases are " + number(a.median, 3)
         + " of a fringe apart in the middle, where noise explains " + number(a.expected, 3);
     if (a.away <= most_away) return apart;
     return apart + ", and farther in " + percent(a.away, 1.0) + " of the pixels that both measure";

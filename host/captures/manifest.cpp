@@ -148,7 +148,7 @@ private:
     fs::path _inside(const std::string& name, const std::string& key, std::set<fs::path>& seen) const
     {
         _refuse_unless(name.size() <= longest_name, key, "holds a name of more than 255 bytes");
-        const fs::path inside = fs::path(name).lexically_normal();
+        fs::path inside = fs::path(name).lexically_normal();
         _refuse_unless(name.find('\0') == std::string::npos && inside.is_relative() && *inside.begin() != "..",
             key + ": " + name.c_str(), "leaves the folder of the capture");
         _refuse_unless(seen.insert(inside).second, key + ": " + name, "is named twice");
@@ -164,7 +164,7 @@ private:
         const std::string name = v.get<std::string>();
         const fs::path inside = _inside(name, key, seen);
         std::error_code ignored;
-        const std::string path = (_folder / inside).string();
+        std::string path = (_folder / inside).string();
         _refuse_unless(fs::is_regular_file(path, ignored), key + ": " + name, "does not exist");
         return path;
     }
