@@ -7,6 +7,7 @@
 #include "host/cameras/covariance_share.h"
 #include "host/cameras/rectification.h"
 #include "host/captures/frames.h"
+#include "host/captures/manifest.h"
 #include "host/files/marker.h"
 #include "host/reports/accuracy_info.h"
 #include "host/results/read_result.h"
@@ -37,6 +38,8 @@ std::string kind_of(const std::string& folder)
     if (has("patterns.json")) return "patterns to project";
     if (has("cam0") && has("cam1"))
         return has("truth.json") ? "photos of a calibration board" : "frames, or photos of a board, of two cameras";
+    if (const auto manifest = read_manifest(folder); manifest && !manifest->exposures.empty())
+        return "one scene at " + std::to_string(manifest->exposures.size()) + " exposures";
     if (has("check.json")) return "judgement of a capture";
     if (has("poses.json")) return "poses of a board";
     if (has("board.yaml")) return "calibration board to print";
