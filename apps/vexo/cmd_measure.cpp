@@ -3,6 +3,7 @@
 #include "base/failure.h"
 #include "base/stopwatch.h"
 #include "commands.h"
+#include "host/captures/exposures.h"
 #include "host/captures/frame_files.h"
 #include "host/files/output_folder.h"
 #include "host/measurement/measure.h"
@@ -34,15 +35,15 @@ void run(const GlobalOptions& global, MeasureOptions o)
     reject_foreign(o, choice.method);
     record_of(
         o.request, choice.method, o.files.decoded, periods_said_in(o.files.folder)); // refuses what nothing can be
-    OutputFolder out(
-        o.out, { "measure", { "report.json" }, { "compare", "convert" }, false, global.force });
-    out.stay_out_of(all_pictures(o.files));
+    OutputFolder out(o.out, { "measure", { "report.json" }, { "compare", "convert" }, false, global.force });
+    for (const CaptureFiles& files : o.sets.empty() ? std::vector<CaptureFiles> { o.files } : o.sets)
+        out.stay_out_of(all_pictures(files));
 
     constexpr int other_steps = 3;
     Progress progress(global, measure_steps + other_steps + (o.request.smooth ? 1 : 0));
     progress.step("reading the frames");
     Stopwatch clock;
-    const Capture capture = read_capture(o.files, choice);
+    const Capture capture = o.sets.empty() ? read_capture(o.files, choice) : read_exposures(o.sets, choice);
     o.camera.inp_width = capture.frames.size.width;
     o.camera.inp_height = capture.frames.size.height;
     const Stereo stereo = open_calibration(o, capture);
@@ -79,6 +80,8 @@ void add_measure(CLI::App& app, GlobalOptions& global)
     finish_command(*cmd, global,
         "vexo measure scan --out result --depth 500:700\n"
         "  reads scan/cam0, scan/cam1, scan/cameras.yaml; writes result/cloud.ply and the pictures beside it\n"
+        "  vexo measure --exposures dim bright --out result\n"
+        "  merges captures of one scene at several exposures: bright and dark surfaces in one cloud\n"
         "  exit code 1: written, but a warning spoils it (\"verdict\": \"spoils\"), or nothing was measured\n"
         "  no check sees a camera that turned about the vertical axis (yaw), or a wrong baseline:\n"
         "  measure a body of known size from time to time",

@@ -2,11 +2,14 @@
 
 #include "base/failure.h"
 #include "host/cameras/calibration_files.h"
+#include "host/captures/exposures.h"
 
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
 #include <map>
+#include <optional>
+#include <set>
 
 namespace vexo::app {
 
@@ -89,13 +92,16 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
 
 void declare(CLI::App& command, MeasureOptions& o)
 {
-    command.add_option("folder", o.files.folder, "folder with cam0/ and cam1/ and cameras.yaml");
+    command.add_option("folder", o.folders, "folder with cam0/ and cam1/ and cameras.yaml; with --exposures several");
+    command.add_flag("--exposures", o.exposures,
+        "merge captures of one scene at several exposures: the folders of each, or one whose capture.json lists them; "
+        "each pixel is taken from the longest exposure that does not clip it");
     command.add_option("--out", o.out, "folder for the results")->required();
     command
         .add_option("--method", o.files.method,
             "gray-phase (13 pictures of each camera), multi-phase (14) or sgbm (1); default: as capture.json, "
-            "scene.json or "
-            "patterns.json says, else by the number of pictures")
+            "scene.json "
+            "or patterns.json says, else by the number of pictures")
         ->check(CLI::IsMember({ "gray-phase", "multi-phase", "sgbm" }));
     add_calibration(command, o.calib, "calibration");
     command.add_option("--cam0", o.files.cam0, "pictures of camera 0: a folder, or a pattern such as 'left_*.png'");
@@ -119,6 +125,55 @@ void declare(CLI::App& command, MeasureOptions& o)
     add_light_options(command, o);
 }
 
+namespace {
+
+/// The folders to merge: those that were typed, or those that the capture.json of a single one lists.
+std::vector<std::string> folders_of_exposures(const MeasureOptions& o)
+{
+    if (o.folders.size() > 1 && !o.exposures)
+        throw UsageFailure("several folders: --exposures merges captures of one scene at several exposures; measure "
+                           "captures of different scenes one by one");
+    std::vector<std::string> folders = o.folders;
+    if (folders.size() == 1) {
+        const std::optional<Manifest> manifest = read_manifest(folders[0]);
+        folders = manifest ? manifest->exposures : std::vector<std::string>();
+    }
+    if (o.exposures && folders.size() < least_exposures)
+        throw UsageFailure("--exposures: name the folders of two exposures or more, or one whose capture.json lists "
+                           "them");
+    if (folders.size() > most_exposures)
+        throw UsageFailure("--exposures: at most " + std::to_string(most_exposures) + " can be merged");
+    return folders;
+}
+
+/// Finds the frames of all exposures, and a calibration that belongs to them.
+void complete_exposures(MeasureOptions& o, const std::vector<std::string>& folders)
+{
+    if (!o.files.cam0.empty() || !o.files.cam1.empty() || o.files.decoded)
+        throw UsageFailure("--cam0, --cam1, --decoded: have no meaning for exposures, which are folders with cam0/ and "
+                           "cam1/ each");
+    std::set<fs::path> seen;
+    for (const std::string& folder : folders) {
+        if (const auto manifest = read_manifest(folder); manifest && !manifest->exposures.empty())
+            throw UsageFailure("--exposures: " + manifest->path
+                + " lists exposures itself; name that folder alone, or the folders that it lists");
+        CaptureFiles files = o.files;
+        files.folder = folder;
+        complete_cameras(folder, files.cam0, files.cam1);
+        std::error_code ignored;
+        if (!seen.insert(fs::canonical(folder, ignored)).second)
+            throw UsageFailure("--exposures: " + folder + " is named twice");
+        o.sets.push_back(files);
+    }
+    std::vector<std::string> places = folders;
+    places.insert(places.begin(), o.folders.begin(), o.folders.end());
+    const std::string cameras = one_camera_file(places);
+    if (!o.calib.given()) o.calib.files = { cameras };
+    o.files = o.sets[0];
+}
+
+} // namespace
+
 void complete(MeasureOptions& o)
 {
     if (!o.disparity.empty() && !o.depth.empty())
@@ -130,10 +185,13 @@ void complete(MeasureOptions& o)
             "--steps 3: the library's three-step formula is wrong for ordinary three-step patterns, by up to "
             "0.8 rad of phase; project four steps");
     if (o.steps != 4) throw UsageFailure("--steps " + std::to_string(o.steps) + ": fringes are measured in four steps");
+    const std::vector<std::string> exposures = folders_of_exposures(o);
+    if (!o.folders.empty()) o.files.folder = o.folders[0];
+    complete_frames_of(o.frames, o.files);
+    if (!exposures.empty()) complete_exposures(o, exposures);
     if (o.files.folder.empty() && (!o.calib.given() || o.files.cam0.empty() || o.files.cam1.empty()))
         throw UsageFailure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
-    complete_frames_of(o.frames, o.files);
     if (o.request.smooth && (o.files.decoded || o.request.interpolate))
         throw UsageFailure(
             "--smooth weighs points by their sigma, and with --decoded or --interpolate they have no sigma");

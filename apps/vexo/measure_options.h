@@ -13,7 +13,10 @@
 namespace vexo::app {
 
 struct MeasureOptions {
-    CaptureFiles files;
+    std::vector<std::string> folders; ///< as typed
+    bool exposures = false;           ///< the folders hold one scene at several exposures
+    CaptureFiles files;               ///< of exposures the first
+    std::vector<CaptureFiles> sets;   ///< exposures to merge; empty: there is one capture
     FrameOptions frames;
     std::string out, disparity, depth; ///< the ranges as typed
     TypedCalibration calib;

@@ -1,6 +1,7 @@
 #include "simulate_options.h"
 
 #include "base/failure.h"
+#include "host/captures/exposure_set.h"
 #include "host/captures/pattern_files.h"
 #include "patterns/fringes.h"
 #include "sim/scenes.h"
@@ -15,7 +16,7 @@ namespace vexo::app {
 
 namespace {
 
-constexpr int most_exposures = 8, most_views = 36;
+constexpr int most_views = 36;
 
 void add_rig_options(CLI::App& command, SimulateOptions& o)
 {
@@ -32,10 +33,10 @@ void add_rig_options(CLI::App& command, SimulateOptions& o)
         ->check(CLI::Range(0.0, 45.0));
     command
         .add_option("--exposure", o.exposures,
-            "factor on all light; several, as in 0.25,1,4, make a capture of the scene at each, e0.25, e1 and e4, for "
-            "vexo measure --exposures")
+            "factor on all light; several, as in 0.25,1,4, make a capture of the scene at each for vexo measure "
+            "--exposures: e0.25, e1 and e4 in the folder, and a capture.json that lists them")
         ->delimiter(',')
-        ->expected(1, most_exposures)
+        ->expected(1, static_cast<int>(most_exposures))
         ->allow_extra_args(false)
         ->capture_default_str();
     command.add_option("--noise", o.rig.noise, "standard deviation at grey 128, grey levels; 0: none")

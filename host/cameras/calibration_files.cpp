@@ -130,4 +130,23 @@ std::array<CalibratedCamera, 2> read_cameras(const CalibrationFiles& calibration
     throw Failure(calibration.files[0] + ": says nothing of raw pictures; give the cameras.yaml of the calibration");
 }
 
+std::string one_camera_file(const std::vector<std::string>& folders)
+{
+    constexpr std::size_t largest = std::size_t { 1 } << 24;
+    std::string found, text;
+    for (const std::string& folder : folders) {
+        std::string path = (fs::path(folder) / "cameras.yaml").string(), own;
+        if (!read_file(path, largest, own)) continue;
+        if (!found.empty() && own != text)
+            throw Failure(path + ": is not the calibration in " + found
+                + "; exposures of one scene have one pair of cameras: give each folder the file that they were "
+                  "recorded "
+                  "with, or none and --calib");
+        if (!found.empty()) continue;
+        found = std::move(path);
+        text = std::move(own);
+    }
+    return found.empty() ? (fs::path(folders.at(0)) / "cameras.yaml").string() : found;
+}
+
 } // namespace vexo

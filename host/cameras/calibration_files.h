@@ -32,6 +32,12 @@ CalibrationFiles find_calibration(const std::vector<std::string>& named);
 /// Throws Failure, also for rectified kinds, which do not hold them.
 std::array<CalibratedCamera, 2> read_cameras(const CalibrationFiles& calibration, cv::Size frames);
 
+/// The cameras.yaml of captures by the same cameras. Throws Failure that names the folder whose file differs from an
+/// earlier one's.
+/// @param folders  of which some may have none
+/// @return path of the first one; without any, of that which the first folder lacks
+std::string one_camera_file(const std::vector<std::string>& folders);
+
 /// Distance of the optical centres in a camera file with both; 0 when it is no such file.
 double baseline_in(const std::string& cameras_yaml);
 

@@ -6,7 +6,7 @@ namespace vexo {
 
 Capture read_capture(const CaptureFiles& files, const Choice& choice)
 {
-    Capture capture { files, choice, periods_said_in(files.folder), {}, read_manifest(files.folder) };
+    Capture capture { files, choice, periods_said_in(files.folder), {}, read_manifest(files.folder), {} };
     if (files.decoded) {
         capture.frames = read_decoded(files.cam0, files.cam1, choice.method);
         return capture;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/captures/choose_method.h"
+#include "host/captures/exposure_set.h"
 #include "host/captures/frames.h"
 #include "host/captures/manifest.h"
 
@@ -16,7 +17,8 @@ struct Capture {
     Choice choice;
     std::vector<int> periods; ///< of the fringes, projector px, as the capture's folder says; empty: it does not
     FrameSet frames;
-    std::optional<Manifest> manifest; ///< capture.json in the capture's folder
+    std::optional<Manifest> manifest;      ///< capture.json in the capture's folder
+    std::optional<Exposures> exposures {}; ///< that the frames were merged of; `files` are those of the longest
 
     Method method() const { return choice.method; }
 };

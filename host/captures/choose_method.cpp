@@ -49,7 +49,7 @@ Choice choose_method(const CaptureFiles& files, bool nearest)
         const bool several = fs::exists(fs::path(files.cam0) / "phase0.tiff", ignored);
         return { several ? Method::multi_phase : Method::gray_phase, several ? "phase0.tiff" : "decoded maps" };
     }
-    const std::optional<Manifest> manifest = read_manifest(files.folder);
+    const std::optional<Manifest> manifest = manifest_of_capture(files.folder);
     if (manifest && manifest->method) return { *manifest->method, manifest_name };
     for (const char* file : descriptions) {
         const auto json = description(files.folder, file);

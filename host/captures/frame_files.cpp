@@ -62,7 +62,7 @@ bool lie_in_the_folder(const CaptureFiles& files)
 
 FrameFiles find_frame_files(const CaptureFiles& files, Method method)
 {
-    const std::optional<Manifest> manifest = read_manifest(files.folder);
+    const std::optional<Manifest> manifest = manifest_of_capture(files.folder);
     FrameFiles found;
     found.inverted_code = manifest && manifest->inverted_code && method == Method::gray_phase;
     found.bits = files.bits ? files.bits : manifest ? manifest->bits : std::nullopt;

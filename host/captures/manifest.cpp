@@ -1,6 +1,7 @@
 #include "host/captures/manifest.h"
 
 #include "base/failure.h"
+#include "host/captures/exposure_set.h"
 #include "host/files/json_file.h"
 
 #include <algorithm>
@@ -36,6 +37,7 @@ public:
             { "bits", [this](const Json& v) { _manifest.bits = static_cast<int>(_number(v, "bits", 8, 16, true)); } },
             { "exposure_ms",
                 [this](const Json& v) { _manifest.exposure_ms = _number(v, "exposure_ms", 1e-6, 1e9, false); } },
+            { "exposures", [this](const Json& v) { _exposures(v); } },
             { "unit", [this](const Json& v) { _unit(v); } },
             { "inverted_code", [this](const Json& v) { _inverted(v); } },
             { "frames", [this](const Json& v) { _frames(v); } },
@@ -45,6 +47,9 @@ public:
             if (known == keys.end()) throw Failure(_unknown(key, keys));
             known->second(value);
         }
+        for (const auto& [key, value] : json.items())
+            _refuse_unless(_manifest.exposures.empty() || key == "exposures" || key == "schema", "exposures",
+                "stands alone; write " + key + " into the capture.json of each folder");
         return std::move(_manifest);
     }
 
@@ -124,6 +129,32 @@ private:
             "must name as many files for cam0 as for cam1");
     }
 
+    void _exposures(const Json& v)
+    {
+        _refuse_unless(v.is_array() && v.size() >= least_exposures && v.size() <= most_exposures, "exposures",
+            "must be a list of 2 to 8 folders");
+        std::set<fs::path> seen;
+        for (const Json& name : v) {
+            _refuse_unless(name.is_string() && !name.get<std::string>().empty(), "exposures", "must hold folders");
+            const fs::path inside = _inside(name.get<std::string>(), "exposures", seen);
+            std::error_code ignored;
+            _refuse_unless(
+                fs::is_directory(_folder / inside, ignored), "exposures: " + inside.string(), "is no folder");
+            _manifest.exposures.push_back((_folder / inside).string());
+        }
+    }
+
+    /// A path inside of the capture's folder that was not named yet.
+    fs::path _inside(const std::string& name, const std::string& key, std::set<fs::path>& seen) const
+    {
+        _refuse_unless(name.size() <= longest_name, key, "holds a name of more than 255 bytes");
+        fs::path inside = fs::path(name).lexically_normal();
+        _refuse_unless(name.find('\0') == std::string::npos && inside.is_relative() && *inside.begin() != "..",
+            key + ": " + name.c_str(), "leaves the folder of the capture");
+        _refuse_unless(seen.insert(inside).second, key + ": " + name, "is named twice");
+        return inside;
+    }
+
     /// Path of a frame, "" for null.
     std::string _path(const Json& v, const std::string& key, std::set<fs::path>& seen) const
     {
@@ -131,13 +162,9 @@ private:
         _refuse_unless(v.is_string() && !v.get<std::string>().empty(), key,
             "must hold file names, and null for a frame that was not recorded");
         const std::string name = v.get<std::string>();
-        _refuse_unless(name.size() <= longest_name, key, "holds a name of more than 255 bytes");
-        const fs::path inside = fs::path(name).lexically_normal();
-        _refuse_unless(name.find('\0') == std::string::npos && inside.is_relative() && *inside.begin() != "..",
-            key + ": " + name.c_str(), "leaves the folder of the capture");
-        _refuse_unless(seen.insert(inside).second, key + ": " + name, "is named twice");
+        const fs::path inside = _inside(name, key, seen);
         std::error_code ignored;
-        const std::string path = (_folder / inside).string();
+        std::string path = (_folder / inside).string();
         _refuse_unless(fs::is_regular_file(path, ignored), key + ": " + name, "does not exist");
         return path;
     }
@@ -155,6 +182,14 @@ std::optional<Manifest> read_manifest(const std::string& folder)
     std::error_code error;
     if (fs::symlink_status(path, error).type() == fs::file_type::not_found) return std::nullopt;
     return ManifestReader(folder, path).read(read_json(path));
+}
+
+std::optional<Manifest> manifest_of_capture(const std::string& folder)
+{
+    std::optional<Manifest> manifest = read_manifest(folder);
+    if (manifest && !manifest->exposures.empty())
+        throw Failure(manifest->path + ": lists exposures, which vexo measure merges; name one of their folders");
+    return manifest;
 }
 
 } // namespace vexo

@@ -22,6 +22,8 @@ struct Manifest {
     /// [camera][frame of the method]: path of the file, "" for a frame that was not recorded; empty: not said
     std::array<std::vector<std::string>, 2> frames;
 
+    std::vector<std::string> exposures; ///< folders with a capture each, of one scene at several exposures
+
     bool names_frames() const { return !frames[0].empty(); }
 };
 
@@ -31,5 +33,8 @@ constexpr const char* manifest_name = "capture.json";
 /// The manifest in `folder`; nothing when there is none. Throws Failure that names file and key for an unknown key, a
 /// value that the key cannot have, a file that is named twice, does not exist or lies outside of the folder.
 std::optional<Manifest> read_manifest(const std::string& folder);
+
+/// The same of a folder that has to hold one capture: throws Failure when its manifest lists exposures.
+std::optional<Manifest> manifest_of_capture(const std::string& folder);
 
 } // namespace vexo

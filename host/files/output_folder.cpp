@@ -185,6 +185,14 @@ void OutputFolder::_replace(Changes& changes, const Marker& known, const std::ve
         changes.remove(_place(name));
 }
 
+/// Folders in the folder that what is left over was the last in.
+void OutputFolder::_remove_emptied(const std::vector<std::string>& left_over) const
+{
+    for (const std::string& name : left_over)
+        for (fs::path inside = fs::path(name).parent_path(); !inside.empty(); inside = inside.parent_path())
+            if (::rmdir(_place(inside.string()).c_str()) != 0) break; // not empty, or a link
+}
+
 std::vector<std::string> OutputFolder::commit()
 {
     _order_reports();
@@ -210,6 +218,7 @@ std::vector<std::string> OutputFolder::commit()
     changes.write(_place(marker_name), marker_text(written));
     changes.keep();
     unfinished.keep();
+    _remove_emptied(left_over);
     return changed;
 }
 

@@ -63,6 +63,7 @@ private:
     void _write(const TemporaryFolder& unfinished);
     Marker _both(Marker known) const;
     std::vector<std::string> _left_over(const Marker& known, std::vector<std::string>& changed) const;
+    void _remove_emptied(const std::vector<std::string>& left_over) const;
     void _replace(Changes& changes, const Marker& known, const std::vector<std::string>& left_over) const;
 
     std::string _folder;

@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "host/cameras/rectification.h"
 #include "host/captures/check.h"
+#include "host/captures/exposures.h"
 #include "host/measurement/range_words.h"
 
 #include <algorithm>
@@ -44,10 +45,7 @@ public:
     }
 
 private:
-    const cv::Mat& _lit(std::size_t camera) const
-    {
-        return _capture.frames.frames[camera][m.method() == Method::sgbm ? 0 : 1];
-    }
+    const cv::Mat& _lit(std::size_t camera) const { return lit_picture(_capture, camera); }
 
     void _judge_frames()
     {
@@ -60,6 +58,9 @@ private:
             found[camera] = judge_frames_of(
                 _capture.frames.frames[camera], { m.method(), m.periods() }, static_cast<int>(camera), names);
         });
+        if (_capture.exposures)
+            for (std::vector<Finding>& of_camera : found)
+                advise_exposures(of_camera);
         for (const std::vector<Finding>& of_camera : found)
             m.findings.insert(m.findings.end(), of_camera.begin(), of_camera.end());
     }

@@ -4,6 +4,7 @@
 #include "base/parallel.h"
 #include "base/stopwatch.h"
 #include "host/cameras/rectification.h"
+#include "host/captures/exposures.h"
 #include "host/measurement/cleaning.h"
 #include "host/measurement/disparity_range.h"
 #include "host/measurement/gap_points.h"
@@ -98,7 +99,10 @@ void mask_pixels(Work& w)
         std::vector<cv::Mat>& frames = w.frames[camera];
         w.m.masks[camera] = make_masks(frames, limits, sets, w.m.min_modulation);
         cv::Mat& seen = w.m.masks[camera].modulation;
-        if (!w.decoded()) drop_mixtures(frames, seen);
+        if (w.capture.exposures)
+            drop_mixtures(frames, sets, contrast_of(w.capture, camera), seen);
+        else if (!w.decoded())
+            drop_mixtures(contrast_of(w.capture, camera), seen);
         w.m.fringes[camera] = figures_of(w, camera);
         frames[1] = frames[1].clone(); // the capture stays as it was recorded
         frames[1].setTo(0, seen == 0);
@@ -238,11 +242,6 @@ cv::Mat depth_map(const Cloud& cloud)
     return depth;
 }
 
-const cv::Mat& lit_frame(const Work& w, std::size_t camera)
-{
-    return w.capture.frames.frames[camera][w.m.method() == Method::sgbm ? 0 : 1];
-}
-
 } // namespace
 
 Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequest& request, const OnStep& on_step)
@@ -256,7 +255,7 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     m.unit = stereo.notes.unit;
     m.findings = judge_calibration(stereo);
     Stopwatch clock;
-    m.texture = rectified(*stereo.camera, lit_frame(work, 0), 0);
+    m.texture = rectified(*stereo.camera, lit_picture(capture, 0), 0);
     m.rectify_seconds = clock.lap();
     if (m.method() == Method::sgbm)
         measure_blocks(work);

@@ -91,6 +91,8 @@ Result read_result(const std::string& folder)
     Result r;
     r.report_path = (fs::path(folder) / "report.json").string();
     r.report = read_json(r.report_path);
+    if (r.report.contains("views"))
+        throw Failure(r.report_path + ": several results that vexo merge joined; name one that it was made from");
     const auto get = [&r](const std::string& pointer) { return number_in(r.report, pointer, r.report_path); };
     r.method = text_in(r.report, "method", "gray-phase");
     r.f = get("/camera/f");

@@ -128,6 +128,34 @@ Json hashes_of_frames(const std::vector<std::string>& paths)
     return hashes_of(recorded);
 }
 
+/// The same of a camera's merged exposures, each file named with its folder.
+Json hashes_of_frames(const Exposures& exposures, std::size_t camera)
+{
+    Json all = Json::array();
+    for (const Exposure& e : exposures.sets)
+        for (Json& file : hashes_of_frames(e.paths[camera])) {
+            file["file"] = e.folder + "/" + file["file"].get<std::string>();
+            all.push_back(file);
+        }
+    return all;
+}
+
+void add_exposures(const Exposures& exposures, Json& report)
+{
+    Json& made_from = report["made_from"];
+    made_from["cam0"] = hashes_of_frames(exposures, 0);
+    made_from["cam1"] = hashes_of_frames(exposures, 1);
+    std::vector<std::string> manifests;
+    Json& described = report["exposures"]
+        = { { "ordered_by", exposures.ordered_by_time ? "exposure_ms" : "frames" }, { "sets", Json::array() } };
+    for (const Exposure& e : exposures.sets) {
+        described["sets"].push_back({ { "folder", e.folder }, { "exposure_ms", e.ms ? Json(*e.ms) : Json() },
+            { "factor", e.factor }, { "share_cam0", e.share[0] }, { "share_cam1", e.share[1] } });
+        if (!e.manifest.empty()) manifests.push_back(e.manifest);
+    }
+    made_from["capture"] = hashes_of(manifests);
+}
+
 } // namespace
 
 Json make_report(
@@ -151,9 +179,10 @@ Json make_report(
     report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
         { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
         { "parameters", hash_of(report["parameters"]) } };
-    if (capture.manifest && capture.manifest->exposure_ms)
+    if (capture.manifest && capture.manifest->exposure_ms && !capture.exposures)
         report["input"]["exposure_ms"] = *capture.manifest->exposure_ms;
     if (capture.manifest) report["made_from"]["capture"] = hashes_of({ capture.manifest->path });
+    if (capture.exposures) add_exposures(*capture.exposures, report);
     report["unit"] = stereo.notes.unit.name;
     report["unit_stated"] = stereo.notes.unit.stated;
     report["calibration_verdict"] = stereo.notes.verdict.empty() ? Json() : Json(stereo.notes.verdict);

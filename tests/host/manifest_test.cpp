@@ -141,7 +141,7 @@ TEST_F(ForeignCaptures, AreRefusedWithTheKeyThatIsWrong)
     for (int i = 0; i < 20; ++i)
         many += ", null";
     const std::vector<std::pair<std::string, std::string>> cases {
-        { R"({"ordre": 1})", "unknown key \"ordre\"; there are bits, exposure_ms, frames" },
+        { R"({"ordre": 1})", "unknown key \"ordre\"; there are bits, exposure_ms, exposures, frames" },
         { R"({"method": "phase"})", "method must be" },
         { R"({"method": 1})", "method must be" },
         { R"({"bits": 12.5})", "bits must be a whole number" },
@@ -162,6 +162,13 @@ TEST_F(ForeignCaptures, AreRefusedWithTheKeyThatIsWrong)
         { both(frame + ", null", other), "as many files" },
         { both(many, other), "as many file names as" },
         { both(frame + ", null", other + ", null"), "fit no method" },
+        { R"({"exposures": ["cam0"]})", "exposures must be a list of 2 to 8 folders" },
+        { R"({"exposures": ["cam0", 1]})", "exposures must hold folders" },
+        { R"({"exposures": ["cam0", "../wrong/cam1"]})", "../wrong/cam1 leaves the folder" },
+        { R"({"exposures": ["cam0", "cam1/../cam0"]})", "is named twice" },
+        { R"({"exposures": ["cam0", "cam2"]})", "exposures: cam2 is no folder" },
+        { R"({"exposures": ["cam0", "cam1"], "bits": 12})", "exposures stands alone; write bits into" },
+        { R"({"exposures": ["cam0", "cam1"]})", "lists exposures, which vexo measure merges" },
         { "[1]", "capture.json" },
     };
     const CaptureFiles files = write("wrong", frames, as_projected, "");

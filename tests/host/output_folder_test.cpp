@@ -124,6 +124,7 @@ TEST_F(OutputFolders, ReplaceTheirOwnFilesAndRemoveLeftOversOfAnEarlierRun)
     write(compare, { { "figures", "of the old cloud" } });
     EXPECT_TRUE(write(measure, { { "cloud", "new" }, { "report", "new" } }).empty());
     EXPECT_EQ(found(), (Files { { "cloud", "new" }, { "report", "new" }, { "notes", "the user's" } }));
+    EXPECT_FALSE(fs::exists(fs::path(folder) / "views"));
     const Marker marker = read_marker(folder);
     ASSERT_EQ(marker.size(), 2U);
     EXPECT_EQ(marker.at("cloud").hashes, Names { sha256(std::string("new")) });
