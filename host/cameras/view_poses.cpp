@@ -85,8 +85,11 @@ ViewPoses of_robot(const std::string& path, const std::vector<std::string>& view
         poses.read_as += "; " + guess;
     poses.others.push_back(
         { reading.inverse ? "without --inverse" : "--inverse", inverted_all(poses.common_from_camera) });
+    PoseReading other = reading;
+    other.unit_mm = reading.unit_mm == 1.0 ? 1000.0 : 1.0;
+    poses.others.push_back({ other.unit_mm == 1.0 ? "--unit mm" : "--unit m", poses_of(file, rows, other) });
     for (const RotationForm& form : other_forms(reading.rotation)) {
-        PoseReading other = reading;
+        other = reading;
         other.rotation = form;
         for (const bool inverse : { reading.inverse, !reading.inverse }) {
             other.inverse = inverse;

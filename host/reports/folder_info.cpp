@@ -120,7 +120,7 @@ void add_cameras(const InfoRequest& o, Json& info)
 void add_merged(const std::string& folder, Json& info)
 {
     const Json report = read_json((fs::path(folder) / "report.json").string());
-    for (const char* key : { "unit", "verdict", "points" })
+    for (const char* key : { "unit", "unit_stated", "verdict", "points" })
         if (report.contains(key)) info[key] = report[key];
 }
 

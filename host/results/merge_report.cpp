@@ -3,6 +3,7 @@
 #include "host/results/provenance.h"
 #include "vexo/version.h"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace vexo {
@@ -26,6 +27,14 @@ Json moved_by(const cv::Affine3d& given, const cv::Affine3d& refined, double dis
     const cv::Matx33d turn = refined.rotation() * given.rotation().t();
     return { { "mm", cv::norm(refined * looked_at - given * looked_at) },
         { "deg", cv::norm(cv::Affine3d(turn).rvec()) * 180.0 / CV_PI } };
+}
+
+bool is_stated(const std::vector<ResultView>& results)
+{
+    return std::all_of(results.begin(), results.end(), [](const ResultView& r) {
+        const auto stated = r.report.find("unit_stated");
+        return stated != r.report.end() && *stated == true;
+    });
 }
 
 Json views_of(const Merged& m)
@@ -69,6 +78,7 @@ Json merge_report(const MergeRequest& request, const Merged& m)
 {
     Json report { { "schema", schema }, { "program", "vexo " VEXO_VERSION_STRING },
         { "verdict", word_of(heaviest(m.findings)) }, { "findings", Json::array() }, { "unit", m.results[0].unit.name },
+        { "unit_stated", is_stated(m.results) },
         { "input",
             { { "results", request.results }, { "poses", request.poses }, { "read_as", m.poses.read_as },
                 { "poses_of", request.rectified ? "rectified camera 0" : "raw camera 0" } } } };

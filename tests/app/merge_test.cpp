@@ -61,6 +61,7 @@ TEST_F(Merge, RefusesWhatDoesNotFitByNameAndSaysHowThePosesWouldBeRead)
     };
     refused(three() + " --poses " + changed("turntable.yaml", "step_deg: ", "step_deg: -"), "the other way round");
     refused(three() + " --inverse --poses " + poses, "without --inverse");
+    refused(three() + " --unit m --poses " + poses, "--unit mm");
     refused(three() + " --rectified --poses " + poses, "without --rectified");
     refused(at("r/view0") + " " + at("r/view3") + " --poses " + poses, "view3");
     refused(at("r/view1") + " " + at("r/view0") + " --poses " + axis, "do not fit");
@@ -75,6 +76,24 @@ TEST_F(Merge, RefusesWhatDoesNotFitByNameAndSaysHowThePosesWouldBeRead)
     report.replace(report.find("\"unit\": \"mm\""), 12, "\"unit\": \"cm\"");
     program::write(at("r/copy/report.json"), report);
     refused(at("r/view0") + " " + at("r/copy") + " --poses " + axis, "is in cm");
+}
+
+TEST_F(Merge, FindsThePosesByTheBoardThatStandsBesideTheObjectWhileItsFramesAreUnchanged)
+{
+    const std::string plates = at("p/a") + " " + at("p/b");
+    for (const char* name : { "a --turned 20", "b --turned -20" })
+        ASSERT_EQ(run("simulate plate --size 640x512 --quiet --out " + at("s/") + name).code, 0);
+    for (const char* name : { "a", "b" })
+        run("measure " + at("s/") + name + " --accept-verdict --quiet --out " + at("p/") + name);
+    ASSERT_EQ(run("board --quiet --out " + at("board.pdf")).code, 0);
+    const auto m = told("merge", plates + " --accept-verdict --board " + at("board.yaml") + " --out " + at("mp"));
+    EXPECT_LT(m["views"][1]["moved"]["mm"], 0.2) << "285 markers of 0.02 px, at 600 mm";
+    EXPECT_LT(m["views"][1]["moved"]["deg"], 0.05);
+    EXPECT_GT(m["pairs"][0]["overlap"], 0.5);
+    std::filesystem::copy_file(
+        at("s/b/cam0/frame00.png"), at("s/b/cam0/frame01.png"), std::filesystem::copy_options::overwrite_existing);
+    program::expect_refused(*work, "merge " + plates + " --board " + at("board.yaml") + " --out " + at("mq"),
+        "was changed since", at("mq"));
 }
 
 } // namespace
