@@ -98,14 +98,19 @@ const char* why_invalid(const RigOptions& o) noexcept
     return nullptr;
 }
 
+RigOptions with_own_noise(RigOptions options, std::size_t index)
+{
+    constexpr std::uint64_t seeds_apart = 1000003; // far from seeds that a user counts through
+    options.seed += seeds_apart * index;
+    return options;
+}
+
 RigOptions at_exposure(RigOptions options, double exposure, std::size_t index)
 {
     constexpr double ms_at_one = 10;
-    constexpr std::uint64_t seeds_apart = 1000003; // far from seeds that a user counts through
     options.exposure = exposure;
     options.exposure_ms = ms_at_one * exposure;
-    options.seed += seeds_apart * index;
-    return options;
+    return with_own_noise(options, index);
 }
 
 Rig make_rig(const RigOptions& options)

@@ -40,6 +40,9 @@ struct RigOptions {
     double turned_deg = 0;
 };
 
+/// The options of one capture of a series, whose noise is not that of the others.
+RigOptions with_own_noise(RigOptions options, std::size_t index);
+
 /// The options of one capture of a series at several exposures: the same rig, noise of its own, and a time of 10 ms at
 /// exposure 1.
 /// @param index  of the capture in its series

@@ -1,11 +1,9 @@
 #include "sim/robot.h"
 
 #include <cmath>
-#include <iomanip>
-#include <locale>
-#include <sstream>
 
 #include "sim/noise.h"
+#include "sim/poses.h"
 
 namespace vexo {
 namespace sim {
@@ -29,51 +27,18 @@ Quaternion turn(const cv::Vec3d& axis_times_angle)
     return { v[0], v[1], v[2], std::cos(angle / 2) };
 }
 
-/// Source: Shepperd, J. Guidance and Control 1 (1978) 223: the largest of four squares first.
-Quaternion quaternion_of(const cv::Matx33d& R)
-{
-    const double trace = R(0, 0) + R(1, 1) + R(2, 2);
-    const double squares[4] = { R(0, 0), R(1, 1), R(2, 2), trace };
-    int most = 3;
-    for (int i = 0; i < 3; ++i)
-        if (squares[i] > squares[most]) most = i;
-    Quaternion q;
-    if (most == 3) {
-        q = { R(2, 1) - R(1, 2), R(0, 2) - R(2, 0), R(1, 0) - R(0, 1), 1 + trace };
-    } else {
-        const int j = (most + 1) % 3, k = (most + 2) % 3;
-        q[most] = 1 + R(most, most) - R(j, j) - R(k, k);
-        q[j] = R(j, most) + R(most, j);
-        q[k] = R(k, most) + R(most, k);
-        q[3] = R(k, j) - R(j, k);
-    }
-    return q * (1 / cv::norm(q));
-}
-
-cv::Matx44d pose(const cv::Matx33d& R, const cv::Vec3d& T)
-{
-    return { R(0, 0), R(0, 1), R(0, 2), T[0], R(1, 0), R(1, 1), R(1, 2), T[1], R(2, 0), R(2, 1), R(2, 2), T[2], 0, 0, 0,
-        1 };
-}
-
-cv::Matx44d inverse(const cv::Matx44d& m)
-{
-    const cv::Matx33d R = m.get_minor<3, 3>(0, 0).t();
-    return pose(R, -(R * cv::Vec3d(m(0, 3), m(1, 3), m(2, 3))));
-}
-
 /// Camera 0 on a flange, some way from its middle and turned against it; or before the robot, looking at it.
 cv::Matx44d true_camera(const RobotOptions& robot)
 {
-    return robot.moves_camera ? pose(rotation_of(turn({ 0.21, -0.13, 1.52 })), { 62, -85, 140 })
-                              : pose(rotation_of(turn({ -1.71, 0.52, 0.44 })), { 1150, -420, 610 });
+    return robot.moves_camera ? pose_of(rotation_of(turn({ 0.21, -0.13, 1.52 })), { 62, -85, 140 })
+                              : pose_of(rotation_of(turn({ -1.71, 0.52, 0.44 })), { 1150, -420, 610 });
 }
 
 /// The board on a table, or on a flange.
 cv::Matx44d true_board(const RobotOptions& robot)
 {
-    return robot.moves_camera ? pose(rotation_of(turn({ 0.04, -0.03, 0.8 })), { 640, 120, 35 })
-                              : pose(rotation_of(turn({ 0.1, 0.05, -0.6 })), { -70, -90, 55 });
+    return robot.moves_camera ? pose_of(rotation_of(turn({ 0.04, -0.03, 0.8 })), { 640, 120, 35 })
+                              : pose_of(rotation_of(turn({ 0.1, 0.05, -0.6 })), { -70, -90, 55 });
 }
 
 Json rows_of(const cv::Matx44d& m)
@@ -95,10 +60,8 @@ const char* why_invalid(const RobotOptions& robot) noexcept
 std::string robot_poses_text(
     const RobotOptions& robot, const std::vector<cv::Matx44d>& camera0_from_board, std::uint64_t seed)
 {
-    std::ostringstream text;
-    text.imbue(std::locale::classic());
-    text << "picture,x_mm,y_mm,z_mm,qx,qy,qz,qw\n" << std::fixed;
     const cv::Matx44d camera = true_camera(robot), board = true_board(robot);
+    std::vector<NamedPose> poses;
     for (std::size_t i = 0; i < camera0_from_board.size(); ++i) {
         const cv::Matx44d& seen = camera0_from_board[i];
         const cv::Matx44d gripper
@@ -109,17 +72,11 @@ std::string robot_poses_text(
             return sigma * cv::Vec3d(normal_of(key, first), normal_of(key, first + 1), normal_of(key, first + 2));
         };
         const cv::Vec3d place = cv::Vec3d(gripper(0, 3), gripper(1, 3), gripper(2, 3)) + drawn(0, robot.noise_mm);
-        const Quaternion q
-            = quaternion_of(gripper.get_minor<3, 3>(0, 0) * rotation_of(turn(drawn(3, robot.noise_deg * rad_per_deg))));
-        text << picture_name(0, "view", static_cast<int>(i)).substr(5) << std::setprecision(4);
-        for (int k = 0; k < 3; ++k)
-            text << ',' << place[k];
-        text << std::setprecision(8);
-        for (int k = 0; k < 4; ++k)
-            text << ',' << q[k];
-        text << '\n';
+        const cv::Matx33d rotation
+            = gripper.get_minor<3, 3>(0, 0) * rotation_of(turn(drawn(3, robot.noise_deg * rad_per_deg)));
+        poses.push_back({ picture_name(0, "view", static_cast<int>(i)).substr(5), pose_of(rotation, place) });
     }
-    return text.str();
+    return poses_text(poses);
 }
 
 Json robot_json(const RobotOptions& robot)

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 
+#include "patterns/board.h"
 #include "sim/texture.h"
 
 namespace vexo {
@@ -66,12 +67,44 @@ void add_bust(Scene& scene, double middle_z)
     scene.add(std::make_unique<Implicit>(field, bust_scale * cv::Vec3d(bust_low), bust_scale * cv::Vec3d(bust_high),
         cv::Vec3d(0, -bust_scale * middle_of_bust_y, middle_z + nose_to_middle)));
 }
+
+/// A printed board, upright before the rig, between three balls that hold clouds of it where the flat paper would not.
+void add_plate(Scene& scene, double z)
+{
+    const BoardLayout board;
+    const cv::Rect2d paper = board_paper(board);
+    const cv::Point2d middle(paper.x + 0.5 * paper.width, paper.y + 0.5 * paper.height);
+    auto plate = std::make_unique<Rectangle>(
+        cv::Vec3d(0, 0, z), cv::Vec3d(1, 0, 0), cv::Vec3d(0, 1, 0), 0.5 * paper.width, 0.5 * paper.height);
+    plate->albedo = [board, middle](const cv::Vec3d& p) {
+        constexpr double white = 0.9, ink = 0.1;
+        double edge = 0;
+        return board_spot(board, { middle.x + p[0], middle.y - p[1] }, edge) == BoardSpot::ink ? ink : white;
+    };
+    scene.add(std::move(plate));
+    constexpr double radius = 20, gap = 5; // mm
+    const double beside = 0.5 * paper.width + radius + gap, above = 0.5 * paper.height + radius + gap;
+    for (const cv::Vec3d& centre : { cv::Vec3d(-beside, 30, z), cv::Vec3d(beside, -20, z), cv::Vec3d(40, -above, z) })
+        scene.add(std::make_unique<Sphere>(centre, radius));
+}
 } // namespace
 
 const std::vector<std::string>& scene_names()
 {
-    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres", "albedo" };
+    static const std::vector<std::string> names { "plane", "sphere", "steps", "bust", "spheres", "albedo", "plate" };
     return names;
+}
+
+bool stands_free(const std::string& name)
+{
+    return name == "bust" || name == "albedo";
+}
+
+cv::Matx44d turned(const RigOptions& options)
+{
+    const double angle = options.turned_deg * CV_PI / 180.0, c = std::cos(angle), s = std::sin(angle);
+    const double z = options.distance_mm; // the axis: x = 0, this z; p -> R (p - a) + a
+    return { c, 0, s, -s * z, 0, 1, 0, 0, -s, 0, c, z - c * z, 0, 0, 0, 1 };
 }
 
 double stripe_albedo(const cv::Vec3d& point_mm) noexcept
@@ -81,13 +114,6 @@ double stripe_albedo(const cv::Vec3d& point_mm) noexcept
     const double stripe = std::floor(point_mm[0] / width);
     const auto level = static_cast<int>(stripe - levels * std::floor(stripe / levels));
     return std::pow(4.0, level - 2);
-}
-
-cv::Matx44d turned(const RigOptions& options)
-{
-    const double angle = options.turned_deg * CV_PI / 180.0, c = std::cos(angle), s = std::sin(angle);
-    const double z = options.distance_mm; // the axis: x = 0, this z; p -> R (p - a) + a
-    return { c, 0, s, -s * z, 0, 1, 0, 0, -s, 0, c, z - c * z, 0, 0, 0, 1 };
 }
 
 Balls make_balls(const RigOptions& options)
@@ -112,6 +138,7 @@ Scene make_scene(const std::string& name, const RigOptions& options)
     }
     if (name == "bust" || name == "albedo") add_bust(scene, z);
     if (name == "albedo") scene.paint(stripe_albedo);
+    if (name == "plate") add_plate(scene, z);
     if (name == "spheres") {
         add_wall(scene, { 0, 0, z }, options.tilt_deg);
         add_balls(scene, options);

@@ -19,6 +19,9 @@ struct Balls {
 /// Names of the scenes that make_scene() builds.
 const std::vector<std::string>& scene_names();
 
+/// Whether a scene has nothing that a turntable could not turn.
+bool stands_free(const std::string& name);
+
 /// Builds a scene at the rig's working distance:
 ///     plane    a wall tilted by `tilt_deg`
 ///     sphere   a ball of 150 mm before a wall
@@ -26,6 +29,7 @@ const std::vector<std::string>& scene_names();
 ///     bust     a head with neck and shoulders, nothing behind it
 ///     spheres  two balls of 40 mm, 150 mm apart, lying on a plane tilted by `tilt_deg`
 ///     albedo   the bust in upright stripes, see stripe_albedo()
+///     plate    the default calibration board, upright between three balls of 40 mm
 /// For block matching all surfaces are painted with blotches, four camera pixels and more in size.
 /// An unknown name gives an empty scene.
 Scene make_scene(const std::string& name, const RigOptions& options);

@@ -23,12 +23,12 @@ namespace {
 struct HandEyeOptions {
     std::string poses, board, photos, out, setup, rotation, angles, unit;
     std::vector<std::string> calib;
-    bool inverse = false;
+    bool inverse = false, transposed = false;
 };
 
 PoseReadingRequest reading_asked(const HandEyeOptions& o)
 {
-    PoseReadingRequest request { o.rotation, {}, {}, o.inverse };
+    PoseReadingRequest request { o.rotation, {}, {}, o.inverse, o.transposed };
     if (!o.angles.empty()) request.degrees = o.angles == "degrees";
     if (!o.unit.empty()) request.unit_mm = o.unit == "mm" ? 1.0 : 1000.0;
     return request;
@@ -118,6 +118,8 @@ void declare(CLI::App& command, HandEyeOptions& o)
     command.add_option("--unit", o.unit, "of x, y and z: mm or m (default: as named, else by their size)")
         ->check(CLI::IsMember({ "mm", "m" }));
     command.add_flag("--inverse", o.inverse, "the poses are those of the base in the gripper");
+    command.add_flag("--transposed", o.transposed,
+        "the rotations alone are those of the base in the gripper: conjugated quaternions, columns for rows");
 }
 
 } // namespace

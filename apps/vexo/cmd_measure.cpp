@@ -41,7 +41,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
         out.stay_out_of(all_pictures(files));
 
     constexpr int other_steps = 3;
-    Progress progress(global, measure_steps + other_steps);
+    Progress progress(global, measure_steps + other_steps + (o.request.smooth ? 1 : 0));
     progress.step("reading the frames");
     Stopwatch clock;
     const Capture capture = o.sets.empty() ? read_capture(o.files, choice) : read_exposures(o.sets, choice);

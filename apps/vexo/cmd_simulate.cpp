@@ -4,6 +4,8 @@
 #include "host/calibration/board_file.h"
 #include "host/files/output_folder.h"
 #include "sim/capture.h"
+#include "sim/poses.h"
+#include "sim/turntable.h"
 #include "simulate_options.h"
 
 #include <CLI/CLI.hpp>
@@ -45,35 +47,67 @@ void say_capture(const GlobalOptions& global, const std::string& out, const sim:
         say(global, "  the scene moves by " + number(rig.move_mm, 2) + " mm before the last two frames");
 }
 
-/// A capture of the scene at each exposure, in folders that capture.json beside them lists.
-void simulate_exposures(const SimulateOptions& o, const sim::RigOptions& rig, const sim::Pattern& pattern,
+/// Captures that belong together, in folders of their own.
+struct Shot {
+    std::string folder;
+    sim::RigOptions rig;
+};
+
+/// Where the cameras of all views were, in the folder above theirs.
+void add_turntable(const std::vector<Shot>& shots, sim::Files& files)
+{
+    std::vector<sim::NamedPose> poses;
+    for (const Shot& shot : shots)
+        poses.push_back({ shot.folder, sim::inverse(sim::cam0_from_scene(sim::make_rig(shot.rig))) });
+    sim::add_text("poses.csv", sim::poses_text(poses), files);
+    sim::add_text("turntable.yaml", sim::turntable_yaml(sim::make_rig(shots[0].rig), shots[1].rig.turned_deg), files);
+}
+
+void add_exposures(const std::vector<Shot>& shots, sim::Files& files)
+{
+    Json manifest { { "schema", 1 }, { "exposures", Json::array() } };
+    for (const Shot& shot : shots)
+        manifest["exposures"].push_back(shot.folder);
+    sim::add_text("capture.json", manifest.dump(2) + "\n", files);
+}
+
+std::vector<Shot> shots_of(const SimulateOptions& o, const sim::RigOptions& rig)
+{
+    std::vector<Shot> shots;
+    for (std::size_t i = 0; o.turntable > 0 && i < static_cast<std::size_t>(o.turntable); ++i)
+        shots.push_back(
+            { "view" + std::to_string(i), sim::on_turntable(rig, i, static_cast<std::size_t>(o.turntable)) });
+    for (std::size_t i = 0; o.turntable == 0 && i < o.exposures.size(); ++i)
+        shots.push_back({ exposure_folder(o.exposures[i]), sim::at_exposure(rig, o.exposures[i], i) });
+    return shots;
+}
+
+void simulate_series(const SimulateOptions& o, const sim::RigOptions& rig, const sim::Pattern& pattern,
     OutputFolder& out, const GlobalOptions& global)
 {
-    const std::size_t count = o.exposures.size();
-    Progress progress(global, static_cast<int>(count) * sim::capture_steps(pattern) + 1);
+    const std::vector<Shot> shots = shots_of(o, rig);
+    Progress progress(global, static_cast<int>(shots.size()) * sim::capture_steps(pattern) + 1);
     sim::Files files;
     std::vector<Json> made;
-    Json manifest { { "schema", 1 }, { "exposures", Json::array() } };
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::string name = exposure_folder(o.exposures[i]);
-        sim::Capture capture
-            = sim::make_capture(o.scene, sim::at_exposure(rig, o.exposures[i], i), pattern, progress.on_step());
+    for (const Shot& shot : shots) {
+        sim::Capture capture = sim::make_capture(o.scene, shot.rig, pattern, progress.on_step());
         for (auto& [file, bytes] : capture.files)
-            files.emplace_back(name + "/" + file, std::move(bytes));
+            files.emplace_back(shot.folder + "/" + file, std::move(bytes));
         made.push_back(Json::parse(capture.scene_json));
-        manifest["exposures"].push_back(name);
     }
-    sim::add_text("capture.json", manifest.dump(2) + "\n", files);
+    (o.turntable > 0 ? add_turntable : add_exposures)(shots, files);
     progress.step("writing");
     write(files, out, global);
     progress.finish();
-    Json result { { "out", o.out }, { "exposures", Json::array() } };
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::string folder = o.out + "/" + exposure_folder(o.exposures[i]);
+    Json result { { "out", o.out } };
+    for (std::size_t i = 0; i < shots.size(); ++i) {
+        const std::string folder = o.out + "/" + shots[i].folder;
         say_capture(global, folder, rig, made[i]);
         made[i]["out"] = folder;
-        result["exposures"].push_back(made[i]);
+        result[o.turntable > 0 ? "views" : "exposures"].push_back(made[i]);
     }
+    if (o.turntable > 0)
+        say(global, o.out + ": poses.csv, where camera 0 was at each view; turntable.yaml, the axis of the turns");
     put_json(global, result);
 }
 
@@ -87,7 +121,7 @@ void simulate_scene(const SimulateOptions& o, const GlobalOptions& global)
             throw UsageFailure(
                 "--swap " + o.swap + ": there are frames 0 to " + std::to_string(pattern.frames.size() - 1));
     OutputFolder out = folder_of(o, global);
-    if (o.exposures.size() > 1) return simulate_exposures(o, rig, pattern, out, global);
+    if (o.exposures.size() > 1 || o.turntable > 0) return simulate_series(o, rig, pattern, out, global);
 
     Progress progress(global, sim::capture_steps(pattern) + 1);
     sim::Capture capture = sim::make_capture(o.scene, rig, pattern, progress.on_step());
@@ -146,6 +180,8 @@ void add_simulate(CLI::App& app, GlobalOptions& options)
         "vexo simulate bust --out scan\n"
         "  renders 13 frames of each camera into scan/cam0 and scan/cam1, beside the cameras' calibration and "
         "the true depth\n"
+        "  vexo simulate bust --turntable 8 --out turns\n"
+        "  renders turns/view0 to view7, between which the bust was turned by 45 degrees, for vexo merge\n"
         "  vexo simulate calibration --out cal --views 16\n"
         "  renders 16 photos of the calibration board by each camera, for vexo calibrate",
         [o, &options] { run(*o, options); });

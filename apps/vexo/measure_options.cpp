@@ -60,6 +60,8 @@ void add_phase_options(CLI::App& cmd, MeasureOptions& o)
     o.phases.push_back(cmd.add_flag("!--no-refine", o.request.refine,
         "keep the points as they are matched: do not look once more at the fringes around each; with --decoded and "
         "--interpolate always so"));
+    o.phases.push_back(cmd.add_flag("--smooth", o.request.smooth,
+        "put each point on the surface around it, quadratics over 7 x 7 px: less noise, but smaller detail goes"));
     o.phases.push_back(cmd.add_flag("--decoded", o.files.decoded,
         "cam0 and cam1 hold maps of another decoder instead of pictures: black.png, white.png and, gray-phase, "
         "period.png or period.tiff (0 to 255) and phase.tiff, or, multi-phase, phase0.tiff to phase2.tiff; "
@@ -190,6 +192,8 @@ void complete(MeasureOptions& o)
     if (o.files.folder.empty() && (!o.calib.given() || o.files.cam0.empty() || o.files.cam1.empty()))
         throw UsageFailure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
+    if (o.request.smooth && (o.files.decoded || o.request.interpolate))
+        throw UsageFailure("--smooth weighs points by their sigma, which nothing says with --decoded or --interpolate");
     if (o.files.decoded && (!o.files.order.empty() || o.files.bits))
         throw UsageFailure("--decoded: maps have neither --order nor --bits");
     if (!o.calib.given()) o.calib.files = { (fs::path(o.files.folder) / "cameras.yaml").string() };

@@ -16,6 +16,8 @@ namespace vexo::app {
 
 namespace {
 
+constexpr int most_views = 36;
+
 void add_rig_options(CLI::App& command, SimulateOptions& o)
 {
     command.add_option("--size", o.size, "camera image, WIDTHxHEIGHT, px")
@@ -71,6 +73,13 @@ void add_scene_options(CLI::App& command, SimulateOptions& o)
     add("--ambient", o.rig.ambient, "other light than the projector's, grey levels on white")->capture_default_str();
     add("--gamma", o.rig.gamma, "of the projector: light = grey^gamma")->capture_default_str();
     add("--defocus", o.rig.defocus, "standard deviation of the projector's blur, projector px")->capture_default_str();
+    CLI::Option* turned = add("--turned", o.rig.turned_deg,
+        "the scene is turned by so many degrees about the upright "
+        "axis through its middle");
+    add("--turntable", o.turntable,
+        "so many captures of a scene without walls, view0, view1 and so on, between which a turntable turned it")
+        ->check(CLI::Range(2, most_views))
+        ->excludes(turned);
     add("--swap", o.swap, "A:B, two frames in each other's place: a faulty capture to try vexo check on");
     add("--move", o.rig.move_mm, "the scene moves by so many mm before the last two frames: a faulty capture");
 }
@@ -160,9 +169,18 @@ void check_exposures(const SimulateOptions& o)
         throw UsageFailure("--exposure: several are for scenes; calibration photos have one");
 }
 
+void check_turntable(const SimulateOptions& o)
+{
+    if (o.turntable == 0) return;
+    if (o.exposures.size() > 1) throw UsageFailure("--turntable: choose one exposure, which all views have");
+    if (!sim::stands_free(o.scene))
+        throw UsageFailure("--turntable: a turntable cannot turn the walls of " + o.scene + "; choose bust or albedo");
+}
+
 sim::RigOptions rig_of(const SimulateOptions& o)
 {
     check_exposures(o);
+    check_turntable(o);
     sim::RigOptions rig = o.rig;
     rig.exposure = o.exposures[0];
     rig.method = method_named(o.method).value();

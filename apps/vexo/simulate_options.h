@@ -18,6 +18,7 @@ struct SimulateOptions {
     std::string method = name_of(sim::RigOptions().method);
     sim::RigOptions rig;
     std::vector<double> exposures { 1 }; ///< several: a capture of the scene at each
+    int turntable = 0;                   ///< captures of the scene on a turntable, evenly around; 0: one as it stands
     std::string patterns, swap, board;
     sim::CalibrationOptions photos;
     std::string robot;

@@ -99,7 +99,8 @@ HandEye solved_for(const std::vector<HandEyePose>& poses, const HandEyeRequest& 
     if (!request.setup && least < poor_fit.mm) // else there is more to be said than that
         findings.push_back({ "setup", clear ? Weight::note : Weight::spoils, "",
             std::string("the poses are those of ") + name_of(best->setup) + ": they fit to " + number(least, 3) + " mm"
-                + (std::isfinite(next) ? ", of the other setup to " + number(next, 3) + " mm" : ""),
+                + (std::isfinite(next) ? ", of the other setup to " + number(next, 3) + " mm" : "")
+                + "; poses of the other setup that are the base's in the gripper are the same numbers",
             clear ? "" : "say --setup eye-in-hand or --setup eye-to-hand: the poses alone do not" });
     return *best;
 }
@@ -226,8 +227,8 @@ std::vector<Finding> check_reading(
     const std::string as_read = describe(request.reading) + "; " + name_of(found.solved.setup);
     if (fits)
         return { { "convention", Weight::spoils, "",
-            "read as " + as_read + ", the poses fit to " + text_of(found.rms) + "; " + other->words + ", they would to "
-                + text_of(other->rms),
+            "read as " + as_read + ", the poses fit to " + text_of(found.rms) + "; " + other->words
+                + ", they would fit to " + text_of(other->rms),
             other->advice } };
     if (level(found.rms, good_fit, poor_fit) != Weight::spoils) return {};
     if (const auto strays = check_strays(views, request, found)) return { *strays };

@@ -33,7 +33,7 @@ std::string options_of(const PoseReading& reading, HandEyeSetup setup)
     if (!form.order.empty()) text += " --rotation " + form.order;
     if (form.has_angles()) text += form.degrees ? " --angles degrees" : " --angles radians";
     text += reading.unit_mm == 1.0 ? " --unit mm" : " --unit m";
-    return text + (reading.inverse ? " --inverse" : "");
+    return text + (reading.inverse ? " --inverse" : "") + (reading.transposed ? " --transposed" : "");
 }
 
 /// Pictures and poses of which each belongs to the next one.
@@ -55,12 +55,14 @@ std::vector<OtherReading> others(const HandEyeRequest& request, HandEyeSetup tri
     std::vector<OtherReading> all;
     for (const RotationForm& form : forms)
         for (const double unit_mm : { 1.0, 1000.0 })
-            for (const HandEyeSetup setup : { tried, other(tried) }) {
-                OtherReading reading { request.reading, setup, 0, {}, "", "" };
-                reading.reading.rotation = form;
-                reading.reading.unit_mm = unit_mm;
-                all.push_back(reading);
-            }
+            for (const bool transposed : { false, true })
+                for (const HandEyeSetup setup : { tried, other(tried) }) {
+                    OtherReading reading { request.reading, setup, 0, {}, "", "" };
+                    reading.reading.rotation = form;
+                    reading.reading.unit_mm = unit_mm;
+                    reading.reading.transposed = transposed;
+                    all.push_back(reading);
+                }
     for (const int shift : { 1, -1 })
         for (const HandEyeSetup setup : { tried, other(tried) }) // poses far off suggest no setup
             all.push_back({ request.reading, setup, shift, {}, "", "" });
@@ -69,7 +71,7 @@ std::vector<OtherReading> others(const HandEyeRequest& request, HandEyeSetup tri
 
 void describe(OtherReading& found, const HandEyeRequest& request)
 {
-    found.words = vexo::describe(found.reading) + "; " + name_of(found.setup);
+    found.words = "as " + vexo::describe(found.reading) + "; " + name_of(found.setup);
     found.advice = "try " + options_of(found.reading, found.setup);
     if (found.shift != 0) {
         found.words

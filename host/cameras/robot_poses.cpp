@@ -218,6 +218,7 @@ PoseReading reading_of(const RobotPoseFile& file, const PoseReadingRequest& requ
     PoseReading reading;
     reading.rotation = form_of(file, request.rotation);
     reading.inverse = request.inverse;
+    reading.transposed = request.transposed;
     complete_angles(file, request, reading);
     complete_unit(file, request, reading);
     if (reading.rotation.by_axis && !rotation_of(reading.rotation, { 0, 0, 0 }))
@@ -234,14 +235,15 @@ PoseReading reading_of(const RobotPoseFile& file, const PoseReadingRequest& requ
 std::string describe(const PoseReading& reading)
 {
     return describe(reading.rotation) + ", " + (reading.unit_mm == 1.0 ? "mm" : "m") + ", "
-        + (reading.inverse ? "the base in the gripper" : "the gripper in the base");
+        + (reading.inverse ? "the base in the gripper" : "the gripper in the base")
+        + (reading.transposed ? ", rotations transposed" : "");
 }
 
 std::optional<cv::Affine3d> robot_pose(const RobotPoseRow& row, const PoseReading& reading)
 {
     const auto R = rotation_of(reading.rotation, row.rotation);
     if (!R) return std::nullopt;
-    const cv::Affine3d pose(*R, reading.unit_mm * row.place);
+    const cv::Affine3d pose(reading.transposed ? R->t() : *R, reading.unit_mm * row.place);
     return reading.inverse ? inverted(pose) : pose;
 }
 

@@ -40,6 +40,7 @@ struct PoseReading {
     RotationForm rotation;
     double unit_mm = 1.0;             ///< 1000 for metres
     bool inverse = false;             ///< the file has gripper_from_base
+    bool transposed = false;          ///< its rotations alone are gripper_from_base, as of conjugated quaternions
     std::vector<std::string> guessed; ///< clauses that say what was neither asked for nor named by the file
 };
 
@@ -49,6 +50,7 @@ struct PoseReadingRequest {
     std::optional<bool> degrees = {};
     std::optional<double> unit_mm = {};
     bool inverse = false;
+    bool transposed = false;
 };
 
 /// Angles above 6.5 are degrees; places that are all within 20 are metres. Throws UsageFailure where nothing says what

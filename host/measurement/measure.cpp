@@ -9,6 +9,7 @@
 #include "host/measurement/disparity_range.h"
 #include "host/measurement/gap_points.h"
 #include "host/measurement/judge.h"
+#include "host/measurement/smoothing.h"
 #include "host/measurement/texture.h"
 
 #include <algorithm>
@@ -264,6 +265,10 @@ Measured measure(const Capture& capture, const Stereo& stereo, const MeasureRequ
     make_precise(work);
     m.uncleaned = m.disparity.clone();
     clean(work);
+    if (request.smooth) {
+        next_step(on_step, "smoothing");
+        smooth_points(m);
+    }
     m.depth = depth_map(m.cloud);
     clock.lap();
     m.findings.insert(m.findings.end(), capture.frames.notes.begin(), capture.frames.notes.end());

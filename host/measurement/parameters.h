@@ -35,7 +35,8 @@ struct MeasureRequest {
     std::optional<int> num_disparities;   ///< sgbm, px
     bool interpolate = false;             ///< phases: fill columns between measured ones
     Cleaning cleaning = Cleaning::standard;
-    bool refine = true; ///< phases of frames, not interpolated: measure each match anew
+    bool refine = true;  ///< phases of frames, not interpolated: measure each match anew
+    bool smooth = false; ///< the same: put each point on the surface around it
 };
 
 /// Where a parameter's value comes from.

@@ -11,6 +11,7 @@
 #include <opencv2/core.hpp>
 
 #include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ struct Precision {
     CandidateCounts candidates;          ///< where a second decoding says otherwise
     long long in_gaps = 0;               ///< points that the fringes of narrow gaps gave
     cv::Mat sigma; ///< CV_32F, standard deviation of the depth by the noise alone, unit of the calibration; NaN: none
+    std::optional<long long> smoothed; ///< points that were put on the surface around them; nothing: not asked for
     double seconds = 0.0;
 };
 

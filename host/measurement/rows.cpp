@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <numeric>
 #include <optional>
 #include <vector>
 
@@ -29,6 +28,10 @@ constexpr double least_texture = 3.0;
 /// Rectification and smoothing leave 0.3 of a grey value's noise. Texture of three times that, and it, correlate by
 /// 0.9.
 constexpr double least_texture_per_noise = 0.95;
+
+/// Mean squared slope along y, per px, over the mean square: a wave of 44 px has as much. What runs slower is the
+/// shading of a bent surface, whose correlation is as high at one shift as at the next.
+constexpr double least_sharpness = 0.02;
 
 /// Right windows of textured surfaces correlate by 0.9 and more, wrong ones seldom by more than a half.
 constexpr double least_correlation = 0.8;
@@ -69,6 +72,13 @@ struct Pictures {
     cv::Mat disparity;
     double least_texture = 0; ///< grey levels
 
+    /// The share of an area that was measured.
+    double measured(const cv::Rect& area) const
+    {
+        const cv::Mat around = disparity(area);
+        return cv::countNonZero(around == around) / static_cast<double>(area.area());
+    }
+
     /// Camera 1 where camera 0 sees (x, y), by the disparity there, or by `otherwise` where none was measured.
     std::optional<float> partner(int x, int y, float otherwise) const
     {
@@ -86,6 +96,7 @@ struct Pictures {
 struct Window {
     cv::Point at { -1, -1 };
     bool textured = false;
+    bool whole = false;          ///< all was measured that its structure is made of
     std::optional<double> shift; ///< px; nothing: no match near the row
 };
 
@@ -110,14 +121,22 @@ std::optional<double> peak_of(const std::array<double, 2 * reach + 1>& values)
     return static_cast<double>(best - values.begin()) - reach + (bend < 0 ? 0.5 * (before - after) / bend : 0.0);
 }
 
-/// What camera 0 has in a window of a measured surface, row by row; empty where it is not measured well enough.
-std::vector<float> own_values(const Pictures& p, cv::Point middle)
+/// What camera 0 has in a window, row by row.
+std::vector<float> own_values(const Pictures& p, const cv::Rect& window)
 {
-    const cv::Rect window(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1);
-    const cv::Mat around = p.disparity(window);
-    if (cv::countNonZero(around == around) < least_measured * static_cast<double>(around.total())) return {};
     const cv::Mat own = p.left(window).clone();
     return { own.begin<float>(), own.end<float>() };
+}
+
+/// Whether a window of that width shows where along y it lies.
+bool has_texture(const std::vector<float>& own, std::size_t columns, double least)
+{
+    double squares = 0.0, slopes = 0.0;
+    for (const float value : own)
+        squares += static_cast<double>(value * value);
+    for (std::size_t i = 2 * columns; i < own.size(); ++i)
+        slopes += std::pow(0.5 * static_cast<double>(own[i] - own[i - 2 * columns]), 2.0);
+    return squares >= least * least * static_cast<double>(own.size()) && slopes >= least_sharpness * squares;
 }
 
 /// The same of camera 1, by `reach` rows higher; empty where some of it lies beside the picture.
@@ -137,10 +156,12 @@ std::vector<float> others_values(const Pictures& p, cv::Point middle)
 Window compare(const Pictures& p, cv::Point middle)
 {
     Window window;
-    const std::vector<float> own = own_values(p, middle);
-    if (own.empty()) return window;
-    const double squares = std::inner_product(own.begin(), own.end(), own.begin(), 0.0);
-    const bool textured = std::sqrt(squares / static_cast<double>(own.size())) >= p.least_texture;
+    const cv::Rect area(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1);
+    if (p.measured(area) < least_measured) return window;
+    const cv::Rect beyond(area.x, area.y - half_height, area.width, area.height + 2 * half_height);
+    window.whole = p.measured(beyond & cv::Rect({}, p.left.size())) == 1.0;
+    const std::vector<float> own = own_values(p, area);
+    const bool textured = has_texture(own, static_cast<std::size_t>(area.width), p.least_texture);
     const std::vector<float> other = textured ? others_values(p, middle) : std::vector<float>();
     if (textured && other.empty()) return window;
     window.at = middle;
@@ -216,10 +237,42 @@ bool runs_off(const RowError& e)
     return runs(e, warn_turn, rows_warn_from);
 }
 
+bool is_off(const RowError& e)
+{
+    return e.found <= least_found || std::abs(e.median) > spoil_above;
+}
+
 bool spoilt(const RowError& e)
 {
-    return e.found <= least_found || std::abs(e.median) > spoil_above || e.scatter > most_scatter
-        || runs(e, most_turn, spoil_above);
+    return is_off(e) || e.scatter > most_scatter || runs(e, most_turn, spoil_above);
+}
+
+/// Windows are found and in the mean right, but contradict one another.
+bool contradicts_itself(const RowError& e)
+{
+    return e.scatter > most_scatter && !is_off(e);
+}
+
+RowError error_of(const std::vector<Window>& windows, cv::Size size)
+{
+    RowError e;
+    e.size = size;
+    std::vector<double> shifts;
+    for (const Window& window : windows) {
+        ++e.windows;
+        e.textured += window.textured ? 1 : 0;
+        if (!window.shift) continue;
+        shifts.push_back(*window.shift);
+        e.shifts.push_back({ window.at, *window.shift });
+    }
+    if (shifts.empty()) return e;
+    e.found = static_cast<double>(shifts.size()) / e.textured;
+    e.median = median(shifts);
+    for (double& shift : shifts)
+        shift = std::abs(shift - e.median);
+    e.scatter = 1.4826 * median(shifts);
+    fit_plane(windows, size, e);
+    return e;
 }
 
 std::string figures_of(const RowError& e)
@@ -244,6 +297,9 @@ std::pair<std::string, std::string> cause_of(const RowError& e, bool exchanged_f
                 + " px from top to bottom: a mixed capture (the scene moved between the cameras' frames), or a foreign "
                   "calibration",
             "record both cameras' frames at once, and measure with the calibration of these cameras" };
+    if (contradicts_itself(e) && !runs_off(e))
+        return { "a foreign calibration: the row errors differ from place to place",
+            "measure with the calibration of these cameras" };
     return { runs_off(e) ? "a foreign or stale calibration: one camera has rolled against the other, by "
                 + number(std::abs(e.b), 1) + " px over the picture"
                          : "a foreign or stale calibration: one camera has turned up or down since",
@@ -306,25 +362,13 @@ RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& dis
 {
     const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity,
         std::max(least_texture, least_texture_per_noise * noise) };
-    const std::vector<Window> windows = compare_all(pictures);
-    RowError e;
-    e.size = left.size();
-    std::vector<double> shifts;
-    for (const Window& window : windows) {
-        ++e.windows;
-        e.textured += window.textured ? 1 : 0;
-        if (!window.shift) continue;
-        shifts.push_back(*window.shift);
-        e.shifts.push_back({ window.at, *window.shift });
-    }
-    if (shifts.empty()) return e;
-    e.found = static_cast<double>(shifts.size()) / e.textured;
-    e.median = median(shifts);
-    for (double& shift : shifts)
-        shift = std::abs(shift - e.median);
-    e.scatter = 1.4826 * median(shifts);
-    fit_plane(windows, left.size(), e);
-    return e;
+    std::vector<Window> windows = compare_all(pictures);
+    const RowError all = error_of(windows, left.size());
+    if (!contradicts_itself(all)) return all;
+    // What holds some outline shows it where either camera sees it.
+    windows.erase(
+        std::remove_if(windows.begin(), windows.end(), [](const Window& w) { return !w.whole; }), windows.end());
+    return error_of(windows, left.size());
 }
 
 } // namespace vexo

@@ -4,6 +4,7 @@
 #include "base/pictures.h"
 #include "base/statistics.h"
 #include "base/text.h"
+#include "host/clouds/smooth.h"
 #include "host/files/ply.h"
 #include "host/reports/cause_words.h"
 #include "host/reports/false_colour.h"
@@ -102,7 +103,9 @@ void add_files(OutputFolder& out, const Capture& capture, const Measured& m, Jso
             } },
         { "cloud.ply",
             [&] {
-                return make_ply(m.cloud.points, m.texture, "vexo: axes of rectified camera 0, unit " + m.unit.name,
+                return make_ply(m.cloud.points, m.texture,
+                    "vexo: axes of rectified camera 0, unit " + m.unit.name
+                        + (m.precision.smoothed ? std::string(", ") + how_smoothed : ""),
                     m.precision.sigma);
             } },
         { "depth_view.png", [&] { return png(view_of(m.depth, "depth [" + m.unit.name + "]")); } },

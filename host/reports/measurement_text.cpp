@@ -91,6 +91,10 @@ void add_precision(std::vector<std::string>& lines, const Measured& m, const Jso
         lines.push_back("decoded      once more, by pixels: " + grouped(p.candidates.added) + " points added, "
             + grouped(p.candidates.exchanged) + " matched otherwise, " + grouped(p.candidates.dropped)
             + " without support");
+    if (p.smoothed)
+        lines.push_back("smoothed     " + grouped(*p.smoothed)
+            + " points by quadratics over 7 x 7 px; sigma is that of "
+              "the fit, and neighbours are off alike");
     if (p.sigma.empty())
         lines.push_back("sigma        none: " + p.why_none);
     else

@@ -4,6 +4,7 @@
 #include "host/cameras/unit.h"
 #include "host/clouds/mesh.h"
 #include "host/clouds/normals.h"
+#include "host/clouds/smooth.h"
 #include "host/files/shape_format.h"
 #include "host/results/frame.h"
 #include "host/results/result_maps.h"
@@ -144,6 +145,7 @@ Converted convert(const std::string& folder, const ConvertRequest& request, cons
     shape.unit = unit.name;
     shape.in_mm = unit.in_mm;
     shape.notes = { "vexo: unit " + (format.metres_y_up ? "m" : unit.name), "axes: " + frame.words };
+    if (is_smoothed(r)) shape.notes.emplace_back(how_smoothed);
     next_step(on_step, "making the file");
     return { format.make(shape), figures_of(shape, format, request, frame) };
 }

@@ -73,6 +73,12 @@ void refuse_empty(const Result& r)
     throw Failure(nothing + "; most pixels: " + words_of(worst) + "; " + remedy_of(worst, *method));
 }
 
+bool is_smoothed(const Result& r)
+{
+    const Json::json_pointer where("/parameters/smooth");
+    return r.report.contains(where) && r.report[where] == true;
+}
+
 Result read_result(const std::string& folder)
 {
     Result r;

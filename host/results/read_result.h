@@ -30,6 +30,9 @@ struct Result {
 /// Throws Failure when the result holds no points: with the cause and its remedy, as far as the report says them.
 void refuse_empty(const Result& result);
 
+/// Whether neighbours are off alike, because they were smoothed.
+bool is_smoothed(const Result& result);
+
 /// Reads report.json and cloud.ply. Throws Failure that names the file.
 Result read_result(const std::string& folder);
 

@@ -80,6 +80,7 @@ void add_precision(const Measured& m, Json& report)
         { "samples_2", p.samples[2] }, { "dropped", p.samples[0] }, { "in_gaps", p.in_gaps } };
     report["second_decoding"] = { { "added", p.candidates.added }, { "exchanged", p.candidates.exchanged },
         { "dropped", p.candidates.dropped } };
+    report["smoothing"] = { { "points", p.smoothed.value_or(0) } };
     report["sigma"] = { { "why_none", p.why_none } };
     if (p.sigma.empty()) return;
     const std::vector<float> values = finite_values(p.sigma);
@@ -174,6 +175,7 @@ Json make_report(
     report["parameters"]["interpolate"] = request.interpolate;
     report["parameters"]["refine"] = m.precision.refined;
     report["parameters"]["clean"] = name_of(request.cleaning);
+    report["parameters"]["smooth"] = m.precision.smoothed.has_value();
     report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
         { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
         { "parameters", hash_of(report["parameters"]) } };

@@ -322,11 +322,13 @@ TEST(HandEyeChecks, FindTheConventionThatFitsAndAreContentWithTheRightOne)
         PoseReadingRequest right, wrong;
         std::string advice;
     };
-    PoseReadingRequest radians { "ZYX" }, metres { "xyzw" };
+    PoseReadingRequest radians { "ZYX" }, metres { "xyzw" }, transposed { "xyzw" };
+    transposed.transposed = true;
     radians.degrees = false;
     metres.unit_mm = 1000;
     for (const Case& c : { Case { "", as_xyzw, { "xyzw" }, { "wxyz" }, "--rotation xyzw" },
              Case { "", as_xyzw, { "xyzw" }, metres, "--unit mm" },
+             Case { "", as_xyzw, { "xyzw" }, transposed, "they would fit" },
              Case { named, as_zyx_degrees, { "ZYX" }, { "XYZ" }, "--rotation ZYX --angles degrees" },
              Case { named, as_zyx_degrees, { "ZYX" }, radians, "--rotation ZYX --angles degrees" },
              Case { "", as_zyx_degrees, { "ZYX" }, { "ZYZ" }, "--rotation ZYX --angles degrees" },

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
+#include <cmath>
+
 namespace {
 
 using namespace vexo;
@@ -81,15 +83,35 @@ TEST_F(Rows, OfAPlainWallOrOfNothingAreUnknownAndNeverGood)
     cv::Mat wall(height, width, CV_8U); // its light falls off from top to bottom
     for (int y = 0; y < height; ++y)
         wall.row(y).setTo(200 - y / 3);
+    cv::Mat bent(height, width, CV_8U); // a ball's shading
+    for (int y = 0; y < height; ++y)
+        bent.row(y).setTo(128 + 60 * std::cos(2 * CV_PI * y / 80));
     const cv::Mat everywhere(height, width, CV_32F, cv::Scalar(12.5)), nowhere(height, width, CV_32F, std::nanf(""));
     for (const RowError& e : { test_rows(noisy(wall), noisy(wall), everywhere, 1.5),
              test_rows(noisy(wall, 11), noisy(wall, 11), everywhere, grey_noise(noisy(wall, 11))),
-             test_rows(left, left, nowhere, 0),
+             test_rows(noisy(bent), noisy(bent), everywhere, 1.5), test_rows(left, left, nowhere, 0),
              test_rows(left.rowRange(0, 20), left.rowRange(0, 20), everywhere.rowRange(0, 20), 0) }) {
         EXPECT_FALSE(e.tested() || e.fits()) << e.textured;
         EXPECT_EQ(judge_rows(e).weight, Weight::unknown);
         EXPECT_NE(judge_rows(e).text.find("not tested: no texture"), std::string::npos);
     }
+}
+
+TEST_F(Rows, OfOutlinesThatLieElsewhereForEachCameraAreUnknown)
+{
+    cv::Mat one(height, width, CV_8U, cv::Scalar(150)), other = one.clone();
+    cv::Mat disparity(height, width, CV_32F, cv::Scalar(0));
+    for (int y = 20; y < height - 20; y += 37)
+        for (int x = 0; x < width; ++x) { // gaps of three rows, seen up to 5 px higher or lower
+            one(cv::Rect(x, y, 1, 3)).setTo(115);
+            disparity(cv::Rect(x, y, 1, 3)).setTo(std::nanf(""));
+            other(cv::Rect(x, y + x / 40 % 11 - 5, 1, 3)).setTo(115);
+        }
+    const RowError e = test_rows(noisy(one), noisy(other), disparity, 1.5);
+    EXPECT_EQ(judge_rows(e).weight, Weight::unknown) << judge_rows(e).text;
+    disparity.setTo(0); // a stripe of the surface, seen in other rows here than there
+    const RowError bent = test_rows(noisy(one), noisy(other), disparity, 1.5);
+    EXPECT_EQ(judge_rows(bent).weight, Weight::spoils) << judge_rows(bent).text;
 }
 
 } // namespace
