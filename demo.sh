@@ -40,6 +40,26 @@ for method in multi-phase sgbm; do
   run $vexo compare $out/$method/result $out/$method/scan
 done
 
+title "4. one object from eight sides, with poses from a turntable's axis, merged; and a mesh for other programs"
+run $vexo simulate bust --turntable 8 --size 640x512 --period 16 --out $out/turns
+views=""
+for view in 0 1 2 3 4 5 6 7; do
+  $vexo measure $out/turns/view$view --out $out/turned/view$view --quiet
+  views="$views $out/turned/view$view"
+done
+run $vexo merge $views --poses $out/turns/turntable.yaml --out $out/merged
+run $vexo convert $out/bust/result --to $out/bust/mesh.glb
+
+title "5. several exposures of a bust that is dark and bright in stripes"
+run $vexo simulate albedo --exposure 0.25,1,4 --out $out/exposures
+run $vexo measure --exposures $out/exposures/e0.25 $out/exposures/e1 $out/exposures/e4 --out $out/exposed
+run $vexo compare $out/exposed $out/exposures/e1
+
+title "6. where the camera is on a robot's gripper"
+run $vexo simulate calibration --robot eye-in-hand --views 15 --board $out/board.yaml --out $out/robot
+run $vexo handeye --poses $out/robot/poses.csv --board $out/calib/board.yaml --photos $out/robot --calib $out/calib \
+  --out $out/hand
+
 title "figures with the true cameras"
 $vexo table $out/plane/result $out/bust/result $out/spheres/result
 title "figures with the calibrated cameras"

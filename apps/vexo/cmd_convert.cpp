@@ -52,14 +52,22 @@ std::vector<std::string> lines_of(const Json& figures)
         ? "mesh         " + vertices + " vertices, " + grouped(figures["triangles"].get<long long>()) + " triangles"
         : "points       " + vertices;
     const std::string axes = figures["axes"] == "x, y, z" ? "" : ", written as " + figures["axes"].get<std::string>();
-    return { counts, "bounds       " + bounds + " " + unit_name,
-        "axes         " + figures["frame"].get<std::string>() + axes };
+    std::vector<std::string> lines { counts };
+    if (const auto smoothed = figures["smoothed"].get<long long>(); smoothed > 0)
+        lines.push_back(
+            "smoothed     " + grouped(smoothed) + " points by quadratics over 7 x 7 px; sigma is that of the fit");
+    lines.push_back("bounds       " + bounds + " " + unit_name);
+    lines.push_back("axes         " + figures["frame"].get<std::string>() + axes);
+    return lines;
 }
 
 void run(const GlobalOptions& global, const Typed& o)
 {
     const ConvertRequest request = request_of(o);
     const fs::path file(request.file);
+    std::error_code ignored;
+    if (fs::equivalent(file, fs::path(o.result) / "cloud.ply", ignored))
+        throw UsageFailure(request.file + ": is the cloud that the file is made of; name another file");
     const std::string folder = file.has_parent_path() ? file.parent_path().string() : ".";
     const std::string name = file.filename().string();
     OutputFolder out(folder, { "convert " + name, {}, {}, true, global.force });
@@ -80,6 +88,8 @@ void add_convert(CLI::App& app, GlobalOptions& global)
 {
     auto o = std::make_shared<Typed>();
     ConvertRequest& r = o->request;
+    const CLI::Validator something(
+        [](const std::string& text) { return text.empty() ? "is empty" : std::string(); }, "");
     CLI::App* cmd
         = app.add_subcommand("convert", "result -> mesh or cloud for other programs: PLY STL GLB OBJ PCD XYZ");
     cmd->add_option("result", o->result, "folder that vexo measure wrote")->required();
@@ -90,13 +100,17 @@ void add_convert(CLI::App& app, GlobalOptions& global)
     cmd->add_option("--frame", r.frame,
            "board: the axes of boardRT.yaml in the calibration's folder; or a file with a frame's place in the "
            "camera's axes, 4 x 4")
+        ->check(something)
         ->type_name("board|FILE");
     cmd->add_option("--calib", r.calibration, "for --frame board: folder of the calibration (default: as measured)")
+        ->check(something)
         ->type_name("DIR");
     cmd->add_option("--box", o->box, "only points within X0 Y0 Z0 X1 Y1 Z1, mm in the axes of cloud.ply")
         ->type_name("X0 .. Z1")
         ->expected(6);
     cmd->add_option("--every", r.every, "each Nth point of a cloud")->type_name("N")->capture_default_str();
+    cmd->add_flag("--smooth", r.smooth,
+        "put each point on the surface around it, as vexo measure --smooth does: less noise, but smaller detail goes");
     add_force(*cmd, global);
     finish_command(*cmd, global,
         "vexo convert result --to mesh.glb\n"

@@ -35,8 +35,7 @@ void run(const GlobalOptions& global, MeasureOptions o)
     reject_foreign(o, choice.method);
     record_of(
         o.request, choice.method, o.files.decoded, periods_said_in(o.files.folder)); // refuses what nothing can be
-    OutputFolder out(
-        o.out, { "measure", { "report.json" }, { "compare", "convert" }, false, global.force });
+    OutputFolder out(o.out, { "measure", { "report.json" }, { "compare", "convert" }, false, global.force });
     for (const CaptureFiles& files : o.sets.empty() ? std::vector<CaptureFiles> { o.files } : o.sets)
         out.stay_out_of(all_pictures(files));
 

@@ -13,6 +13,7 @@ void add_simulate(CLI::App& app, GlobalOptions& options);
 void add_measure(CLI::App& app, GlobalOptions& options);
 void add_compare(CLI::App& app, GlobalOptions& options);
 void add_convert(CLI::App& app, GlobalOptions& options);
+void add_merge(CLI::App& app, GlobalOptions& options);
 void add_table(CLI::App& app, GlobalOptions& options);
 void add_drift(CLI::App& app, GlobalOptions& options);
 void add_info(CLI::App& app, GlobalOptions& options);

@@ -52,6 +52,7 @@ int run(int argc, char** argv)
     vexo::app::add_measure(app, options);
     vexo::app::add_compare(app, options);
     vexo::app::add_convert(app, options);
+    vexo::app::add_merge(app, options);
     vexo::app::add_table(app, options);
     vexo::app::add_drift(app, options);
     vexo::app::add_info(app, options);

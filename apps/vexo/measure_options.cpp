@@ -193,7 +193,8 @@ void complete(MeasureOptions& o)
         throw UsageFailure("name a folder with cam0/, cam1/ and cameras.yaml, or give --calib, --cam0 and --cam1");
     complete_cameras(o.files.folder, o.files.cam0, o.files.cam1);
     if (o.request.smooth && (o.files.decoded || o.request.interpolate))
-        throw UsageFailure("--smooth weighs points by their sigma, which nothing says with --decoded or --interpolate");
+        throw UsageFailure(
+            "--smooth weighs points by their sigma, and with --decoded or --interpolate they have no sigma");
     if (o.files.decoded && (!o.files.order.empty() || o.files.bits))
         throw UsageFailure("--decoded: maps have neither --order nor --bits");
     if (!o.calib.given()) o.calib.files = { (fs::path(o.files.folder) / "cameras.yaml").string() };

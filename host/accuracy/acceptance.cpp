@@ -42,7 +42,8 @@ Json to_json(const Region& region)
 }
 
 /// What the predictions do not know.
-std::vector<Finding> unknowns(const Judged& judged, const Result& result)
+/// @param lengths  a diameter is asked for
+std::vector<Finding> unknowns(const Judged& judged, const Result& result, bool lengths)
 {
     const Json::json_pointer why("/sigma/why_none");
     std::vector<Finding> findings;
@@ -53,6 +54,12 @@ std::vector<Finding> unknowns(const Judged& judged, const Result& result)
                 + (said ? ": " + result.report[why].get<std::string>() : std::string()),
             "measure frames of a phase method" });
     }
+    if (judged.smoothed)
+        findings.push_back({ "smoothed", lengths ? Weight::unknown : Weight::note, "",
+            std::string(
+                "the points were smoothed: neighbours are off alike, and what bends over few pixels is flattened")
+                + (lengths ? "; how far off a diameter or a distance may be cannot be predicted" : ""),
+            "measure without --smooth" });
     if (!judged.share)
         findings.push_back({ "calibration-share", Weight::unknown, "",
             "what the calibration itself is off by is "
@@ -87,7 +94,7 @@ Accepted accept(const std::string& result_folder, const AcceptanceRequest& reque
     next_step(on_step, "fitting");
     const BodyCheck check = check_body(judged, request);
     Accepted accepted;
-    accepted.findings = unknowns(judged, result);
+    accepted.findings = unknowns(judged, result, request.body == Body::ball || request.body == Body::balls);
     accepted.findings.insert(accepted.findings.end(), check.findings.begin(), check.findings.end());
     Json acceptance { { "body", name_of(request.body) }, { "region", to_json(request.region) },
         { "points", judged.points.size() },

@@ -53,7 +53,8 @@ Json described(const Judged& judged, const BallFit& fit, double nominal, const s
 {
     Expectation diameter { fit.diameter, fit.diameter_sigma, of_length(judged, fit.centre[2], nominal), nominal };
     Expectation form { fit.rms, fit.noise, 0.0 }; // a ball is too small for a calibration to bend it
-    if (!judged.sigma_known) diameter.noise = form.noise = std::nullopt;
+    if (!judged.sigma_known) form.noise.reset();
+    if (!judged.predicts_lengths()) diameter.noise.reset();
     Json json { { "name", name } };
     json.update(expectation_json(diameter));
     json.update({ { "centre_mm", std::vector<double>(fit.centre.val, fit.centre.val + 3) },
@@ -68,7 +69,7 @@ Json describe_distance(const Judged& judged, const std::vector<BallFit>& fits, d
     const double variance = along.dot((fits[0].centre_covariance + fits[1].centre_covariance) * along);
     const double depth = 0.5 * (fits[0].centre[2] + fits[1].centre[2]);
     Expectation distance { cv::norm(apart), std::sqrt(variance), of_length(judged, depth, nominal), nominal };
-    if (!judged.sigma_known) distance.noise.reset();
+    if (!judged.predicts_lengths()) distance.noise.reset();
     Json json { { "name", "distance of the balls" } };
     json.update(expectation_json(distance));
     return json;

@@ -18,11 +18,15 @@ struct Judged {
     std::string folder;          ///< for failures
     std::vector<Sighted> points; ///< of the region
     bool sigma_known = false;
+    bool smoothed = false;      ///< neighbours are off alike, and bodies are rounded off
     double without_sigma = 0.0; ///< share of the region's points that have none, and are left out
     double unsure = 0.0;        ///< the same of those with five times the middle sigma or more: edges, mostly
     Sight sight;
     std::optional<CalibrationShare> share; ///< nothing: unknown, or not valid
     StatedShare stated_share;              ///< as the report has it
+
+    /// Whether sigma lets one expect how far off a length is that is fitted to many points.
+    bool predicts_lengths() const { return sigma_known && !smoothed; }
 };
 
 /// Throws Failure when fewer than `fewest` points lie in the region.

@@ -51,7 +51,7 @@ Json expectation_json(const Expectation& e)
     json["calibration_mm"] = known(e.calibration);
     json["ratio"] = known(ratio);
     const bool share = e.calibration.has_value();
-    json["says"] = !ratio ? "unknown: the points have no sigma"
+    json["says"] = !ratio ? "unknown: nothing says what the noise does to it"
         : e.nominal       ? words_of_one(*ratio, share)
                           : words_of_rms(*ratio, share);
     return json;

@@ -1,14 +1,12 @@
 #include "host/accuracy/result_in_mm.h"
 
-#include "host/cameras/unit.h"
-
 namespace vexo {
 
 Result read_result_in_mm(const std::string& folder)
 {
     Result r = read_result(folder);
     refuse_empty(r);
-    const double factor = unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit").in_mm;
+    const double factor = unit_of(r).in_mm;
     r.baseline *= factor;
     for (cv::Point3f& point : r.cloud)
         point *= factor;

@@ -1,5 +1,6 @@
 #include "host/cameras/rigid_file.h"
 
+#include "base/boundary.h"
 #include "base/failure.h"
 #include "base/plain_yaml.h"
 #include "base/whole_file.h"
@@ -42,7 +43,8 @@ cv::Matx44d numbers_of(const std::string& path)
 {
     cv::FileStorage yaml;
     cv::Mat matrix;
-    if (open_yaml(path, yaml) && read_matrix(yaml, "RT", 4, 4, matrix)) return matrix;
+    const auto read = [&] { return read_matrix(yaml, "RT", 4, 4, matrix); };
+    if (open_yaml(path, yaml) && failure_if_opencv_throws(path + what_it_is, read)) return matrix;
     const std::vector<double> numbers = numbers_in(path);
     if (numbers.size() != 16) throw Failure(path + what_it_is);
     return cv::Matx44d(numbers.data());

@@ -1,10 +1,12 @@
 #include "host/clouds/normals.h"
 
 #include "base/parallel.h"
+#include "host/clouds/shared_noise.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <vector>
 
 namespace vexo {
 
@@ -27,13 +29,45 @@ cv::Mat_<float> variances(cv::Size size, const cv::Mat& sigma)
     return variance;
 }
 
+constexpr int side = 2 * reach + 1;
+
+/// The plane d = a x + b y + c through a whole window is the sum of these times d, (dx, dy) after (dx - 1, dy): the
+/// best linear unbiased fit to points that share their noise (Aitken, Proc. Royal Society of Edinburgh 55 (1935) 42).
+std::vector<cv::Vec3d> whole_window()
+{
+    constexpr int n = side * side;
+    const SharedNoise shared;
+    cv::Mat_<double> covariance(n, n, 0.0), terms(n, 3), weighted;
+    for (int i = 0; i < n; ++i) {
+        terms(i, 0) = i % side - reach;
+        terms(i, 1) = i / side - reach;
+        terms(i, 2) = 1.0;
+        for (int j = 0; j < n; ++j)
+            if (const int dy = std::abs(i / side - j / side); dy <= SharedNoise::rows)
+                covariance(i, j) = shared(i % side - j % side, dy);
+    }
+    cv::solve(covariance, terms, weighted, cv::DECOMP_CHOLESKY);
+    const cv::Mat fit = cv::Mat(terms.t() * weighted).inv() * weighted.t();
+    std::vector<cv::Vec3d> parts;
+    for (int i = 0; i < n; ++i)
+        parts.emplace_back(fit.at<double>(0, i), fit.at<double>(1, i), fit.at<double>(2, i));
+    return parts;
+}
+
 /// Sums of weighted least squares of d = a x + b y + c.
 struct PlaneSums {
+    const std::vector<cv::Vec3d>& parts; ///< whole_window()
+    cv::Vec3d whole {};
+    float least = std::numeric_limits<float>::max(), most = 0.0F; ///< of the variances
     double w = 0, x = 0, y = 0, xx = 0, xy = 0, yy = 0, d = 0, xd = 0, yd = 0;
     int count = 0;
 
-    void add(int dx, int dy, double off, double weight)
+    void add(int dx, int dy, double off, float variance)
     {
+        const double weight = 1.0 / static_cast<double>(variance);
+        whole += off * parts[static_cast<std::size_t>((dy + reach) * side + dx + reach)];
+        least = std::min(least, variance);
+        most = std::max(most, variance);
         w += weight;
         x += weight * dx;
         y += weight * dy;
@@ -49,9 +83,14 @@ struct PlaneSums {
     /// a, b and c; false where the pixels lie in a line.
     bool solve(cv::Vec3d& plane) const
     {
-        constexpr double least = 1e-6; // of a determinant over the product of its diagonal: 1 for a full window
+        constexpr double least_spread = 1e-6; // of a determinant over the product of its diagonal: 1 for a full window
+        constexpr float alike = 3.6F; // that much the fractions alone, at which samples are read, make of variances
+        if (count == side * side && most <= alike * least) {
+            plane = whole;
+            return true;
+        }
         const cv::Matx33d A(xx, xy, x, xy, yy, y, x, y, w);
-        if (count < 3 || !(cv::determinant(A) > least * xx * yy * w)) return false;
+        if (count < 3 || !(cv::determinant(A) > least_spread * xx * yy * w)) return false;
         plane = A.solve(cv::Vec3d(xd, yd, d), cv::DECOMP_CHOLESKY);
         return true;
     }
@@ -62,11 +101,12 @@ struct Maps {
     const cv::Mat& disparity;
     const cv::Mat_<float> variance;
     const DisparityScale& scale;
+    const std::vector<cv::Vec3d> parts = whole_window();
 
     PlaneSums sums_around(int y, int x) const
     {
         const float own = disparity.at<float>(y, x), own_variance = variance(y, x);
-        PlaneSums sums;
+        PlaneSums sums { parts };
         for (int j = std::max(0, y - reach); j <= std::min(disparity.rows - 1, y + reach); ++j) {
             const float *row = disparity.ptr<float>(j), *row_variance = variance.ptr<float>(j);
             for (int i = std::max(0, x - reach); i <= std::min(disparity.cols - 1, x + reach); ++i) {
@@ -75,7 +115,7 @@ struct Maps {
                 const auto dx = static_cast<float>(i - x), dy = static_cast<float>(j - y);
                 const float beyond = std::abs(off) - std::sqrt(dx * dx + dy * dy);
                 if (beyond > 0.0F && beyond * beyond > 9.0F * (row_variance[i] + own_variance)) continue;
-                sums.add(i - x, j - y, static_cast<double>(off), 1.0 / static_cast<double>(row_variance[i]));
+                sums.add(i - x, j - y, static_cast<double>(off), row_variance[i]);
             }
         }
         return sums;

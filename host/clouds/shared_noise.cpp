@@ -4,6 +4,23 @@ namespace vexo {
 
 namespace {
 
+/// What two samples have in common that are so far apart.
+double between(int d)
+{
+    return d == 0 ? 2.0 / 3.0 : std::abs(d) == 1 ? 1.0 / 6.0 : 0.0;
+}
+
+/// The same of two lines through five samples each.
+double of_lines(int dx)
+{
+    constexpr double t_squared = 1.0 / 12.0;
+    double sum = 0.0;
+    for (int i = -2; i <= 2; ++i)
+        for (int j = -2; j <= 2; ++j)
+            sum += (0.04 + 0.01 * t_squared * i * j) * between(dx + j - i);
+    return sum;
+}
+
 /// Residuals at their pixels, NaN elsewhere.
 cv::Mat picture_of(
     const std::vector<Sighted>& points, const std::vector<std::size_t>& which, const std::vector<double>& residuals)
@@ -35,6 +52,14 @@ double covariance(const cv::Mat& picture, int dx, int dy)
 }
 
 } // namespace
+
+SharedNoise::SharedNoise()
+{
+    for (int dx = 0; dx <= columns; ++dx)
+        for (int dy = 0; dy <= rows; ++dy)
+            _share[static_cast<std::size_t>(dx)][static_cast<std::size_t>(dy)]
+                = between(dy) * (between(dx) + of_lines(dx)) / (between(0) * (between(0) + of_lines(0)));
+}
 
 double points_as_one(
     const std::vector<Sighted>& points, const std::vector<std::size_t>& which, const std::vector<double>& residuals)

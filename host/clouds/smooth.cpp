@@ -1,6 +1,7 @@
 #include "host/clouds/smooth.h"
 
 #include "base/parallel.h"
+#include "host/clouds/shared_noise.h"
 
 #include <algorithm>
 #include <array>
@@ -55,44 +56,6 @@ cv::Mat_<float> without_fractions(const cv::Mat& sigma)
                 mean(y, x) = std::clamp(std::exp(sum(y, x) / count(y, x)), mean(y, x) / 1.45F, mean(y, x) / 0.76F);
     return mean;
 }
-
-/// How much of their noise two points have in common that are `dx` columns and `dy` rows apart: 1 for a point and
-/// itself. A sample is read between two pixels at a fraction u of the way, so it has (1-u)^2 + u^2 of a pixel's
-/// variance, 2/3 in the mean, and u (1-u), 1/6, in common with the next: across rows in both cameras, along them in
-/// camera 0. In camera 1 a line through five samples is read at t, within half a px of its middle: their weights are
-/// 0.2 + 0.1 t j. Both cameras are taken to be of one noise.
-class SharedNoise {
-public:
-    static constexpr int columns = 2 * reach, rows = 1; // beyond, points of one window share nothing that counts
-
-    SharedNoise()
-    {
-        for (int dx = 0; dx <= columns; ++dx)
-            for (int dy = 0; dy <= rows; ++dy)
-                _share[static_cast<std::size_t>(dx)][static_cast<std::size_t>(dy)]
-                    = _between(dy) * (_between(dx) + _of_line(dx)) / (_between(0) * (_between(0) + _of_line(0)));
-    }
-
-    double operator()(int dx, int dy) const
-    {
-        return _share[static_cast<std::size_t>(std::abs(dx))][static_cast<std::size_t>(dy)];
-    }
-
-private:
-    static double _between(int d) { return d == 0 ? 2.0 / 3.0 : std::abs(d) == 1 ? 1.0 / 6.0 : 0.0; }
-
-    static double _of_line(int dx)
-    {
-        constexpr double t_squared = 1.0 / 12.0;
-        double sum = 0.0;
-        for (int i = -2; i <= 2; ++i)
-            for (int j = -2; j <= 2; ++j)
-                sum += (0.04 + 0.01 * t_squared * i * j) * _between(dx + j - i);
-        return sum;
-    }
-
-    std::array<std::array<double, rows + 1>, columns + 1> _share {};
-};
 
 using Window = std::array<std::array<double, side>, side>; // row, column
 

@@ -40,13 +40,14 @@ std::vector<cv::Point3f> in_metres_y_up(const Shape& shape)
 
 std::vector<unsigned char> make_ply(const Shape& shape)
 {
-    ByteFile file(400 + shape.points.size() * 31 + shape.triangles.size() * 13);
+    ByteFile file(400 + shape.points.size() * 32 + shape.triangles.size() * 13);
     file.text("ply\nformat binary_little_endian 1.0\n" + comments(shape, "comment ") + "element vertex "
         + std::to_string(shape.points.size())
         + "\nproperty float x\nproperty float y\nproperty float z\n"
           "property float nx\nproperty float ny\nproperty float nz\n"
           "property uchar red\nproperty uchar green\nproperty uchar blue\n"
-        + (shape.sigma.empty() ? "" : "property float sigma\n"));
+        + (shape.sigma.empty() ? "" : "property float sigma\n")
+        + (shape.view.empty() ? "" : "property uchar view\n"));
     if (shape.is_mesh())
         file.text(
             "element face " + std::to_string(shape.triangles.size()) + "\nproperty list uchar int vertex_indices\n");
@@ -56,6 +57,7 @@ std::vector<unsigned char> make_ply(const Shape& shape)
         file.put(shape.normals[i]);
         file.put(cv::Vec3b::all(shape.grey[i]));
         if (!shape.sigma.empty()) file.put(shape.sigma[i]);
+        if (!shape.view.empty()) file.put(shape.view[i]);
     }
     for (const auto& triangle : shape.triangles) {
         file.put(static_cast<unsigned char>(triangle.size()));

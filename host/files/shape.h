@@ -15,6 +15,7 @@ struct Shape {
     std::vector<cv::Vec3f> normals;                      ///< of unit length, outwards, as many as points
     std::vector<unsigned char> grey;                     ///< as many
     std::vector<float> sigma;                            ///< of the depth, NaN: not known; as many, or none
+    std::vector<unsigned char> view;                     ///< number of the view it is from; as many, or none
     std::vector<std::array<std::uint32_t, 3>> triangles; ///< counter-clockwise from outside; none: a cloud
     std::string unit;                                    ///< of all lengths, by its name
     double in_mm = 1.0;                                  ///< mm of one of it
@@ -35,10 +36,13 @@ inline cv::Vec3f y_up(const cv::Vec3f& v)
     return { v[0], -v[1], -v[2] };
 }
 
+/// What y_up() makes of x, y, z.
+constexpr const char* y_up_axes = "x, -y, -z";
+
 /// The points of a GLB: metres, y up.
 std::vector<cv::Point3f> in_metres_y_up(const Shape& shape);
 
-/// Binary PLY, little-endian: x y z nx ny nz, the grey as red green blue, sigma, and faces.
+/// Binary PLY, little-endian: x y z nx ny nz, the grey as red green blue, sigma, view, and faces.
 std::vector<unsigned char> make_ply(const Shape& shape);
 
 /// Binary STL: triangles with their normals; the unit is in its header. Nothing else has room.

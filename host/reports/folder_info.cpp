@@ -33,6 +33,7 @@ bool holds(const std::string& folder, const char* name)
 std::string kind_of(const std::string& folder)
 {
     const auto has = [&folder](const char* name) { return holds(folder, name); };
+    if (has("report.json") && has("mesh.ply") && !has("depth.tiff")) return "several results, merged";
     if (has("report.json")) return has("cameras.yaml") ? "calibration" : "result of a measurement";
     if (has("patterns.json")) return "patterns to project";
     if (has("cam0") && has("cam1"))
@@ -114,6 +115,13 @@ void add_cameras(const InfoRequest& o, Json& info)
         add_view(info, cameras[0].size, r.P0(0, 0), r.baseline, depth);
     else
         info["baseline"] = r.baseline;
+}
+
+void add_merged(const std::string& folder, Json& info)
+{
+    const Json report = read_json((fs::path(folder) / "report.json").string());
+    for (const char* key : { "unit", "verdict", "points" })
+        if (report.contains(key)) info[key] = report[key];
 }
 
 void add_result(const InfoRequest& o, Json& info)
@@ -206,6 +214,7 @@ Json describe_folder(const InfoRequest& o)
     if (kind.empty() && info["whole"].is_null())
         throw Failure(o.file + ": holds nothing that this program wrote, and no frames in cam0 and cam1");
     if (kind == "result of a measurement") add_result(o, info);
+    if (kind == "several results, merged") add_merged(o.file, info);
     if (holds(o.file, "cam0") && holds(o.file, "cam1")) add_frames(o.file, info);
     if (holds(o.file, "cameras.yaml")) add_cameras(o, info);
     return info;

@@ -1,16 +1,17 @@
 #include "host/results/convert.h"
 
 #include "base/text.h"
-#include "host/cameras/unit.h"
 #include "host/clouds/mesh.h"
 #include "host/clouds/normals.h"
 #include "host/clouds/smooth.h"
+#include "host/files/marker.h"
 #include "host/files/shape_format.h"
 #include "host/results/frame.h"
 #include "host/results/result_maps.h"
 
 #include <cmath>
 #include <limits>
+#include <sstream>
 
 namespace vexo {
 
@@ -22,12 +23,47 @@ struct Surface {
     cv::Mat_<cv::Vec3f> normals;
     cv::Mat_<float> depth; ///< NaN, too, where a point lies outside the box
     DisparityScale scale;
+    long long smoothed = 0; ///< points that were put on the surface around them
 };
 
-/// Normals are fitted before anything is cut away.
-Surface surface_of(const std::string& folder, const Result& r)
+/// The report says where points are seen and in which unit: one that was changed by hand would be believed.
+void refuse_changed(const std::string& folder, const Result& r)
 {
-    Surface s { read_maps(folder, r), {}, {}, { r.f, r.cx, r.cy, r.baseline, r.disparity_at_infinity } };
+    const Marker marker = read_marker(folder);
+    const auto report = marker.find("report.json");
+    if (report != marker.end() && !report->second.holds(hash_of_file(r.report_path)))
+        throw Failure(r.report_path + ": was changed since vexo measure wrote it; run it again");
+}
+
+void refuse_unfit_for_smoothing(const Result& r)
+{
+    const Json::json_pointer why("/sigma/why_none");
+    if (is_smoothed(r)) throw Failure(r.report_path + ": these points are smoothed already; leave out --smooth");
+    if (r.sigma.empty())
+        throw Failure(r.report_path + ": --smooth weighs points by their sigma, and they have none"
+            + (r.report.contains(why) && r.report[why].is_string() ? ": " + r.report[why].get<std::string>() : ""));
+}
+
+void smooth_points(Surface& s, cv::Mat_<float>& disparity, cv::Mat_<float>& sigma)
+{
+    const Smoothed smoothed = smooth(disparity, sigma);
+    s.smoothed = smoothed.changed;
+    for (int y = 0; y < disparity.rows; ++y)
+        for (int x = 0; x < disparity.cols; ++x) {
+            const double z = s.scale.depth(static_cast<double>(smoothed.disparity.at<float>(y, x)));
+            if (!(z > 0.0) || smoothed.disparity.at<float>(y, x) == disparity(y, x)) continue;
+            disparity(y, x) = smoothed.disparity.at<float>(y, x);
+            sigma(y, x) = smoothed.sigma.at<float>(y, x);
+            s.maps.points(y, x) = cv::Vec3d((x - s.scale.cx) / s.scale.f * z, (y - s.scale.cy) / s.scale.f * z, z);
+            s.maps.sigma(y, x) = static_cast<float>(static_cast<double>(sigma(y, x)) / s.scale.px_per_length(z));
+            s.depth(y, x) = static_cast<float>(z);
+        }
+}
+
+/// Normals are fitted before anything is cut away.
+Surface surface_of(const std::string& folder, const Result& r, bool smoothed)
+{
+    Surface s { read_maps(folder, r), {}, {}, { r.f, r.cx, r.cy, r.baseline, 0.0 } };
     cv::extractChannel(s.maps.points, s.depth, 2);
     cv::Mat_<float> disparity(r.size), sigma(s.maps.sigma.size());
     for (int y = 0; y < disparity.rows; ++y)
@@ -37,6 +73,7 @@ Surface surface_of(const std::string& folder, const Result& r)
             if (!sigma.empty())
                 sigma(y, x) = static_cast<float>(static_cast<double>(s.maps.sigma(y, x)) * s.scale.px_per_length(z));
         }
+    if (smoothed) smooth_points(s, disparity, sigma);
     s.normals = surface_normals(disparity, sigma, s.scale);
     return s;
 }
@@ -98,15 +135,31 @@ void refuse_nothing(const Shape& shape, const std::vector<cv::Point3f>& cloud, c
     throw Failure("--box: nothing to write lies within it; the cloud spans " + extent);
 }
 
+/// Numbers of files have 24 bits: far from the origin they would round the points off.
+void refuse_far(const Frame& frame, const std::vector<cv::Point3f>& cloud, const Unit& unit)
+{
+    constexpr double rounding = 1.0 / (1 << 24), most = 1e-5; // of the depth
+    double farthest = 0.0;
+    for (int k = 0; k < 3; ++k)
+        farthest = std::max(farthest, std::abs(frame.from_camera(k, 3)));
+    if (farthest * rounding <= most * static_cast<double>(bounds_of(cloud).low[2])) return;
+    std::ostringstream text;
+    text << "--frame: its origin lies " << farthest << ' ' << unit.name
+         << " away, where the numbers of a file would round points by " << farthest * rounding << ' ' << unit.name
+         << "; give it in " << unit.name << ", and nearer";
+    throw Failure(text.str());
+}
+
 /// The numbers as they stand in the file.
-Json figures_of(const Shape& shape, const ShapeFormat& format, const ConvertRequest& request, const Frame& frame)
+Json figures_of(const Shape& shape, const ShapeFormat& format, const ConvertRequest& request, const Frame& frame,
+    long long smoothed)
 {
     const Bounds bounds = bounds_of(format.metres_y_up ? in_metres_y_up(shape) : shape.points);
     const auto numbers = [](const cv::Vec3f& v) { return Json { v[0], v[1], v[2] }; };
     return { { "file", request.file }, { "kind", request.mesh ? "mesh" : "points" },
-        { "vertices", shape.points.size() }, { "triangles", shape.triangles.size() },
+        { "vertices", shape.points.size() }, { "triangles", shape.triangles.size() }, { "smoothed", smoothed },
         { "unit", format.metres_y_up ? "m" : shape.unit }, { "frame", frame.words },
-        { "axes", format.metres_y_up ? "x, -y, -z" : "x, y, z" },
+        { "axes", format.metres_y_up ? y_up_axes : "x, y, z" },
         { "bounds", { { "low", numbers(bounds.low) }, { "high", numbers(bounds.high) } } } };
 }
 
@@ -127,13 +180,16 @@ Converted convert(const std::string& folder, const ConvertRequest& request, cons
     const ShapeFormat& format = shape_format_of(request.file);
     next_step(on_step, "reading the result");
     const Result r = read_result(folder);
+    refuse_changed(folder, r);
     refuse_empty(r);
-    const Unit unit = unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit");
+    if (request.smooth) refuse_unfit_for_smoothing(r);
+    const Unit unit = unit_of(r);
     const Frame frame = request.frame.empty() ? Frame()
         : request.frame == "board"            ? frame_of_board(r, request.calibration)
                                               : frame_of_file(request.frame);
+    refuse_far(frame, r.cloud, unit);
     next_step(on_step, request.mesh ? "laying the mesh" : "fitting normals");
-    Surface surface = surface_of(folder, r);
+    Surface surface = surface_of(folder, r, request.smooth);
     if (request.box) cut(surface, *request.box, unit);
     GridMesh mesh;
     if (request.mesh)
@@ -145,9 +201,10 @@ Converted convert(const std::string& folder, const ConvertRequest& request, cons
     shape.unit = unit.name;
     shape.in_mm = unit.in_mm;
     shape.notes = { "vexo: unit " + (format.metres_y_up ? "m" : unit.name), "axes: " + frame.words };
-    if (is_smoothed(r)) shape.notes.emplace_back(how_smoothed);
+    if (format.metres_y_up) shape.notes.emplace_back(std::string("written as ") + y_up_axes + " of that frame");
+    if (request.smooth || is_smoothed(r)) shape.notes.emplace_back(how_smoothed);
     next_step(on_step, "making the file");
-    return { format.make(shape), figures_of(shape, format, request, frame) };
+    return { format.make(shape), figures_of(shape, format, request, frame, surface.smoothed) };
 }
 
 } // namespace vexo

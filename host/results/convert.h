@@ -19,6 +19,7 @@ struct ConvertRequest {
     std::string calibration;      ///< folder, for "board"; empty: that which the report names
     std::optional<cv::Vec6d> box; ///< x0 y0 z0 x1 y1 z1, mm in the axes of cloud.ply: only points within it
     int every = 1;                ///< of a cloud only each Nth point
+    bool smooth = false;          ///< put each point on the surface around it, see smooth()
 };
 
 /// Null when the request can be answered, else its first fault.

@@ -76,7 +76,14 @@ void refuse_empty(const Result& r)
 bool is_smoothed(const Result& r)
 {
     const Json::json_pointer where("/parameters/smooth");
-    return r.report.contains(where) && r.report[where] == true;
+    return r.report.contains(where) && r.report[where] != false;
+}
+
+Unit unit_of(const Result& r)
+{
+    if (r.report.contains("unit") && !r.report["unit"].is_string())
+        throw Failure(r.report_path + ": its unit is no text; run vexo measure again");
+    return unit_named(text_in(r.report, "unit", "mm"), r.report_path + ": unit");
 }
 
 Result read_result(const std::string& folder)
@@ -84,6 +91,8 @@ Result read_result(const std::string& folder)
     Result r;
     r.report_path = (fs::path(folder) / "report.json").string();
     r.report = read_json(r.report_path);
+    if (r.report.contains("views"))
+        throw Failure(r.report_path + ": several results that vexo merge joined; name one that it was made from");
     const auto get = [&r](const std::string& pointer) { return number_in(r.report, pointer, r.report_path); };
     r.method = text_in(r.report, "method", "gray-phase");
     r.f = get("/camera/f");
@@ -92,7 +101,8 @@ Result read_result(const std::string& folder)
     r.baseline = get("/camera/baseline");
     r.disparity_at_infinity = get("/camera/disparity_at_infinity");
     const double width = get("/camera/output_size/0"), height = get("/camera/output_size/1");
-    if (!(r.f > 0.0) || !(r.baseline > 0.0) || !is_picture_size(width, height))
+    constexpr double least = 1e-9, most = 1e15; // of any unit and any camera
+    if (!(r.f > least && r.baseline > least && r.f * r.baseline < most) || !is_picture_size(width, height))
         throw Failure(r.report_path + ": f, baseline or size make no sense; run vexo measure again");
     r.size = { static_cast<int>(width), static_cast<int>(height) };
     r.raw_from_rectified = raw_from_rectified_in(r.report, r.report_path);

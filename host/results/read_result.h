@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/cameras/unit.h"
 #include "host/files/json_file.h"
 #include "host/measurement/sigma.h"
 
@@ -29,6 +30,9 @@ struct Result {
 
 /// Throws Failure when the result holds no points: with the cause and its remedy, as far as the report says them.
 void refuse_empty(const Result& result);
+
+/// Of all lengths; mm where the report names none. Throws Failure.
+Unit unit_of(const Result& result);
 
 /// Whether neighbours are off alike, because they were smoothed.
 bool is_smoothed(const Result& result);

@@ -31,14 +31,19 @@ ResultMaps read_maps(const std::string& folder, const Result& r)
     ResultMaps maps { cv::Mat_<cv::Vec3f>(r.size, cv::Vec3f::all(nan)), {},
         read_map(folder, "texture.png", CV_8UC1, r.size) };
     if (!r.sigma.empty()) maps.sigma = cv::Mat_<float>(r.size, nan);
-    const Failure foreign(folder + ": depth.tiff and cloud.ply are not of one measurement; run vexo measure again");
+    const Failure foreign(
+        folder + ": report.json, depth.tiff and cloud.ply are not of one measurement; run vexo measure again");
+    const auto seen_at = [&r](const cv::Point3f& p, int x, int y) {
+        constexpr double rounding = 0.01; // px
+        return std::abs(r.f * p.x / p.z + r.cx - x) <= rounding && std::abs(r.f * p.y / p.z + r.cy - y) <= rounding;
+    };
     std::size_t i = 0; // points lie row after row
     for (int y = 0; y < depth.rows; ++y)
         for (int x = 0; x < depth.cols; ++x) {
             const float z = depth.at<float>(y, x);
             if (std::isnan(z)) continue;
             if (!(z > 0.0F) || std::isinf(z) || i == r.cloud.size() || r.cloud[i].z != z) throw foreign;
-            if (!std::isfinite(r.cloud[i].x) || !std::isfinite(r.cloud[i].y)) throw foreign;
+            if (!seen_at(r.cloud[i], x, y)) throw foreign;
             maps.points(y, x) = cv::Vec3f(r.cloud[i]);
             if (!r.sigma.empty()) maps.sigma(y, x) = r.sigma[i];
             ++i;

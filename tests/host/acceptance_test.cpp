@@ -160,6 +160,14 @@ TEST_F(Acceptance, DiametersAndDistanceComeOutOfTheBallsThatWereMade)
         EXPECT_NEAR(d["calibration_mm"].get<double>(), 1e-3 * d["nominal_mm"].get<double>(), 1e-9);
     }
     EXPECT_LT(std::abs(a["distance"]["deviation_mm"].get<double>()), 4 * a["distance"]["noise_mm"].get<double>()) << a;
+    Json report = read_json(folder / "report.json");
+    report["parameters"]["smooth"] = true; // so that neighbours are off alike
+    put(folder / "report.json", json_text(report));
+    const Json smoothed = told(request);
+    EXPECT_EQ(smoothed["diameters"][0]["noise_mm"], "unknown");
+    EXPECT_EQ(smoothed["distance"]["ratio"], "unknown");
+    EXPECT_EQ(smoothed["diameters"][0]["form"], a["diameters"][0]["form"]);
+    EXPECT_EQ(smoothed["findings"][0]["name"], "smoothed");
     request.lengths[2] += 0.1;
     EXPECT_NE(judge(request).beyond.find("distance"), std::string::npos);
     EXPECT_NE(why_refused({ Body::ball, { 50 }, "", {}, {} }).find("no ball of about 50.000 mm"), std::string::npos);

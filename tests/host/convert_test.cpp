@@ -198,6 +198,45 @@ TEST_F(Convert, KeepsPointsSigmaAndGreyOfEachPixelInItsOrder)
     }
 }
 
+TEST_F(Convert, SmoothsPointsAlongTheirLinesOfSightOnceAndWithTheSigmaOfTheFit)
+{
+    ConvertRequest request = to("a.ply");
+    request.smooth = true;
+    cv::RNG rng(3);
+    cv::Mat sigma(height, width, CV_32F, cv::Scalar(0.01));
+    const std::vector<cv::Point3f> exact = points;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        points[i] *= (exact[i].z + rng.gaussian(0.01)) / exact[i].z;
+        depth.at<float>(static_cast<int>(i)) = points[i].z;
+    }
+    const cv::Mat texture(height, width, CV_8U, cv::Scalar(9));
+    put_bytes("depth.tiff", encode(".tiff", depth));
+    put_bytes("cloud.ply", make_ply(points, texture, "test", sigma));
+    EXPECT_EQ(made(request)["smoothed"], (width - 2) * (height - 2) - 4 - 9 * 19 - 2 * (3 + 13))
+        << "4 x 7 px at a rim are too few, and so are 5 x 5 in a corner";
+    const PlyCloud before = read_ply_cloud(folder / "cloud.ply"), after = read_ply_cloud(folder / "a.ply");
+    ASSERT_EQ(after.points.size(), before.points.size());
+    double was = 0, is = 0;
+    for (std::size_t i = 0, k = 0; i < exact.size(); ++i) {
+        if (std::isnan(exact[i].z)) continue;
+        const cv::Point3f &p = after.points[k], &q = before.points[k++];
+        ASSERT_LT(std::hypot(p.x / p.z - q.x / q.z, p.y / p.z - q.y / q.z), 1e-6) << "seen at its pixel";
+        was += std::pow(q.z - exact[i].z, 2);
+        is += std::pow(p.z - exact[i].z, 2);
+    }
+    EXPECT_LT(is, 0.4 * was) << "quadratics keep 0.14 of the variance, more at the rim";
+    EXPECT_LT(*std::max_element(after.sigma.begin() + 500, after.sigma.end() - 500), 0.011);
+    EXPECT_LT(after.sigma[10 * width + 20], 0.007);
+    EXPECT_NE(content(folder / "a.ply").find("comment smoothed by quadratics"), std::string::npos);
+    report["parameters"]["smooth"] = true;
+    put(folder / "report.json", json_text(report));
+    EXPECT_NE(refusal(request).find("smoothed already"), std::string::npos);
+    report["parameters"]["smooth"] = false;
+    put(folder / "report.json", json_text(report));
+    put_bytes("cloud.ply", make_ply(points, texture, "test"));
+    EXPECT_NE(refusal(request).find("they have none"), std::string::npos);
+}
+
 TEST_F(Convert, CutsByABoxInMillimetresBeforeItTurnsIntoAFrame)
 {
     put(folder / "turned.txt", "# z to the left\n0 0 1 5\n0 1 0, 0\n-1 0 0 60\n0 0 0 1\n");
@@ -227,7 +266,10 @@ TEST_F(Convert, RefusesAFrameThatIsNoRigidTransform)
     for (const auto& [text, why] : std::vector<std::pair<std::string, std::string>> { { "1 0 0", "16 numbers" },
              { "1 0 0 0 0 1 0 0 0 0 1.00001 0 0 0 0 1", "scales" }, { "1 0 0 0 0 1 0 0 0 0 -1 0 0 0 0 1", "mirrors" },
              { "1 0 0 0 0 1 0 0 0 0 1 0 5 5 5 1", "last row" }, { "1 0 0 nan 0 1 0 0 0 0 1 0 0 0 0 1", "finite" },
-             { "%YAML:1.0\n---\nT: 5\n", "16 numbers" }, { "a b", "16 numbers" } }) {
+             { "%YAML:1.0\n---\nT: 5\n", "16 numbers" }, { "a b", "16 numbers" },
+             { "1 0 0 0 0 1 0 0 0 0 1 3e4 0 0 0 1", "round points by" },
+             { "%YAML:1.0\n---\nRT: !!opencv-matrix\n   rows: 4\n   cols: 4\n   dt: d\n   data: [ 1 ]\n",
+                 "16 numbers" } }) {
         put(folder / "frame", text);
         EXPECT_NE(refusal(request).find(why), std::string::npos) << text << ": " << refusal(request);
     }
@@ -289,6 +331,10 @@ TEST_F(Convert, RefusesWhatAFormatHasNoRoomForAndFilesOfTwoMeasurements)
     cv::Mat other = depth.clone();
     other.at<float>(3, 3) += 0.001F;
     put_bytes("depth.tiff", encode(".tiff", other));
+    EXPECT_NE(refusal(to("mesh.ply")).find("not of one measurement"), std::string::npos);
+    put_bytes("depth.tiff", encode(".tiff", depth));
+    report["camera"]["cx"] = cx + 0.1;
+    put(folder / "report.json", json_text(report));
     EXPECT_NE(refusal(to("mesh.ply")).find("not of one measurement"), std::string::npos);
     put_bytes("depth.tiff", encode(".tiff", depth.rowRange(0, 40)));
     EXPECT_NE(refusal(to("mesh.ply")).find("depth.tiff"), std::string::npos);
