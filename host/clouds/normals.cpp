@@ -31,6 +31,13 @@ cv::Mat_<float> variances(cv::Size size, const cv::Mat& sigma)
 
 constexpr int side = 2 * reach + 1;
 
+/// Of a neighbour in the window.
+std::size_t index_of(int dx, int dy)
+{
+    const int index = (dy + reach) * side + dx + reach;
+    return static_cast<std::size_t>(index);
+}
+
 /// The plane d = a x + b y + c through a whole window is the sum of these times d, (dx, dy) after (dx - 1, dy): the
 /// best linear unbiased fit to points that share their noise (Aitken, Proc. Royal Society of Edinburgh 55 (1935) 42).
 std::vector<cv::Vec3d> whole_window()
@@ -39,8 +46,9 @@ std::vector<cv::Vec3d> whole_window()
     const SharedNoise shared;
     cv::Mat_<double> covariance(n, n, 0.0), terms(n, 3), weighted;
     for (int i = 0; i < n; ++i) {
-        terms(i, 0) = i % side - reach;
-        terms(i, 1) = i / side - reach;
+        const cv::Point at(i % side - reach, i / side - reach);
+        terms(i, 0) = at.x;
+        terms(i, 1) = at.y;
         terms(i, 2) = 1.0;
         for (int j = 0; j < n; ++j)
             if (const int dy = std::abs(i / side - j / side); dy <= SharedNoise::rows)
@@ -49,6 +57,7 @@ std::vector<cv::Vec3d> whole_window()
     cv::solve(covariance, terms, weighted, cv::DECOMP_CHOLESKY);
     const cv::Mat fit = cv::Mat(terms.t() * weighted).inv() * weighted.t();
     std::vector<cv::Vec3d> parts;
+    parts.reserve(n);
     for (int i = 0; i < n; ++i)
         parts.emplace_back(fit.at<double>(0, i), fit.at<double>(1, i), fit.at<double>(2, i));
     return parts;
@@ -65,7 +74,7 @@ struct PlaneSums {
     void add(int dx, int dy, double off, float variance)
     {
         const double weight = 1.0 / static_cast<double>(variance);
-        whole += off * parts[static_cast<std::size_t>((dy + reach) * side + dx + reach)];
+        whole += off * parts[index_of(dx, dy)];
         least = std::min(least, variance);
         most = std::max(most, variance);
         w += weight;

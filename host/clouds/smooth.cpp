@@ -116,7 +116,8 @@ private:
                 const float limit
                     = 3.0F * std::sqrt(s * s + own_sigma * own_sigma) + 0.3F * std::sqrt(dx * dx + dy * dy);
                 if (!(off <= limit) || !(s > 0.0F)) continue; // also where nothing, or no sigma, is known
-                const auto k = static_cast<std::size_t>((j - y + reach) * side + i - x + reach);
+                const int number = (j - y + reach) * side + i - x + reach;
+                const auto k = static_cast<std::size_t>(number);
                 weights[k] = 1.0 / (static_cast<double>(s) * static_cast<double>(s));
                 const Terms& t = _terms[k];
                 for (int row = 0; row < 6; ++row)
@@ -137,9 +138,11 @@ private:
             for (int dx = dy == 0 ? 0 : 1 - side; dx < side; ++dx) {
                 double products = 0.0;
                 for (std::size_t row = 0; row + static_cast<std::size_t>(dy) < side; ++row)
-                    for (int column = std::max(0, -dx); column < side - std::max(0, dx); ++column)
+                    for (int column = std::max(0, -dx); column < side - std::max(0, dx); ++column) {
+                        const int other = column + dx;
                         products += noise[row][static_cast<std::size_t>(column)]
-                            * noise[row + static_cast<std::size_t>(dy)][static_cast<std::size_t>(column + dx)];
+                            * noise[row + static_cast<std::size_t>(dy)][static_cast<std::size_t>(other)];
+                    }
                 sum += (dx == 0 && dy == 0 ? 1.0 : 2.0) * _shared(dx, dy) * products;
             }
         return sum;

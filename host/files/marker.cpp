@@ -68,4 +68,11 @@ std::string hash_of_file(const std::string& path)
     return read_file(path, std::numeric_limits<std::size_t>::max(), bytes) ? sha256(bytes) : "cannot be read";
 }
 
+bool was_changed(const std::string& folder, const std::string& name)
+{
+    const Marker marker = read_marker(folder);
+    const auto file = marker.find(name);
+    return file != marker.end() && !file->second.holds(hash_of_file((std::filesystem::path(folder) / name).string()));
+}
+
 } // namespace vexo

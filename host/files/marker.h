@@ -29,4 +29,7 @@ std::string marker_text(const Marker& marker);
 /// SHA-256 of a file; empty when there is none.
 std::string hash_of_file(const std::string& path);
 
+/// Whether a file of the folder is not as the program wrote it: of files that the marker does not list nobody knows.
+bool was_changed(const std::string& folder, const std::string& name);
+
 } // namespace vexo

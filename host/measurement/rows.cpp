@@ -363,7 +363,7 @@ RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& dis
     const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity,
         std::max(least_texture, least_texture_per_noise * noise) };
     std::vector<Window> windows = compare_all(pictures);
-    const RowError all = error_of(windows, left.size());
+    RowError all = error_of(windows, left.size());
     if (!contradicts_itself(all)) return all;
     // What holds some outline shows it where either camera sees it.
     windows.erase(

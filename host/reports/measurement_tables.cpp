@@ -86,6 +86,9 @@ void add_precision(Rows& rows, const Measured& m, const Json& report)
         rows.push_back({ "refined by 5, 3, 2 pixels of camera 1",
             grouped_html(p.samples[5]) + ", " + grouped_html(p.samples[3]) + ", " + grouped_html(p.samples[2])
                 + " points; " + grouped_html(p.samples[0]) + " fit nowhere" });
+    if (p.smoothed)
+        rows.push_back({ "smoothed by quadratics over 7 x 7 px",
+            grouped_html(*p.smoothed) + " points; sigma is that of the fit, and neighbours are off alike" });
     if (p.sigma.empty()) return;
     rows.push_back({ "sigma of the depth", quantiles(report, "/sigma", m.unit.decimals(4)) + " " + m.unit.name });
     rows.push_back({ "points without sigma",

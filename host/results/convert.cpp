@@ -29,9 +29,7 @@ struct Surface {
 /// The report says where points are seen and in which unit: one that was changed by hand would be believed.
 void refuse_changed(const std::string& folder, const Result& r)
 {
-    const Marker marker = read_marker(folder);
-    const auto report = marker.find("report.json");
-    if (report != marker.end() && !report->second.holds(hash_of_file(r.report_path)))
+    if (was_changed(folder, "report.json"))
         throw Failure(r.report_path + ": was changed since vexo measure wrote it; run it again");
 }
 

@@ -78,6 +78,8 @@ Frame frame_of_board(const Result& result, const std::string& calibration)
     std::error_code ignored;
     if (!fs::exists(pose, ignored))
         throw Failure(pose + ": is not there; calibrate with vexo calibrate, which writes it, or use --frame FILE");
+    if (was_changed(folder, "boardRT.yaml"))
+        throw Failure(pose + ": was changed since vexo calibrate wrote it; if that is meant, use --frame FILE");
     refuse_other_rotation(result, folder);
     return { inverse_of_rigid(read_rigid(pose)), words_for("calibration board, ", pose) };
 }

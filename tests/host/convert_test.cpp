@@ -3,6 +3,7 @@
 #include "base/pictures.h"
 #include "host/cameras/pair_files.h"
 #include "host/cameras/rectification.h"
+#include "host/files/marker.h"
 #include "host/files/ply.h"
 #include "host/files/shape_format.h"
 #include "host/results/provenance.h"
@@ -315,6 +316,8 @@ TEST_F(Convert, TakesTheBoardsFrameOfTheVeryCalibrationThatWasMeasuredWithAndOfN
     EXPECT_NE(refusal(request).find("is another calibration"), std::string::npos);
     request.calibration = folder / "other";
     EXPECT_EQ(refusal(request), "");
+    put(folder / "other/.vexo-files.json", marker_text({ { "boardRT.yaml", { "calibrate", { "another hash" } } } }));
+    EXPECT_NE(refusal(request).find("boardRT.yaml: was changed"), std::string::npos);
     std::filesystem::remove(folder / "other/boardRT.yaml");
     EXPECT_NE(refusal(request).find("other/boardRT.yaml: is not there"), std::string::npos);
 }
