@@ -3,6 +3,7 @@
 #include "base/parallel.h"
 #include "base/statistics.h"
 #include "base/text.h"
+#include "host/measurement/row_pictures.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -16,18 +17,11 @@ namespace vexo {
 
 namespace {
 
-constexpr int half_height = 15, half_width = 5; ///< of a window of 31 x 11 px
+constexpr int half_height = half_column, half_width = 5; ///< of a window of 31 x 11 px
 
 constexpr int reach = 8; ///< px, the largest shift along y
 
 constexpr double most_windows = 1500; ///< on the grid: enough for a median to 0.01 px, in some 20 ms
-
-/// Grey levels, standard deviation along y: shading alone has as much.
-constexpr double least_texture = 3.0;
-
-/// Rectification and smoothing leave 0.3 of a grey value's noise. Texture of three times that, and it, correlate by
-/// 0.9.
-constexpr double least_texture_per_noise = 0.95;
 
 /// Mean squared slope along y, per px, over the mean square: a wave of 44 px has as much. What runs slower is the
 /// shading of a bent surface, whose correlation is as high at one shift as at the next.
@@ -50,66 +44,43 @@ constexpr double least_share_textured = 0.1;
 /// seventh of a bust's points by more than 1 mm at 600 mm, one of 0.3 degrees three quarters.
 constexpr double warn_turn = 0.06, most_turn = 0.15, sure = 4.0;
 
+/// px over the picture: small pictures have 0.5 of shading alone.
+constexpr double warn_run = 0.6;
+
 constexpr double spoil_above = 1.0; ///< px of the median
 
 constexpr double most_scatter = 1.5; ///< px
 
 constexpr double least_found = 0.1;
 
-/// What is left of a picture without its slow run along y, which correlates with itself at any shift, and with less
-/// noise.
-cv::Mat structure_along_y(const cv::Mat& picture)
-{
-    cv::Mat fine, smooth, slow;
-    picture.convertTo(fine, CV_32F);
-    cv::blur(fine, smooth, { 3, 3 });
-    cv::blur(smooth, slow, { 1, 2 * half_height + 1 });
-    return smooth - slow;
-}
-
-struct Pictures {
-    cv::Mat left, right; ///< structure along y
-    cv::Mat disparity;
-    double least_texture = 0; ///< grey levels
-
-    /// The share of an area that was measured.
-    double measured(const cv::Rect& area) const
-    {
-        const cv::Mat around = disparity(area);
-        return cv::countNonZero(around == around) / static_cast<double>(area.area());
-    }
-
-    /// Camera 1 where camera 0 sees (x, y), by the disparity there, or by `otherwise` where none was measured.
-    std::optional<float> partner(int x, int y, float otherwise) const
-    {
-        const float measured = disparity.at<float>(y, x);
-        const float at = static_cast<float>(x) - (std::isnan(measured) ? otherwise : measured);
-        if (!(at >= 0.0F && at < static_cast<float>(right.cols - 1))) return std::nullopt;
-        const int column = static_cast<int>(at);
-        const float part = at - static_cast<float>(column);
-        const auto* row = right.ptr<float>(y);
-        return (1.0F - part) * row[column] + part * row[column + 1];
-    }
-};
-
 /// A window that was compared.
 struct Window {
     cv::Point at { -1, -1 };
     bool textured = false;
-    bool whole = false;          ///< all was measured that its structure is made of
     std::optional<double> shift; ///< px; nothing: no match near the row
 };
 
-/// Correlation of two equally long runs of values without means.
-double correlation(const float* one, const float* other, std::size_t count)
+/// Correlation of two windows of structure, where both have some; 0 where that is too little.
+double correlation(const RowPictures& p, const cv::Rect& own, const cv::Rect& other)
 {
-    double mixed = 0, own = 0, others = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        mixed += static_cast<double>(one[i] * other[i]);
-        own += static_cast<double>(one[i] * one[i]);
-        others += static_cast<double>(other[i] * other[i]);
+    double count = 0, a = 0, b = 0, aa = 0, bb = 0, ab = 0;
+    for (int y = 0; y < own.height; ++y) {
+        const auto *as = p.left.ptr<float>(own.y + y) + own.x, *bs = p.right.ptr<float>(other.y + y) + other.x;
+        const auto *a_has = p.has.ptr<float>(own.y + y) + own.x, *b_has = p.has.ptr<float>(other.y + y) + other.x;
+        for (int x = 0; x < own.width; ++x) {
+            if (a_has[x] * b_has[x] == 0.0F) continue;
+            const auto one = static_cast<double>(as[x]), two = static_cast<double>(bs[x]);
+            count += 1;
+            a += one;
+            b += two;
+            aa += one * one;
+            bb += two * two;
+            ab += one * two;
+        }
     }
-    return mixed / std::sqrt(std::max(own * others, 1e-12));
+    constexpr double least_common = 0.7;
+    if (count < least_common * own.area()) return 0.0;
+    return (ab - a * b / count) / std::sqrt(std::max((aa - a * a / count) * (bb - b * b / count), 1e-12));
 }
 
 /// The highest inner correlation, to sub-pixels.
@@ -121,66 +92,43 @@ std::optional<double> peak_of(const std::array<double, 2 * reach + 1>& values)
     return static_cast<double>(best - values.begin()) - reach + (bend < 0 ? 0.5 * (before - after) / bend : 0.0);
 }
 
-/// What camera 0 has in a window, row by row.
-std::vector<float> own_values(const Pictures& p, const cv::Rect& window)
+/// Whether a window shows where along y it lies.
+bool has_texture(const cv::Mat& own, double least)
 {
-    const cv::Mat own = p.left(window).clone();
-    return { own.begin<float>(), own.end<float>() };
+    const cv::Mat slopes = 0.5 * (own.rowRange(2, own.rows) - own.rowRange(0, own.rows - 2));
+    const auto pixels = static_cast<double>(own.total());
+    const double squares = own.dot(own), mean = cv::mean(own)[0];
+    return squares - mean * mean * pixels >= least * least * pixels && slopes.dot(slopes) >= least_sharpness * squares;
 }
 
-/// Whether a window of that width shows where along y it lies.
-bool has_texture(const std::vector<float>& own, std::size_t columns, double least)
-{
-    double squares = 0.0, slopes = 0.0;
-    for (const float value : own)
-        squares += static_cast<double>(value * value);
-    for (std::size_t i = 2 * columns; i < own.size(); ++i)
-        slopes += std::pow(0.5 * static_cast<double>(own[i] - own[i - 2 * columns]), 2.0);
-    return squares >= least * least * static_cast<double>(own.size()) && slopes >= least_sharpness * squares;
-}
-
-/// The same of camera 1, by `reach` rows higher; empty where some of it lies beside the picture.
-std::vector<float> others_values(const Pictures& p, cv::Point middle)
-{
-    const float disparity = p.disparity.at<float>(middle);
-    std::vector<float> values;
-    for (int y = middle.y - half_height - reach; y <= middle.y + half_height + reach; ++y)
-        for (int x = middle.x - half_width; x <= middle.x + half_width; ++x) {
-            const std::optional<float> seen = p.partner(x, y, disparity);
-            if (!seen) return {};
-            values.push_back(*seen);
-        }
-    return values;
-}
-
-Window compare(const Pictures& p, cv::Point middle)
+Window compare(const RowPictures& p, cv::Point middle)
 {
     Window window;
     const cv::Rect area(middle.x - half_width, middle.y - half_height, 2 * half_width + 1, 2 * half_height + 1);
-    if (p.measured(area) < least_measured) return window;
-    const cv::Rect beyond(area.x, area.y - half_height, area.width, area.height + 2 * half_height);
-    window.whole = p.measured(beyond & cv::Rect({}, p.left.size())) == 1.0;
-    const std::vector<float> own = own_values(p, area);
-    const bool textured = has_texture(own, static_cast<std::size_t>(area.width), p.least_texture);
-    const std::vector<float> other = textured ? others_values(p, middle) : std::vector<float>();
-    if (textured && other.empty()) return window;
+    if (cv::sum(p.has(area))[0] < least_measured * area.area()) return window;
     window.at = middle;
-    window.textured = textured;
-    if (!textured) return window;
+    window.textured = has_texture(p.left(area), p.least_texture);
+    if (!window.textured) return window;
     std::array<double, 2 * reach + 1> values {};
-    for (std::size_t shift = 0; shift < values.size(); ++shift)
-        values[shift] = correlation(own.data(), other.data() + shift * (2 * half_width + 1), own.size());
+    for (int shift = -reach; shift <= reach; ++shift)
+        values[static_cast<std::size_t>(shift + reach)] = correlation(p, area, area + cv::Point(0, shift));
     window.shift = peak_of(values);
     return window;
 }
 
-/// On a grid, with a step by which there are as many of them as wanted; the first measured pixel of each cell's row.
-std::vector<Window> compare_all(const Pictures& p)
+/// Of the windows' grid, px: by which there are as many of them as wanted.
+int step_between(const cv::Mat& disparity)
+{
+    const double area = std::max(1, cv::countNonZero(disparity == disparity));
+    return std::max(4, static_cast<int>(std::sqrt(area / most_windows)));
+}
+
+/// On a grid; the first measured pixel of each cell's row.
+std::vector<Window> compare_all(const RowPictures& p)
 {
     const int margin = half_height + reach, rows = p.left.rows - 2 * margin, columns = p.left.cols - 2 * half_width;
     if (rows <= 0 || columns <= 0) return {};
-    const double area = std::max(1, cv::countNonZero(p.disparity == p.disparity));
-    const int step = std::max(4, static_cast<int>(std::sqrt(area / most_windows)));
+    const int step = step_between(p.disparity);
     std::vector<std::vector<Window>> found(static_cast<std::size_t>((rows + step - 1) / step));
     in_parallel(found.size(), [&](std::size_t i) {
         const int y = margin + static_cast<int>(i) * step;
@@ -225,7 +173,7 @@ void fit_plane(const std::vector<Window>& windows, cv::Size size, RowError& e)
 bool runs(const RowError& e, double degrees, double px)
 {
     constexpr double radians = 3.14159265358979323846 / 180;
-    const double deviation = e.scatter * std::sqrt(12 / std::max(1.0, e.found * e.textured));
+    const double deviation = e.scatter * std::sqrt(12 / std::max(1.0, e.found * e.textured * e.own_share));
     const auto off = [&](double run, int length) {
         return std::abs(run) > std::max({ std::tan(degrees * radians) * length, px, sure * deviation });
     };
@@ -234,7 +182,7 @@ bool runs(const RowError& e, double degrees, double px)
 
 bool runs_off(const RowError& e)
 {
-    return runs(e, warn_turn, rows_warn_from);
+    return runs(e, warn_turn, warn_run);
 }
 
 bool is_off(const RowError& e)
@@ -335,10 +283,10 @@ Finding judge_rows(const RowError& e, bool exchanged_fits)
 
 cv::Mat textured_pixels(const cv::Mat& picture, double noise)
 {
-    const cv::Mat structure = structure_along_y(picture);
+    const cv::Mat structure = structure_along_y(picture, cv::Mat::ones(picture.size(), CV_32F));
     cv::Mat squares;
     cv::blur(structure.mul(structure), squares, { 2 * half_width + 1, 2 * half_height + 1 });
-    const double least = std::max(least_texture, least_texture_per_noise * noise);
+    const double least = least_texture(noise);
     return squares >= least * least;
 }
 
@@ -360,15 +308,10 @@ double grey_noise(const cv::Mat& picture)
 
 RowError test_rows(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise)
 {
-    const Pictures pictures { structure_along_y(left), structure_along_y(right), disparity,
-        std::max(least_texture, least_texture_per_noise * noise) };
-    std::vector<Window> windows = compare_all(pictures);
-    RowError all = error_of(windows, left.size());
-    if (!contradicts_itself(all)) return all;
-    // What holds some outline shows it where either camera sees it.
-    windows.erase(
-        std::remove_if(windows.begin(), windows.end(), [](const Window& w) { return !w.whole; }), windows.end());
-    return error_of(windows, left.size());
+    constexpr double window_area = (2 * half_width + 1) * (2 * half_height + 1);
+    RowError e = error_of(compare_all(row_pictures(left, right, disparity, noise)), left.size());
+    e.own_share = std::min(1.0, std::pow(step_between(disparity), 2) / window_area);
+    return e;
 }
 
 } // namespace vexo

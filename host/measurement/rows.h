@@ -33,6 +33,7 @@ struct RowError {
     /// right edge, c from its upper to its lower one.
     double a = 0.0, b = 0.0, c = 0.0;
     cv::Size size;                ///< of the picture
+    double own_share = 1.0;       ///< of a window, that its neighbours do not have: what overlaps is not independent
     std::vector<RowShift> shifts; ///< of each window that has a match
 
     /// Enough windows have texture for the others to mean something.

@@ -101,12 +101,14 @@ TEST_F(Rows, OfOutlinesThatLieElsewhereForEachCameraAreUnknown)
 {
     cv::Mat one(height, width, CV_8U, cv::Scalar(150)), other = one.clone();
     cv::Mat disparity(height, width, CV_32F, cv::Scalar(0));
-    for (int y = 20; y < height - 20; y += 37)
-        for (int x = 0; x < width; ++x) { // gaps of three rows, seen up to 5 px higher or lower
+    for (int y = 20; y < height - 20; y += 37) {
+        if (y / 37 % 2 == 0) disparity.rowRange(y, y + 37).setTo(8); // the outline of what is before the rest
+        for (int x = 0; x < width; ++x) {                            // shadows of three rows, up to 5 px off
             one(cv::Rect(x, y, 1, 3)).setTo(115);
             disparity(cv::Rect(x, y, 1, 3)).setTo(std::nanf(""));
             other(cv::Rect(x, y + x / 40 % 11 - 5, 1, 3)).setTo(115);
         }
+    }
     const RowError e = test_rows(noisy(one), noisy(other), disparity, 1.5);
     EXPECT_EQ(judge_rows(e).weight, Weight::unknown) << judge_rows(e).text;
     disparity.setTo(0); // a stripe of the surface, seen in other rows here than there
