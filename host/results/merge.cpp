@@ -3,6 +3,7 @@
 #include "base/failure.h"
 #include "base/parallel.h"
 #include "base/stopwatch.h"
+#include "base/text.h"
 #include "host/clouds/mesh.h"
 
 #include <algorithm>
@@ -189,9 +190,25 @@ void add_shapes(const std::vector<View>& views, const FusedViews& fused, Merged&
     });
 }
 
+/// What turned far from where it was put may lie on another part of an object that is alike from several sides.
+void add_moved(Merged& m)
+{
+    constexpr double far = 5.0; // degrees: a turntable's axis or a robot is off by 1 at most
+    for (std::size_t i = 0; i < m.results.size(); ++i) {
+        const cv::Affine3d moved = m.fit.aligned.common_from_view[i] * inverse_of(m.given[i]);
+        const double degrees = cv::norm(moved.rvec()) * 180.0 / CV_PI;
+        if (degrees > far)
+            m.findings.push_back({ "moved", Weight::worse, m.results[i].folder,
+                "it turned by " + number(degrees, 1) + " degrees from its pose until it fitted",
+                "see that poses and results have the same order; a body that is alike from several sides fits at "
+                "more than one place" });
+    }
+}
+
 void add_findings(Merged& m)
 {
     m.findings = m.fit.findings;
+    add_moved(m);
     for (const ResultView& r : m.results)
         if (text_in(r.report, "verdict", "") == word_of(Weight::spoils))
             m.findings.push_back({ "result", Weight::spoils, r.folder, "its own verdict is that it cannot be trusted",
