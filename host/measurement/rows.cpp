@@ -110,8 +110,11 @@ Window compare(const RowPictures& p, cv::Point middle)
     window.textured = has_texture(p.left(area), p.least_texture);
     if (!window.textured) return window;
     std::array<double, 2 * reach + 1> values {};
-    for (int shift = -reach; shift <= reach; ++shift)
-        values[static_cast<std::size_t>(shift + reach)] = correlation(p, area, area + cv::Point(0, shift));
+    cv::Rect other = area - cv::Point(0, reach);
+    for (double& value : values) {
+        value = correlation(p, area, other);
+        ++other.y;
+    }
     window.shift = peak_of(values);
     return window;
 }
