@@ -57,6 +57,7 @@ struct Shot {
 void add_turntable(const std::vector<Shot>& shots, sim::Files& files)
 {
     std::vector<sim::NamedPose> poses;
+    poses.reserve(shots.size());
     for (const Shot& shot : shots)
         poses.push_back({ shot.folder, sim::inverse(sim::cam0_from_scene(sim::make_rig(shot.rig))) });
     sim::add_text("poses.csv", sim::poses_text(poses), files);

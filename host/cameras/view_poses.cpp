@@ -178,7 +178,8 @@ ViewPoses read_view_poses(
     if (!request.rotation.empty() || request.degrees || request.unit_mm || request.inverse)
         throw UsageFailure(path + ": is a turntable, of which --rotation, --angles, --unit and --inverse say nothing");
     cv::FileStorage yaml;
-    if (!open_yaml(path, yaml)) throw Failure(path + ": is not there, or no YAML file");
+    if (!open_yaml(path, yaml))
+        throw Failure(path + ": is not there, or no YAML of a turntable; its first line is to be %YAML:1.0");
     return of_turntable(path, yaml, views);
 }
 

@@ -40,9 +40,9 @@ inline cv::Affine3d inverse_of(const cv::Affine3d& motion)
 class Sight {
 public:
     Sight(const cv::Affine3d& to_from_own, const View& to)
-        : _R(cv::Matx33f(to_from_own.rotation()))
-        , _t(cv::Vec3f(to_from_own.translation()))
-        , _from_camera(_R.t() * _t)
+        : _turn(cv::Matx33f(to_from_own.rotation()))
+        , _shift(cv::Vec3f(to_from_own.translation()))
+        , _from_camera(_turn.t() * _shift)
         , _to(to)
         , _f(static_cast<float>(to.scale.f))
         , _cx(static_cast<float>(to.scale.cx))
@@ -64,7 +64,7 @@ public:
         const cv::Vec3f sight = point + _from_camera;
         const float facing = normal.dot(sight);
         if (!(facing < 0.0F) || facing * facing < least_cosine * least_cosine * sight.dot(sight)) return false;
-        seen.place = _R * point + _t;
+        seen.place = _turn * point + _shift;
         if (!(seen.place[2] > 0.0F)) return false;
         const float x = _f * seen.place[0] / seen.place[2] + _cx, y = _f * seen.place[1] / seen.place[2] + _cy;
         if (!(x > -0.5F && y > -0.5F)) return false;
@@ -75,11 +75,11 @@ public:
     }
 
     /// A direction of the other's axes in one's own.
-    cv::Vec3f back(const cv::Vec3f& direction) const { return _R.t() * direction; }
+    cv::Vec3f back(const cv::Vec3f& direction) const { return _turn.t() * direction; }
 
 private:
-    cv::Matx33f _R;
-    cv::Vec3f _t;
+    cv::Matx33f _turn;
+    cv::Vec3f _shift;
     cv::Vec3f _from_camera; ///< from the other camera to the own origin, in own axes
     const View& _to;
     float _f, _cx, _cy;

@@ -2,6 +2,8 @@
 
 #include "base/text.h"
 
+#include <algorithm>
+
 namespace vexo {
 
 namespace {
@@ -22,6 +24,13 @@ std::string count(const Json& value, std::size_t width)
     return padded(grouped(value.get<long long>()), width);
 }
 
+std::string line_of(const Json& pair)
+{
+    return padded(std::to_string(pair["a"].get<int>()) + "-" + std::to_string(pair["b"].get<int>()), 5)
+        + padded(percent(pair["overlap"], 1.0), 12) + count(pair["pairs"], 12) + fixed(pair["rms_sigmas"], 2, 12)
+        + padded(percent(pair["beyond_6_sigma"], 1.0), 11) + fixed(pair["median_mm"], 3, 12);
+}
+
 } // namespace
 
 std::vector<std::string> merge_lines(const Json& report)
@@ -32,10 +41,12 @@ std::vector<std::string> merge_lines(const Json& report)
             + fixed(v["moved"]["mm"], 3, 11) + fixed(v["moved"]["deg"], 3, 8) + "  " + v["result"].get<std::string>()
             + ", " + v["pose"].get<std::string>());
     lines.emplace_back("pair      overlap       pairs   rms sigma   beyond 6   median mm");
-    for (const Json& p : report["pairs"])
-        lines.push_back(padded(std::to_string(p["a"].get<int>()) + "-" + std::to_string(p["b"].get<int>()), 5)
-            + padded(percent(p["overlap"], 1.0), 12) + count(p["pairs"], 12) + fixed(p["rms_sigmas"], 2, 12)
-            + padded(percent(p["beyond_6_sigma"], 1.0), 11) + fixed(p["median_mm"], 3, 12));
+    constexpr std::size_t most_lines = 40;
+    const Json& pairs = report["pairs"];
+    for (std::size_t i = 0; i < std::min(pairs.size(), most_lines); ++i)
+        lines.push_back(line_of(pairs[i]));
+    if (pairs.size() > most_lines)
+        lines.push_back("  and " + std::to_string(pairs.size() - most_lines) + " more, in report.json");
     lines.push_back("poses     " + report["input"]["read_as"].get<std::string>() + ", of "
         + report["input"]["poses_of"].get<std::string>());
     lines.push_back("points    " + grouped(report["points"].get<long long>()));

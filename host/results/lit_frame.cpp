@@ -21,7 +21,8 @@ std::string unchanged(const Json& file, const fs::path& folder, const std::strin
 {
     const std::string name = file.is_object() ? text_in(file, "file", "") : "";
     if (name.empty()) throw Failure(report + ": does not say which frames it was measured from" + otherwise);
-    const std::string path = (folder / name).string(), hash = hash_of_file(path);
+    std::string path = (folder / name).string();
+    const std::string hash = hash_of_file(path);
     if (hash.empty()) throw Failure(path + ": is not there any more" + otherwise);
     if (hash != text_in(file, "sha256", "")) throw Failure(path + ": was changed since " + report + otherwise);
     return path;

@@ -99,24 +99,24 @@ std::string reading_that_fits(
 class Placing {
 public:
     Placing(const cv::Affine3d& common_from_view, double in_mm)
-        : _R(common_from_view.rotation())
-        , _t(common_from_view.translation())
+        : _turn(common_from_view.rotation())
+        , _shift(common_from_view.translation())
         , _per_mm(1.0 / in_mm)
     {
     }
 
     void add(const View& view, const cv::Point& p, std::size_t number, Shape& shape) const
     {
-        shape.points.emplace_back(cv::Vec3f((_R * cv::Vec3d(view.points(p)) + _t) * _per_mm));
-        shape.normals.emplace_back(cv::Vec3f(_R * cv::Vec3d(view.normals(p))));
+        shape.points.emplace_back(cv::Vec3f((_turn * cv::Vec3d(view.points(p)) + _shift) * _per_mm));
+        shape.normals.emplace_back(cv::Vec3f(_turn * cv::Vec3d(view.normals(p))));
         shape.grey.push_back(view.grey(p));
         shape.sigma.push_back(view.sigma(p) * static_cast<float>(_per_mm));
         shape.view.push_back(static_cast<unsigned char>(number));
     }
 
 private:
-    cv::Matx33d _R;
-    cv::Vec3d _t;
+    cv::Matx33d _turn;
+    cv::Vec3d _shift;
     double _per_mm;
 };
 

@@ -9,8 +9,8 @@ namespace vexo {
 
 namespace {
 
-/// Pairs with fewer points in common, of 20 000 of each view, are too narrow to be judged, or to join views.
-constexpr std::size_t enough_pairs = 500, full = 20000;
+/// Views that have less than this share of their points in common are not judged by it, nor joined.
+constexpr double least_overlap = 0.02;
 
 /// Beyond the first a pair does not fit, beyond the second that is worth saying. Sigma is the noise alone; what the
 /// calibrations are off by is allowed beside it as far as the results say it.
@@ -22,7 +22,7 @@ constexpr double broad_overlap = 0.15;
 
 std::vector<ViewPair> wide_ones(std::vector<ViewPair> pairs)
 {
-    pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [](const ViewPair& p) { return p.pairs < enough_pairs; }),
+    pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [](const ViewPair& p) { return p.overlap < least_overlap; }),
         pairs.end());
     return pairs;
 }
@@ -57,14 +57,15 @@ public:
         for (const ViewPair& was : wide_ones(given)) {
             const auto now = std::find_if(
                 pairs.begin(), pairs.end(), [&was](const ViewPair& p) { return p.a == was.a && p.b == was.b; });
-            const bool gone = was.pairs > 4 * enough_pairs && (now == pairs.end() || now->pairs < was.pairs / 4);
+            const bool gone
+                = was.overlap > 4.0 * least_overlap && (now == pairs.end() || now->overlap < 0.25 * was.overlap);
             if (gone)
                 return _names({ was.a, was.b }) + " do not fit: the poses put " + percent(was.overlap, 1.0)
                     + " of one on the other, and with the other results in place next to nothing";
         }
         const ViewPair* worst = nullptr;
         for (const ViewPair& p : pairs)
-            if (p.pairs >= enough_pairs && _is_misfit(p)
+            if (p.overlap >= least_overlap && _is_misfit(p)
                 && (worst == nullptr || p.typical_sigmas > worst->typical_sigmas))
                 worst = &p;
         if (worst == nullptr) return "";
@@ -77,8 +78,7 @@ public:
     {
         std::vector<Finding> found;
         for (const ViewPair& p : fit.pairs)
-            if (p.pairs >= enough_pairs && p.overlap >= broad_overlap
-                && (p.typical_sigmas > poor_sigmas || p.beyond > poor_beyond))
+            if (p.overlap >= broad_overlap && (p.typical_sigmas > poor_sigmas || p.beyond > poor_beyond))
                 found.push_back({ "fit", Weight::worse, _results[p.a].folder + ", " + _results[p.b].folder,
                     "they lie " + number(p.typical_sigmas, 1) + " sigma apart, and " + percent(p.beyond, 1.0)
                         + " of the points by more than 6",
@@ -128,13 +128,11 @@ ViewFit fit_views(const std::vector<ResultView>& results, const std::vector<View
     const Judge judge(results, radius);
     ViewFit fit;
     constexpr std::size_t roughly = 5000;
-    std::vector<ViewPair> given = overlaps_of(views, common_from_view, radius, roughly);
-    for (ViewPair& p : given)
-        p.pairs *= full / roughly;
+    const std::vector<ViewPair> given = overlaps_of(views, common_from_view, radius, roughly);
     fit.fault = judge.apart(given, "where the poses put them");
     if (!fit.fault.empty()) return fit;
     fit.aligned = align_views(views, common_from_view);
-    fit.pairs = overlaps_of(views, fit.aligned.common_from_view, radius, full);
+    fit.pairs = overlaps_of(views, fit.aligned.common_from_view, radius);
     fit.fault = judge.misfit(given, fit.pairs);
     if (fit.fault.empty()) fit.fault = judge.apart(fit.pairs, "after they were laid onto one another");
     if (fit.fault.empty() && !fit.aligned.converged)

@@ -60,6 +60,7 @@ TEST_F(Merge, RefusesWhatDoesNotFitByNameAndSaysHowThePosesWouldBeRead)
         program::expect_refused(*work, "merge " + arguments + " --out " + nothing, why, nothing);
     };
     refused(three() + " --poses " + changed("turntable.yaml", "step_deg: ", "step_deg: -"), "the other way round");
+    refused(three() + " --poses " + changed("turntable.yaml", "%YAML:1.0", ""), "%YAML:1.0");
     refused(three() + " --inverse --poses " + poses, "without --inverse");
     refused(three() + " --unit m --poses " + poses, "--unit mm");
     refused(three() + " --rectified --poses " + poses, "without --rectified");
