@@ -38,4 +38,13 @@ std::string size_text(int width, int height)
     return std::to_string(width) + " x " + std::to_string(height);
 }
 
+std::string shown(const std::string& text)
+{
+    constexpr std::size_t longest = 60;
+    std::string line = text.substr(0, longest);
+    for (char& c : line)
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') c = '?';
+    return text.size() > longest ? line + "..." : line;
+}
+
 } // namespace vexo

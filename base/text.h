@@ -18,4 +18,8 @@ std::string grouped(long long value);
 /// "1280 x 1024".
 std::string size_text(int width, int height);
 
+/// A text of a file as a message may show it: a "?" for each byte that a terminal would obey, and "..." for the end of
+/// a long one.
+std::string shown(const std::string& text);
+
 } // namespace vexo

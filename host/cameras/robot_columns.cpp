@@ -1,5 +1,7 @@
 #include "host/cameras/robot_columns.h"
 
+#include "base/text.h"
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -139,7 +141,7 @@ std::vector<PoseColumn> named_columns(const Names& texts, StatedColumns& stated,
         columns.push_back(column_named(name.name));
         names.push_back(name.name);
         if (columns.back().kind != Kind::other && !take_unit(name, columns.back(), stated))
-            fault = "the unit of column " + text + " makes no sense, or is another than before";
+            fault = "the unit of column " + shown(text) + " makes no sense, or is another than before";
     }
     if (fault.empty()) fault = fault_of(columns);
     if (fault.empty() && !is_one_family(names, columns)) fault = expected;

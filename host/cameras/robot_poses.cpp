@@ -1,6 +1,7 @@
 #include "host/cameras/robot_poses.h"
 
 #include "base/failure.h"
+#include "base/text.h"
 #include "base/whole_file.h"
 #include "host/cameras/inverted.h"
 #include "host/cameras/robot_columns.h"
@@ -44,7 +45,7 @@ Fields fields_of(const std::string& line)
 
 std::optional<double> number_of(std::string text)
 {
-    if (!text.empty() && text[0] == '+') text.erase(0, 1);
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-') text.erase(0, 1);
     double value = 0.0;
     const char* end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, value);
@@ -116,14 +117,14 @@ private:
             }
             const auto number = number_of(fields[i]);
             if (!number)
-                _fail("\"" + fields[i] + "\" is no number"
+                _fail("\"" + shown(fields[i]) + "\" is no number"
                     + (fields[i].find(',') != std::string::npos ? "; write a decimal point" : ""));
             if (column.kind == PoseColumn::Kind::place) row.place[static_cast<int>(column.index)] = *number;
             if (column.kind == PoseColumn::Kind::rotation) row.rotation[column.index] = *number;
             if (column.kind == PoseColumn::Kind::matrix) matrix[column.index] = *number;
         }
         if (row.picture.empty()) _fail("it names no picture");
-        if (!_pictures.insert(row.picture).second) _fail("picture " + row.picture + " comes twice");
+        if (!_pictures.insert(row.picture).second) _fail("picture " + shown(row.picture) + " comes twice");
         if (row.rotation.empty()) _take_matrix(matrix, row);
         return row;
     }

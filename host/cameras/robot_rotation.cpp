@@ -93,6 +93,13 @@ std::vector<std::string> euler_orders()
     return orders;
 }
 
+/// Whether two orders of Euler angles mean one rotation. By axis, "xyz" is "ZYX".
+bool is_same_order(const std::string& a, const std::string& b, bool by_axis)
+{
+    if (!by_axis || is_intrinsic(a) == is_intrinsic(b)) return a == b;
+    return std::equal(a.begin(), a.end(), b.rbegin(), [](char x, char y) { return axis_of(x) == axis_of(y); });
+}
+
 } // namespace
 
 std::optional<RotationForm> rotation_form_named(const std::string& name)
@@ -152,8 +159,9 @@ std::vector<RotationForm> other_forms(const RotationForm& form)
     if (!form.has_angles()) return forms;
     for (const bool degrees : { form.degrees, !form.degrees }) {
         for (const std::string& order : euler_orders()) {
-            const bool same = form.kind == Kind::euler && order == form.order && degrees == form.degrees;
-            // By axis, "xyz" is "ZYX": one of both will do.
+            const bool same
+                = form.kind == Kind::euler && degrees == form.degrees && is_same_order(order, form.order, form.by_axis);
+            // By axis each order has a double about the other kind of axes: one of both will do.
             const bool needed = !form.by_axis || (has_all_axes(order) && is_intrinsic(order));
             if (!same && needed) forms.push_back({ Kind::euler, order, degrees, form.by_axis });
         }
