@@ -47,7 +47,7 @@ for view in 0 1 2 3 4 5 6 7; do
   $vexo measure $out/turns/view$view --out $out/turned/view$view --quiet
   views="$views $out/turned/view$view"
 done
-run $vexo merge $views --poses $out/turns/turntable.yaml --out $out/merged
+run $vexo merge $views --poses $out/turns/turntable.yaml --out $out/merged --also mesh.glb
 run $vexo convert $out/bust/result --to $out/bust/mesh.glb
 
 title "5. several exposures of a bust that is dark and bright in stripes"

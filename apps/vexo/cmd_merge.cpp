@@ -2,6 +2,7 @@
 #include "base/parallel.h"
 #include "commands.h"
 #include "host/files/output_folder.h"
+#include "host/files/shape_format.h"
 #include "host/reports/merge_text.h"
 #include "host/results/merge_report.h"
 #include "merge_poses.h"
@@ -11,6 +12,7 @@
 
 #include <array>
 #include <memory>
+#include <set>
 
 namespace vexo::app {
 
@@ -21,6 +23,7 @@ struct Typed {
     std::string out, board, rotation, angles, unit;
     bool inverse = false, accept_verdict = false;
     std::vector<double> box;
+    std::vector<std::string> also; ///< names of further files
 };
 
 /// Throws UsageFailure.
@@ -43,14 +46,29 @@ ViewPoses poses_of(const Typed& o, const OnStep& on_step)
     return read_view_poses(o.request.poses, names, reading);
 }
 
+/// Refuses names of further files that cannot be written beside the others.
+void check_also(const Typed& o)
+{
+    std::set<std::string> names { "cloud.ply", "mesh.ply", "report.json" };
+    for (const std::string& name : o.also) {
+        if (name.empty() || name[0] == '.' || name.find_first_of("/\\") != std::string::npos)
+            throw UsageFailure("--also " + name + ": give the name of a file, which will stand in --out");
+        if (!names.insert(name).second) throw UsageFailure("--also " + name + ": is written already");
+        holds_mesh(name, false, false); // refuses what is no format
+    }
+}
+
 void run(const GlobalOptions& global, const Typed& o)
 {
     const MergeRequest request = request_of(o);
+    check_also(o);
     OutputFolder out(o.out, { "merge", { "report.json" }, {}, false, global.force });
     Progress progress(global, merge_steps + 1 + (o.board.empty() ? 0 : static_cast<int>(request.results.size())));
     Merged merged = merge(request, poses_of(o, progress.on_step()), progress.on_step());
     progress.step("writing " + o.out);
     const Json report = merge_report(request, merged);
+    for (const std::string& name : o.also)
+        out.add(name, shape_format_of(name).make(holds_mesh(name, false, false) ? merged.mesh : merged.cloud));
     std::array<std::vector<unsigned char>, 2> files;
     in_parallel(files.size(), [&](std::size_t k) {
         Shape& shape = k == 0 ? merged.cloud : merged.mesh;
@@ -64,7 +82,10 @@ void run(const GlobalOptions& global, const Typed& o)
     progress.finish();
     say_kept(global, kept);
     say(global, merge_lines(report));
-    say(global, "result    " + o.out + ": cloud.ply, mesh.ply, report.json");
+    std::string written = ": cloud.ply, mesh.ply, report.json";
+    for (const std::string& name : o.also)
+        written += ", " + name;
+    say(global, "result    " + o.out + written);
     put_json(global, report);
     for (const Finding& finding : merged.findings)
         if (!o.accept_verdict && finding.weight == Weight::spoils)
@@ -83,6 +104,8 @@ void declare(CLI::App& command, Typed& o)
         "--board", o.board, "board.yaml of a board that stands fast beside the object and is seen in the lit frames");
     board->excludes(poses);
     command.add_option("--out", o.out, "folder for cloud.ply, mesh.ply and report.json")->required();
+    command.add_option("--also", o.also,
+        "further files beside them, with names and extensions as of vexo convert: mesh.glb, mesh.stl, cloud.pcd");
     auto* rotation = command.add_option("--rotation", o.rotation,
         "xyzw or wxyz (quaternions), vector, matrix, or Euler angles: ZYX about turning axes, xyz about fixed ones "
         "(default: as the columns are named)");
@@ -114,6 +137,8 @@ void add_merge(CLI::App& app, GlobalOptions& global)
     finish_command(*command, global,
         "vexo merge r/view0 r/view1 r/view2 --poses poses.csv --out whole\n"
         "  refines the poses, keeps each place once; whole/cloud.ply says of each point the view it is from\n"
+        "  vexo merge r/view* --poses turntable.yaml --out whole --also mesh.glb\n"
+        "  the mesh for a browser or a viewer, too\n"
         "  what stands still while a turntable turns, such as a wall, is cut away with --box",
         [o, &global] { run(global, *o); });
 }

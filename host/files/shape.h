@@ -49,7 +49,7 @@ std::vector<unsigned char> make_ply(const Shape& shape);
 std::vector<unsigned char> make_stl(const Shape& shape);
 
 /// Binary glTF 2.0: triangles, or points; POSITION, NORMAL, the grey as COLOR_0, and _SIGMA in metres, -1 where it is
-/// not known, as NaN is not allowed there. Source: Khronos, glTF 2.0 specification.
+/// not known, as NaN is not allowed there. Source: Khronos Group, glTF 2.0.
 std::vector<unsigned char> make_glb(const Shape& shape);
 
 /// Wavefront OBJ: v with the grey as three colours from 0 to 1, vn, and f or p.

@@ -10,12 +10,12 @@ protected:
         program::Suite::SetUpTestSuite();
         ASSERT_EQ(run("simulate bust --turntable 6 --size 320x256 --period 16 --quiet --out " + at("v")).code, 0);
         for (const char* view : { "view5", "view0", "view1", "view3" })
-            run("measure " + at("v/") + view + " --accept-verdict --quiet --out " + at("r/") + view);
+            ASSERT_EQ(run("measure " + at("v/") + view + " --quiet --out " + at("r/") + view).code, 0) << view;
     }
     static std::string three() { return at("r/view5") + " " + at("r/view0") + " " + at("r/view1"); }
     static std::string merge(const std::string& results, const std::string& poses)
     {
-        return results + " --accept-verdict --poses " + poses + " --out " + at("m");
+        return results + " --poses " + poses + " --out " + at("m");
     }
     /// The file of the simulator's poses with one word in place of another.
     static std::string changed(const std::string& file, const std::string& from, const std::string& to)
@@ -49,7 +49,11 @@ TEST_F(Merge, MakesOneCloudInTheFrameOfThePosesOfWhichEachPointKnowsItsView)
         EXPECT_EQ(of_view[i], by_name["views"][i]["kept"]);
     EXPECT_EQ(told("info", at("m"))["points"], kept);
     // The turntable's file knows no names: its order is that of the results, view5 the first.
-    const auto by_axis = told("merge", merge(three(), at("v/turntable.yaml")));
+    const auto by_axis = told("merge", merge(three(), at("v/turntable.yaml")) + " --also whole.stl cloud.glb");
+    const std::size_t stl_head = 84, a_triangle = 50;
+    EXPECT_EQ(program::read(at("m/whole.stl")).size(),
+        stl_head + a_triangle * by_axis["mesh"]["triangles"].get<std::size_t>());
+    EXPECT_EQ(program::read(at("m/cloud.glb")).substr(0, 4), "glTF");
     EXPECT_NEAR(by_axis["points"].get<double>(), static_cast<double>(kept), 0.01 * static_cast<double>(kept));
 }
 
@@ -69,6 +73,9 @@ TEST_F(Merge, RefusesWhatDoesNotFitByNameAndSaysHowThePosesWouldBeRead)
     refused(at("r/view0") + " " + at("r/../r/view0") + " --poses " + poses, "named twice");
     refused(at("r/view0") + " --poses " + poses, "two results");
     refused(three(), "--poses FILE or --board FILE");
+    refused(three() + " --poses " + axis + " --also up/mesh.glb", "give the name of a file");
+    refused(three() + " --poses " + axis + " --also mesh.ply", "is written already");
+    refused(three() + " --poses " + axis + " --also mesh.max", "names no format");
     refused(three() + " --poses " + changed("poses.csv", "view5", "other"), "but not view5");
     refused(three() + " --poses " + changed("turntable.yaml", "step_deg: 60", "angles_deg: [ 0, 60 ]"), "3 numbers");
     std::filesystem::copy(at("r/view0"), at("r/copy"), std::filesystem::copy_options::recursive);
@@ -85,7 +92,7 @@ TEST_F(Merge, FindsThePosesByTheBoardThatStandsBesideTheObjectWhileItsFramesAreU
     for (const char* name : { "a --turned 20", "b --turned -20" })
         ASSERT_EQ(run("simulate plate --size 640x512 --quiet --out " + at("s/") + name).code, 0);
     for (const char* name : { "a", "b" })
-        run("measure " + at("s/") + name + " --accept-verdict --quiet --out " + at("p/") + name);
+        run("measure " + at("s/") + name + " --quiet --out " + at("p/") + name);
     ASSERT_EQ(run("board --quiet --out " + at("board.pdf")).code, 0);
     const auto m = told("merge", plates + " --accept-verdict --board " + at("board.yaml") + " --out " + at("mp"));
     EXPECT_LT(m["views"][1]["moved"]["mm"], 0.2) << "285 markers of 0.02 px, at 600 mm";
