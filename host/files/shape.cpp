@@ -46,8 +46,7 @@ std::vector<unsigned char> make_ply(const Shape& shape)
         + "\nproperty float x\nproperty float y\nproperty float z\n"
           "property float nx\nproperty float ny\nproperty float nz\n"
           "property uchar red\nproperty uchar green\nproperty uchar blue\n"
-        + (shape.sigma.empty() ? "" : "property float sigma\n")
-        + (shape.view.empty() ? "" : "property uchar view\n"));
+        + (shape.sigma.empty() ? "" : "property float sigma\n") + (shape.view.empty() ? "" : "property uchar view\n"));
     if (shape.is_mesh())
         file.text(
             "element face " + std::to_string(shape.triangles.size()) + "\nproperty list uchar int vertex_indices\n");
