@@ -119,6 +119,8 @@ private:
             if (!number)
                 _fail("\"" + shown(fields[i]) + "\" is no number"
                     + (fields[i].find(',') != std::string::npos ? "; write a decimal point" : ""));
+            constexpr double farthest = 1e9; // 1000 km in mm; squares of it still are numbers
+            if (std::abs(*number) > farthest) _fail("\"" + shown(fields[i]) + "\" is too large for a pose");
             if (column.kind == PoseColumn::Kind::place) row.place[static_cast<int>(column.index)] = *number;
             if (column.kind == PoseColumn::Kind::rotation) row.rotation[column.index] = *number;
             if (column.kind == PoseColumn::Kind::matrix) matrix[column.index] = *number;

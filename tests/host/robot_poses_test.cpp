@@ -123,11 +123,12 @@ TEST_F(RobotPoses, AMatrixOfSixteenNumbersIsThePoseThatAQuaternionSays)
 TEST_F(RobotPoses, EachDamagedLineIsNamed)
 {
     const std::string good = header + row;
-    for (const std::string bad : { "b.png,1,2,3,0,0,0\n", "b.png,1,2,3,0,0,0,1,9\n", "b.png,1,2,x,0,0,0,1\n",
-             "b.png,1,2,,0,0,0,1\n", "b.png,1,2,1e400,0,0,0,1\n", "b.png,1,2,-1e999,0,0,0,1\n",
-             "b.png,1,2,nan,0,0,0,1\n", "b.png,1,2,inf,0,0,0,1\n", "b.png,1,2,0x10,0,0,0,1\n",
-             "b.png,1,2,3 4,0,0,0,1\n", "b.png,1,2,+-3,0,0,0,1\n", "b.png,1,2,++3,0,0,0,1\n", "b.png,1;2;3;0;0;0;1\n",
-             ",1,2,3,0,0,0,1\n", "a.png,1,2,3,0,0,0,1\n", "b.png,1.2.3,2,3,0,0,0,1\n", "b.png,1,2,3,0,0,0,1e\n" })
+    for (const std::string bad :
+        { "b.png,1,2,3,0,0,0\n", "b.png,1,2,3,0,0,0,1,9\n", "b.png,1,2,x,0,0,0,1\n", "b.png,1,2,,0,0,0,1\n",
+            "b.png,1,2,1e400,0,0,0,1\n", "b.png,1,2,-1e999,0,0,0,1\n", "b.png,1,2,1e307,0,0,0,1\n",
+            "b.png,1,2,nan,0,0,0,1\n", "b.png,1,2,inf,0,0,0,1\n", "b.png,1,2,0x10,0,0,0,1\n", "b.png,1,2,3 4,0,0,0,1\n",
+            "b.png,1,2,+-3,0,0,0,1\n", "b.png,1,2,++3,0,0,0,1\n", "b.png,1;2;3;0;0;0;1\n", ",1,2,3,0,0,0,1\n",
+            "a.png,1,2,3,0,0,0,1\n", "b.png,1.2.3,2,3,0,0,0,1\n", "b.png,1,2,3,0,0,0,1e\n" })
         EXPECT_TRUE(refused_at(3, good + bad)) << bad;
     EXPECT_TRUE(refused_at(5, "\n# a comment\n" + good + "b.png,1\n"));
     EXPECT_NE(why_not("picture;x;y;z;rx;ry;rz\na;1,5;2;3;0;0;0\n").find("decimal point"), std::string::npos);
