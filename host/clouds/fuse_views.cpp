@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <utility>
 
 namespace vexo {
@@ -80,7 +81,9 @@ public:
             _fill_holes(i);
         for (std::size_t i = 0; i < _views.size(); ++i)
             _drop_pairs(i);
-        return { std::move(_fates) };
+        std::vector<std::vector<FusedViews::Border>> borders(_views.size());
+        in_parallel(_views.size(), [&](std::size_t i) { borders[i] = _borders(i); });
+        return { std::move(_fates), std::move(borders) };
     }
 
 private:
@@ -186,14 +189,21 @@ private:
         return worse;
     }
 
-    bool _any_kept_around(std::size_t view, std::int32_t pixel) const
+    cv::Point _place(std::size_t view, std::int32_t pixel) const
+    {
+        return { pixel % _fates[view].cols, pixel / _fates[view].cols };
+    }
+
+    /// A kept pixel among nine, the one in the middle if it is kept.
+    std::optional<cv::Point> _kept_around(std::size_t view, std::int32_t pixel) const
     {
         const cv::Mat_<uchar>& fates = _fates[view];
-        const cv::Point at(pixel % fates.cols, pixel / fates.cols);
+        const cv::Point at = _place(view, pixel);
+        if (_is(view, pixel, Fate::kept)) return at;
         for (int y = std::max(0, at.y - 1); y <= std::min(fates.rows - 1, at.y + 1); ++y)
             for (int x = std::max(0, at.x - 1); x <= std::min(fates.cols - 1, at.x + 1); ++x)
-                if (fates(y, x) == static_cast<uchar>(Fate::kept)) return true;
-        return false;
+                if (fates(y, x) == static_cast<uchar>(Fate::kept)) return cv::Point(x, y);
+        return std::nullopt;
     }
 
     /// The better point may itself have given way to a third that is not quite at this place.
@@ -204,7 +214,7 @@ private:
             const std::int32_t own = all[k].own;
             bool covered = !_is(i, own, Fate::doubled);
             for (; k < all.size() && all[k].own == own; ++k)
-                covered = covered || (all[k].kind == Kind::same && _any_kept_around(all[k].view, all[k].other));
+                covered = covered || (all[k].kind == Kind::same && _kept_around(all[k].view, all[k].other));
             if (!covered) _fate(i, own) = static_cast<uchar>(Fate::kept);
         }
     }
@@ -217,6 +227,20 @@ private:
             const bool own = _is_worse(i, m.own, m.view, m.other);
             (own ? _fate(i, m.own) : _fate(m.view, m.other)) = static_cast<uchar>(Fate::doubled);
         }
+    }
+
+    std::vector<FusedViews::Border> _borders(std::size_t i) const
+    {
+        std::vector<FusedViews::Border> borders;
+        std::int32_t last = -1;
+        for (const Meeting& m : _meetings[i]) {
+            if (m.kind != Kind::same || m.own == last || !_is(i, m.own, Fate::doubled)) continue;
+            const auto kept = _kept_around(m.view, m.other);
+            if (!kept || !_kept_around(i, m.own)) continue;
+            borders.push_back({ _place(i, m.own), m.view, *kept });
+            last = m.own;
+        }
+        return borders;
     }
 
     const std::vector<View>& _views;

@@ -18,6 +18,14 @@ enum class Fate : uchar {
 struct FusedViews {
     std::vector<cv::Mat_<uchar>> fates; ///< of each view: Fate of its pixels
 
+    /// A doubled point beside a kept one of its own view, and the kept point of another view that has its place.
+    struct Border {
+        cv::Point own;
+        std::size_t view; ///< the other
+        cv::Point kept;   ///< its pixel there
+    };
+    std::vector<std::vector<Border>> borders; ///< of each view, in the order of its pixels, one a pixel
+
     bool kept(std::size_t view, const cv::Point& p) const { return fates[view](p) == static_cast<uchar>(Fate::kept); }
     std::size_t count(std::size_t view, Fate fate) const;
 };

@@ -4,11 +4,10 @@
 #include "base/parallel.h"
 #include "base/stopwatch.h"
 #include "base/text.h"
-#include "host/clouds/mesh.h"
+#include "host/clouds/mesh_of_views.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <limits>
 #include <set>
 #include <utility>
 
@@ -121,16 +120,6 @@ private:
     double _per_mm;
 };
 
-/// Triangles over the points of one view that are kept: where two views meet a seam stays open.
-GridMesh mesh_of_kept(const View& view, const cv::Mat_<uchar>& fates)
-{
-    cv::Mat_<float> depth(view.points.size(), std::numeric_limits<float>::quiet_NaN());
-    for (int y = 0; y < depth.rows; ++y)
-        for (int x = 0; x < depth.cols; ++x)
-            if (fates(y, x) == static_cast<uchar>(Fate::kept)) depth(y, x) = view.points(y, x)[2];
-    return mesh_of(depth, view.sigma, view.scale);
-}
-
 /// Room for so many points.
 void reserve(std::size_t points, Shape& shape)
 {
@@ -150,21 +139,16 @@ void fill_cloud(
                 if (fused.kept(i, { x, y })) placings[i].add(views[i], { x, y }, i, cloud);
 }
 
-void fill_mesh(const std::vector<View>& views, const std::vector<Placing>& placings,
-    const std::vector<GridMesh>& meshes, Shape& shape)
+void fill_mesh(const std::vector<View>& views, const std::vector<Placing>& placings, ViewsMesh mesh, Shape& shape)
 {
-    for (std::size_t i = 0; i < views.size(); ++i) {
-        const auto first = static_cast<std::uint32_t>(shape.points.size());
-        for (const cv::Point& p : meshes[i].pixels)
+    for (std::size_t i = 0; i < views.size(); ++i)
+        for (const cv::Point& p : mesh.pixels[i])
             placings[i].add(views[i], p, i, shape);
-        for (const auto& t : meshes[i].triangles)
-            shape.triangles.push_back({ first + t[0], first + t[1], first + t[2] });
-    }
+    shape.triangles = std::move(mesh.triangles);
 }
 
 void add_shapes(const std::vector<View>& views, const FusedViews& fused, Merged& m)
 {
-    std::vector<GridMesh> meshes(views.size());
     std::vector<Placing> placings;
     const Unit& unit = m.results[0].unit;
     std::size_t points = 0;
@@ -181,12 +165,12 @@ void add_shapes(const std::vector<View>& views, const FusedViews& fused, Merged&
             "view: number of the result in report.json" };
         reserve(points, *shape);
     }
-    in_parallel(views.size(), [&](std::size_t i) { meshes[i] = mesh_of_kept(views[i], fused.fates[i]); });
+    ViewsMesh mesh = mesh_of_views(views, fused);
     in_parallel(2, [&](std::size_t k) {
         if (k == 0)
             fill_cloud(views, placings, fused, m.cloud);
         else
-            fill_mesh(views, placings, meshes, m.mesh);
+            fill_mesh(views, placings, std::move(mesh), m.mesh);
     });
 }
 
