@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds vexo and runs its tests: an optimised build with all tests, the sizes of functions and files, then the unit
 # tests again under AddressSanitizer and UndefinedBehaviorSanitizer, and under ThreadSanitizer, then each fuzz target
-# for 20 seconds. Installs Debian's packages where they are missing. A quarter of an hour on two cores.
+# for 20 seconds. Installs Debian's packages where they are missing. Most of an hour on two cores.
 set -eu
 cd "$(dirname "$0")"
 scripts/install_packages.sh test
