@@ -126,9 +126,9 @@ struct Step {
 /// Solves as far as the normals determine it: a plane may slide on a plane, and a ball turn in a ball. A direction is
 /// free where the views hold each other by next to nothing of what they would if each pair held all its directions as
 /// well as its best.
-Step solve_determined(const std::vector<PairSums>& pairs, std::size_t views)
+/// @param least  share below which it is next to nothing
+Step solve_determined(const std::vector<PairSums>& pairs, std::size_t views, double least)
 {
-    constexpr double least = 1e-3; // normals within two degrees of one another
     const auto size = static_cast<Eigen::Index>(6 * (views - 1));
     Eigen::MatrixXd normals = Eigen::MatrixXd::Zero(size, size), best = normals;
     Eigen::VectorXd right = Eigen::VectorXd::Zero(size);
@@ -297,6 +297,10 @@ AlignedViews align_views(const std::vector<View>& views, Poses poses)
 {
     constexpr int most_rounds = 100;
     constexpr double shrinking = 0.8, in_scatters = 6.0, in_sigmas = 30.0, still_in_sigmas = 0.02;
+    // Normals within two degrees of one another hold nothing. Where views still lie beside each other their normals
+    // differ by more, and balls would turn by degrees: so these come to rest first by what holds them well.
+    constexpr double least = 1e-3, strong = 0.02;
+    constexpr int strong_rounds = 2;
     AlignedViews a;
     a.common_from_view = std::move(poses);
     a.slides.resize(views.size());
@@ -309,7 +313,7 @@ AlignedViews align_views(const std::vector<View>& views, Poses poses)
         double scatter = 0.0;
         for (const PairSums& p : pairs)
             scatter = std::max(scatter, p.scatter);
-        const Step step = solve_determined(pairs, views.size());
+        const Step step = solve_determined(pairs, views.size(), a.rounds <= strong_rounds ? strong : least);
         a.free_directions = step.free;
         a.slides = step.slides;
         a.last_step = 0.0;
@@ -319,6 +323,7 @@ AlignedViews align_views(const std::vector<View>& views, Poses poses)
             a.last_step = std::max(a.last_step, own.norm());
         }
         const bool still = a.last_step < still_in_sigmas * sigma;
+        if (a.rounds <= strong_rounds) continue;
         if (still && !coarse) {
             a.converged = true;
             break;
