@@ -112,7 +112,7 @@ TEST(AlignViews, FindsPosesWithinTheNoiseFromMillimetresAndDegreesOff)
 
 TEST(AlignViews, LeavesABallTurnedAsItWasGiven)
 {
-    for (const std::uint64_t seed : { 1, 4, 8 }) {
+    for (const std::uint64_t seed : { 1U, 4U, 8U }) {
         const Turn turn(ball, 1, 2, seed);
         const AlignedViews a = align_views(turn.views, turn.given);
         EXPECT_EQ(a.free_directions, 15) << "each of five may turn about the middle of the first";
