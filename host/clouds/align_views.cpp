@@ -92,16 +92,23 @@ PairSums sums_of(std::size_t a, std::size_t b, const std::vector<View>& views, c
     return sums;
 }
 
-std::vector<PairSums> all_sums(
-    const std::vector<View>& views, const Pixels& pixels, const Poses& poses, const Frame& frame)
+/// One for each two views, still empty.
+template <typename Pair> std::vector<Pair> every_two_of(std::size_t views)
 {
-    std::vector<PairSums> all;
-    for (std::size_t a = 0; a < views.size(); ++a)
-        for (std::size_t b = a + 1; b < views.size(); ++b) {
+    std::vector<Pair> all;
+    for (std::size_t a = 0; a < views; ++a)
+        for (std::size_t b = a + 1; b < views; ++b) {
             all.emplace_back();
             all.back().a = a;
             all.back().b = b;
         }
+    return all;
+}
+
+std::vector<PairSums> all_sums(
+    const std::vector<View>& views, const Pixels& pixels, const Poses& poses, const Frame& frame)
+{
+    auto all = every_two_of<PairSums>(views.size());
     in_parallel(all.size(), [&](std::size_t i) { all[i] = sums_of(all[i].a, all[i].b, views, pixels, poses, frame); });
     return all;
 }
@@ -266,13 +273,7 @@ std::vector<ViewPair> overlaps_of(
     const std::vector<View>& views, const Poses& poses, double nearest_mm, std::size_t points)
 {
     const Pixels pixels = spread_over(views, points);
-    std::vector<ViewPair> pairs;
-    for (std::size_t a = 0; a < views.size(); ++a)
-        for (std::size_t b = a + 1; b < views.size(); ++b) {
-            pairs.emplace_back();
-            pairs.back().a = a;
-            pairs.back().b = b;
-        }
+    auto pairs = every_two_of<ViewPair>(views.size());
     in_parallel(pairs.size(),
         [&](std::size_t i) { pairs[i] = pair_of(pairs[i].a, pairs[i].b, views, pixels, poses, nearest_mm); });
     pairs.erase(
