@@ -60,8 +60,8 @@ void leave_out_unsure(Judged& judged)
 Judged judged_points(const std::string& folder, const Result& r, const AcceptanceRequest& request, std::size_t fewest)
 {
     const StatedShare stated = read_share(r.report, r.report_path);
-    Judged judged { folder, {}, !r.sigma.empty(), is_smoothed(r), 0.0, 0.0, { r.size, r.f, r.cx, r.cy, r.baseline },
-        stated.usable(), stated };
+    Judged judged { folder, {}, !r.sigma.empty(), is_smoothed(r.report), 0.0, 0.0,
+        { r.size, r.f, r.cx, r.cy, r.baseline }, stated.usable(), stated };
     std::size_t without = 0;
     for (std::size_t i = 0; i < r.cloud.size(); ++i) {
         const cv::Point3f& p = r.cloud[i];

@@ -36,7 +36,7 @@ void refuse_changed(const std::string& folder, const Result& r)
 void refuse_unfit_for_smoothing(const Result& r)
 {
     const Json::json_pointer why("/sigma/why_none");
-    if (is_smoothed(r)) throw Failure(r.report_path + ": these points are smoothed already; leave out --smooth");
+    if (is_smoothed(r.report)) throw Failure(r.report_path + ": these points are smoothed already; leave out --smooth");
     if (r.sigma.empty())
         throw Failure(r.report_path + ": --smooth weighs points by their sigma, and they have none"
             + (r.report.contains(why) && r.report[why].is_string() ? ": " + r.report[why].get<std::string>() : ""));
@@ -200,7 +200,7 @@ Converted convert(const std::string& folder, const ConvertRequest& request, cons
     shape.in_mm = unit.in_mm;
     shape.notes = { "vexo: unit " + (format.metres_y_up ? "m" : unit.name), "axes: " + frame.words };
     if (format.metres_y_up) shape.notes.emplace_back(std::string("written as ") + y_up_axes + " of that frame");
-    if (request.smooth || is_smoothed(r)) shape.notes.emplace_back(how_smoothed);
+    if (request.smooth || is_smoothed(r.report)) shape.notes.emplace_back(how_smoothed);
     next_step(on_step, "making the file");
     return { format.make(shape), figures_of(shape, format, request, frame, surface.smoothed) };
 }

@@ -5,6 +5,7 @@
 #include "base/stopwatch.h"
 #include "base/text.h"
 #include "host/clouds/mesh_of_views.h"
+#include "host/results/read_result.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -193,6 +194,11 @@ void add_findings(Merged& m)
 {
     m.findings = m.fit.findings;
     add_moved(m);
+    for (const ResultView& r : m.results)
+        if (is_smoothed(r.report))
+            m.findings.push_back({ "smoothed", Weight::worse, r.folder,
+                "its points are smoothed: neighbours share their errors, and fine detail is gone",
+                "merge results that were measured without --smooth" });
     for (const ResultView& r : m.results)
         if (text_in(r.report, "verdict", "") == word_of(Weight::spoils))
             m.findings.push_back({ "result", Weight::spoils, r.folder, "its own verdict is that it cannot be trusted",

@@ -73,10 +73,10 @@ void refuse_empty(const Result& r)
     throw Failure(nothing + "; most pixels: " + words_of(worst) + "; " + remedy_of(worst, *method));
 }
 
-bool is_smoothed(const Result& r)
+bool is_smoothed(const Json& report)
 {
     const Json::json_pointer where("/parameters/smooth");
-    return r.report.contains(where) && r.report[where] != false;
+    return report.contains(where) && report[where] != false;
 }
 
 Unit unit_of(const Result& r)

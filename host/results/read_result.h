@@ -34,8 +34,8 @@ void refuse_empty(const Result& result);
 /// Of all lengths; mm where the report names none. Throws Failure.
 Unit unit_of(const Result& result);
 
-/// Whether neighbours are off alike, because they were smoothed.
-bool is_smoothed(const Result& result);
+/// Whether neighbours are off alike, because they were smoothed, by the report of a result.
+bool is_smoothed(const Json& report);
 
 /// Reads report.json and cloud.ply. Throws Failure that names the file.
 Result read_result(const std::string& folder);
