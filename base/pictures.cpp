@@ -91,8 +91,8 @@ std::vector<unsigned char> encoded_picture(const std::string& extension, const c
     if (is({ ".jpg", ".jpeg", ".jpe" })) return picture_file::encode_jpeg(picture, jpeg_quality);
     if (is({ ".tiff", ".tif" })) return picture_file::encode_tiff(picture);
     if (is({ ".bmp", ".dib" })) return picture_file::encode_bmp(picture);
-    const bool named = is({ ".pnm" }) || (is({ ".pgm" }) && picture.channels() == 1)
-        || (is({ ".ppm" }) && picture.channels() == 3);
+    const bool named
+        = is({ ".pnm" }) || (is({ ".pgm" }) && picture.channels() == 1) || (is({ ".ppm" }) && picture.channels() == 3);
     return named ? picture_file::encode_pnm(picture) : std::vector<unsigned char>();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/picture_ways.h"
+
 #include <opencv2/core.hpp>
 
 #include <string>
@@ -8,17 +10,6 @@
 /// Pictures from files, and as the bytes of files: PNG, JPEG, TIFF, BMP and PNM, by libpng, libjpeg and libtiff.
 /// Nothing is printed, and no file is opened but the one that is named.
 namespace vexo {
-
-/// What a picture is decoded to. Only `stored` does not heed the orientation of Exif data.
-enum class PictureAs {
-    grey,      ///< 8 bits
-    deep_grey, ///< grey of the file's depth
-    colour,    ///< 8 bits each of blue, green and red
-    stored     ///< depth and channels of the file; blue first, alpha last
-};
-
-/// How much is tried to make a PNG small. The quick way is for pictures with edges; noise is small in neither.
-enum class PngEffort { quick, all_filters };
 
 /// Decodes what picture_file::may_be_decoded() allows. An empty picture for anything else, and for a damaged file: no
 /// picture of which a part is missing is given.

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "base/pictures.h"
+#include "base/picture_ways.h"
 
 #include <opencv2/core.hpp>
 
 #include <cstddef>
-#include <string>
+#include <cstdint>
 #include <vector>
 
 /// What the decoders and encoders of base/pictures/ share.

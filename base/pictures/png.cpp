@@ -5,6 +5,7 @@
 
 #include <csetjmp>
 #include <cstring>
+#include <utility>
 
 // libpng leaves a step by longjmp when the file is damaged. So each step is a function of its own, `noexcept`, without
 // any object that has a destructor: those live in the functions that call the steps.

@@ -1,8 +1,10 @@
 #include "base/pictures/format.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 namespace vexo {
 namespace picture_file {
