@@ -91,9 +91,10 @@ bool read_row(Pnm& pnm, std::vector<std::uint16_t>& row)
     if (pnm.left() < bytes) return false;
     const unsigned char* from = pnm.file.first + pnm.at;
     for (std::size_t i = 0; i < row.size(); ++i) {
-        const int byte = wide ? from[2 * i] * 256 + from[2 * i + 1] : from[i];
-        row[i] = static_cast<std::uint16_t>(byte);
-        if (pnm.bits()) row[i] = ((from[i / 8] << (i % 8)) & 0x80) != 0 ? 0 : 255;
+        const int sample = pnm.bits() ? (((from[i / 8] << (i % 8)) & 0x80) != 0 ? 0 : 255)
+            : wide                    ? from[2 * i] * 256 + from[2 * i + 1]
+                                      : from[i];
+        row[i] = static_cast<std::uint16_t>(sample);
     }
     pnm.at += bytes;
     return true;
