@@ -4,7 +4,7 @@
 set -eu
 packages="g++ cmake ninja-build pkg-config libopencv-dev libpng-dev libjpeg-dev libtiff-dev libeigen3-dev libcli11-dev nlohmann-json3-dev libhpdf-dev libssl-dev libnanoflann-dev libjs-three"
 if [ "${1:-run}" = test ]; then
-  packages="$packages libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev libomp-dev chromium python3 assimp-utils"
+  packages="$packages libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev libomp-dev valgrind chromium python3 assimp-utils"
 fi
 
 missing=""
