@@ -1,5 +1,6 @@
 #include "base/boundary.h"
 #include "base/pictures/format.h"
+#include "base/pictures/plain_png.h"
 
 #include <png.h>
 
@@ -187,6 +188,10 @@ std::vector<png_bytep> rows_of(const cv::Mat& picture)
 
 cv::Mat decode_png(Bytes bytes, PictureAs as)
 {
+    if (as == PictureAs::deep_grey) {
+        cv::Mat plain = decode_plain_png(bytes);
+        if (!plain.empty()) return plain;
+    }
     PngFile file(bytes);
     if (!file.read_header()) return {};
     const int type = type_as(file.type(), as);
