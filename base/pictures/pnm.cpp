@@ -31,8 +31,8 @@ bool is_digit(unsigned char c)
     return c >= '0' && c <= '9';
 }
 
-/// The next number, after white space and comments, and the one character that ends it.
-/// @param digits  at most so many; pixels of P1 need no space between them
+/// The next number, after white space and comments. White space ends it, too.
+/// @param digits  at most so many; where one is asked for, as for pixels of P1, nothing need come in between
 /// @return        -1 where there is none
 std::int64_t next_number(Pnm& pnm, int digits = 9)
 {
@@ -43,9 +43,11 @@ std::int64_t next_number(Pnm& pnm, int digits = 9)
     }
     if (pnm.left() == 0) return -1;
     std::int64_t number = 0;
+    const bool one_digit = digits == 1;
     for (; digits > 0 && pnm.left() > 0 && is_digit(pnm.file.first[pnm.at]); ++pnm.at, --digits)
         number = number * 10 + pnm.file.first[pnm.at] - '0';
-    return number;
+    const bool ended = one_digit || pnm.left() == 0 || std::isspace(pnm.file.first[pnm.at]) != 0;
+    return ended ? number : -1;
 }
 
 bool read_header(Pnm& pnm)
