@@ -18,15 +18,6 @@ std::size_t rounded_up(std::size_t bytes, std::size_t unit) noexcept
     return (bytes + unit - 1) / unit * unit;
 }
 
-void ask_for_large_pages(void* block, std::size_t bytes) noexcept
-{
-#if defined(__linux__)
-    ::madvise(block, bytes / small_page * small_page, MADV_HUGEPAGE);
-#else
-    static_cast<void>(block), static_cast<void>(bytes);
-#endif
-}
-
 /// What a matrix needs to give its block back. It makes none: matrices over blocks never grow.
 class LargeBlocks final : public cv::MatAllocator {
 public:
@@ -57,6 +48,17 @@ public:
 };
 
 } // namespace
+
+void ask_for_large_pages(void* block, std::size_t bytes) noexcept
+{
+#if defined(__linux__)
+    const std::size_t to_page = (small_page - reinterpret_cast<std::uintptr_t>(block) % small_page) % small_page;
+    if (bytes <= to_page) return;
+    ::madvise(static_cast<char*>(block) + to_page, (bytes - to_page) / small_page * small_page, MADV_HUGEPAGE);
+#else
+    static_cast<void>(block), static_cast<void>(bytes);
+#endif
+}
 
 void* new_large_block(std::size_t bytes)
 {

@@ -231,6 +231,7 @@ void clean(Work& w)
     }
     clean(m, cleaning_rules(m.method(), m.precision.refined, cleaning));
     if (m.precision.refined && m.cloud.count > 0) measure_gaps(w.stereo, w.phases.raw, m);
+    w.phases = {}; // 32 bytes a pixel that nobody asks for any more
 }
 
 cv::Mat depth_map(const Cloud& cloud)

@@ -3,6 +3,8 @@
 #include "base/cpu.h"
 
 #include <algorithm>
+#include <climits>
+#include <cmath>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -21,9 +23,16 @@ struct Position {
     int fx, fy; ///< fraction, 1/32 px
 };
 
+/// Rounded to even. What is not a number, or too large, is far outside: cvRound() gives INT_MIN for it on x86 alone.
+VEXO_INLINE int in_fractions(float px) noexcept
+{
+    const float scaled = px * one;
+    return std::fabs(scaled) < 0x1p31F ? cvRound(scaled) : INT_MIN;
+}
+
 VEXO_INLINE Position position_of(float map_x, float map_y) noexcept
 {
-    const int ix = cvRound(map_x * one), iy = cvRound(map_y * one); // not a number, or too large: INT_MIN
+    const int ix = in_fractions(map_x), iy = in_fractions(map_y);
     return { ix >> fraction_bits, iy >> fraction_bits, ix & (one - 1), iy & (one - 1) };
 }
 

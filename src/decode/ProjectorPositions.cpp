@@ -3,6 +3,7 @@
 #include "base/boundary.h"
 #include "base/index.h"
 #include "base/large_pages.h"
+#include "base/pictures.h"
 #include "base/whole_file.h"
 #include "decode/pixel_formulas.h"
 #include "decode/stream_copy.h"
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <functional>
 #include <omp.h>
-#include <opencv2/imgcodecs.hpp>
 
 namespace vexo {
 namespace {
@@ -227,8 +227,7 @@ void ProjectorPositions::_save_raw(const cv::Mat_<float>& image, const std::stri
 
 void ProjectorPositions::_save_mask(const std::string& name) const
 {
-    std::vector<uchar> bytes;
-    if (!vmask.empty() && cv::imencode(".pgm", vmask, bytes)) write_file(name, bytes);
+    if (!vmask.empty()) write_file(name, encoded_picture(".pgm", vmask));
 }
 
 void ProjectorPositions::save_unwrap() const

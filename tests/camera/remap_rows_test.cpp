@@ -1,5 +1,7 @@
-// The row kernel behind UndistortCamera::remap: the same bits as cv::remap.
+// The row kernel behind UndistortCamera::remap: the same bits as its plain twin, and on x86 as cv::remap. Elsewhere
+// OpenCV rounds what is no number to 0 and fuses additions with multiplications.
 #include "base/cpu.h"
+#include "bench/plain_remap.h"
 #include "camera/camera_undistort.h"
 #include "camera/toed_in_pair.h"
 
@@ -9,6 +11,7 @@
 #include <cfloat>
 #include <cmath>
 #include <random>
+#include <string>
 #include <vector>
 
 using vexo::Cpu;
@@ -78,11 +81,18 @@ template <class T> void fill_randomly(cv::Mat_<T>& image, std::mt19937& rng)
             pixel = rng() % 4 == 0 ? 0.0F : value(rng);
 }
 
-cv::Mat opencv_remap(const cv::Mat& src, const Tables& t, double fill)
+/// What the twin makes of an image; held to cv::remap where that gives the same.
+template <class T> cv::Mat expected(const cv::Mat_<T>& src, const Tables& t, T fill)
 {
-    cv::Mat dst(t.map1.size(), src.type(), cv::Scalar::all(fill));
-    cv::remap(src, dst, t.map1, t.map2, cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
-    return dst;
+    cv::Mat_<T> twin = plain::remap(src, t.map1, t.map2, fill), of_opencv(t.map1.size(), fill);
+    cv::remap(src, of_opencv, t.map1, t.map2, cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+#if defined(__x86_64__)
+    EXPECT_TRUE(same_bits(twin, of_opencv)) << t.name << ' ' << src.size();
+#else
+    const double rounding = 1e5 * 4 * FLT_EPSILON; // of four products of the largest grey
+    if (std::string(t.name) != "wild") EXPECT_LE(cv::norm(twin, of_opencv, cv::NORM_INF), rounding) << t.name;
+#endif
+    return twin;
 }
 
 UndistortCamera camera_with(const Tables& t)
@@ -97,7 +107,7 @@ template <class T> void expect_equal(const cv::Mat_<T>& src, const Tables& t, T 
 {
     cv::Mat got;
     ASSERT_TRUE(camera_with(t).remap(src, got, cv::Scalar::all(static_cast<double>(fill))));
-    EXPECT_TRUE(same_bits(got, opencv_remap(src, t, static_cast<double>(fill)))) << t.name << ' ' << src.size();
+    EXPECT_TRUE(same_bits(got, expected(src, t, fill))) << t.name << ' ' << src.size();
 }
 
 class RemapRows : public testing::TestWithParam<bool> {
@@ -109,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(PlainAndVector, RemapRows, testing::Bool());
 
 } // namespace
 
-TEST_P(RemapRows, EqualCvRemapBitForBit)
+TEST_P(RemapRows, EqualTheTwinBitForBit)
 {
     std::mt19937 rng(4);
     for (const cv::Size raw : { cv::Size(1, 1), cv::Size(1, 40), cv::Size(40, 1), cv::Size(2, 2), cv::Size(9, 3),
@@ -145,9 +155,9 @@ TEST_P(RemapRows, OnePassOverMapMaskAndTextureIsThreePasses)
                 { { bytes.image[0], bytes.image.step[0], mask[r], 0 },
                     { floats.image[0], floats.image.step[0], map[r], 0.0F },
                     { other.image[0], other.image.step[0], texture[r], 99 } });
-        EXPECT_TRUE(same_bits(mask, opencv_remap(bytes.image, t, 0))) << t.name;
-        EXPECT_TRUE(same_bits(map, opencv_remap(floats.image, t, 0))) << t.name;
-        EXPECT_TRUE(same_bits(texture, opencv_remap(other.image, t, 99))) << t.name;
+        EXPECT_TRUE(same_bits(mask, expected<uchar>(bytes.image, t, 0))) << t.name;
+        EXPECT_TRUE(same_bits(map, expected(floats.image, t, 0.0F))) << t.name;
+        EXPECT_TRUE(same_bits(texture, expected<uchar>(other.image, t, 99))) << t.name;
     }
 }
 
@@ -179,5 +189,5 @@ TEST(RemapRowsFallBack, OtherTablesTypesAndMethodsGoThroughCvRemap)
     EXPECT_FALSE(cam.has_row_form(size));
     cv::Mat_<uchar> raw(size, uchar { 9 });
     ASSERT_TRUE(cam.remap(raw, got, cv::Scalar::all(77)));
-    EXPECT_TRUE(same_bits(got, opencv_remap(raw, t, 77)));
+    EXPECT_TRUE(same_bits(got, expected<uchar>(raw, t, 77)));
 }

@@ -13,12 +13,13 @@ using namespace vexo;
 
 namespace {
 
-/// The slot of an operation, from the Itanium C++ ABI's pointer to a virtual member: 1 + 8 * slot.
+/// The slot of an operation, from the Itanium C++ ABI's pointer to a virtual member: 8 * slot, and 1 more where the bit
+/// that says "virtual" is not in the second word, as it is on ARM.
 template <class Member> int slot(Member member)
 {
     std::ptrdiff_t word = 0;
     std::memcpy(&word, &member, sizeof word);
-    return static_cast<int>(word - 1) / static_cast<int>(sizeof(void*));
+    return static_cast<int>(word) / static_cast<int>(sizeof(void*));
 }
 
 /// @param first  slot of the first of these operations; the others follow it
