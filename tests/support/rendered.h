@@ -9,12 +9,14 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <tuple>
 
 namespace vexo {
 
 /// Frames as sim::make_capture() has them. Casting rays is most of the time that a small capture takes: here it is done
-/// once for all captures of a program that differ in pattern, noise and the projector's blur alone.
+/// once for all captures of a program that differ in pattern, noise and the projector's blur alone; patterns are
+/// blurred once.
 class Rendered {
 public:
     /// Frames of one camera.
@@ -22,12 +24,14 @@ public:
     {
         const std::shared_ptr<Seen>& seen = _seen(scene, options, camera);
         seen->rig = make_rig(options); // which the view asks for the noise
-        sim::Pattern pattern = pattern_of(options);
-        std::swap(pattern.frames[static_cast<std::size_t>(options.swapped[0])],
-            pattern.frames[static_cast<std::size_t>(options.swapped[1])]);
+        const std::vector<sim::ProjectedRow>& rows = _rows(options);
+        std::vector<std::size_t> order(rows.size());
+        std::iota(order.begin(), order.end(), std::size_t { 0 });
+        std::swap(
+            order[static_cast<std::size_t>(options.swapped[0])], order[static_cast<std::size_t>(options.swapped[1])]);
         std::vector<cv::Mat> frames;
-        for (const sim::ProjectedRow& row : project(pattern, options))
-            frames.push_back(seen->view.picture(row, static_cast<int>(frames.size())));
+        for (const std::size_t row : order)
+            frames.push_back(seen->view.picture(rows[row], static_cast<int>(frames.size())));
         return frames;
     }
 
@@ -69,6 +73,16 @@ private:
         std::shared_ptr<Seen>& seen = known[all];
         if (seen == nullptr) seen = std::make_shared<Seen>(scene, o, camera);
         return seen;
+    }
+
+    static const std::vector<sim::ProjectedRow>& _rows(const sim::RigOptions& o)
+    {
+        const auto all = std::make_tuple(
+            o.method, o.fringe_period, o.periods, o.projector_size.width, o.projector_size.height, o.gamma, o.defocus);
+        static std::map<std::remove_const_t<decltype(all)>, std::vector<sim::ProjectedRow>> known;
+        std::vector<sim::ProjectedRow>& rows = known[all];
+        if (rows.empty()) rows = project(pattern_of(o), o);
+        return rows;
     }
 };
 
