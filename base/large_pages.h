@@ -3,33 +3,52 @@
 #include <opencv2/core.hpp>
 
 #include <cstddef>
-#include <cstdint>
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
+#include <initializer_list>
+#include <limits>
+#include <new>
+#include <vector>
 
+/// Memory on large pages, 2 MiB each: the first writing to it then costs one page fault where it would cost 512, and
+/// row after row of a dozen images at once is no more pages than a processor remembers the addresses of; above all in
+/// a virtual machine, where a fault and looking an address up take long. Large pages begin at multiples of their size,
+/// so blocks do, too. Where there are none, everything works the same.
 namespace vexo {
 
-/// Asks for 2 MiB pages under a large block that nobody has written to yet. Row after row of a dozen images at once is
-/// more 4 KiB pages than a processor remembers the addresses of; above all in a virtual machine, where looking one up
-/// takes long. Only a hint: without it everything works the same.
-inline void ask_for_large_pages(void* block, std::size_t bytes) noexcept
-{
-#if defined(__linux__)
-    constexpr std::size_t page = 4096, large = 2 << 20;
-    const std::size_t to_page = (page - reinterpret_cast<std::uintptr_t>(block) % page) % page;
-    if (bytes >= large) ::madvise(static_cast<char*>(block) + to_page, (bytes - to_page) / page * page, MADV_HUGEPAGE);
-#else
-    static_cast<void>(block), static_cast<void>(bytes);
-#endif
-}
+/// @return  nobody has written to it yet; at a multiple of 2 MiB when it is as large as that, else of 64 bytes.
+///          Throws std::bad_alloc. To be given to free_large_block()
+void* new_large_block(std::size_t bytes);
+void free_large_block(void* block) noexcept;
+
+/// One image for each of `types`, side by side in one block: an image that is smaller than a large page, or not a whole
+/// number of them, is on large pages all the same. The block stays until the last of the images is released. Each
+/// image is continuous; its pixels are undefined. Throws std::bad_alloc.
+std::vector<cv::Mat> large_images(cv::Size size, const std::vector<int>& types);
 
 /// image.create(), on large pages.
-inline void create_large(cv::Mat& image, cv::Size size, int type)
-{
-    if (image.size() == size && image.type() == type) return;
-    image.create(size, type);
-    ask_for_large_pages(image.data, image.total() * image.elemSize());
-}
+void create_large(cv::Mat& image, cv::Size size, int type);
+
+/// An image, and the type that it is to have.
+struct TypedImage {
+    cv::Mat* image;
+    int type;
+};
+/// The same for several images, side by side in one block.
+void create_large(cv::Size size, std::initializer_list<TypedImage> images);
+
+/// For vectors on large pages.
+template <class T> struct LargePageAllocator {
+    using value_type = T;
+    LargePageAllocator() = default;
+    template <class U> LargePageAllocator(const LargePageAllocator<U>&) noexcept { } // NOLINT: a conversion by design
+
+    T* allocate(std::size_t count)
+    {
+        if (count > std::numeric_limits<std::size_t>::max() / 2 / sizeof(T)) throw std::bad_alloc();
+        return static_cast<T*>(new_large_block(count * sizeof(T)));
+    }
+    void deallocate(T* block, std::size_t) noexcept { free_large_block(block); }
+    template <class U> bool operator==(const LargePageAllocator<U>&) const noexcept { return true; }
+    template <class U> bool operator!=(const LargePageAllocator<U>&) const noexcept { return false; }
+};
 
 } // namespace vexo

@@ -3,25 +3,60 @@
 #include "base/boundary.h"
 #include "base/failure.h"
 #include "base/picture_header.h"
+#include "base/pictures/format.h"
 #include "base/text.h"
 #include "base/whole_file.h"
 
-#include <opencv2/imgcodecs.hpp>
-
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 
 namespace vexo {
 
-cv::Mat read_picture(const std::string& path, int flags)
+namespace {
+
+using picture_file::Bytes;
+
+/// The decoder for the first bytes of a file that may be decoded.
+cv::Mat decoded(const std::string& bytes, PictureAs as)
+{
+    const Bytes file { reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size() };
+    switch (bytes[0]) {
+    case '\x89':
+        return picture_file::decode_png(file, as);
+    case '\xFF':
+        return picture_file::decode_jpeg(file, as);
+    case 'B':
+        return picture_file::decode_bmp(file, as);
+    case 'P':
+        return picture_file::decode_pnm(file, as);
+    default:
+        return picture_file::decode_tiff(file, as);
+    }
+}
+
+constexpr int jpeg_quality = 95;
+
+} // namespace
+
+cv::Mat decode_picture(const std::string& bytes, PictureAs as)
+{
+    return picture_file::may_be_decoded(bytes) ? decoded(bytes, as) : cv::Mat();
+}
+
+cv::Mat decode_picture(const std::vector<unsigned char>& bytes, PictureAs as)
+{
+    return decode_picture(std::string(bytes.begin(), bytes.end()), as);
+}
+
+cv::Mat read_picture(const std::string& path, PictureAs as)
 {
     const std::string bytes = read_bytes(path, picture_file::max_bytes);
     const cv::Size size = picture_file::announced_size(bytes);
     if (std::int64_t { size.width } * size.height > max_picture_area)
         throw Failure(path + ": is " + size_text(size.width, size.height) + " pixels; at most "
             + std::to_string(max_picture_area) + " pixels are read");
-    const cv::Mat raw(1, static_cast<int>(bytes.size()), CV_8U, const_cast<char*>(bytes.data()));
-    const cv::Mat picture = value_if_opencv_throws(
-        cv::Mat(), [&] { return picture_file::may_be_decoded(bytes) ? cv::imdecode(raw, flags) : cv::Mat(); });
+    cv::Mat picture = value_if_opencv_throws(cv::Mat(), [&] { return decode_picture(bytes, as); });
     if (picture.empty())
         throw Failure(path + ": is damaged, or no picture that can be read; PNG, TIFF, BMP, PNM and JPEG are");
     return picture;
@@ -37,24 +72,41 @@ cv::Mat read_grey(const std::string& path)
 
 cv::Mat read_deep_grey(const std::string& path)
 {
-    const cv::Mat picture = read_picture(path, cv::IMREAD_ANYDEPTH);
+    cv::Mat picture = read_picture(path, PictureAs::deep_grey);
     if (picture.depth() != CV_8U && picture.depth() != CV_16U)
         throw Failure(path + ": holds floating-point or signed numbers; save it with grey values of 8 or 16 bits");
     return picture;
 }
 
-std::vector<unsigned char> encode(const std::string& extension, const cv::Mat& picture)
+std::vector<unsigned char> encoded_picture(const std::string& extension, const cv::Mat& picture, PngEffort effort)
 {
-    std::vector<unsigned char> bytes;
-    if (!cv::imencode(extension, picture, bytes)) throw Failure("the picture cannot be encoded as " + extension);
+    std::string format = extension;
+    for (char& c : format)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const auto is = [&format](std::initializer_list<const char*> names) {
+        return std::find(names.begin(), names.end(), format) != names.end();
+    };
+    if (picture.empty() || picture.dims != 2) return {};
+    if (is({ ".png" })) return picture_file::encode_png(picture, effort);
+    if (is({ ".jpg", ".jpeg", ".jpe" })) return picture_file::encode_jpeg(picture, jpeg_quality);
+    if (is({ ".tiff", ".tif" })) return picture_file::encode_tiff(picture);
+    if (is({ ".bmp", ".dib" })) return picture_file::encode_bmp(picture);
+    const bool named
+        = is({ ".pnm" }) || (is({ ".pgm" }) && picture.channels() == 1) || (is({ ".ppm" }) && picture.channels() == 3);
+    return named ? picture_file::encode_pnm(picture) : std::vector<unsigned char>();
+}
+
+std::vector<unsigned char> encode(const std::string& extension, const cv::Mat& picture, PngEffort effort)
+{
+    std::vector<unsigned char> bytes = encoded_picture(extension, picture, effort);
+    if (bytes.empty()) throw Failure("the picture cannot be encoded as " + extension);
     return bytes;
 }
 
 std::vector<unsigned char> encode_jpeg(const cv::Mat& picture, int quality)
 {
-    std::vector<unsigned char> bytes;
-    if (!cv::imencode(".jpg", picture, bytes, { cv::IMWRITE_JPEG_QUALITY, quality }))
-        throw Failure("the picture cannot be encoded as JPEG");
+    std::vector<unsigned char> bytes = picture_file::encode_jpeg(picture, quality);
+    if (bytes.empty()) throw Failure("the picture cannot be encoded as JPEG");
     return bytes;
 }
 

@@ -19,5 +19,5 @@ run() {
   return $status
 }
 export -f run
-printf '%s\n' calibration stereo projection hmat_tables tables transform board decoders ply robot_poses \
+printf '%s\n' calibration stereo projection hmat_tables tables transform board decoders pictures ply robot_poses \
   | xargs -P "$(nproc)" -I {} bash -c 'run {}'

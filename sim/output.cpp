@@ -1,11 +1,10 @@
 #include "sim/output.h"
 
 #include "base/parallel.h"
+#include "base/pictures.h"
 
 #include <filesystem>
 #include <stdexcept>
-
-#include <opencv2/imgcodecs.hpp>
 
 namespace vexo {
 namespace sim {
@@ -13,14 +12,6 @@ namespace sim {
 namespace fs = std::filesystem;
 
 namespace {
-std::vector<unsigned char> encode(const std::string& name, const cv::Mat& image)
-{
-    std::vector<unsigned char> bytes;
-    const std::vector<int> quick { cv::IMWRITE_PNG_COMPRESSION, 1 }; // noise does not compress anyway
-    if (!cv::imencode(fs::path(name).extension().string(), image, bytes, quick))
-        throw std::runtime_error(name + ": the image cannot be encoded");
-    return bytes;
-}
 
 template <int rows, int columns> Json rows_json(const cv::Matx<double, rows, columns>& m)
 {
@@ -45,7 +36,8 @@ void add_images(const std::vector<std::pair<std::string, cv::Mat>>& images, File
     const std::size_t first = files.size();
     files.resize(first + images.size());
     in_parallel(images.size(), [&](std::size_t i) {
-        files[first + i] = { images[i].first, encode(images[i].first, images[i].second) };
+        files[first + i] = { images[i].first,
+            encode(fs::path(images[i].first).extension().string(), images[i].second, PngEffort::all_filters) };
     });
 }
 

@@ -5,7 +5,7 @@
 #include <vexo/vexo.h>
 
 #include <opencv2/calib3d.hpp>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgcodecs.hpp> // a host reads its pictures as it likes; the library uses none of it
 
 #include <algorithm>
 #include <cmath>

@@ -5,7 +5,6 @@
 #include "host/cameras/calibration_notes.h"
 
 #include <opencv2/calib3d.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -19,7 +18,7 @@ namespace {
 
 cv::Mat read_map(const std::string& path, int type)
 {
-    cv::Mat map = read_picture(path, cv::IMREAD_UNCHANGED);
+    cv::Mat map = read_picture(path, PictureAs::stored);
     if (map.type() != type) throw Failure(path + ": is not a map of a simulated capture; run vexo simulate again");
     return map;
 }

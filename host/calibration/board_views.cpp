@@ -6,8 +6,6 @@
 #include "host/captures/frames.h"
 #include "host/captures/names.h"
 
-#include <opencv2/imgcodecs.hpp>
-
 #include <algorithm>
 #include <cfloat>
 #include <filesystem>
@@ -166,7 +164,7 @@ std::string outcome(const BoardPicture& picture, const BoardFile& board)
 
 cv::Mat decoded_drawing(const BoardPicture& picture)
 {
-    return cv::imdecode(picture.drawing, cv::IMREAD_COLOR);
+    return decode_picture(picture.drawing, PictureAs::colour);
 }
 
 } // namespace vexo

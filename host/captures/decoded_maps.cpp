@@ -3,8 +3,6 @@
 #include "base/failure.h"
 #include "base/pictures.h"
 
-#include <opencv2/imgcodecs.hpp>
-
 #include <cmath>
 #include <filesystem>
 
@@ -17,7 +15,7 @@ namespace {
 /// A map of one number per pixel, CV_32F.
 cv::Mat read_numbers(const std::string& path)
 {
-    cv::Mat map = read_picture(path, cv::IMREAD_UNCHANGED);
+    cv::Mat map = read_picture(path, PictureAs::stored);
     if (map.channels() != 1) throw Failure(path + ": has several channels; a map holds one number per pixel");
     map.convertTo(map, CV_32F);
     return map;

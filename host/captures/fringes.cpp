@@ -65,7 +65,7 @@ void add_row(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Ma
     std::vector<float> phase(static_cast<std::size_t>(mask.cols));
     for (int x = 0; x < mask.cols; ++x) {
         if (inside[x] != 255) continue;
-        const FringeSteps steps(frames, first, y, x);
+        const FringeSteps steps(frames, first, y, x); // elsewhere the phase is 0 and used by nobody
         phase[static_cast<std::size_t>(x)] = static_cast<float>(steps.phase());
         sums.modulations.push_back(static_cast<float>(steps.modulation()));
         sums.residuals.push_back(static_cast<float>(steps.residual()));
@@ -123,19 +123,19 @@ void drop_weak(const std::vector<cv::Mat>& frames, std::size_t first, double min
 PixelMasks make_masks(const std::vector<cv::Mat>& frames, const LightLimits& limits,
     const std::vector<std::size_t>& sets, double min_modulation)
 {
-    const cv::Mat& black = frames[0];
-    const cv::Mat& white = frames[1];
-    PixelMasks masks { cv::Mat::zeros(white.size(), CV_8U), {} };
-    for (int y = 0; y < white.rows; ++y) {
-        for (int x = 0; x < white.cols; ++x) {
-            const int w = white.at<uchar>(y, x), b = black.at<uchar>(y, x);
-            if (w < limits.min_white || w > limits.max_white || w - b < limits.min_contrast) continue;
-            masks.contrast.at<uchar>(y, x) = 255;
-        }
+    PixelMasks masks { cv::Mat(frames[1].size(), CV_8U), {} };
+    for (int y = 0; y < frames[1].rows; ++y) {
+        const uchar *const black = frames[0].ptr(y), *const white = frames[1].ptr(y);
+        uchar* const seen = masks.contrast.ptr(y);
+        for (int x = 0; x < frames[1].cols; ++x)
+            seen[x] = white[x] >= limits.min_white && white[x] <= limits.max_white
+                    && white[x] - black[x] >= limits.min_contrast
+                ? 255
+                : 0;
     }
     masks.modulation = masks.contrast.clone();
     for (const std::size_t first : sets)
-        for (int y = 0; y < white.rows; ++y)
+        for (int y = 0; y < masks.modulation.rows; ++y)
             drop_weak(frames, first, min_modulation, masks.modulation, y);
     return masks;
 }
@@ -151,6 +151,21 @@ FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, std::size_t fi
     noise(sums, figures);
     figures.modulation = quantile(std::move(sums.modulations), 0.5);
     return figures;
+}
+
+double fringe_length(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask)
+{
+    Sums sums;
+    std::vector<float> phase(static_cast<std::size_t>(mask.cols));
+    for (int y = 0; y < mask.rows; ++y) {
+        const uchar* const inside = mask.ptr<uchar>(y);
+        for (int x = 0; x < mask.cols; ++x)
+            phase[static_cast<std::size_t>(x)]
+                = inside[x] == 255 ? static_cast<float>(FringeSteps(frames, first, y, x).phase()) : 0.0F;
+        add_slopes(phase, inside, sums);
+    }
+    const double slope = quantile(std::move(sums.slopes), 0.5);
+    return slope > 0.0 ? 1.0 / slope : 0.0;
 }
 
 FringeFigures measure_phase(const cv::Mat& phase, const cv::Mat& mask)

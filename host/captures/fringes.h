@@ -41,6 +41,9 @@ struct FringeFigures {
 /// @param first  index of the first of the four phase-shifted frames
 FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask);
 
+/// FringeFigures::length_px alone.
+double fringe_length(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask);
+
 /// The same of a decoded phase, CV_32F in periods: lengths alone, as the grey values are not known.
 FringeFigures measure_phase(const cv::Mat& phase, const cv::Mat& mask);
 

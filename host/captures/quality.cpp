@@ -137,22 +137,20 @@ void measure_pixels(const std::vector<cv::Mat>& frames, const std::vector<std::s
     f.kinds.create(f.size, CV_8U);
     f.modulation_map = cv::Mat(f.size, CV_32F, cv::Scalar(nothing));
     f.residual_map = f.modulation_map.clone();
-    double any_clipped = 0;
     for (int y = 0; y < f.size.height; ++y) {
         for (int x = 0; x < f.size.width; ++x) {
             const Kind kind = kind_at(frames, groups, y, x);
             f.kinds.at<uchar>(y, x) = kind;
-            bool clips = false;
-            for (const cv::Mat& frame : frames)
-                clips = clips || frame.at<uchar>(y, x) == clipped;
-            any_clipped += clips ? 1 : 0;
             if (kind == unlit || kind == weak) continue;
             const FringeSteps steps(frames, groups.front(), y, x);
             f.modulation_map.at<float>(y, x) = static_cast<float>(steps.modulation());
             f.residual_map.at<float>(y, x) = static_cast<float>(steps.residual());
         }
     }
-    f.saturated = any_clipped / static_cast<double>(f.size.area());
+    cv::Mat brightest = frames[0].clone();
+    for (const cv::Mat& frame : frames)
+        cv::max(brightest, frame, brightest);
+    f.saturated = cv::countNonZero(brightest == clipped) / static_cast<double>(f.size.area());
 }
 
 /// From second differences of the residual along rows, which have 6 times its variance; long fringes change it slowly.
@@ -191,7 +189,7 @@ void measure_flattened(const std::vector<cv::Mat>& frames, const std::vector<std
             flat += any ? 1 : 0;
         }
     f.flattened = flat / std::max(1.0, f.pixels * static_cast<double>(f.size.area()));
-    f.fringe_length = measure_fringes(frames, groups.front(), (f.kinds == good) | (f.kinds == clipped_lit)).length_px;
+    f.fringe_length = fringe_length(frames, groups.front(), (f.kinds == good) | (f.kinds == clipped_lit));
 }
 
 void summarize_pixels(const std::vector<cv::Mat>& frames, CameraFigures& f)
@@ -225,16 +223,13 @@ void summarize_pixels(const std::vector<cv::Mat>& frames, CameraFigures& f)
 /// lit tell less: glare makes single frames brighter than the lit one.
 void measure_lighting_up(const std::vector<cv::Mat>& frames, CameraFigures& f)
 {
-    const double margin = std::max(10.0, 8.0 * f.dark_noise);
+    const int margin = static_cast<int>(std::max(10.0, 8.0 * f.dark_noise)); // differences are whole
+    const cv::Mat dark = f.kinds == unlit;
     const double seen = f.pixels * static_cast<double>(f.size.area());
+    cv::Mat brighter;
     for (std::size_t k = 2; k < frames.size(); ++k) {
-        double count = 0;
-        for (int y = 0; y < f.size.height; ++y)
-            for (int x = 0; x < f.size.width; ++x)
-                count += f.kinds.at<uchar>(y, x) == unlit
-                        && frames[k].at<uchar>(y, x) > frames[1].at<uchar>(y, x) + margin
-                    ? 1
-                    : 0;
+        cv::subtract(frames[k], frames[1], brighter);
+        const double count = cv::countNonZero((brighter > margin) & dark);
         if (count / std::max(seen, 1.0) <= f.lighting_up) continue;
         f.lighting_up = count / std::max(seen, 1.0);
         f.lighting_up_frame = k;

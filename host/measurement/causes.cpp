@@ -66,9 +66,8 @@ SecondView look_through_camera1(iStereoCamera& camera, cv::Size raw_size)
 
 /// Everything that tells one cause from another.
 struct Evidence {
-    cv::Mat inside, contrast, modulation; ///< rectified masks
-    Cloud survivors, any_phase;
-    const Cloud* any_disparity = nullptr;
+    cv::Mat inside, contrast, modulation;        ///< rectified masks
+    cv::Mat any_disparity, any_phase, survivors; ///< what is measured without limits, and beside a partner for all
     SecondView second;
 
     Cause at(int y, int x) const
@@ -76,10 +75,10 @@ struct Evidence {
         if (inside.at<uchar>(y, x) != 255) return Cause::outside_image;
         if (contrast.at<uchar>(y, x) != 255) return Cause::contrast;
         if (modulation.at<uchar>(y, x) != 255) return Cause::modulation;
-        if (any_disparity->measured(y, x)) return Cause::disparity;
-        if (any_phase.measured(y, x)) return Cause::phase_difference;
+        if (any_disparity.at<uchar>(y, x) != 0) return Cause::disparity;
+        if (any_phase.at<uchar>(y, x) != 0) return Cause::phase_difference;
         if (!second.usable[static_cast<std::size_t>(y)]) return Cause::no_partner;
-        return survivors.measured(y, x) ? Cause::no_partner : Cause::unwrapping;
+        return survivors.at<uchar>(y, x) != 0 ? Cause::no_partner : Cause::unwrapping;
     }
 };
 
@@ -196,7 +195,7 @@ Json to_json(const CauseMap& map, Method method)
 }
 
 CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, const PixelMasks& masks,
-    const MatchingRecord& record, bool interpolate, const Cloud& cloud, const Cloud& any_disparity)
+    const MatchingRecord& record, bool interpolate, const Cloud& cloud, const cv::Mat& any_disparity)
 {
     const cv::Size raw_size = masks.contrast.size();
     Evidence evidence;
@@ -204,10 +203,10 @@ CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, cons
     evidence.contrast = rectified(camera, masks.contrast, 0);
     evidence.modulation = rectified(camera, masks.modulation, 0);
     evidence.second = look_through_camera1(camera, raw_size);
-    evidence.any_disparity = &any_disparity;
-    evidence.any_phase = match(camera, frames, lift_both(record), interpolate);
+    evidence.any_disparity = any_disparity;
+    evidence.any_phase = match_mask(camera, frames, lift_both(record), interpolate);
     const std::vector<cv::Mat> partner = partner_for_all(raw_size, evidence.second.middle, record);
-    evidence.survivors = match(camera, { frames[0], partner }, lift_both(record), false);
+    evidence.survivors = match_mask(camera, { frames[0], partner }, lift_both(record), false);
     return map_of(cloud, [&evidence](int y, int x) { return evidence.at(y, x); });
 }
 

@@ -73,9 +73,9 @@ MatchingRecord lift_disparity(MatchingRecord record);
 /// @param frames         what was matched, lit frames masked
 /// @param masks          of camera 0
 /// @param cloud          result of match() with these frames, `record` and `interpolate`
-/// @param any_disparity  the same with lift_disparity(record)
+/// @param any_disparity  what is measured with lift_disparity(record); CV_8U, 255: measured
 CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, const PixelMasks& masks,
-    const MatchingRecord& record, bool interpolate, const Cloud& cloud, const Cloud& any_disparity);
+    const MatchingRecord& record, bool interpolate, const Cloud& cloud, const cv::Mat& any_disparity);
 
 /// The same for block matching.
 CauseMap find_block_causes(

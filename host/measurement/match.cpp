@@ -13,23 +13,31 @@ namespace vexo {
 
 namespace {
 
-/// Keeps the points that the library hands out.
-class Receiver : public PointCloudCallback {
+/// Hands on the points that the library hands out.
+template <class Take> class Receiver : public PointCloudCallback {
 public:
-    explicit Receiver(Cloud& cloud)
-        : _cloud(cloud)
+    explicit Receiver(const Take& take)
+        : _take(take)
     {
     }
     void receive(unsigned char*, std::size_t, int width, int height, cv::Point3_<float>* points, int count) override
     {
-        _cloud.size = { width, height };
-        _cloud.points.assign(points, points + static_cast<std::ptrdiff_t>(width) * height);
-        _cloud.count = count;
+        _take(cv::Size { width, height }, points, count);
     }
 
 private:
-    Cloud& _cloud;
+    const Take& _take;
 };
+
+cv::Mat mask_of(cv::Size size, const cv::Point3f* points)
+{
+    cv::Mat mask(size, CV_8U);
+    uchar* const measured = mask.data;
+    const auto count = static_cast<std::ptrdiff_t>(mask.total());
+    for (std::ptrdiff_t i = 0; i < count; ++i)
+        measured[i] = points[i].z == points[i].z ? 255 : 0;
+    return mask;
+}
 
 void hand_over(iPointCloudGenerator& generator, const PairFrames& frames)
 {
@@ -56,9 +64,10 @@ const char* why_not_run(Method method)
         : "the library could not decode the frames";
 }
 
-} // namespace
-
-Cloud match(iStereoCamera& camera, const PairFrames& frames, MatchingRecord record, bool interpolate, StageTimes* times)
+/// Measures, and hands the points to `take`.
+template <class Take>
+StageTimes run(
+    iStereoCamera& camera, const PairFrames& frames, MatchingRecord& record, bool interpolate, const Take& take)
 {
     const Owned<iPointCloudGenerator> generator(CreatePointCloudGenerator(static_cast<int>(record.index())));
     if (!generator) throw Failure("not enough memory for the point cloud generator");
@@ -73,11 +82,58 @@ Cloud match(iStereoCamera& camera, const PairFrames& frames, MatchingRecord reco
     generator->genPC(iPointCloudGenerator::MethodQ, interpolate);
     own.triangulate = clock.lap();
 
-    Cloud cloud;
-    Receiver receiver(cloud);
+    Receiver<Take> receiver(take);
     generator->get_pointcloud(&receiver);
+    return own;
+}
+
+} // namespace
+
+Cloud match(iStereoCamera& camera, const PairFrames& frames, MatchingRecord record, bool interpolate, StageTimes* times)
+{
+    Cloud cloud;
+    const StageTimes own
+        = run(camera, frames, record, interpolate, [&](cv::Size size, const cv::Point3f* points, int count) {
+              cloud.size = size;
+              cloud.points.assign(points, points + size.area());
+              cloud.count = count;
+          });
     if (times) *times = own;
     return cloud;
+}
+
+cv::Mat match_mask(iStereoCamera& camera, const PairFrames& frames, MatchingRecord record, bool interpolate)
+{
+    cv::Mat mask;
+    run(camera, frames, record, interpolate,
+        [&](cv::Size size, const cv::Point3f* points, int) { mask = mask_of(size, points); });
+    return mask;
+}
+
+cv::Mat mask_of(const Cloud& cloud)
+{
+    return mask_of(cloud.size, cloud.points.data());
+}
+
+bool keep_within_limits(Cloud& matched, const MatchingRecord& record, const Geometry& geometry)
+{
+    constexpr double near_px = 1e-3, near_share = 1e-6; // a depth of 24 bits says its disparity to 1e-7 of its way
+    const auto [low, high] = disparity_limits(record);
+    const double at_infinity = -geometry.offset / geometry.slope;
+    std::vector<std::size_t> beyond;
+    for (std::size_t i = 0; i < matched.points.size(); ++i) {
+        const float z = matched.points[i].z;
+        if (z != z) continue;
+        const double d = geometry.disparity(static_cast<double>(z));
+        const double near = near_px + near_share * std::abs(d - at_infinity);
+        if (!(std::abs(d - low) > near && std::abs(d - high) > near)) return false;
+        if (d < low || d > high) beyond.push_back(i);
+    }
+    const float nan = std::nanf("");
+    for (const std::size_t i : beyond)
+        matched.points[i] = { nan, nan, nan };
+    matched.count -= static_cast<int>(beyond.size());
+    return true;
 }
 
 std::vector<float> disparities_of(const Cloud& cloud, const Geometry& geometry)

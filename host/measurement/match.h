@@ -29,6 +29,17 @@ using PairFrames = std::array<std::vector<cv::Mat>, 2>;
 Cloud match(iStereoCamera& camera, const PairFrames& frames, MatchingRecord record, bool interpolate,
     StageTimes* times = nullptr);
 
+/// Which pixels match() would measure. CV_8U, 255: measured.
+cv::Mat match_mask(iStereoCamera& camera, const PairFrames& frames, MatchingRecord record, bool interpolate);
+
+/// Which pixels a cloud has points of. CV_8U, 255: measured.
+cv::Mat mask_of(const Cloud& cloud);
+
+/// Takes out the points beyond the record's limits of disparity. Phases are matched without them and the limits only
+/// drop what was matched: the same frames need not be matched again. False, and nothing was changed: a depth lies so
+/// near a limit that its last bit would decide.
+bool keep_within_limits(Cloud& matched, const MatchingRecord& record, const Geometry& geometry);
+
 /// Disparities of the measured points, by their depths.
 std::vector<float> disparities_of(const Cloud& cloud, const Geometry& geometry);
 

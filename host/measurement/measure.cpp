@@ -126,21 +126,21 @@ void measure_phases(Work& w)
     choose_light(w);
     mask_pixels(w);
     choose_parameters(w);
-    next_step(w.on_step, "matching without limits");
+    next_step(w.on_step, "decoding and matching");
     Stopwatch clock;
-    const Cloud first_pass = match(w.camera(), w.frames, lift_disparity(m.record), w.request.interpolate);
-    m.any_disparity = disparities_of(first_pass, m.geometry);
+    m.cloud = match(w.camera(), w.frames, lift_disparity(m.record), w.request.interpolate, &m.times);
+    m.any_disparity = disparities_of(m.cloud, m.geometry);
+    const cv::Mat matched = mask_of(m.cloud);
     if (given)
         set_range(m, *given, as_given);
     else if (const auto found = occupied_range(m.any_disparity))
         set_range(m, *found, from_the_data);
+    if (!keep_within_limits(m.cloud, m.record, m.geometry))
+        m.cloud = match(w.camera(), w.frames, m.record, w.request.interpolate, &m.times);
     m.first_pass_seconds = clock.lap();
-    next_step(w.on_step, "decoding and matching");
-    m.cloud = match(w.camera(), w.frames, m.record, w.request.interpolate, &m.times);
     next_step(w.on_step, "finding out why pixels were not measured");
     clock.lap();
-    m.causes
-        = find_phase_causes(w.camera(), w.frames, m.masks[0], m.record, w.request.interpolate, m.cloud, first_pass);
+    m.causes = find_phase_causes(w.camera(), w.frames, m.masks[0], m.record, w.request.interpolate, m.cloud, matched);
     m.causes_seconds = clock.lap();
 }
 
@@ -231,6 +231,7 @@ void clean(Work& w)
     }
     clean(m, cleaning_rules(m.method(), m.precision.refined, cleaning));
     if (m.precision.refined && m.cloud.count > 0) measure_gaps(w.stereo, w.phases.raw, m);
+    w.phases = {}; // 32 bytes a pixel that nobody asks for any more
 }
 
 cv::Mat depth_map(const Cloud& cloud)

@@ -9,7 +9,7 @@
 namespace vexo {
 
 /// Steps that measure() announces, at most.
-constexpr int measure_steps = 5;
+constexpr int measure_steps = 4;
 
 /// Measures a capture with a stereo camera of its frames' size. Changes neither; several threads may measure at once,
 /// each with a stereo camera of its own. That nothing was measured is no failure: the cloud is empty then, and the

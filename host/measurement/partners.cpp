@@ -35,10 +35,11 @@ struct FringeStep {
 
 std::vector<cv::Mat> gray_frames(const Halves& halves)
 {
-    std::vector<cv::Mat> frames;
-    for (std::size_t k = 0; k < frame_count(Method::gray_phase); ++k)
-        frames.push_back(halves.frame());
-    frames[1].setTo(halves.white);
+    std::vector<cv::Mat> frames(frame_count(Method::gray_phase), halves.frame()); // the dark ones are the same
+    frames[1] = halves.frame(halves.white);
+    for (const std::size_t k :
+        { std::size_t { 2 }, std::size_t { 9 }, std::size_t { 10 }, std::size_t { 11 }, std::size_t { 12 } })
+        frames[k] = halves.frame();
     frames[2].colRange(halves.right()).setTo(255); // gray code 64 is period 127
     const auto set_phase = [&frames](cv::Range columns, int p0, int p1, int p2, int p3) {
         const int levels[4] = { p0, p1, p2, p3 };

@@ -1,5 +1,7 @@
 #include "host/measurement/row_pictures.h"
 
+#include "base/parallel.h"
+
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
@@ -19,24 +21,68 @@ constexpr double least_of_column = 0.8;
 cv::Mat seen_from_camera_0(const cv::Mat& right, const cv::Mat& disparity)
 {
     cv::Mat map_x(disparity.size(), CV_32F), map_y(disparity.size(), CV_32F), seen;
-    for (int y = 0; y < disparity.rows; ++y)
-        for (int x = 0; x < disparity.cols; ++x) {
-            const float d = disparity.at<float>(y, x);
-            map_x.at<float>(y, x) = std::isnan(d) ? -1.0F : static_cast<float>(x) - d;
-            map_y.at<float>(y, x) = static_cast<float>(y);
-        }
+    for (int y = 0; y < disparity.rows; ++y) {
+        const float* const d = disparity.ptr<float>(y);
+        float* const to = map_x.ptr<float>(y);
+        for (int x = 0; x < disparity.cols; ++x)
+            to[x] = d[x] == d[x] ? static_cast<float>(x) - d[x] : -1.0F;
+        map_y.row(y).setTo(y);
+    }
     cv::remap(right, seen, map_x, map_y, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     return seen;
 }
 
-/// Means over the measured pixels of a box.
-cv::Mat mean_over(const cv::Mat& picture, const cv::Mat& measured, cv::Size box)
-{
-    cv::Mat sums, counts;
-    cv::blur(picture.mul(measured), sums, box, { -1, -1 }, cv::BORDER_CONSTANT);
-    cv::blur(measured, counts, box, { -1, -1 }, cv::BORDER_CONSTANT);
-    return sums / cv::max(counts, 1e-6);
-}
+/// Means over the measured pixels of boxes of one size.
+class MeansOver {
+public:
+    MeansOver(const cv::Mat& measured, cv::Size box)
+        : _measured(measured)
+        , _box(box)
+        , _counts(_blurred(measured))
+    {
+        cv::max(_counts, 1e-6, _counts);
+    }
+
+    cv::Mat of(const cv::Mat& picture) const
+    {
+        cv::Mat means = _blurred(picture.mul(_measured));
+        cv::divide(means, _counts, means);
+        return means;
+    }
+
+private:
+    cv::Mat _blurred(const cv::Mat& picture) const
+    {
+        cv::Mat blurred;
+        cv::blur(picture, blurred, _box, { -1, -1 }, cv::BORDER_CONSTANT);
+        return blurred;
+    }
+
+    cv::Mat _measured;
+    cv::Size _box;
+    cv::Mat _counts;
+};
+
+/// structure_along_y() of several pictures.
+class Structure {
+public:
+    explicit Structure(const cv::Mat& measured)
+        : _near(measured, { 3, 3 })
+        , _column(measured, { 1, 2 * half_column + 1 })
+    {
+    }
+
+    cv::Mat along_y(const cv::Mat& picture) const
+    {
+        cv::Mat fine;
+        picture.convertTo(fine, CV_32F);
+        const cv::Mat smooth = _near.of(fine);
+        return smooth - _column.of(smooth);
+    }
+
+private:
+    MeansOver _near, _column;
+};
 
 /// The disparity of surface that has texture of its own. Steps of depth are left out: what is seen around them is an
 /// outline, which lies elsewhere for each camera. Narrow gaps that no step explains are filled: edges of what is
@@ -56,7 +102,7 @@ cv::Mat whole_surface(const cv::Mat& disparity)
     cv::dilate(high, high, box);
     seen.convertTo(measured, CV_32F, 1.0 / 255);
     cv::morphologyEx(seen, closed, cv::MORPH_CLOSE, box);
-    const cv::Mat mean = mean_over(zeroed, measured, { side, side });
+    const cv::Mat mean = MeansOver(measured, { side, side }).of(zeroed);
     cv::Mat surface = disparity.clone(), step;
     mean.copyTo(surface, ~seen & closed & (high - low < most_around_gap));
     cv::dilate(seen & (cv::abs(disparity - mean) > least_step), step, box);
@@ -77,10 +123,7 @@ double least_texture(double noise)
 
 cv::Mat structure_along_y(const cv::Mat& picture, const cv::Mat& measured)
 {
-    cv::Mat fine;
-    picture.convertTo(fine, CV_32F);
-    const cv::Mat smooth = mean_over(fine, measured, { 3, 3 });
-    return smooth - mean_over(smooth, measured, { 1, 2 * half_column + 1 });
+    return Structure(measured).along_y(picture);
 }
 
 RowPictures row_pictures(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise)
@@ -92,8 +135,11 @@ RowPictures row_pictures(const cv::Mat& left, const cv::Mat& right, const cv::Ma
     RowPictures p;
     cv::Mat(of_column >= least_of_column).convertTo(p.has, CV_32F, 1.0 / 255);
     p.has = p.has.mul(measured);
-    p.left = structure_along_y(left, measured).mul(p.has);
-    p.right = structure_along_y(seen_from_camera_0(right, surface), measured).mul(p.has);
+    const Structure structure(measured);
+    in_parallel(2, [&](std::size_t camera) {
+        cv::Mat& own = camera == 0 ? p.left : p.right;
+        own = structure.along_y(camera == 0 ? left : seen_from_camera_0(right, surface)).mul(p.has);
+    });
     p.disparity = disparity;
     p.least_texture = least_texture(noise);
     return p;

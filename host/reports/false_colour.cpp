@@ -84,6 +84,17 @@ void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv
     }
 }
 
+/// Places on the ramp, 0 to 255, rounded; 256: no value.
+void levels_of(const float* values, int count, const Span& span, int* levels)
+{
+    const double low = span.low, length = span.high - span.low;
+    for (int x = 0; x < count; ++x) {
+        const double value = static_cast<double>(values[x]);
+        const double level = std::min(std::max(255.0 * (value - low) / length, 0.0), 255.0); // 0 of a NaN
+        levels[x] = value == value ? static_cast<int>(level + 0.5) : 256;
+    }
+}
+
 } // namespace
 
 cv::Mat colour_table(Ramp ramp)
@@ -126,17 +137,17 @@ Span most_of(const cv::Mat& values)
 
 cv::Mat coloured(const cv::Mat& values, const Span& span, Ramp kind)
 {
-    const cv::Mat colours = colour_table(kind);
-    const cv::Vec3b* const ramp = colours.ptr<cv::Vec3b>();
+    const cv::Mat ramp = colour_table(kind);
+    std::vector<cv::Vec3b> colours(ramp.begin<cv::Vec3b>(), ramp.end<cv::Vec3b>());
+    colours.push_back(nothing);
     cv::Mat picture(values.size(), CV_8UC3);
+    std::vector<int> levels(static_cast<std::size_t>(values.cols));
     for (int y = 0; y < values.rows; ++y) {
         const float* const row = values.ptr<float>(y);
+        levels_of(row, values.cols, span, levels.data());
         cv::Vec3b* const out = picture.ptr<cv::Vec3b>(y);
-        for (int x = 0; x < values.cols; ++x) {
-            const double value = row[x];
-            const double level = std::clamp(255.0 * (value - span.low) / (span.high - span.low), 0.0, 255.0);
-            out[x] = std::isnan(value) ? nothing : ramp[static_cast<int>(std::lround(level))];
-        }
+        for (int x = 0; x < values.cols; ++x)
+            out[x] = colours[static_cast<std::size_t>(levels[static_cast<std::size_t>(x)])];
     }
     return picture;
 }

@@ -3,8 +3,6 @@
 #include "base/failure.h"
 #include "base/pictures.h"
 
-#include <opencv2/imgcodecs.hpp>
-
 #include <cmath>
 #include <filesystem>
 #include <limits>
@@ -16,7 +14,7 @@ namespace {
 cv::Mat read_map(const std::string& folder, const char* name, int type, cv::Size size)
 {
     const std::string path = (std::filesystem::path(folder) / name).string();
-    cv::Mat map = read_picture(path, cv::IMREAD_UNCHANGED);
+    cv::Mat map = read_picture(path, PictureAs::stored);
     if (map.type() != type || map.size() != size)
         throw Failure(path + ": is not the map that vexo measure wrote; run it again");
     return map;

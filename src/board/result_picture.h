@@ -16,6 +16,10 @@ bool display_available();
 /// @param wait_ms  how long to wait for a key; 0: until one is pressed; negative: not at all
 void show_picture(const std::string& window, const cv::Mat& picture, int wait_ms);
 
+/// Waits for a key while windows draw themselves, where windows can be opened.
+/// @param wait_ms  as of show_picture()
+void wait_for_key(int wait_ms);
+
 /// Writes a picture in the format of the path's extension. False when it cannot be encoded or written; then
 /// the file is as it was.
 bool write_picture(const std::string& path, const cv::Mat& picture) noexcept;

@@ -4,7 +4,6 @@
 #include "board/KorvaCalibBoardRecognizer.h"
 #include "board/result_picture.h"
 
-#include <opencv2/highgui.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include <cstdint>
@@ -56,7 +55,7 @@ void present_result(iCalibBoardRecognizer& recognizer, bool show, const std::str
         if (!save.empty()) recognizer.save_result_image(save, -1);
         if (!show) return;
         recognizer.show_result_image(-1);
-        if (display_available()) cv::waitKey(moment_ms); // lets the window draw itself
+        wait_for_key(moment_ms); // lets the window draw itself
     });
 }
 

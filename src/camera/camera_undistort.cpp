@@ -1,6 +1,7 @@
 #include "camera/camera_undistort.h"
 
 #include "base/boundary.h"
+#include "base/large_pages.h"
 #include "base/whole_file.h"
 
 #include "camera/camera_file.h"
@@ -143,6 +144,7 @@ void UndistortCamera::initMap(const DistortCamera& src, const cv::Mat_<double>& 
 {
     constexpr int refused_type = 2;
     const int table_type = float_maps != 0 ? CV_32FC1 : refused_type;
+    if (float_maps != 0) create_large(size, { { &map1, CV_32FC1 }, { &map2, CV_32FC1 } });
     cv::initUndistortRectifyMap(src.normalised_K(), src.D, rotation, K, size, table_type, map1, map2);
 }
 
@@ -267,7 +269,8 @@ bool load_map(std::istream& is, cv::Mat& m)
 
         const std::size_t row_bytes = static_cast<std::size_t>(cols) * static_cast<std::size_t>(CV_ELEM_SIZE(type));
         if (!is.good() || bytes_left(is) < static_cast<std::streamoff>(row_bytes) * rows) return false;
-        cv::Mat read(rows, cols, type);
+        cv::Mat read;
+        create_large(read, { cols, rows }, type);
         if (!read_rows(is, read, row_bytes)) return false;
         alignment_padding_offset(is);
         if (!is.good()) return false;
@@ -293,7 +296,8 @@ bool _load_rtable(std::istream& is, cv::Mat& m)
         if (!read_int(is, count) || m.empty() || m.dims != 2 || count != m.rows * m.cols) return false;
         if (m.elemSize() != sizeof(float)) return false;
         alignment_padding_offset(is);
-        cv::Mat read(m.size(), m.type());
+        cv::Mat read;
+        create_large(read, m.size(), m.type());
         if (!is.good() || !read_rows(is, read, static_cast<std::size_t>(m.cols) * sizeof(float))) return false;
         alignment_padding_offset(is);
         if (!is.good()) return false;

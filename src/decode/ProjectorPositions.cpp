@@ -3,6 +3,7 @@
 #include "base/boundary.h"
 #include "base/index.h"
 #include "base/large_pages.h"
+#include "base/pictures.h"
 #include "base/whole_file.h"
 #include "decode/pixel_formulas.h"
 #include "decode/stream_copy.h"
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <functional>
 #include <omp.h>
-#include <opencv2/imgcodecs.hpp>
 
 namespace vexo {
 namespace {
@@ -106,6 +106,7 @@ void ProjectorPositions::clear() noexcept
         input.frame->release();
     for (cv::Mat* image : _results)
         image->release();
+    _room.clear();
     valid.clear();
 }
 
@@ -128,13 +129,23 @@ int ProjectorPositions::_copy_input(const void* data, int width, int height, uns
     const std::size_t row_bytes = static_cast<std::size_t>(width) * CV_ELEM_SIZE(input.type);
     // Lack of memory shows before anything has changed.
     const bool copied = false_if_it_throws([&] {
-        cv::Mat target = *input.frame; // the buffer of the last frame serves again
-        if (target.size() != size) target = cv::Mat(size, input.type);
+        std::vector<cv::Mat> fresh;
+        if (_room.empty() || _room[0].size() != size) fresh = large_images(size, _input_types());
+        cv::Mat target = (fresh.empty() ? _room : fresh)[static_cast<std::size_t>(index)];
         copy_rows(data, step == 0 ? row_bytes : step, row_bytes, target);
         if (input_size() != size) clear();
+        if (!fresh.empty()) _room.swap(fresh);
         *input.frame = target;
     });
     return copied ? 1 : 0;
+}
+
+std::vector<int> ProjectorPositions::_input_types() const
+{
+    std::vector<int> types;
+    for (const Input& input : _inputs)
+        types.push_back(input.type);
+    return types;
 }
 
 void ProjectorPositions::decode()
@@ -159,8 +170,7 @@ void ProjectorPositions::decode_row(int /*row*/, int /*thread*/) noexcept { }
 
 void ProjectorPositions::_prepare_decode()
 {
-    create_large(unwrapped, input_size(), CV_32F);
-    create_large(vmask, input_size(), CV_8U);
+    create_large(input_size(), { { &unwrapped, CV_32F }, { &vmask, CV_8U } });
     for (std::vector<int>& row : valid)
         row.clear();
 }
@@ -217,8 +227,7 @@ void ProjectorPositions::_save_raw(const cv::Mat_<float>& image, const std::stri
 
 void ProjectorPositions::_save_mask(const std::string& name) const
 {
-    std::vector<uchar> bytes;
-    if (!vmask.empty() && cv::imencode(".pgm", vmask, bytes)) write_file(name, bytes);
+    if (!vmask.empty()) write_file(name, encoded_picture(".pgm", vmask));
 }
 
 void ProjectorPositions::save_unwrap() const

@@ -113,8 +113,10 @@ private:
         int type;
     };
     bool _accepts(int width, int height, unsigned long step, int index) const noexcept;
+    std::vector<int> _input_types() const;
 
     std::vector<Input> _inputs;
+    std::vector<cv::Mat> _room; ///< for every input, in one block; made with the first frame of a size
     std::vector<cv::Mat*> _results;
 };
 

@@ -121,8 +121,7 @@ void PhaseStereoMatching::_prepare_rectification(int cam)
         CV_Error(cv::Error::StsUnmatchedSizes, "decoder, generator and tables differ");
 
     cv::Mat &map = _rectified[at].map, &mask = _rectified[at].mask;
-    create_large(map, rectified, CV_32F);
-    create_large(mask, rectified, CV_8U);
+    create_large(rectified, { { &map, CV_32F }, { &mask, CV_8U } });
     _by_rows[at] = rectifier.has_row_form(raw);
     if (!_by_rows[at]
         && !(rectifier.remap(decoder.unwrapped, map, cv::Scalar::all(0))

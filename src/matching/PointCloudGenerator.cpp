@@ -64,10 +64,6 @@ bool PointCloudGenerator::_bind(iStereoCamera* new_camera) noexcept
     output_height = usable ? out_height : 0;
     const bool room = false_if_it_throws([this] {
         const std::size_t pixels = static_cast<std::size_t>(output_width) * static_cast<std::size_t>(output_height);
-        if (points.capacity() < pixels) {
-            points.reserve(pixels);
-            ask_for_large_pages(points.data() + points.size(), (pixels - points.size()) * sizeof(cv::Point3f));
-        }
         points.resize(pixels, nan_point());
     });
     if (!room) { // as without a camera

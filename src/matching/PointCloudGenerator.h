@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/large_pages.h"
 #include "vexo/point_cloud.h"
 
 #include <opencv2/core.hpp>
@@ -67,13 +68,15 @@ protected:
     bool _hand_out(const cv::Mat& first, const cv::Mat* second, unsigned char** data, int* width, int* height,
         unsigned long* step);
 
+    using Points = std::vector<cv::Point3f, LargePageAllocator<cv::Point3f>>;
+
     StereoCamera* camera = nullptr;             ///< not owned
     int input_width = 0;                        ///< raw images, px
     int input_height = 0;                       ///< raw images, px
     int output_width = 0;                       ///< rectified images, px
     int output_height = 0;                      ///< rectified images, px
     cv::Mat texture;                            ///< rectified image of camera 0
-    std::vector<cv::Point3_<float>> points;     ///< one per rectified pixel, row by row; NaN when invalid
+    Points points;                              ///< one per rectified pixel, row by row; NaN when invalid
     int valid_count = 0;                        ///< valid points of the last cloud
     cv::Mat disparity;                          ///< CV_64F, one per rectified pixel, px
     double invalid_disparity = 0.0;             ///< marks a pixel without disparity

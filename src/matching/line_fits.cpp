@@ -53,7 +53,7 @@ VEXO_INLINE void fit_all_spans(
     fit_spans<N, false>(columns + k, phase + k, size - N + 1 - k, slope + k, intercept + k);
 }
 
-VEXO_INLINE void fit_spans_of(
+VEXO_INLINE void fit_spans_of_body(
     int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
 {
     if (samples == 3)
@@ -62,24 +62,23 @@ VEXO_INLINE void fit_spans_of(
         fit_all_spans<5>(columns, phase, size, slope, intercept);
 }
 
-#if defined(__x86_64__)
-VEXO_AVX2 void fit_spans_avx2(
-    int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
-{
-    fit_spans_of(samples, columns, phase, size, slope, intercept);
-}
-#endif
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define VEXO_LINE_FITS(SET, TARGET)                                                                                    \
+    namespace SET {                                                                                                    \
+    TARGET void fit_spans_of(                                                                                          \
+        int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept      \
+    {                                                                                                                  \
+        fit_spans_of_body(samples, columns, phase, size, slope, intercept);                                            \
+    }                                                                                                                  \
+    }
+VEXO_FORMS(VEXO_LINE_FITS)
+// NOLINTEND(bugprone-macro-parentheses)
 
 } // namespace
 
 void fit_lines(int samples, const int* columns, const float* phase, int size, double* slope, double* intercept) noexcept
 {
-#if defined(__x86_64__)
-    if (Cpu::has_avx2())
-        fit_spans_avx2(samples, columns, phase, size, slope, intercept);
-    else
-#endif
-        fit_spans_of(samples, columns, phase, size, slope, intercept);
+    VEXO_FORM_OF(fit_spans_of)(samples, columns, phase, size, slope, intercept);
 
     // At the ends LeastSquares::check() shifts the span; its middle is then another position.
     const int n = samples == 3 ? 3 : 5, last_begin = size - n;

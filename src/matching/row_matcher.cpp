@@ -1,6 +1,7 @@
 #include "matching/row_matcher.h"
 
 #include "base/cpu.h"
+#include "matching/divisor.h"
 #include "matching/line_fits.h"
 #include "matching/nearest.h"
 
@@ -8,9 +9,6 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
 
 namespace vexo {
 namespace {
@@ -24,78 +22,39 @@ struct RightRow {
     const double *slope, *intercept;
 };
 
-VEXO_INLINE double disparity_of(float phase, int x0, int k, const RightRow& right, const MatchLimits& limits) noexcept
+/// Without branches: a pixel without a nearest one looks at the first, and every line is divided by. One choice after
+/// the other: conditions of 32 and of 64 bits take long to join.
+VEXO_INLINE void evaluate_body(const float* phases, const int* columns, const int* nearest, int size,
+    const RightRow& right_row, const MatchLimits& match_limits, double* __restrict found) noexcept
 {
-    if (k < 0 || static_cast<double>(std::abs(phase - right.phase[k])) > limits.max_phase_diff) return limits.invalid;
-    double x1 = right.columns[k];
-    if (!(right.slope[k] <= 0.0)) x1 = (static_cast<double>(phase) - right.intercept[k]) / right.slope[k];
-    const double found = x0 - x1;
-    return limits.min_disparity <= found && found <= limits.max_disparity ? found : limits.invalid;
-}
-
-VEXO_INLINE void evaluate_plain(const float* phases, const int* columns, const int* nearest, int begin, int size,
-    const RightRow& right, const MatchLimits& limits, double* found) noexcept
-{
-    for (int i = begin; i < size; ++i)
-        found[i] = disparity_of(phases[i], columns[i], nearest[i], right, limits);
-}
-
-#if defined(__x86_64__)
-
-// The forms with a mask: those without start from an undefined register, which compilers warn of.
-VEXO_AVX2 inline __m256d gather(const double* table, __m128i at) noexcept
-{
-    const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi32(-1));
-    return _mm256_mask_i32gather_pd(_mm256_setzero_pd(), table, at, all, 8);
-}
-
-VEXO_AVX2 inline __m128 gather(const float* table, __m128i at) noexcept
-{
-    return _mm_mask_i32gather_ps(_mm_setzero_ps(), table, at, _mm_castsi128_ps(_mm_set1_epi32(-1)), 4);
-}
-
-VEXO_AVX2 inline __m128i gather(const int* table, __m128i at) noexcept
-{
-    return _mm_mask_i32gather_epi32(_mm_setzero_si128(), table, at, _mm_set1_epi32(-1), 4);
-}
-
-/// Four pixels at a time, as disparity_of().
-VEXO_AVX2 void evaluate_avx2(const float* phases, const int* columns, const int* nearest, int size,
-    const RightRow& right, const MatchLimits& limits, double* found) noexcept
-{
-    const __m256d largest_diff = _mm256_set1_pd(limits.max_phase_diff), invalid = _mm256_set1_pd(limits.invalid);
-    const __m256d low = _mm256_set1_pd(limits.min_disparity), high = _mm256_set1_pd(limits.max_disparity);
-    const __m128 magnitude = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-    int i = 0;
-    for (; i + 4 <= size; i += 4) {
-        const __m128i k = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nearest + i));
-        const __m128i at = _mm_max_epi32(k, _mm_setzero_si128());
-        const __m128 phase = _mm_loadu_ps(phases + i);
-        const __m128 diff = _mm_and_ps(_mm_sub_ps(phase, gather(right.phase, at)), magnitude);
-        const __m256d slope = gather(right.slope, at);
-        const __m256d shifted = _mm256_sub_pd(_mm256_cvtps_pd(phase), gather(right.intercept, at));
-        const __m256d column = _mm256_cvtepi32_pd(gather(right.columns, at));
-        const __m256d no_line = _mm256_cmp_pd(slope, _mm256_setzero_pd(), _CMP_LE_OQ);
-        const __m256d x1 = _mm256_blendv_pd(_mm256_div_pd(shifted, slope), column, no_line);
-        const __m256d x0 = _mm256_cvtepi32_pd(_mm_loadu_si128(reinterpret_cast<const __m128i*>(columns + i)));
-        const __m256d d = _mm256_sub_pd(x0, x1);
-        const __m256d missing = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(k)); // sign bit
-        const __m256d wrong = _mm256_or_pd(missing, _mm256_cmp_pd(_mm256_cvtps_pd(diff), largest_diff, _CMP_GT_OQ));
-        const __m256d within = _mm256_and_pd(_mm256_cmp_pd(low, d, _CMP_LE_OQ), _mm256_cmp_pd(d, high, _CMP_LE_OQ));
-        _mm256_storeu_pd(found + i, _mm256_blendv_pd(invalid, d, _mm256_andnot_pd(wrong, within)));
+    const RightRow right = right_row;
+    const MatchLimits limits = match_limits;
+#pragma omp simd
+    for (int i = 0; i < size; ++i) {
+        const int k = nearest[i], at = k < 0 ? 0 : k;
+        const double slope = right.slope[at];
+        const auto diff = static_cast<double>(__builtin_fabsf(phases[i] - right.phase[at]));
+        const double column = right.columns[at];
+        const double on_line = (static_cast<double>(phases[i]) - right.intercept[at]) / divisor_of(slope);
+        double disparity = columns[i] - (slope <= 0.0 ? column : on_line);
+        disparity = limits.min_disparity <= disparity ? disparity : limits.invalid;
+        disparity = disparity <= limits.max_disparity ? disparity : limits.invalid;
+        disparity = diff > limits.max_phase_diff ? limits.invalid : disparity;
+        found[i] = k < 0 ? limits.invalid : disparity;
     }
-    evaluate_plain(phases, columns, nearest, i, size, right, limits, found);
 }
-#endif
 
-void evaluate(const float* phases, const int* columns, const int* nearest, int size, const RightRow& right,
-    const MatchLimits& limits, double* found) noexcept
-{
-#if defined(__x86_64__)
-    if (Cpu::has_avx2()) return evaluate_avx2(phases, columns, nearest, size, right, limits, found);
-#endif
-    evaluate_plain(phases, columns, nearest, 0, size, right, limits, found);
-}
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define VEXO_EVALUATION(SET, TARGET)                                                                                   \
+    namespace SET {                                                                                                    \
+    TARGET void evaluate(const float* phases, const int* columns, const int* nearest, int size, const RightRow& right, \
+        const MatchLimits& limits, double* found) noexcept                                                             \
+    {                                                                                                                  \
+        evaluate_body(phases, columns, nearest, size, right, limits, found);                                           \
+    }                                                                                                                  \
+    }
+VEXO_FORMS(VEXO_EVALUATION)
+// NOLINTEND(bugprone-macro-parentheses)
 
 constexpr int block = 8; // columns; mostly they are neighbours
 
@@ -162,7 +121,8 @@ bool RowMatcher::match(const PhaseMapRow& left, const PhaseMapRow& right, int co
     const int* columns = _left_columns.data();
     const bool direct = is_gapless(columns, _left_size);
     double* found = direct ? out + columns[0] : _found.data();
-    evaluate(_left_phase.data(), columns, _nearest_position.data(), _left_size,
+    VEXO_FORM_OF(evaluate)
+    (_left_phase.data(), columns, _nearest_position.data(), _left_size,
         { _right_columns.data(), _right_phase.data(), slope, intercept }, limits, found);
     if (!direct) put_listed(columns, _left_size, found, out);
     return true;

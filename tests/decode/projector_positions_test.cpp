@@ -1,3 +1,4 @@
+#include "base/large_pages.h"
 #include "decode/frames.h"
 #include "decode/GrayPhaseDecoder.h"
 #include "decode/GrayPhaseLoader.h"
@@ -71,6 +72,26 @@ TEST(ProjectorPositions, AFrameIsCopiedRowByRowFromAnyStepAndAddress)
     ASSERT_EQ(captures::give(shifted, large, 0), 1);
     ASSERT_EQ(shifted.set_input(shifted.black.data, 512, 300, 0, 0), 1);
     EXPECT_TRUE(same_bits(shifted.black, large));
+}
+
+TEST(LargeImages, LieSideBySideInOneBlockThatTheLastOfThemKeeps)
+{
+    for (const cv::Size size : { cv::Size(1, 1), cv::Size(33, 17), cv::Size(1280, 1024) }) {
+        std::vector<cv::Mat> images = large_images(size, { CV_8U, CV_32F, CV_8U });
+        ASSERT_EQ(images.size(), 3U);
+        double value = 0.0;
+        for (cv::Mat& image : images) {
+            EXPECT_TRUE(image.size() == size && image.isContinuous());
+            EXPECT_EQ(image.type(), value == 1.0 ? CV_32F : CV_8U);
+            image.setTo(value++);
+        }
+        for (size_t i = 0; i < 3; ++i)
+            EXPECT_EQ(cv::countNonZero(images[i] != static_cast<double>(i)), 0) << "image " << i << " of " << size;
+        EXPECT_TRUE(size.width != 1280 || reinterpret_cast<std::uintptr_t>(images[0].data) % (2 << 20) == 0);
+        const cv::Mat last = images[2];
+        images.clear();
+        EXPECT_EQ(cv::countNonZero(last != 2.0), 0);
+    }
 }
 
 TEST(ProjectorPositions, WhatCannotBeAFrameIsRefusedAndNothingChanges)

@@ -46,15 +46,15 @@ std::vector<Bytes> rows_of(const captures::Frames& frames)
     return rows;
 }
 
-/// Every kernel for every machine, and those for AVX2 where there is any.
-class RowKernelsTest : public testing::TestWithParam<bool> {
+/// Every kernel in every form that the processor has.
+class RowKernelsTest : public testing::TestWithParam<Cpu::Form> {
 protected:
     void SetUp() override
     {
-        Cpu::allow_avx2(GetParam());
+        if (Cpu::allow(GetParam()) != GetParam()) GTEST_SKIP() << "not on this processor";
         kernels = &row_kernels();
     }
-    void TearDown() override { Cpu::allow_avx2(true); }
+    void TearDown() override { Cpu::allow(Cpu::Form::avx512); }
 
     const RowKernels* kernels = nullptr;
     const float* angles = AngleTable::instance().data();
@@ -274,19 +274,24 @@ TEST_P(RowKernelsTest, GrayRowsDecodeAsInSteps)
 
 TEST(RowKernels, TheProcessorSwitchReachesEveryOne)
 {
-    const RowKernels& avx2 = row_kernels();
-    Cpu::allow_avx2(false);
-    const RowKernels& plain = row_kernels();
-    EXPECT_FALSE(Cpu::has_avx2());
-    Cpu::allow_avx2(true);
-    if (Cpu::has_avx2()) {
-        EXPECT_TRUE(avx2.valid != plain.valid && avx2.code != plain.code && avx2.phase != plain.phase
-            && avx2.rises != plain.rises && avx2.join != plain.join && avx2.position != plain.position
-            && avx2.resolve != plain.resolve && avx2.falls != plain.falls);
+    const RowKernels* last = nullptr;
+    for (const Cpu::Form form : { Cpu::Form::plain, Cpu::Form::avx2, Cpu::Form::avx512 }) {
+        if (Cpu::allow(form) != form) continue;
+        EXPECT_EQ(Cpu::has_avx2(), form != Cpu::Form::plain);
+        EXPECT_EQ(Cpu::has_avx512(), form == Cpu::Form::avx512);
+        const RowKernels& here = row_kernels();
+        if (last != nullptr) {
+            EXPECT_TRUE(here.valid != last->valid && here.code != last->code && here.phase != last->phase
+                && here.rises != last->rises && here.join != last->join && here.position != last->position
+                && here.falls != last->falls && (here.resolve != last->resolve || form == Cpu::Form::avx512));
+        }
+        last = &here;
     }
+    Cpu::allow_avx2(true);
 }
 
-INSTANTIATE_TEST_SUITE_P(PlainAndAvx2, RowKernelsTest, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(
+    EveryForm, RowKernelsTest, testing::Values(Cpu::Form::plain, Cpu::Form::avx2, Cpu::Form::avx512));
 
 TEST(Decode, TheSameSizeAgainAllocatesNothingAndAnotherSizeIsFollowed)
 {

@@ -1,4 +1,4 @@
-// The row kernels, in the form for every processor and in the one for AVX2, against their readable twins.
+// The row kernels in every form that the processor has, against their readable twins.
 #include "base/cpu.h"
 #include "matching/reproject_row.h"
 #include "matching/row_matcher.h"
@@ -19,16 +19,20 @@ using namespace vexo;
 
 namespace {
 
-class MatchingRows : public testing::TestWithParam<bool> {
+class MatchingRows : public testing::TestWithParam<Cpu::Form> {
 protected:
-    void SetUp() override { Cpu::allow_avx2(GetParam()); }
-    void TearDown() override { Cpu::allow_avx2(true); }
+    void SetUp() override
+    {
+        if (Cpu::allow(GetParam()) != GetParam()) GTEST_SKIP() << "not on this processor";
+    }
+    void TearDown() override { Cpu::allow(Cpu::Form::avx512); }
 
     double unit() { return std::uniform_real_distribution<double>(0.0, 1.0)(rng); }
 
     std::mt19937 rng { 11 };
 };
-INSTANTIATE_TEST_SUITE_P(PlainAndAvx2, MatchingRows, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(
+    EveryForm, MatchingRows, testing::Values(Cpu::Form::plain, Cpu::Form::avx2, Cpu::Form::avx512));
 
 constexpr float inf = std::numeric_limits<float>::infinity();
 const int widths[] = { 1, 2, 3, 5, 6, 7, 8, 9, 15, 16, 17, 21, 24, 33, 64, 100, 257, 1280 };
@@ -163,6 +167,17 @@ TEST_P(MatchingRows, ReprojectionOfInfinitelyFarPixelsDividesByNothing)
     const int count = reproject_row(H, 3, disparity.data(), static_cast<int>(disparity.size()), -301.0, points.data());
     EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW), 0);
     EXPECT_EQ(count, 3);
+}
+
+TEST_P(MatchingRows, LinesThatDoNotRiseDivideByNothing)
+{
+    const plain::Row flat = row_of(
+        130, 1.0, [](int) { return 3.0; }, rng);
+    RowMatcher matcher;
+    matcher.reserve(130);
+    std::feclearexcept(FE_ALL_EXCEPT);
+    EXPECT_TRUE(expect_twin(matcher, flat, flat, 5, false, "flat"));
+    EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW), 0);
 }
 
 TEST_P(MatchingRows, ReprojectionEqualsItsPlainTwin)

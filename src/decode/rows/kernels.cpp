@@ -206,8 +206,11 @@ VEXO_INLINE void falls_body(const float* __restrict v, int cols, uint8_t* __rest
         falls[x] = v[x - 1] > v[x] ? 255 : 0;
 }
 
+#if defined(__x86_64__)
+constexpr auto resolve_avx512 = resolve_avx2;
+#endif
+
 // NOLINTBEGIN(bugprone-macro-parentheses)
-/// One set of functions around the bodies. A macro, since a template cannot carry a target.
 #define VEXO_ROW_KERNELS(SET, TARGET)                                                                                  \
     namespace SET {                                                                                                    \
     TARGET void valid(const uint8_t* w, const uint8_t* b, int cols, const ByteLimits& l, uint8_t* mask)                \
@@ -242,10 +245,7 @@ VEXO_INLINE void falls_body(const float* __restrict v, int cols, uint8_t* __rest
     constexpr RowKernels set { valid, code, phase, rises, join, position, resolve_##SET, falls };                      \
     }
 
-VEXO_ROW_KERNELS(plain, )
-#if defined(__x86_64__)
-VEXO_ROW_KERNELS(avx2, VEXO_AVX2_GATHERS)
-#endif
+VEXO_FORMS(VEXO_ROW_KERNELS)
 // NOLINTEND(bugprone-macro-parentheses)
 
 } // namespace
@@ -260,10 +260,7 @@ ByteLimits byte_limits(int min_contrast, int max_white, int min_white) noexcept
 
 const RowKernels& row_kernels() noexcept
 {
-#if defined(__x86_64__)
-    if (Cpu::has_avx2()) return avx2::set;
-#endif
-    return plain::set;
+    return VEXO_FORM_OF(set);
 }
 
 } // namespace vexo

@@ -6,8 +6,8 @@
 /// lists of columns, no branches. Every kernel gives the bits of its readable twin; where that is not plain to
 /// see, the reason stands at it.
 ///
-/// Each is written once, in ordinary C++, and compiled twice: for every x86-64, and for AVX2 (without FMA, and
-/// contraction is off: no rounding differs). row_kernels() chooses at run time.
+/// Each is written once, in ordinary C++, and compiled three times: for every x86-64, for AVX2 and for AVX-512 (without
+/// FMA, and contraction is off: no rounding differs). row_kernels() chooses at run time.
 namespace vexo {
 
 /// Limits of usable pixels, cut to bytes.

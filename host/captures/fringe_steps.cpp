@@ -1,0 +1,19 @@
+#include "host/captures/fringe_steps.h"
+
+namespace vexo {
+
+const PhaseTable& PhaseTable::instance()
+{
+    static const PhaseTable table;
+    return table;
+}
+
+PhaseTable::PhaseTable()
+{
+    _angles.reserve(static_cast<std::size_t>((most + 1) * columns));
+    for (int sine = 0; sine <= most; ++sine)
+        for (int cosine = -most; cosine <= most; ++cosine)
+            _angles.push_back(std::atan2(sine, cosine));
+}
+
+} // namespace vexo
