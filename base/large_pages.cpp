@@ -13,22 +13,9 @@ namespace {
 
 constexpr std::size_t small_page = 4096, large_page = 2 << 20, line = 64; // bytes; a line of the cache
 
-/// Images of which one row each is read at once begin at different lines of a page: the first-level cache keeps only a
-/// few lines (8 to 12) of one place in their pages.
-constexpr std::size_t stagger = 5 * line;
-
 std::size_t rounded_up(std::size_t bytes, std::size_t unit) noexcept
 {
     return (bytes + unit - 1) / unit * unit;
-}
-
-void ask_for_large_pages(void* block, std::size_t bytes) noexcept
-{
-#if defined(__linux__)
-    ::madvise(block, bytes / small_page * small_page, MADV_HUGEPAGE);
-#else
-    static_cast<void>(block), static_cast<void>(bytes);
-#endif
 }
 
 /// What a matrix needs to give its block back. It makes none: matrices over blocks never grow.
@@ -62,6 +49,17 @@ public:
 
 } // namespace
 
+void ask_for_large_pages(void* block, std::size_t bytes) noexcept
+{
+#if defined(__linux__)
+    const std::size_t to_page = (small_page - reinterpret_cast<std::uintptr_t>(block) % small_page) % small_page;
+    if (bytes <= to_page) return;
+    ::madvise(static_cast<char*>(block) + to_page, (bytes - to_page) / small_page * small_page, MADV_HUGEPAGE);
+#else
+    static_cast<void>(block), static_cast<void>(bytes);
+#endif
+}
+
 void* new_large_block(std::size_t bytes)
 {
     const bool large = bytes >= large_page;
@@ -86,7 +84,7 @@ std::vector<cv::Mat> large_images(cv::Size size, const std::vector<int>& types)
     std::size_t end = 0;
     for (const int type : types) {
         begins.push_back(end);
-        end += rounded_up(pixels * CV_ELEM_SIZE(type), line) + stagger;
+        end += rounded_up(pixels * CV_ELEM_SIZE(type), line);
     }
     cv::UMatData* block = LargeBlocks::instance().make(end);
     for (std::size_t i = 0; i < types.size(); ++i) {
@@ -94,7 +92,7 @@ std::vector<cv::Mat> large_images(cv::Size size, const std::vector<int>& types)
         image.u = block;
         image.addref();
     }
-    return images;
+    return images; // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): they count who uses the block
 }
 
 void create_large(cv::Mat& image, cv::Size size, int type)

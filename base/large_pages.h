@@ -14,6 +14,9 @@
 /// so blocks do, too. Where there are none, everything works the same.
 namespace vexo {
 
+/// Asks for large pages under a block that nobody has written to yet; a hint, whoever made the block.
+void ask_for_large_pages(void* block, std::size_t bytes) noexcept;
+
 /// @return  nobody has written to it yet; at a multiple of 2 MiB when it is as large as that, else of 64 bytes.
 ///          Throws std::bad_alloc. To be given to free_large_block()
 void* new_large_block(std::size_t bytes);

@@ -11,7 +11,9 @@ enum class PictureAs {
     stored     ///< depth and channels of the file; blue first, alpha last
 };
 
-/// How much is tried to make a PNG small. The quick way is for pictures with edges; noise is small in neither.
-enum class PngEffort { quick, all_filters };
+/// How much is tried to make a PNG small. The quick way is for pictures with edges; noise is small in neither. A
+/// picture of at most 256 colours can be written as their numbers, a third of the bytes to pack; it is decoded to the
+/// same.
+enum class PngEffort { quick, all_filters, few_colours };
 
 } // namespace vexo

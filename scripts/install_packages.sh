@@ -2,7 +2,7 @@
 # Installs what vexo is built with, from Debian 12's own packages; does nothing when all of it is there.
 # install_packages.sh run|test : what is needed to build and run, or that and what the tests need.
 set -eu
-packages="g++ cmake ninja-build pkg-config libopencv-dev libpng-dev libjpeg-dev libtiff-dev libeigen3-dev libcli11-dev nlohmann-json3-dev libhpdf-dev libssl-dev libnanoflann-dev libjs-three"
+packages="g++ cmake ninja-build pkg-config libopencv-dev libpng-dev libjpeg-dev libtiff-dev libdeflate-dev libeigen3-dev libcli11-dev nlohmann-json3-dev libhpdf-dev libssl-dev libnanoflann-dev libjs-three"
 if [ "${1:-run}" = test ]; then
   packages="$packages libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev libomp-dev valgrind chromium python3 assimp-utils"
 fi

@@ -28,6 +28,12 @@ Stereo open_calibration(const MeasureOptions& o, const Capture& capture)
     return stereo;
 }
 
+std::string what_was_written(const MeasureOptions& o)
+{
+    if (!o.pictures) return "cloud.ply, depth.tiff, texture.png, report.json";
+    return "cloud.ply, report.json, texture, disparity, depth and validity, each with a picture *_view.png, cause.png";
+}
+
 void run(const GlobalOptions& global, MeasureOptions o)
 {
     complete(o);
@@ -50,19 +56,16 @@ void run(const GlobalOptions& global, MeasureOptions o)
     const double read_seconds = clock.lap();
     const Measured measured = measure(capture, stereo, o.request, progress.on_step());
 
-    progress.step("making the pictures");
+    progress.step(o.pictures ? "making the pictures" : "making the files");
     Json report = make_report(capture, stereo, o.request, measured, read_seconds);
-    add_files(out, capture, measured, report);
+    add_files(out, capture, measured, report, o.pictures ? ResultFiles::all : ResultFiles::no_pictures);
     progress.step("writing " + o.out);
     const std::vector<std::string> kept = out.commit();
     progress.finish();
     say_kept(global, kept);
     say(global, summary_lines(measured, report));
-    say(global,
-        "result       " + o.out
-            + ": cloud.ply, report.json, texture, disparity, depth and validity, "
-              "each with a picture *_view.png, cause.png");
-    say(global, "look at      " + o.out + "/report.html");
+    say(global, "result       " + o.out + ": " + what_was_written(o));
+    if (o.pictures) say(global, "look at      " + o.out + "/report.html");
     put_json(global, report);
     if (measured.cloud.count == 0) throw BelowLimit(why_nothing(measured));
     const std::string spoilt = why_spoilt(measured);

@@ -119,6 +119,8 @@ void declare(CLI::App& command, MeasureOptions& o)
             "off, default or strict: takes out points that do not belong to the surface around them")
         ->transform(CLI::CheckedTransformer(levels).description("{off,default,strict}"))
         ->default_str("default");
+    command.add_flag("!--no-pictures", o.pictures,
+        "write only what other commands read: cloud.ply, depth.tiff, texture.png and report.json");
     command.add_flag("--accept-verdict", o.accept_verdict, "exit code 0 also where a finding spoils the result");
     add_range_options(command, o);
     add_phase_options(command, o);

@@ -22,6 +22,7 @@ struct MeasureOptions {
     TypedCalibration calib;
     StereoCameraParam camera;
     int steps = 4;
+    bool pictures = true;
     bool accept_verdict = false; ///< exit code 0 whatever the findings say
     MeasureRequest request;
     /// Options that other methods have are mistakes, not wishes to be passed over.

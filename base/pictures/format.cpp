@@ -27,7 +27,7 @@ cv::Mat room_for(std::int64_t width, std::int64_t height, int type)
     constexpr std::int64_t largest_side = std::int64_t { 1 } << 20;
     if (width < 1 || height < 1 || width > largest_side || height > largest_side || width * height > max_picture_area)
         return {};
-    return { static_cast<int>(height), static_cast<int>(width), type };
+    return cv::Mat(static_cast<int>(height), static_cast<int>(width), type);
 }
 
 void turn_upright(cv::Mat& picture, int orientation)

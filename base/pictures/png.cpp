@@ -1,5 +1,7 @@
 #include "base/boundary.h"
 #include "base/pictures/format.h"
+#include "base/pictures/palette.h"
+#include "base/pictures/plain_png.h"
 
 #include <png.h>
 
@@ -138,6 +140,7 @@ public:
     PngMaker& operator=(const PngMaker&) = delete;
 
     bool write(const cv::Mat& picture, png_bytepp rows, PngEffort effort) noexcept;
+    bool write_numbers(const cv::Mat& indices, png_bytepp rows, png_const_colorp colours, int count) noexcept;
 
     std::vector<unsigned char> bytes;
 
@@ -148,25 +151,45 @@ private:
         if (!false_if_it_throws([&] { bytes.insert(bytes.end(), from, from + size); })) png_error(png, "no memory");
     }
     static void flush(png_structp) noexcept { }
+    void _set_header(const cv::Mat& picture, int colours) noexcept;
 
     png_structp _png;
     png_infop _info = nullptr;
 };
 
-bool PngMaker::write(const cv::Mat& picture, png_bytepp rows, PngEffort effort) noexcept
+constexpr int quickest = 1, of_runs = 3, of_any = 0; // level and strategies of zlib
+
+void PngMaker::_set_header(const cv::Mat& picture, int colours) noexcept
 {
-    constexpr int quickest = 1, of_runs = 3, of_any = 0; // level and strategies of zlib
-    if (_info == nullptr || setjmp(png_jmpbuf(_png)) != 0) return false;
     png_set_write_fn(_png, this, add, flush);
     png_set_compression_level(_png, quickest);
-    if (effort == PngEffort::quick) png_set_filter(_png, PNG_FILTER_TYPE_BASE, PNG_FILTER_SUB);
-    png_set_compression_strategy(_png, effort == PngEffort::quick ? of_runs : of_any);
-    const int colours = picture.channels() == 1 ? PNG_COLOR_TYPE_GRAY
-        : picture.channels() == 3               ? PNG_COLOR_TYPE_RGB
-                                                : PNG_COLOR_TYPE_RGB_ALPHA;
     png_set_IHDR(_png, _info, static_cast<png_uint_32>(picture.cols), static_cast<png_uint_32>(picture.rows),
         picture.depth() == CV_8U ? 8 : 16, colours, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
         PNG_FILTER_TYPE_DEFAULT);
+}
+
+bool PngMaker::write_numbers(const cv::Mat& indices, png_bytepp rows, png_const_colorp colours, int count) noexcept
+{
+    if (_info == nullptr || setjmp(png_jmpbuf(_png)) != 0) return false;
+    _set_header(indices, PNG_COLOR_TYPE_PALETTE);
+    png_set_filter(_png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
+    png_set_compression_strategy(_png, of_runs);
+    png_set_PLTE(_png, _info, colours, count);
+    png_write_info(_png, _info);
+    png_write_image(_png, rows);
+    png_write_end(_png, _info);
+    return true;
+}
+
+bool PngMaker::write(const cv::Mat& picture, png_bytepp rows, PngEffort effort) noexcept
+{
+    if (_info == nullptr || setjmp(png_jmpbuf(_png)) != 0) return false;
+    const int colours = picture.channels() == 1 ? PNG_COLOR_TYPE_GRAY
+        : picture.channels() == 3               ? PNG_COLOR_TYPE_RGB
+                                                : PNG_COLOR_TYPE_RGB_ALPHA;
+    _set_header(picture, colours);
+    if (effort != PngEffort::all_filters) png_set_filter(_png, PNG_FILTER_TYPE_BASE, PNG_FILTER_SUB);
+    png_set_compression_strategy(_png, effort != PngEffort::all_filters ? of_runs : of_any);
     png_write_info(_png, _info);
     png_set_bgr(_png);
     png_set_swap(_png);
@@ -183,10 +206,28 @@ std::vector<png_bytep> rows_of(const cv::Mat& picture)
     return rows;
 }
 
+/// No bytes for a picture of more colours than there are numbers.
+std::vector<unsigned char> encode_numbers(const Indexed& picture)
+{
+    std::vector<png_color> colours;
+    for (const cv::Vec3b& colour : picture.colours)
+        colours.push_back({ colour[2], colour[1], colour[0] });
+    PngMaker png;
+    if (colours.empty()
+        || !png.write_numbers(
+            picture.indices, rows_of(picture.indices).data(), colours.data(), static_cast<int>(colours.size())))
+        return {};
+    return std::move(png.bytes);
+}
+
 } // namespace
 
 cv::Mat decode_png(Bytes bytes, PictureAs as)
 {
+    if (as == PictureAs::deep_grey) {
+        cv::Mat plain = decode_plain_png(bytes);
+        if (!plain.empty()) return plain;
+    }
     PngFile file(bytes);
     if (!file.read_header()) return {};
     const int type = type_as(file.type(), as);
@@ -198,6 +239,10 @@ cv::Mat decode_png(Bytes bytes, PictureAs as)
 
 std::vector<unsigned char> encode_png(const cv::Mat& picture, PngEffort effort)
 {
+    if (effort == PngEffort::few_colours && picture.type() == CV_8UC3) {
+        std::vector<unsigned char> bytes = encode_numbers(indexed(picture));
+        if (!bytes.empty()) return bytes;
+    }
     const bool deep = picture.depth() == CV_8U || picture.depth() == CV_16U;
     if (!deep || (picture.channels() != 1 && picture.channels() != 3 && picture.channels() != 4)) return {};
     PngMaker png;

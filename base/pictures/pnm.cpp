@@ -1,7 +1,6 @@
 #include "base/pictures/format.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -31,21 +30,28 @@ bool is_digit(unsigned char c)
     return c >= '0' && c <= '9';
 }
 
-/// The next number, after white space and comments, and the one character that ends it.
-/// @param digits  at most so many; pixels of P1 need no space between them
+bool is_space(unsigned char c) // whatever locale the host has set
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+/// The next number, after white space and comments. White space ends it, too.
+/// @param digits  at most so many; where one is asked for, as for pixels of P1, nothing need come in between
 /// @return        -1 where there is none
 std::int64_t next_number(Pnm& pnm, int digits = 9)
 {
     for (bool comment = false; pnm.left() > 0 && (comment || !is_digit(pnm.file.first[pnm.at])); ++pnm.at) {
         const unsigned char c = pnm.file.first[pnm.at];
-        if (!comment && c != '#' && std::isspace(c) == 0) return -1;
+        if (!comment && c != '#' && !is_space(c)) return -1;
         comment = (comment || c == '#') && c != '\n' && c != '\r';
     }
     if (pnm.left() == 0) return -1;
     std::int64_t number = 0;
+    const bool one_digit = digits == 1;
     for (; digits > 0 && pnm.left() > 0 && is_digit(pnm.file.first[pnm.at]); ++pnm.at, --digits)
         number = number * 10 + pnm.file.first[pnm.at] - '0';
-    return number;
+    const bool ended = one_digit || pnm.left() == 0 || is_space(pnm.file.first[pnm.at]);
+    return ended ? number : -1;
 }
 
 bool read_header(Pnm& pnm)
@@ -59,7 +65,7 @@ bool read_header(Pnm& pnm)
     const std::int64_t brightest = pnm.bits() ? 1 : next_number(pnm);
     if (brightest < 1 || brightest > brightest_of_16_bits || pnm.left() == 0) return false;
     pnm.brightest = static_cast<int>(brightest);
-    if (std::isspace(pnm.file.first[pnm.at]) == 0) return false;
+    if (!is_space(pnm.file.first[pnm.at])) return false;
     ++pnm.at;
     return true;
 }
@@ -91,9 +97,10 @@ bool read_row(Pnm& pnm, std::vector<std::uint16_t>& row)
     if (pnm.left() < bytes) return false;
     const unsigned char* from = pnm.file.first + pnm.at;
     for (std::size_t i = 0; i < row.size(); ++i) {
-        const int byte = wide ? from[2 * i] * 256 + from[2 * i + 1] : from[i];
-        row[i] = static_cast<std::uint16_t>(byte);
-        if (pnm.bits()) row[i] = ((from[i / 8] << (i % 8)) & 0x80) != 0 ? 0 : 255;
+        const int sample = pnm.bits() ? (((from[i / 8] << (i % 8)) & 0x80) != 0 ? 0 : 255)
+            : wide                    ? from[2 * i] * 256 + from[2 * i + 1]
+                                      : from[i];
+        row[i] = static_cast<std::uint16_t>(sample);
     }
     pnm.at += bytes;
     return true;

@@ -52,6 +52,9 @@ bool read_layout(TIFF* tiff, Layout& l)
         TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &l.block_height);
         l.block_height = std::min(l.block_height, l.height); // a picture of one strip may say any number
     }
+    const bool counted = l.format == SAMPLEFORMAT_UINT || l.format == SAMPLEFORMAT_INT;
+    if (!counted && (l.format != SAMPLEFORMAT_IEEEFP || l.bits < 32)) return false;
+    if (l.photometric == PHOTOMETRIC_RGB && l.samples < 3) return false;
     return is_read(l.compression) && l.samples >= 1 && l.samples <= 4
         && !room_for(l.block_width, l.block_height, CV_8U).empty();
 }
@@ -231,7 +234,7 @@ cv::Mat decode_tiff(Bytes bytes, PictureAs as)
     TIFFSetField(file.handle(), TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT); // else libtiff turns each strip by itself
     const bool good = samples_are_pixels(l, type) ? read_samples(file.handle(), l, picture)
                                                   : CV_MAT_DEPTH(type) == CV_8U && read_rgba(file.handle(), l, picture);
-    if (!good) return {};
+    if (!good || file.failed()) return {};
     turn_upright(picture, l.orientation);
     return picture;
 }
@@ -245,6 +248,7 @@ std::vector<unsigned char> encode_tiff(const cv::Mat& picture)
     if (file.handle() == nullptr || !set_tags(file.handle(), picture) || !encode_rows(file.handle(), picture))
         return {};
     file.close();
+    if (file.failed()) return {};
     return std::move(file.made);
 }
 

@@ -21,6 +21,12 @@ int say_nothing(TIFF*, void*, const char*, const char*, va_list) noexcept
     return 1; // heard: it goes to no handler of the process
 }
 
+int note(TIFF*, void* failed, const char*, const char*, va_list) noexcept
+{
+    *static_cast<bool*>(failed) = true;
+    return 1;
+}
+
 } // namespace
 
 TiffFile::TiffFile(Bytes source) noexcept
@@ -47,7 +53,7 @@ void TiffFile::_open(const char* mode) noexcept
     TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
     if (options == nullptr) return;
     TIFFOpenOptionsSetMaxSingleMemAlloc(options, largest_block);
-    TIFFOpenOptionsSetErrorHandlerExtR(options, say_nothing, nullptr);
+    TIFFOpenOptionsSetErrorHandlerExtR(options, note, &_failed);
     TIFFOpenOptionsSetWarningHandlerExtR(options, say_nothing, nullptr);
     _tiff = TIFFClientOpenExt("", mode, this, _read, _write, _seek, close_nothing, _size, nullptr, nullptr, options);
     TIFFOpenOptionsFree(options);

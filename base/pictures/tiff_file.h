@@ -20,6 +20,9 @@ public:
     /// Null for what libtiff does not open, or without memory.
     TIFF* handle() const noexcept { return _tiff; }
 
+    /// Whether libtiff found an error, also one after which it goes on.
+    bool failed() const noexcept { return _failed; }
+
     /// Writes what is not written yet.
     void close() noexcept;
 
@@ -34,7 +37,7 @@ private:
     static toff_t _size(thandle_t handle) noexcept;
 
     Bytes _source;
-    bool _is_made = false;
+    bool _is_made = false, _failed = false;
     std::size_t _at = 0;
     TIFF* _tiff = nullptr;
 };

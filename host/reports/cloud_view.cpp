@@ -5,6 +5,8 @@
 #include "host/reports/false_colour.h"
 #include "host/reports/page/parts.h"
 
+#include <opencv2/imgproc.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -34,11 +36,13 @@ cv::Mat with_cleaned(const Measured& m)
     return shown;
 }
 
+/// px, from a point to the cause that it has the colour of.
+constexpr int reach = 4;
+
 /// What a point has the colour of where causes are shown: its own cause if it was cleaned away, else that of the
 /// nearest pixel without a point, if it is near.
 Cause cause_beside(const cv::Mat& causes, int y, int x)
 {
-    constexpr int reach = 4; // px
     const auto own = static_cast<Cause>(causes.at<uchar>(y, x));
     if (own != Cause::none) return own;
     int nearest = reach * reach + 1;
@@ -80,6 +84,7 @@ public:
         , _grid(grid)
         , _sigma_span(sigma)
     {
+        cv::dilate(m.causes.causes, _near_a_cause, cv::Mat::ones(2 * reach + 1, 2 * reach + 1, CV_8U));
         cv::minMaxLoc(disparity, &_packed.low, &_packed.high, nullptr, nullptr, disparity == disparity);
     }
 
@@ -108,7 +113,7 @@ private:
         _packed.disparity.push_back(static_cast<unsigned char>(level & 255U));
         _packed.disparity.push_back(static_cast<unsigned char>(level >> 8U & 255U));
         _packed.grey.push_back(m.texture.at<uchar>(y, x));
-        const Cause cause = cause_beside(m.causes.causes, y, x);
+        const Cause cause = _near_a_cause.at<uchar>(y, x) != 0 ? cause_beside(m.causes.causes, y, x) : Cause::none;
         _packed.cause.push_back(static_cast<unsigned char>(cause));
         if (!m.precision.sigma.empty())
             _packed.sigma.push_back(sigma_level(m.precision.sigma.at<float>(y, x), _sigma_span));
@@ -120,6 +125,7 @@ private:
     const cv::Mat& _disparity;
     ViewGrid _grid;
     Span _sigma_span;
+    cv::Mat _near_a_cause; ///< not 0 where there is one within reach
     PackedPoints _packed;
 };
 

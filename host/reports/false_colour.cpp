@@ -23,6 +23,7 @@ struct Layout {
     {
     }
     int px(double units) const { return static_cast<int>(std::lround(units * scale)); }
+    int title() const { return px(30); } ///< the line above a picture
     double font() const { return 0.55 * scale; }
     int stroke() const { return std::max(1, px(1.0)); }
     double scale;
@@ -42,12 +43,40 @@ int text_width(const std::string& text, const Layout& layout)
 /// The picture with a white panel of `panel` px to its right and a title line above.
 cv::Mat framed(const cv::Mat& picture, int panel, const std::string& title, const Layout& layout)
 {
-    const int top = layout.px(30);
+    const int top = layout.title();
     const int width = std::max(picture.cols + panel, text_width(title, layout) + layout.px(20));
     cv::Mat out(std::max(picture.rows, layout.px(260)) + top, width, CV_8UC3, paper);
     picture.copyTo(out(cv::Rect(0, top, picture.cols, picture.rows)));
     write(out, title, { layout.px(8), layout.px(21) }, layout);
     return out;
+}
+
+/// Letters have soft edges: 33 greys in place of 256 leave colours of a palette for the picture.
+void round_greys(cv::Mat picture)
+{
+    static const cv::Mat rounded = [] {
+        cv::Mat table(1, 256, CV_8U);
+        for (int grey = 0; grey < 256; ++grey)
+            table.at<uchar>(0, grey) = static_cast<uchar>(std::min(255, (grey + 4) / 8 * 8));
+        return table;
+    }();
+    cv::LUT(picture, rounded, picture);
+}
+
+/// The same of what framed() has put above a picture and to its right.
+void round_greys_around(const cv::Mat& picture, cv::Mat& out, const Layout& layout)
+{
+    round_greys(out.rowRange(0, layout.title()));
+    round_greys(out.colRange(picture.cols, out.cols));
+}
+
+/// Every fourth shade is that of its neighbour: 192 of them and the greys of letters are within a palette's 256.
+cv::Mat fewer_shades(const cv::Mat& ramp)
+{
+    cv::Mat fewer = ramp.clone();
+    for (int i = 0; i < 256; ++i)
+        fewer.at<cv::Vec3b>(0, i) = ramp.at<cv::Vec3b>(0, (i * 3 / 4 * 4 + 2) / 3);
+    return fewer;
 }
 
 /// 1, 2 or 5 times a power of ten, for about six of them.
@@ -69,7 +98,19 @@ cv::Vec3b signed_colour(double level)
     return colours[below] + (at - below) * (colours[below + 1] - colours[below]);
 }
 
-void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv::Mat& colours, const Layout& layout)
+/// The row of a bar that shows a value at this share of it.
+int row_in(const cv::Rect& bar, double share)
+{
+    return bar.y + static_cast<int>(std::lround((1.0 - share) * (bar.height - 1)));
+}
+
+void write_ticks(cv::Mat& picture, const cv::Rect& bar, const Span& span, const Layout& layout)
+{
+    for (const Tick& tick : ticks_of(span))
+        write(picture, tick.text, { bar.x + bar.width + layout.px(10), row_in(bar, tick.at) + layout.px(6) }, layout);
+}
+
+void draw_ramp(cv::Mat& picture, const cv::Rect& bar, const Span& span, const cv::Mat& colours, const Layout& layout)
 {
     for (int y = 0; y < bar.height; ++y) {
         const int level = 255 - 255 * y / std::max(1, bar.height - 1);
@@ -77,10 +118,9 @@ void draw_ramp(cv::Mat& picture, cv::Rect bar, double low, double high, const cv
             cv::Scalar(colours.at<cv::Vec3b>(0, level)));
     }
     cv::rectangle(picture, bar, ink, layout.stroke());
-    for (const Tick& tick : ticks_of({ low, high })) {
-        const int y = bar.y + static_cast<int>(std::lround((1.0 - tick.at) * (bar.height - 1)));
+    for (const Tick& tick : ticks_of(span)) {
+        const int y = row_in(bar, tick.at);
         cv::line(picture, { bar.x + bar.width, y }, { bar.x + bar.width + layout.px(6), y }, ink, layout.stroke());
-        write(picture, tick.text, { bar.x + bar.width + layout.px(10), y + layout.px(6) }, layout);
     }
 }
 
@@ -135,9 +175,10 @@ Span most_of(const cv::Mat& values)
     return shown_span(ends[0] - margin, ends[1] + margin);
 }
 
-cv::Mat coloured(const cv::Mat& values, const Span& span, Ramp kind)
+namespace {
+
+cv::Mat coloured_by(const cv::Mat& ramp, const cv::Mat& values, const Span& span)
 {
-    const cv::Mat ramp = colour_table(kind);
     std::vector<cv::Vec3b> colours(ramp.begin<cv::Vec3b>(), ramp.end<cv::Vec3b>());
     colours.push_back(nothing);
     cv::Mat picture(values.size(), CV_8UC3);
@@ -152,14 +193,24 @@ cv::Mat coloured(const cv::Mat& values, const Span& span, Ramp kind)
     return picture;
 }
 
+} // namespace
+
+cv::Mat coloured(const cv::Mat& values, const Span& span, Ramp kind)
+{
+    return coloured_by(colour_table(kind), values, span);
+}
+
 cv::Mat false_colour(const cv::Mat& values, double low, double high, const std::string& title, Ramp kind)
 {
     const Span span = shown_span(low, high);
-    const cv::Mat picture = coloured(values, span, kind);
+    const cv::Mat ramp = kind == Ramp::Grey ? colour_table(kind) : fewer_shades(colour_table(kind));
+    const cv::Mat picture = coloured_by(ramp, values, span);
     const Layout layout(values.rows);
     cv::Mat out = framed(picture, layout.px(120), title, layout);
     const cv::Rect bar(picture.cols + layout.px(14), layout.px(46), layout.px(22), out.rows - layout.px(64));
-    draw_ramp(out, bar, span.low, span.high, colour_table(kind), layout);
+    write_ticks(out, bar, span, layout);
+    round_greys_around(picture, out, layout);
+    draw_ramp(out, bar, span, ramp, layout);
     return out;
 }
 
@@ -181,13 +232,18 @@ cv::Mat labelled(const cv::Mat& labels, const std::vector<Label>& legend, const 
     for (const Label& label : legend)
         widest = std::max(widest, text_width(label.text, layout));
     cv::Mat out = framed(picture, widest + layout.px(60), title, layout);
-    double line = 0.0;
+    std::vector<std::pair<cv::Rect, cv::Vec3b>> boxes;
     for (const Label& label : legend) {
         if (label.text.empty()) continue;
-        const cv::Rect box(picture.cols + layout.px(12), layout.px(44.0 + 28.0 * line++), layout.px(18), layout.px(18));
-        cv::rectangle(out, box, cv::Scalar(label.colour), cv::FILLED);
-        cv::rectangle(out, box, ink, layout.stroke());
+        const auto line = static_cast<double>(boxes.size());
+        const cv::Rect box(picture.cols + layout.px(12), layout.px(44.0 + 28.0 * line), layout.px(18), layout.px(18));
         write(out, label.text, { box.x + layout.px(26), box.y + layout.px(14) }, layout);
+        boxes.emplace_back(box, label.colour);
+    }
+    round_greys_around(picture, out, layout);
+    for (const auto& [box, colour] : boxes) {
+        cv::rectangle(out, box, cv::Scalar(colour), cv::FILLED);
+        cv::rectangle(out, box, ink, layout.stroke());
     }
     return out;
 }

@@ -73,54 +73,80 @@ Json cause_codes(Method method)
     return codes;
 }
 
-} // namespace
+using Bytes = std::vector<unsigned char>;
 
-void add_files(OutputFolder& out, const Capture& capture, const Measured& m, Json& report)
+/// A file's name and how its bytes are made.
+using Making = std::pair<const char*, std::function<Bytes()>>;
+
+Bytes png(const cv::Mat& picture)
 {
-    double nearest = 0.0, farthest = 0.0;
-    cv::minMaxLoc(m.depth, &nearest, &farthest, nullptr, nullptr, m.depth == m.depth);
-    const double step = depth_step(farthest);
-    report["depth_png"] = { { "unit", step }, { "invalid", 0 } };
-    report["cause_png"] = cause_codes(m.method());
+    return encode(".png", picture);
+}
 
-    using Bytes = std::vector<unsigned char>;
-    const auto png = [](const cv::Mat& picture) { return encode(".png", picture); };
-    const auto texture_view = [&] {
-        cv::Mat grey;
-        m.texture.convertTo(grey, CV_32F);
-        return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]", Ramp::Grey));
-    };
-    const auto valid_view = [&] {
-        const std::vector<Label> legend = counted_legend(m.causes, m.method());
-        return png(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
-    };
-    // The longest first: they are made on all threads.
-    std::vector<std::pair<const char*, std::function<Bytes()>>> files {
-        { "report.html",
-            [&] {
-                const std::string page = measurement_html(capture, m, report);
-                return Bytes(page.begin(), page.end());
-            } },
+/// What other commands read.
+std::vector<Making> files_to_go_on_with(const Measured& m)
+{
+    return {
         { "cloud.ply",
-            [&] {
+            [&m] {
                 return make_ply(m.cloud.points, m.texture,
                     "vexo: axes of rectified camera 0, unit " + m.unit.name
                         + (m.precision.smoothed ? std::string(", ") + how_smoothed : ""),
                     m.precision.sigma);
             } },
-        { "depth_view.png", [&] { return png(view_of(m.depth, "depth [" + m.unit.name + "]")); } },
-        { "disparity_view.png", [&] { return png(view_of(m.disparity, "disparity [px]")); } },
-        { "depth.png", [&] { return png(depth_image(m.depth, step)); } },
-        { "texture_view.png", texture_view },
-        { "valid_view.png", valid_view },
-        { "texture.png", [&] { return png(m.texture); } },
-        { "disparity.tiff", [&] { return encode(".tiff", m.disparity); } },
-        { "depth.tiff", [&] { return encode(".tiff", m.depth); } },
-        { "cause.png", [&] { return png(m.causes.causes); } },
-        { "valid.png", [&] { return png(m.depth == m.depth); } },
+        { "texture.png", [&m] { return png(m.texture); } },
+        { "depth.tiff", [&m] { return encode(".tiff", m.depth); } },
+    };
+}
+
+/// Pictures, and maps that can be made of the cloud.
+std::vector<Making> files_to_look_at(const Capture& capture, const Measured& m, const Json& report, double step)
+{
+    const auto view = [](const cv::Mat& picture) { return encode(".png", picture, PngEffort::few_colours); };
+    std::vector<Making> files {
+        { "report.html",
+            [&] {
+                const std::string page = measurement_html(capture, m, report);
+                return Bytes(page.begin(), page.end());
+            } },
+        { "depth_view.png", [&m, view] { return view(view_of(m.depth, "depth [" + m.unit.name + "]")); } },
+        { "disparity_view.png", [&m, view] { return view(view_of(m.disparity, "disparity [px]")); } },
+        { "depth.png", [&m, step] { return png(depth_image(m.depth, step)); } },
+        { "texture_view.png",
+            [&m, view] {
+                cv::Mat grey;
+                m.texture.convertTo(grey, CV_32F);
+                return view(false_colour(grey, 0.0, 255.0, "texture [grey levels]", Ramp::Grey));
+            } },
+        { "valid_view.png",
+            [&m, view] {
+                const std::vector<Label> legend = counted_legend(m.causes, m.method());
+                return view(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
+            } },
+        { "disparity.tiff", [&m] { return encode(".tiff", m.disparity); } },
+        { "cause.png", [&m] { return png(m.causes.causes); } },
+        { "valid.png", [&m] { return png(m.depth == m.depth); } },
     };
     if (!m.precision.sigma.empty())
-        files.emplace_back("sigma.tiff", [&] { return encode(".tiff", m.precision.sigma); });
+        files.emplace_back("sigma.tiff", [&m] { return encode(".tiff", m.precision.sigma); });
+    return files;
+}
+
+} // namespace
+
+void add_files(OutputFolder& out, const Capture& capture, const Measured& m, Json& report, ResultFiles which)
+{
+    double nearest = 0.0, farthest = 0.0;
+    cv::minMaxLoc(m.depth, &nearest, &farthest, nullptr, nullptr, m.depth == m.depth);
+    const double step = depth_step(farthest);
+    std::vector<Making> files; // the longest first: they are made on all threads
+    if (which == ResultFiles::all) {
+        report["depth_png"] = { { "unit", step }, { "invalid", 0 } };
+        report["cause_png"] = cause_codes(m.method());
+        files = files_to_look_at(capture, m, report, step);
+    }
+    for (Making& making : files_to_go_on_with(m))
+        files.push_back(std::move(making));
     std::vector<Bytes> bytes(files.size());
     in_parallel(files.size(), [&](std::size_t i) { bytes[i] = files[i].second(); });
     for (std::size_t i = 0; i < files.size(); ++i)

@@ -7,7 +7,14 @@
 
 namespace vexo {
 
-/// Adds cloud, maps, pictures, the page and the report, after completing it.
-void add_files(OutputFolder& out, const Capture& capture, const Measured& measured, Json& report);
+/// What of a measurement is written.
+enum class ResultFiles {
+    all,        ///< cloud, maps, pictures, page and report
+    no_pictures ///< what other commands read: cloud, depth, texture and report
+};
+
+/// Adds them, after completing the report.
+void add_files(OutputFolder& out, const Capture& capture, const Measured& measured, Json& report,
+    ResultFiles which = ResultFiles::all);
 
 } // namespace vexo

@@ -21,7 +21,7 @@ struct Picture {
     cv::Mat image;
     std::string scale;   ///< HTML
     bool labels = false; ///< its colours are names: neither mixed nor blurred
-    int side = 1280;     ///< px, the longer one in the page
+    int side = 800;      ///< px, the longer one in the page
 };
 
 std::string hex(const cv::Vec3b& colour)
@@ -56,7 +56,7 @@ std::string image_html(const Picture& picture)
     for (int side = picture.side;; side = side * 3 / 4) {
         const cv::Mat small = reduced(picture.image, side, picture.labels);
         const std::vector<unsigned char> bytes
-            = picture.labels ? encode(".png", small) : encode_jpeg(small, jpeg_quality);
+            = picture.labels ? encode(".png", small, PngEffort::few_colours) : encode_jpeg(small, jpeg_quality);
         if (bytes.size() > most_bytes && side > 200) continue;
         const std::string shown = size_text(small.cols, small.rows),
                           whole = size_text(picture.image.cols, picture.image.rows);

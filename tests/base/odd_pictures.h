@@ -72,7 +72,7 @@ inline std::string png(int colours, int bits, int interlace, bool transparent, u
     const std::vector<unsigned char> alphas = noise(256, 9);
     if (colours == PNG_COLOR_TYPE_PALETTE)
         png_set_PLTE(png, info, reinterpret_cast<png_const_colorp>(colour_table.data()), 1 << bits);
-    const png_color_16 one { 1, 200, 3, 77, 5 };
+    const png_color_16 one { 1, 200, 3, 77, 1 };
     if (transparent) png_set_tRNS(png, info, alphas.data(), 1 << std::min(bits, 8), &one);
     if (orientation > 0) {
         std::string data = exif(orientation);
