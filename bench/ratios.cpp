@@ -4,6 +4,7 @@
 //
 //     vexo_ratios [--threads N] [--pairs N]      the table
 //     vexo_ratios --memory gray|multi|sgbm       peak memory of one chain above what it began with, MB
+//     vexo_ratios --sizes [--pairs N]            time and memory of the chain a pixel, from 0.3 to 12 Mpx
 #include "board/KorvaCalibBoardRecognizer.h"
 #include "capture.h"
 #include "opencv_chain.h"
@@ -15,6 +16,7 @@
 #include <opencv2/structured_light.hpp>
 #endif
 
+#include <malloc.h>
 #include <omp.h>
 #include <time.h>
 
@@ -280,17 +282,55 @@ double status_mb(const std::string& key)
     return 0;
 }
 
-/// Twice the chain, as the second capture finds the buffers of the first.
+/// Peak memory of the chain above frames and tables, MB. Twice the chain, as the second capture finds the buffers of
+/// the first.
+double peak_mb(const Capture& capture)
+{
+    malloc_trim(0);                              // what was freed before cannot serve again unseen
+    std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew: making the capture had its own
+    const double before = status_mb("VmRSS");
+    const auto generator = make_generator(capture);
+    run_chain(*generator, capture);
+    run_chain(*generator, capture);
+    return status_mb("VmHWM") - before;
+}
+
 int print_peak(const std::string& method, const Settings& settings)
 {
     const Method which = method == "gray" ? Method::gray_phase : method == "multi" ? Method::multi_phase : Method::sgbm;
     const Capture capture = make_capture(which, { 1280, 1024 });
     omp_set_num_threads(settings.threads);
-    const double before = status_mb("VmRSS");
-    const auto generator = make_generator(capture);
-    run_chain(*generator, capture);
-    run_chain(*generator, capture);
-    std::printf("peak memory above the camera's tables, %-6s %6.1f MB\n", method.c_str(), status_mb("VmHWM") - before);
+    std::printf("peak memory above the camera's tables, %-6s %6.1f MB\n", method.c_str(), peak_mb(capture));
+    return 0;
+}
+
+/// Each size against 1280 x 1024, a pixel: 1 is proportional.
+int print_sizes(Settings& settings)
+{
+    omp_set_num_threads(settings.threads);
+    const Capture usual = make_capture(Method::gray_phase, { 1280, 1024 });
+    const double usual_mb = peak_mb(usual);
+    const auto usual_generator = make_generator(usual);
+    run_chain(*usual_generator, usual);
+    std::printf("| %-11s | %8s | %10s | %8s | %8s | %10s | %8s |\n|---|---|---|---|---|---|---|\n", "size", "ms",
+        "ns a pixel", "ratio", "MB", "B a pixel", "ratio");
+    for (const cv::Size size :
+        { cv::Size(640, 512), cv::Size(1280, 1024), cv::Size(2448, 2048), cv::Size(4096, 3000) }) {
+        const Capture capture = make_capture(Method::gray_phase, size);
+        const double larger = capture.pixels() / usual.pixels(), mb = peak_mb(capture);
+        const auto generator = make_generator(capture);
+        run_chain(*generator, capture);
+        std::vector<double> times, ratios;
+        for (int i = 0; i < settings.pairs; ++i) {
+            times.push_back(time_of([&] { run_chain(*generator, capture); }, settings));
+            ratios.push_back(times.back() / time_of([&] { run_chain(*usual_generator, usual); }, settings) / larger);
+        }
+        const std::string name = std::to_string(size.width) + " x " + std::to_string(size.height);
+        std::printf("| %-11s | %8.2f | %10.2f | %8.2f | %8.1f | %10.1f | %8.2f |\n", name.c_str(), median(times),
+            1e6 * median(times) / capture.pixels(), median(ratios), mb, mb * 1048576 / capture.pixels(),
+            mb / usual_mb / larger);
+        std::fflush(stdout);
+    }
     return 0;
 }
 
@@ -325,13 +365,15 @@ int main(int argc, char** argv)
 {
     Settings settings;
     std::string memory;
-    for (int i = 1; i + 1 < argc; i += 2) {
+    const bool sizes = argc > 1 && std::strcmp(argv[1], "--sizes") == 0;
+    for (int i = sizes ? 2 : 1; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         if (option == "--threads") settings.threads = std::max(1, std::atoi(argv[i + 1]));
         if (option == "--pairs") settings.pairs = std::max(1, std::atoi(argv[i + 1]));
         if (option == "--memory") memory = argv[i + 1];
     }
     try {
+        if (sizes) return print_sizes(settings);
         return memory.empty() ? print_table(argv[0], settings) : print_peak(memory, settings);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());

@@ -78,8 +78,8 @@ std::string scene_text(const std::string& scene, const Rig& rig, const Pattern& 
     if (rig.options.turned_deg != 0) json["cam0_from_scene"] = to_json(cam0_from_scene(rig).get_minor<3, 4>(0, 0));
     return json.dump(2) + "\n";
 }
+} // namespace
 
-/// What is needed to measure the frames, without what only a simulation knows.
 std::string manifest_text(const Pattern& pattern, double exposure_ms)
 {
     Json json { { "schema", 1 }, { "method", name_of(pattern.method) } };
@@ -88,7 +88,6 @@ std::string manifest_text(const Pattern& pattern, double exposure_ms)
     if (exposure_ms > 0) json["exposure_ms"] = exposure_ms;
     return json.dump(2) + "\n";
 }
-} // namespace
 
 std::string cameras_yaml(const Rig& rig)
 {

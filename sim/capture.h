@@ -40,6 +40,9 @@ Capture make_capture(
 /// Where a point of the scene, as it was before it was turned, lies in raw camera-0 axes: 4 x 4, mm.
 cv::Matx44d cam0_from_scene(const Rig& rig);
 
+/// capture.json: what is needed to measure the frames, without what only a simulation knows.
+std::string manifest_text(const Pattern& pattern, double exposure_ms);
+
 /// Both cameras as YAML text.
 std::string cameras_yaml(const Rig& rig);
 

@@ -81,9 +81,10 @@ Implicit::Implicit(Field field, cv::Vec3d low, cv::Vec3d high, cv::Vec3d offset)
     for (int i = 0; i < 3; ++i)
         _nodes[i] = static_cast<int>(std::ceil((high[i] - low[i]) / grid_step)) + 1;
     const auto plane = static_cast<std::size_t>(_nodes[0]) * static_cast<std::size_t>(_nodes[1]);
-    _grid.resize(plane * static_cast<std::size_t>(_nodes[2]));
-    const auto fill_plane = [this, plane](int z) noexcept {
-        float* out = _grid.data() + plane * static_cast<std::size_t>(z);
+    const auto grid = std::make_shared<std::vector<float>>(plane * static_cast<std::size_t>(_nodes[2]));
+    _grid = grid;
+    const auto fill_plane = [this, plane, &grid](int z) noexcept {
+        float* out = grid->data() + plane * static_cast<std::size_t>(z);
         for (int y = 0; y < _nodes[1]; ++y)
             for (int x = 0; x < _nodes[0]; ++x)
                 *out++ = static_cast<float>(_field(_low + grid_step * cv::Vec3d(x, y, z)));
@@ -116,7 +117,7 @@ double Implicit::_lower_bound(const cv::Vec3d& p) const noexcept
         way2 += (steps - node) * (steps - node);
         at = at * static_cast<std::size_t>(_nodes[i]) + static_cast<std::size_t>(node);
     }
-    return static_cast<double>(_grid[at]) - grid_step * std::sqrt(way2);
+    return static_cast<double>((*_grid)[at]) - grid_step * std::sqrt(way2);
 }
 
 /// No surface lies nearer to a point than the absolute value of its `field`.

@@ -72,6 +72,15 @@ public:
     /// @param low, high  corners of the box, body frame
     /// @param offset  rig position of the body frame's origin; the axes are parallel
     Implicit(Field field, cv::Vec3d low, cv::Vec3d high, cv::Vec3d offset);
+
+    /// The same body elsewhere. Both share the grid, whose making takes longer than rendering a small picture.
+    Implicit at(cv::Vec3d offset) const
+    {
+        Implicit other = *this;
+        other._offset = offset;
+        return other;
+    }
+
     bool intersect(const Ray& ray, double t0, double t1, Hit& hit) const noexcept override;
 
 private:
@@ -89,7 +98,7 @@ private:
     Field _field;
     cv::Vec3d _low, _high, _offset;
     cv::Vec3i _nodes;
-    std::vector<float> _grid; ///< field at the nodes, x fastest
+    std::shared_ptr<const std::vector<float>> _grid; ///< field at the nodes, x fastest
 };
 
 /// The surfaces in front of the rig.

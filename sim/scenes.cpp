@@ -63,9 +63,9 @@ void add_balls(Scene& scene, const RigOptions& options)
 void add_bust(Scene& scene, double middle_z)
 {
     constexpr double middle_of_bust_y = 13, nose_to_middle = 40; // mm; nearest point and ears about the middle
-    const auto field = [](const cv::Vec3d& p) { return bust_scale * bust_field(p / bust_scale); };
-    scene.add(std::make_unique<Implicit>(field, bust_scale * cv::Vec3d(bust_low), bust_scale * cv::Vec3d(bust_high),
-        cv::Vec3d(0, -bust_scale * middle_of_bust_y, middle_z + nose_to_middle)));
+    static const Implicit bust([](const cv::Vec3d& p) { return bust_scale * bust_field(p / bust_scale); },
+        bust_scale * cv::Vec3d(bust_low), bust_scale * cv::Vec3d(bust_high), {});
+    scene.add(std::make_unique<Implicit>(bust.at({ 0, -bust_scale * middle_of_bust_y, middle_z + nose_to_middle })));
 }
 
 /// A printed board, upright before the rig, between three balls that hold clouds of it where the flat paper would not.

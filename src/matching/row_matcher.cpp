@@ -121,8 +121,8 @@ bool RowMatcher::match(const PhaseMapRow& left, const PhaseMapRow& right, int co
     const int* columns = _left_columns.data();
     const bool direct = is_gapless(columns, _left_size);
     double* found = direct ? out + columns[0] : _found.data();
-    VEXO_FORM_OF(evaluate)
-    (_left_phase.data(), columns, _nearest_position.data(), _left_size,
+    auto* const evaluate = VEXO_FORM_OF(evaluate);
+    evaluate(_left_phase.data(), columns, _nearest_position.data(), _left_size,
         { _right_columns.data(), _right_phase.data(), slope, intercept }, limits, found);
     if (!direct) put_listed(columns, _left_size, found, out);
     return true;

@@ -1,11 +1,9 @@
 #include "host/captures/check.h"
 #include "host/captures/judge.h"
-#include "sim/capture.h"
+#include "support/rendered.h"
 
 #include <gtest/gtest.h>
-#include <opencv2/imgcodecs.hpp>
 
-#include <filesystem>
 #include <functional>
 
 namespace {
@@ -22,10 +20,7 @@ Frames simulate(const std::function<void(sim::RigOptions&)>& change = {}, Method
     rig.fringe_period = 16;
     rig.periods = { 27, 29, 31 };
     if (change) change(rig);
-    Frames frames;
-    for (const auto& [name, bytes] : sim::make_capture("bust", rig).files)
-        if (name.rfind("cam0/", 0) == 0) frames.push_back(cv::imdecode(bytes, cv::IMREAD_GRAYSCALE));
-    return frames;
+    return Rendered::frames("bust", rig, 0);
 }
 
 std::vector<Finding> judged(const Frames& frames, Method method)

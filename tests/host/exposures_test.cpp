@@ -5,8 +5,6 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <functional>
-#include <map>
-#include <tuple>
 
 namespace {
 
@@ -26,20 +24,13 @@ protected:
         return { at, at + "/cam0", at + "/cam1", "", false };
     }
 
-    /// Writes a capture, with exposure_ms if `timed`; what was rendered once is written again.
+    /// Writes a capture, with exposure_ms if `timed`.
     CaptureFiles make(const std::string& name, double exposure, std::size_t index, bool timed = true)
     {
         sim::RigOptions options = sim::at_exposure(rig, exposure, index);
         options.image_size = { width, height };
         if (options.method == Method::gray_phase) options.fringe_period = 32;
-        sim::Capture& rendered
-            = _rendered[{ exposure, index, options.method, options.distance_mm, options.noise, options.swapped }];
-        if (rendered.files.empty()) rendered = sim::make_capture("albedo", options);
-        for (const auto& [file, bytes] : rendered.files) {
-            const fs::path path = fs::path(folder / name) / file;
-            fs::create_directories(path.parent_path());
-            EXPECT_TRUE(write_file(path.string(), bytes));
-        }
+        Rendered::write(folder / name, "albedo", options);
         if (!timed) fs::remove(folder / (name + "/capture.json"));
         return files_of(name);
     }
@@ -74,10 +65,6 @@ protected:
         return std::any_of(
             notes.begin(), notes.end(), [&](const Finding& f) { return f.name == name && f.weight >= least; });
     }
-
-private:
-    inline static std::map<std::tuple<double, std::size_t, Method, double, double, std::array<int, 2>>, sim::Capture>
-        _rendered;
 };
 
 TEST_F(ExposuresTest, EachPixelHasAllFramesOfTheLongestExposureThatClipsNoneOfThemElseOfTheShortest)

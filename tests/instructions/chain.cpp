@@ -21,6 +21,7 @@ int main()
     CALLGRIND_START_INSTRUMENTATION;
     const int points = chain.run(nullptr);
     CALLGRIND_STOP_INSTRUMENTATION;
-    std::cout << "form " << (vexo::Cpu::has_avx2() ? "avx2" : "plain") << '\n';
+    const char* const names[] = { "plain", "avx2", "avx512" };
+    std::cout << "form " << names[static_cast<int>(vexo::Cpu::form())] << '\n';
     return first > 0 && points == first ? 0 : 1;
 }

@@ -3,6 +3,7 @@
 #include "sim/noise.h"
 #include "sim/render.h"
 #include "sim/scenes.h"
+#include "support/rendered.h"
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -185,6 +186,23 @@ TEST(SimRender, BytesDependOnTheSeedAndNotOnTheThreads)
     const Capture other = make_capture("plane", options);
     for (std::size_t i = 0; i < 26; ++i)
         EXPECT_NE(first.files[i].second, other.files[i].second) << first.files[i].first;
+}
+
+TEST(SimCapture, HasTheFramesOfAViewThatWasMadeForAnotherPatternAndNoise)
+{
+    RigOptions options;
+    options.image_size = { 64, 48 };
+    vexo::Rendered::frames("bust", options, 1);
+    options.method = vexo::Method::multi_phase;
+    options.noise = 3.0;
+    options.gamma = 1.8;
+    options.seed = 5;
+    options.swapped = { 4, 6 };
+    const Files files = make_capture("bust", options).files;
+    const std::vector<cv::Mat> frames = vexo::Rendered::frames("bust", options, 1);
+    ASSERT_EQ(frames.size(), 14U);
+    for (std::size_t k = 0; k < frames.size(); ++k)
+        EXPECT_EQ(cv::norm(cv::imdecode(files[2 * k + 1].second, cv::IMREAD_UNCHANGED), frames[k], cv::NORM_INF), 0.0);
 }
 
 TEST(SimCapture, ImpossibleRigsAndScenesAreRefusedByName)

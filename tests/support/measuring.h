@@ -1,11 +1,10 @@
 #pragma once
 
-#include "base/whole_file.h"
 #include "host/cameras/stereo.h"
 #include "host/captures/capture.h"
 #include "host/measurement/measure.h"
-#include "sim/capture.h"
 #include "support/folder.h"
+#include "support/rendered.h"
 
 #include <gtest/gtest.h>
 
@@ -26,10 +25,7 @@ protected:
         rig.defocus = defocus;
         rig.gamma = gamma;
         const std::string scan = folder / (scene + std::string(name_of(method)));
-        for (const auto& [name, bytes] : sim::make_capture(scene, rig).files) {
-            std::filesystem::create_directories(std::filesystem::path(scan + "/" + name).parent_path());
-            EXPECT_TRUE(write_file(scan + "/" + name, bytes));
-        }
+        Rendered::write(scan, scene, rig);
         const CaptureFiles files { scan, scan + "/cam0", scan + "/cam1", "", false };
         return read_capture(files, choose_method(files));
     }
