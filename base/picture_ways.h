@@ -11,9 +11,13 @@ enum class PictureAs {
     stored     ///< depth and channels of the file; blue first, alpha last
 };
 
-/// How much is tried to make a PNG small. The quick way is for pictures with edges; noise is small in neither. A
-/// picture of at most 256 colours can be written as their numbers, a third of the bytes to pack; it is decoded to the
-/// same.
-enum class PngEffort { quick, all_filters, few_colours };
+/// How a PNG is packed; what is decoded is the same.
+enum class PngEffort {
+    quick,       ///< by libpng in runs, for pictures with edges
+    all_filters, ///< by libpng, the smallest
+    /// By libdeflate: noisy grey in a third of the time of runs, and a picture of at most 256 colours as their numbers,
+    /// a third of the bytes to pack. Pictures of more colours, or with transparency, are packed the quick way
+    at_once
+};
 
 } // namespace vexo

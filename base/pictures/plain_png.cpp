@@ -196,6 +196,73 @@ void swap_bytes(cv::Mat& picture)
     }
 }
 
+/// A file that is being made, chunk after chunk.
+class PngFileOf {
+public:
+    PngFileOf() { bytes.assign(std::begin(signature), std::end(signature)); }
+
+    void add(const char* name, const std::vector<unsigned char>& contents)
+    {
+        _add_number(static_cast<std::uint32_t>(contents.size()));
+        const std::size_t begin = bytes.size();
+        bytes.insert(bytes.end(), name, name + 4);
+        bytes.insert(bytes.end(), contents.begin(), contents.end());
+        _add_number(libdeflate_crc32(0, bytes.data() + begin, bytes.size() - begin));
+    }
+
+    std::vector<unsigned char> bytes;
+
+private:
+    void _add_number(std::uint32_t number)
+    {
+        for (const int shift : { 24, 16, 8, 0 })
+            bytes.push_back(static_cast<unsigned char>(number >> shift));
+    }
+};
+
+std::vector<unsigned char> header_of(const cv::Mat& picture, bool numbers)
+{
+    std::vector<unsigned char> header;
+    for (const int length : { picture.cols, picture.rows })
+        for (const int shift : { 24, 16, 8, 0 })
+            header.push_back(static_cast<unsigned char>(length >> shift));
+    constexpr int grey = 0, indexed = 3;
+    for (const int value : { picture.depth() == CV_16U ? 16 : 8, numbers ? indexed : grey, 0, 0, 0 })
+        header.push_back(static_cast<unsigned char>(value));
+    return header;
+}
+
+/// Rows as they are packed: numbers as they are, grey as differences from the value to the left (PNG, 9.2).
+std::vector<unsigned char> filtered(const cv::Mat& picture, bool numbers)
+{
+    const std::size_t pixel = picture.elemSize(), count = static_cast<std::size_t>(picture.cols) * pixel;
+    std::vector<unsigned char> rows((count + 1) * static_cast<std::size_t>(picture.rows)), swapped(count);
+    unsigned char* to = rows.data();
+    for (int y = 0; y < picture.rows; ++y, to += count + 1) {
+        const unsigned char* from = picture.ptr(y);
+        for (std::size_t i = 0; pixel == 2 && i < count; ++i) // high byte first
+            swapped[i] = from[i ^ 1U];
+        if (pixel == 2) from = swapped.data();
+        to[0] = numbers ? 0 : 1;
+        std::memcpy(to + 1, from, numbers ? count : pixel);
+        for (std::size_t i = pixel; !numbers && i < count; ++i)
+            to[1 + i] = byte(from[i] - from[i - pixel]);
+    }
+    return rows;
+}
+
+/// No bytes where there is no memory.
+std::vector<unsigned char> packed(const std::vector<unsigned char>& rows)
+{
+    constexpr int quickest = 1;
+    const std::unique_ptr<libdeflate_compressor, void (*)(libdeflate_compressor*)> packer(
+        libdeflate_alloc_compressor(quickest), libdeflate_free_compressor);
+    if (!packer) return {};
+    std::vector<unsigned char> to(libdeflate_zlib_compress_bound(packer.get(), rows.size()));
+    to.resize(libdeflate_zlib_compress(packer.get(), rows.data(), rows.size(), to.data(), to.size()));
+    return to;
+}
+
 } // namespace
 
 cv::Mat decode_plain_png(Bytes file)
@@ -211,6 +278,22 @@ cv::Mat decode_plain_png(Bytes file)
         return {};
     if (deep) swap_bytes(picture);
     return picture;
+}
+
+std::vector<unsigned char> encode_plain_png(const cv::Mat& picture, const std::vector<cv::Vec3b>& colours)
+{
+    const bool numbers = !colours.empty();
+    const std::vector<unsigned char> contents = packed(filtered(picture, numbers));
+    if (contents.empty()) return {};
+    PngFileOf file;
+    file.add("IHDR", header_of(picture, numbers));
+    std::vector<unsigned char> palette;
+    for (const cv::Vec3b& colour : colours)
+        palette.insert(palette.end(), { colour[2], colour[1], colour[0] });
+    if (numbers) file.add("PLTE", palette);
+    file.add("IDAT", contents);
+    file.add("IEND", {});
+    return std::move(file.bytes);
 }
 
 } // namespace picture_file

@@ -140,7 +140,6 @@ public:
     PngMaker& operator=(const PngMaker&) = delete;
 
     bool write(const cv::Mat& picture, png_bytepp rows, PngEffort effort) noexcept;
-    bool write_numbers(const cv::Mat& indices, png_bytepp rows, png_const_colorp colours, int count) noexcept;
 
     std::vector<unsigned char> bytes;
 
@@ -168,19 +167,6 @@ void PngMaker::_set_header(const cv::Mat& picture, int colours) noexcept
         PNG_FILTER_TYPE_DEFAULT);
 }
 
-bool PngMaker::write_numbers(const cv::Mat& indices, png_bytepp rows, png_const_colorp colours, int count) noexcept
-{
-    if (_info == nullptr || setjmp(png_jmpbuf(_png)) != 0) return false;
-    _set_header(indices, PNG_COLOR_TYPE_PALETTE);
-    png_set_filter(_png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
-    png_set_compression_strategy(_png, of_runs);
-    png_set_PLTE(_png, _info, colours, count);
-    png_write_info(_png, _info);
-    png_write_image(_png, rows);
-    png_write_end(_png, _info);
-    return true;
-}
-
 bool PngMaker::write(const cv::Mat& picture, png_bytepp rows, PngEffort effort) noexcept
 {
     if (_info == nullptr || setjmp(png_jmpbuf(_png)) != 0) return false;
@@ -206,20 +192,6 @@ std::vector<png_bytep> rows_of(const cv::Mat& picture)
     return rows;
 }
 
-/// No bytes for a picture of more colours than there are numbers.
-std::vector<unsigned char> encode_numbers(const Indexed& picture)
-{
-    std::vector<png_color> colours;
-    for (const cv::Vec3b& colour : picture.colours)
-        colours.push_back({ colour[2], colour[1], colour[0] });
-    PngMaker png;
-    if (colours.empty()
-        || !png.write_numbers(
-            picture.indices, rows_of(picture.indices).data(), colours.data(), static_cast<int>(colours.size())))
-        return {};
-    return std::move(png.bytes);
-}
-
 } // namespace
 
 cv::Mat decode_png(Bytes bytes, PictureAs as)
@@ -242,12 +214,13 @@ cv::Mat decode_png(Bytes bytes, PictureAs as)
 
 std::vector<unsigned char> encode_png(const cv::Mat& picture, PngEffort effort)
 {
-    if (effort == PngEffort::few_colours && picture.type() == CV_8UC3) {
-        std::vector<unsigned char> bytes = encode_numbers(indexed(picture));
-        if (!bytes.empty()) return bytes;
-    }
     const bool deep = picture.depth() == CV_8U || picture.depth() == CV_16U;
     if (!deep || (picture.channels() != 1 && picture.channels() != 3 && picture.channels() != 4)) return {};
+    if (effort == PngEffort::at_once && picture.channels() == 1) return encode_plain_png(picture, {});
+    if (effort == PngEffort::at_once && picture.type() == CV_8UC3) {
+        const Indexed numbers = indexed(picture);
+        if (!numbers.indices.empty()) return encode_plain_png(numbers.indices, numbers.colours);
+    }
     PngMaker png;
     return png.write(picture, rows_of(picture).data(), effort) ? std::move(png.bytes) : std::vector<unsigned char>();
 }

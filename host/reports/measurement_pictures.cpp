@@ -80,7 +80,7 @@ using Making = std::pair<const char*, std::function<Bytes()>>;
 
 Bytes png(const cv::Mat& picture)
 {
-    return encode(".png", picture);
+    return encode(".png", picture, PngEffort::at_once);
 }
 
 /// What other commands read.
@@ -102,26 +102,25 @@ std::vector<Making> files_to_go_on_with(const Measured& m)
 /// Pictures, and maps that can be made of the cloud.
 std::vector<Making> files_to_look_at(const Capture& capture, const Measured& m, const Json& report, double step)
 {
-    const auto view = [](const cv::Mat& picture) { return encode(".png", picture, PngEffort::few_colours); };
     std::vector<Making> files {
         { "report.html",
             [&] {
                 const std::string page = measurement_html(capture, m, report);
                 return Bytes(page.begin(), page.end());
             } },
-        { "depth_view.png", [&m, view] { return view(view_of(m.depth, "depth [" + m.unit.name + "]")); } },
-        { "disparity_view.png", [&m, view] { return view(view_of(m.disparity, "disparity [px]")); } },
+        { "depth_view.png", [&m] { return png(view_of(m.depth, "depth [" + m.unit.name + "]")); } },
+        { "disparity_view.png", [&m] { return png(view_of(m.disparity, "disparity [px]")); } },
         { "depth.png", [&m, step] { return png(depth_image(m.depth, step)); } },
         { "texture_view.png",
-            [&m, view] {
+            [&m] {
                 cv::Mat grey;
                 m.texture.convertTo(grey, CV_32F);
-                return view(false_colour(grey, 0.0, 255.0, "texture [grey levels]", Ramp::Grey));
+                return png(false_colour(grey, 0.0, 255.0, "texture [grey levels]", Ramp::Grey));
             } },
         { "valid_view.png",
-            [&m, view] {
+            [&m] {
                 const std::vector<Label> legend = counted_legend(m.causes, m.method());
-                return view(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
+                return png(labelled(m.causes.causes, legend, "which pixels were measured, and why not"));
             } },
         { "disparity.tiff", [&m] { return encode(".tiff", m.disparity); } },
         { "cause.png", [&m] { return png(m.causes.causes); } },

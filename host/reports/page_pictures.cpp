@@ -58,7 +58,7 @@ std::string image_html(const Picture& picture)
     for (int side = picture.side;; side = side * 3 / 4) {
         const cv::Mat small = reduced(picture.image, side, picture.labels);
         const std::vector<unsigned char> bytes
-            = picture.labels ? encode(".png", small, PngEffort::few_colours) : encode_jpeg(small, jpeg_quality);
+            = picture.labels ? encode(".png", small, PngEffort::at_once) : encode_jpeg(small, jpeg_quality);
         if (bytes.size() > most_bytes && side > 200) continue;
         const std::string shown = size_text(small.cols, small.rows), whole = size_text(own.width, own.height);
         return picture_html(bytes, picture.labels ? "image/png" : "image/jpeg", picture.title) + picture.scale

@@ -91,6 +91,18 @@ TEST(PlainPng, LeavesEveryDamagedAndEveryOtherFileToOthers)
     EXPECT_TRUE(picture_file::decode_plain_png({ colours.data(), colours.size() }).empty());
 }
 
+TEST(PlainPng, PacksGreyThatEveryDecoderReadsAsItWas)
+{
+    for (const int type : { CV_8U, CV_16U })
+        for (const cv::Size size : { cv::Size(1, 1), cv::Size(1, 9), cv::Size(7, 1), cv::Size(300, 200) }) {
+            const cv::Mat wide = noisy_slope({ size.width + 3, size.height }, type);
+            const cv::Mat picture = wide.colRange(2, 2 + size.width); // rows lie apart
+            const auto file = encode(".png", picture, PngEffort::at_once);
+            EXPECT_TRUE(same(cv::imdecode(file, cv::IMREAD_UNCHANGED), picture)) << type << ' ' << size;
+            EXPECT_TRUE(same(decode_picture(file, PictureAs::stored), picture)) << type << ' ' << size;
+        }
+}
+
 TEST(Palette, OfUpTo256ColoursIsSmallerAndDecodedToTheSamePicture)
 {
     for (const int count : { 1, 2, 256, 257 }) {
@@ -100,7 +112,7 @@ TEST(Palette, OfUpTo256ColoursIsSmallerAndDecodedToTheSamePicture)
             picture.at<cv::Vec3b>(i / 50, i % 50) = cv::Vec3b(static_cast<uchar>(colour),
                 static_cast<uchar>(colour / 2 * 3), static_cast<uchar>(colour == 256 ? 9 : 255 - colour));
         }
-        const auto numbers = encode(".png", picture, PngEffort::few_colours);
+        const auto numbers = encode(".png", picture, PngEffort::at_once);
         EXPECT_TRUE(same(decode_picture(numbers, PictureAs::colour), picture)) << count;
         EXPECT_TRUE(same(cv::imdecode(numbers, cv::IMREAD_COLOR), picture)) << count;
         constexpr std::size_t place_of_kind = 25;
