@@ -1,7 +1,7 @@
 // What the first measurement of a process costs against later ones: fresh memory has to be mapped and cleared, threads
 // have to begin. Page faults and time of each call, of the first measurement and of the median of later ones.
 //
-//     vexo_first [--threads N] [--method gray|multi] [--rounds N]
+//     vexo_first [--threads N] [--method gray|multi] [--rounds N] [--size WxH]
 #include "capture.h"
 
 #include <omp.h>
@@ -69,9 +69,9 @@ double median(const std::vector<Calls>& rounds, std::size_t call, double Cost::*
     return values[values.size() / 2];
 }
 
-void compare(Method method, int rounds)
+void compare(Method method, cv::Size size, int rounds)
 {
-    const Capture capture = make_capture(method, { 1280, 1024 });
+    const Capture capture = make_capture(method, size);
     const auto generator = make_generator(capture);
     const Calls first = measure(*generator, capture);
     std::vector<Calls> later;
@@ -92,16 +92,18 @@ int main(int argc, char** argv)
 {
     int threads = 1, rounds = 20;
     Method method = Method::gray_phase;
+    cv::Size size(1280, 1024);
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         if (option == "--threads") threads = std::max(1, std::atoi(argv[i + 1]));
         if (option == "--rounds") rounds = std::max(1, std::atoi(argv[i + 1]));
+        if (option == "--size") std::sscanf(argv[i + 1], "%dx%d", &size.width, &size.height);
         if (option == "--method" && std::strcmp(argv[i + 1], "multi") == 0) method = Method::multi_phase;
     }
     omp_set_num_threads(threads);
     std::printf("threads: %d; later: the median of %d\n", threads, rounds);
     try {
-        compare(method, rounds);
+        compare(method, size, rounds);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());
         return 1;

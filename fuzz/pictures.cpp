@@ -1,8 +1,8 @@
 // Our decoders of pictures on arbitrary files: what they give has the pixels that OpenCV's give.
 
+#include "base/pictures.h"
 #include "base/odd_pictures.h"
 #include "base/picture_header.h"
-#include "base/pictures.h"
 #include "target.h"
 
 #include <opencv2/imgcodecs.hpp>
@@ -50,9 +50,9 @@ bool fuzz_one(const std::string& bytes)
 {
     constexpr int small = 1 << 20;
     if (!picture_file::may_be_decoded(bytes) || picture_file::announced_size(bytes).area() > small) return false;
-    const std::pair<PictureAs, int> ways[] = { { PictureAs::grey, cv::IMREAD_GRAYSCALE },
-        { PictureAs::deep_grey, cv::IMREAD_ANYDEPTH }, { PictureAs::colour, cv::IMREAD_COLOR },
-        { PictureAs::stored, cv::IMREAD_UNCHANGED } };
+    const std::pair<PictureAs, int> ways[]
+        = { { PictureAs::grey, cv::IMREAD_GRAYSCALE }, { PictureAs::deep_grey, cv::IMREAD_ANYDEPTH },
+              { PictureAs::colour, cv::IMREAD_COLOR }, { PictureAs::stored, cv::IMREAD_UNCHANGED } };
     bool any = false;
     for (const auto& [as, flags] : ways) {
         const cv::Mat ours = decode_picture(bytes, as);

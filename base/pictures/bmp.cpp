@@ -1,3 +1,4 @@
+#include "base/index.h"
 #include "base/pictures/format.h"
 
 #include <algorithm>
@@ -144,16 +145,34 @@ cv::Vec3b pixel(const Bmp& bmp, const unsigned char* row, std::size_t x)
     return { bgr[0], bgr[1], bgr[2] };
 }
 
+/// A row of the file into row y of the picture. The two usual kinds, 8-bit grey and 24-bit colour, need no look at
+/// each.
+void put_row(const Bmp& bmp, const unsigned char* row, const std::array<uchar, 256>& greys, cv::Mat& picture, int y)
+{
+    uchar* to = picture.ptr(y);
+    if (bmp.bits == 8 && picture.channels() == 1) {
+        std::transform(row, row + picture.cols, to, [&greys](unsigned char index) { return greys[index]; });
+        return;
+    }
+    if (bmp.bits == 24 && picture.channels() == 3) {
+        std::copy_n(row, picture.cols * 3, to);
+        return;
+    }
+    const bool alpha = bmp.bits == 32 && !bmp.opaque;
+    for (int x = 0; x < picture.cols; ++x)
+        put(picture, y, x, pixel(bmp, row, at(x)), alpha ? row[at(x) * 4 + 3] : uchar { 255 });
+}
+
 bool read_rows(Bmp& bmp, cv::Mat& picture)
 {
     const std::size_t bits = bmp.bits == 15 ? 16 : static_cast<std::size_t>(bmp.bits);
     const std::size_t row_bytes = (static_cast<std::size_t>(bmp.width) * bits + 31) / 32 * 4;
+    std::array<uchar, 256> greys {};
+    std::transform(bmp.palette.begin(), bmp.palette.end(), greys.begin(),
+        [](const cv::Vec3b& c) { return static_cast<uchar>(grey_of(c[0], c[1], c[2])); });
     for (int y = 0; y < picture.rows; ++y, bmp.at += row_bytes) {
         if (!bmp.has(row_bytes)) return false;
-        const unsigned char* row = bmp.file.first + bmp.at;
-        for (int x = 0; x < picture.cols; ++x)
-            put(picture, bmp.row(y), x, pixel(bmp, row, static_cast<std::size_t>(x)),
-                bits == 32 && !bmp.opaque ? row[static_cast<std::size_t>(x) * 4 + 3] : uchar { 255 });
+        put_row(bmp, bmp.file.first + bmp.at, greys, picture, bmp.row(y));
     }
     return true;
 }

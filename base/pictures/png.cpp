@@ -224,7 +224,10 @@ std::vector<unsigned char> encode_numbers(const Indexed& picture)
 
 cv::Mat decode_png(Bytes bytes, PictureAs as)
 {
-    if (as == PictureAs::deep_grey) {
+    constexpr std::size_t depth = 24; // where its byte stands
+    const bool as_it_is = as == PictureAs::deep_grey || as == PictureAs::stored
+        || (as == PictureAs::grey && bytes.size > depth && bytes.first[depth] == 8);
+    if (as_it_is) {
         cv::Mat plain = decode_plain_png(bytes);
         if (!plain.empty()) return plain;
     }

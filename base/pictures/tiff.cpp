@@ -20,6 +20,7 @@ struct Layout {
     bool tiled = false;
     std::uint32_t block_width = 0, block_height = 0; ///< of a tile, or of a strip
 
+    bool packed() const { return bits == 10 || bits == 12 || bits == 14; }
     bool grey() const { return photometric == PHOTOMETRIC_MINISBLACK || photometric == PHOTOMETRIC_MINISWHITE; }
 };
 
@@ -63,6 +64,7 @@ bool read_layout(TIFF* tiff, Layout& l)
 int type_of(const Layout& l)
 {
     const int channels = l.grey() ? 1 : l.samples == 4 ? 4 : 3;
+    if (l.packed()) return l.samples == 1 && l.format == SAMPLEFORMAT_UINT ? CV_16UC1 : -1;
     switch (l.bits) {
     case 1:
         return CV_MAKETYPE(CV_8U, l.samples < 3 ? 1 : channels);
@@ -114,9 +116,24 @@ template <class T> void put_samples(const T* samples, int channels, cv::Mat row)
     }
 }
 
+/// Samples of 10 to 14 bits, the highest bit first, become the high bits of 16.
+void unpack_row(const unsigned char* samples, int bits, cv::Mat row)
+{
+    std::uint32_t pending = 0;
+    int count = 0;
+    for (int x = 0; x < row.cols; ++x) {
+        for (; count < bits; count += 8)
+            pending = (pending << 8) | *samples++;
+        count -= bits;
+        row.at<std::uint16_t>(0, x) = static_cast<std::uint16_t>((pending >> count) << (16 - bits));
+    }
+}
+
 void put_row(const unsigned char* samples, const Layout& l, cv::Mat row)
 {
-    if (l.samples == 1 && row.channels() == 1)
+    if (l.packed())
+        unpack_row(samples, l.bits, row);
+    else if (l.samples == 1 && row.channels() == 1)
         std::memcpy(row.data, samples, row.total() * row.elemSize());
     else if (l.bits == 8)
         put_samples(samples, l.samples, row);
@@ -131,7 +148,7 @@ void put_row(const unsigned char* samples, const Layout& l, cv::Mat row)
 /// Samples as the file has them, all of a pixel side by side.
 bool read_samples(TIFF* tiff, const Layout& l, cv::Mat& picture)
 {
-    const std::size_t row_bytes = std::size_t { l.block_width } * l.samples * (l.bits / 8U);
+    const std::size_t row_bytes = (std::size_t { l.block_width } * l.samples * l.bits + 7) / 8;
     std::vector<std::uint64_t> block(row_bytes * l.block_height / sizeof(std::uint64_t) + 1); // aligned for any sample
     auto* bytes = reinterpret_cast<unsigned char*>(block.data());
     return each_block(l, picture, [&](int x, int y, cv::Mat part) {
@@ -179,7 +196,7 @@ bool read_rgba(TIFF* tiff, const Layout& l, cv::Mat& picture)
     });
 }
 
-/// Whether the samples are the pixels: nothing has to be looked up, inverted or unpacked.
+/// Whether the samples are the pixels: nothing has to be looked up or inverted.
 bool samples_are_pixels(const Layout& l, int type)
 {
     const bool plain = l.photometric == PHOTOMETRIC_MINISBLACK || l.photometric == PHOTOMETRIC_RGB;
@@ -187,6 +204,7 @@ bool samples_are_pixels(const Layout& l, int type)
     const bool mixed = CV_MAT_CN(type) != l.samples; // grey of colours
     if (!plain || !side_by_side || l.bits < 8) return false;
     if (mixed && (l.bits > 16 || l.format != SAMPLEFORMAT_UINT)) return false;
+    if (l.packed()) return type == CV_16UC1;
     return l.bits == 8 ? l.samples == 1 && CV_MAT_CN(type) == 1 : CV_ELEM_SIZE1(type) * 8 == l.bits;
 }
 

@@ -143,6 +143,9 @@ PixelMasks make_masks(const std::vector<cv::Mat>& frames, const LightLimits& lim
 FringeFigures measure_fringes(const std::vector<cv::Mat>& frames, std::size_t first, const cv::Mat& mask)
 {
     Sums sums;
+    const auto pixels = static_cast<std::size_t>(cv::countNonZero(mask));
+    sums.modulations.reserve(pixels);
+    sums.residuals.reserve(pixels);
     for (int y = 0; y < mask.rows; ++y)
         add_row(frames, first, mask, y, sums);
 

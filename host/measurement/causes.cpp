@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <numeric>
 
 namespace vexo {
@@ -35,22 +36,21 @@ struct SecondView {
 /// each rectified pixel sees, to within 1/255 of the width.
 SecondView look_through_camera1(iStereoCamera& camera, cv::Size raw_size)
 {
-    cv::Mat ramp(raw_size, CV_8U);
-    for (int x = 0; x < ramp.cols; ++x) {
-        const int grey = x * 255 / std::max(1, ramp.cols - 1);
-        ramp.col(x).setTo(grey);
-    }
+    cv::Mat ramp(1, raw_size.width, CV_8U);
+    for (int x = 0; x < ramp.cols; ++x)
+        ramp.at<uchar>(0, x) = static_cast<uchar>(x * 255 / std::max(1, ramp.cols - 1));
+    ramp = cv::repeat(ramp, raw_size.height, 1);
     const cv::Mat columns = rectified(camera, ramp, 1);
     const cv::Mat seen = rectified(camera, cv::Mat(raw_size, CV_8U, cv::Scalar(255)), 1);
 
     std::vector<std::pair<int, int>> spans;
     std::vector<float> middles;
     for (int y = 0; y < seen.rows; ++y) {
+        const uchar *const is_seen = seen.ptr(y), *const column = columns.ptr(y);
         int low = 256, high = -1;
         for (int x = 0; x < seen.cols; ++x) {
-            if (seen.at<uchar>(y, x) != 255) continue;
-            low = std::min<int>(low, columns.at<uchar>(y, x));
-            high = std::max<int>(high, columns.at<uchar>(y, x));
+            low = std::min(low, is_seen[x] == 255 ? column[x] : 256);
+            high = std::max(high, is_seen[x] == 255 ? column[x] : -1);
         }
         spans.emplace_back(low, high);
         if (high >= low) middles.push_back(0.5F * static_cast<float>(low + high));
@@ -86,14 +86,17 @@ template <class At> CauseMap map_of(const Cloud& cloud, const At& cause_at)
 {
     CauseMap map;
     map.causes = cv::Mat(cloud.size, CV_8U);
-    in_parallel(static_cast<std::size_t>(cloud.size.height), [&](std::size_t row) {
+    std::vector<std::array<long long, cause_count>> counts(static_cast<std::size_t>(cloud.size.height));
+    in_parallel(counts.size(), [&](std::size_t row) {
         const int y = static_cast<int>(row);
+        uchar* const causes = map.causes.ptr(y);
+        std::array<long long, cause_count> own {};
         for (int x = 0; x < cloud.size.width; ++x)
-            map.causes.at<uchar>(y, x) = static_cast<uchar>(cloud.measured(y, x) ? Cause::none : cause_at(y, x));
+            ++own[causes[x] = static_cast<uchar>(cloud.measured(y, x) ? Cause::none : cause_at(y, x))];
+        counts[row] = own;
     });
-    for (int y = 0; y < cloud.size.height; ++y)
-        for (int x = 0; x < cloud.size.width; ++x)
-            ++map.counts[map.causes.at<uchar>(y, x)];
+    for (const auto& of_row : counts)
+        std::transform(map.counts.begin(), map.counts.end(), of_row.begin(), map.counts.begin(), std::plus<>());
     return map;
 }
 
@@ -199,10 +202,12 @@ CauseMap find_phase_causes(iStereoCamera& camera, const PairFrames& frames, cons
 {
     const cv::Size raw_size = masks.contrast.size();
     Evidence evidence;
-    evidence.inside = seen_by_camera0(camera, raw_size);
-    evidence.contrast = rectified(camera, masks.contrast, 0);
-    evidence.modulation = rectified(camera, masks.modulation, 0);
-    evidence.second = look_through_camera1(camera, raw_size);
+    in_parallel(4, [&](std::size_t which) {
+        if (which == 0) evidence.second = look_through_camera1(camera, raw_size);
+        if (which == 1) evidence.inside = seen_by_camera0(camera, raw_size);
+        if (which == 2) evidence.contrast = rectified(camera, masks.contrast, 0);
+        if (which == 3) evidence.modulation = rectified(camera, masks.modulation, 0);
+    });
     evidence.any_disparity = any_disparity;
     evidence.any_phase = match_mask(camera, frames, lift_both(record), interpolate);
     const std::vector<cv::Mat> partner = partner_for_all(raw_size, evidence.second.middle, record);

@@ -237,9 +237,9 @@ void clean(Work& w)
 cv::Mat depth_map(const Cloud& cloud)
 {
     cv::Mat depth(cloud.size, CV_32F);
-    for (int y = 0; y < depth.rows; ++y)
-        for (int x = 0; x < depth.cols; ++x)
-            depth.at<float>(y, x) = cloud.point(y, x).z;
+    float* const z = depth.ptr<float>();
+    for (std::size_t i = 0; i < cloud.points.size(); ++i)
+        z[i] = cloud.points[i].z;
     return depth;
 }
 

@@ -18,15 +18,16 @@ constexpr double least_of_column = 0.8;
 
 /// Camera 1 where camera 0 sees the same, by the disparity of each pixel. Along a column of its own it would see other
 /// places of the surface, whose shading runs otherwise where the surface is bent or turned away.
-cv::Mat seen_from_camera_0(const cv::Mat& right, const cv::Mat& disparity)
+/// @param disparity  of a part of the picture that begins at `origin`
+cv::Mat seen_from_camera_0(const cv::Mat& right, const cv::Mat& disparity, cv::Point origin)
 {
     cv::Mat map_x(disparity.size(), CV_32F), map_y(disparity.size(), CV_32F), seen;
     for (int y = 0; y < disparity.rows; ++y) {
         const float* const d = disparity.ptr<float>(y);
         float* const to = map_x.ptr<float>(y);
         for (int x = 0; x < disparity.cols; ++x)
-            to[x] = d[x] == d[x] ? static_cast<float>(x) - d[x] : -1.0F;
-        map_y.row(y).setTo(y);
+            to[x] = d[x] == d[x] ? static_cast<float>(x + origin.x) - d[x] : -1.0F;
+        map_y.row(y).setTo(y + origin.y);
     }
     cv::remap(right, seen, map_x, map_y, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     return seen;
@@ -110,6 +111,15 @@ cv::Mat whole_surface(const cv::Mat& disparity)
     return surface;
 }
 
+/// Where a surface is measured, and as far around it as anything here reaches.
+cv::Rect surroundings_of(const cv::Mat& disparity)
+{
+    constexpr int reach = 2 * half_column + 16;
+    const cv::Rect measured = cv::boundingRect(cv::Mat(disparity == disparity));
+    const cv::Rect around(measured.tl() - cv::Point(reach, reach), measured.size() + cv::Size(2 * reach, 2 * reach));
+    return around & cv::Rect({}, disparity.size());
+}
+
 } // namespace
 
 double least_texture(double noise)
@@ -126,22 +136,23 @@ cv::Mat structure_along_y(const cv::Mat& picture, const cv::Mat& measured)
     return Structure(measured).along_y(picture);
 }
 
-RowPictures row_pictures(const cv::Mat& left, const cv::Mat& right, const cv::Mat& disparity, double noise)
+RowPictures row_pictures(const cv::Mat& left, const cv::Mat& right, const cv::Mat& whole_disparity, double noise)
 {
-    cv::Mat measured, of_column;
+    RowPictures p { cv::Mat::zeros(left.size(), CV_32F), cv::Mat::zeros(left.size(), CV_32F),
+        cv::Mat::zeros(left.size(), CV_32F), whole_disparity, least_texture(noise) };
+    const cv::Rect part = surroundings_of(whole_disparity);
+    const cv::Mat disparity = whole_disparity(part).clone(); // filters must not look beyond the part
+    cv::Mat measured, of_column, has;
     const cv::Mat surface = whole_surface(disparity);
     cv::Mat(surface == surface).convertTo(measured, CV_32F, 1.0 / 255);
     cv::blur(measured, of_column, { 1, 2 * half_column + 1 });
-    RowPictures p;
-    cv::Mat(of_column >= least_of_column).convertTo(p.has, CV_32F, 1.0 / 255);
-    p.has = p.has.mul(measured);
+    cv::Mat(of_column >= least_of_column).convertTo(has, CV_32F, 1.0 / 255);
+    p.has(part) = has.mul(measured);
     const Structure structure(measured);
     in_parallel(2, [&](std::size_t camera) {
-        cv::Mat& own = camera == 0 ? p.left : p.right;
-        own = structure.along_y(camera == 0 ? left : seen_from_camera_0(right, surface)).mul(p.has);
+        const cv::Mat seen = camera == 0 ? left(part) : seen_from_camera_0(right, surface, part.tl());
+        (camera == 0 ? p.left : p.right)(part) = structure.along_y(seen).mul(p.has(part));
     });
-    p.disparity = disparity;
-    p.least_texture = least_texture(noise);
     return p;
 }
 

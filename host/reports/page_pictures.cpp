@@ -22,6 +22,7 @@ struct Picture {
     std::string scale;   ///< HTML
     bool labels = false; ///< its colours are names: neither mixed nor blurred
     int side = 800;      ///< px, the longer one in the page
+    cv::Size whole {};   ///< before the image was reduced; empty: it was not
 };
 
 std::string hex(const cv::Vec3b& colour)
@@ -53,13 +54,13 @@ constexpr int side_of_frames = 640; ///< px; the result is what is looked at clo
 /// As it stands in the page, and its size there.
 std::string image_html(const Picture& picture)
 {
+    const cv::Size own = picture.whole.empty() ? picture.image.size() : picture.whole;
     for (int side = picture.side;; side = side * 3 / 4) {
         const cv::Mat small = reduced(picture.image, side, picture.labels);
         const std::vector<unsigned char> bytes
             = picture.labels ? encode(".png", small, PngEffort::few_colours) : encode_jpeg(small, jpeg_quality);
         if (bytes.size() > most_bytes && side > 200) continue;
-        const std::string shown = size_text(small.cols, small.rows),
-                          whole = size_text(picture.image.cols, picture.image.rows);
+        const std::string shown = size_text(small.cols, small.rows), whole = size_text(own.width, own.height);
         return picture_html(bytes, picture.labels ? "image/png" : "image/jpeg", picture.title) + picture.scale
             + "<figcaption><strong>" + picture.title + ".</strong> " + picture.about
             + (shown == whole ? "" : " Shown with " + shown + " of " + whole + " px.") + "</figcaption>";
@@ -77,10 +78,15 @@ std::string pictures_html(const std::vector<std::function<Picture()>>& pictures)
     return html + "</div>\n";
 }
 
+/// Reduced before it is coloured: means of values that are there everywhere, samples of others.
 Picture map_picture(const std::string& title, const std::string& about, const cv::Mat& values, const Span& span,
-    const std::string& what)
+    const std::string& what, bool everywhere = false)
 {
-    return { title, about, coloured(values, span, Ramp::Rainbow), scale_html(span, Ramp::Rainbow, what) };
+    Picture picture { title, about, {}, scale_html(span, Ramp::Rainbow, what) };
+    if (everywhere) picture.side = side_of_frames;
+    picture.image = coloured(reduced(values, picture.side, !everywhere), span, Ramp::Rainbow);
+    picture.whole = values.size();
+    return picture;
 }
 
 Picture cause_picture(const Measured& m)
@@ -208,11 +214,9 @@ std::string capture_pictures_html(const Capture& capture)
         if (sets.empty()) continue;
         pictures.emplace_back([&frames, &sets, which] {
             const cv::Mat amplitude = modulation(frames, sets);
-            Picture picture = map_picture("Strength of the fringes, " + which,
+            return map_picture("Strength of the fringes, " + which,
                 "Their amplitude; of several periods that of the weakest.", amplitude, most_of(amplitude),
-                "amplitude [grey levels]");
-            picture.side = side_of_frames;
-            return picture;
+                "amplitude [grey levels]", true);
         });
     }
     return pictures_html(pictures);

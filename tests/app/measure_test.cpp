@@ -5,6 +5,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <cstring>
+#include <set>
 
 namespace {
 
@@ -179,6 +180,24 @@ TEST_F(Measure, WhereNothingIsMeasuredEveryFileIsWrittenAllTheSameAndNamesTheCau
     EXPECT_EQ(apart.code, 1) << apart.err;
     EXPECT_NE(apart.err.find("no point was measured; the two pictures fit each other nowhere"), std::string::npos);
     EXPECT_TRUE(fs::exists(at("apart/report.json")));
+}
+
+TEST_F(Measure, WithoutPicturesWritesTheSameCloudAndWhatOtherCommandsRead)
+{
+    ASSERT_EQ(run("measure --quiet " + at("scan") + " --out " + at("pictures")).code, 0);
+    const Outcome measured = run("measure " + at("scan") + " --no-pictures --out " + at("bare"));
+    ASSERT_EQ(measured.code, 0) << measured.err;
+    EXPECT_EQ(measured.out.find("report.html"), std::string::npos) << measured.out;
+    std::set<std::string> files;
+    for (const auto& entry : fs::directory_iterator(at("bare")))
+        files.insert(entry.path().filename().string());
+    EXPECT_EQ(
+        files, (std::set<std::string> { ".vexo-files.json", "cloud.ply", "depth.tiff", "report.json", "texture.png" }));
+    for (const char* const name : { "/cloud.ply", "/depth.tiff", "/texture.png" })
+        EXPECT_EQ(program::read(at("bare") + name), program::read(at("pictures") + name)) << name;
+    for (const std::string& command : { "compare " + at("bare") + " " + at("scan"),
+             "convert " + at("bare") + " --to " + at("bare.glb"), "table " + at("bare"), "info " + at("bare") })
+        EXPECT_EQ(run(command).code, 0) << command;
 }
 
 TEST_F(Measure, DepthRangeKeepsTheSurfaceInItAndNothingElse)

@@ -263,7 +263,8 @@ inline void add_jpegs(Files& files)
 /// Kinds of samples in a TIFF file.
 inline std::vector<Tiff> tiff_kinds()
 {
-    std::vector<Tiff> kinds { { 16, 1 }, { 16, 2 }, { 1, 1 }, { 2, 1 }, { 4, 1 }, { 8, 1 } };
+    std::vector<Tiff> kinds { { 16, 1 }, { 16, 2 }, { 1, 1 }, { 2, 1 }, { 4, 1 }, { 8, 1 }, { 10, 1 }, { 12, 1 },
+        { 14, 1 } };
     for (const int bits : { 1, 2, 4, 8 })
         kinds.push_back({ bits, 1, PHOTOMETRIC_MINISWHITE });
     for (const int bits : { 8, 16 }) {

@@ -1,11 +1,15 @@
 #include "base/cpu.h"
 #include "base/failure.h"
+#include "base/statistics.h"
+#include "host/captures/fringe_steps.h"
+#include "host/measurement/causes.h"
 #include "host/measurement/cleaning.h"
 #include "host/measurement/gap_points.h"
 #include "reference/plain_refinement.h"
 #include "support/bits.h"
 #include "support/measuring.h"
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -82,6 +86,56 @@ TEST_F(Refining, GivesTheLibrarysOwnPointsWhenItShallNotRefine)
     EXPECT_EQ(cv::countNonZero((m.precision.sigma == m.precision.sigma) & ~(m.depth == m.depth)), 0);
     request.interpolate = true;
     EXPECT_TRUE(measure(scan, pair, request).precision.sigma.empty());
+}
+
+TEST_F(Refining, PointsBeyondTheLimitsAreThoseThatTheLibraryDropsOrNoneIsTakenOut)
+{
+    for (const Method method : { Method::gray_phase, Method::multi_phase }) {
+        const Capture scan = capture(method);
+        const Stereo pair = stereo(scan);
+        Measured m = measure(scan, pair, {});
+        const Cloud all = match(*pair.camera, scan.frames.frames, lift_disparity(m.record), false);
+        std::vector<float> sorted = disparities_of(all, pair.geometry);
+        std::sort(sorted.begin(), sorted.end());
+        const auto middle_of_widest_gap = [&sorted](std::size_t begin, std::size_t end) {
+            std::size_t widest = begin;
+            for (std::size_t i = begin; i + 1 < end; ++i)
+                if (sorted[i + 1] - sorted[i] > sorted[widest + 1] - sorted[widest]) widest = i;
+            return 0.5 * (static_cast<double>(sorted[widest]) + static_cast<double>(sorted[widest + 1]));
+        };
+        const std::size_t few = sorted.size() / 20;
+        set_disparity_limits(
+            m.record, middle_of_widest_gap(1, few), middle_of_widest_gap(sorted.size() - few, sorted.size() - 1));
+        Cloud kept = all;
+        ASSERT_TRUE(keep_within_limits(kept, m.record, pair.geometry));
+        const Cloud own = match(*pair.camera, scan.frames.frames, m.record, false);
+        EXPECT_EQ(kept.count, own.count);
+        EXPECT_LT(kept.count, all.count);
+        EXPECT_EQ(std::memcmp(kept.points.data(), own.points.data(), own.points.size() * sizeof(cv::Point3f)), 0);
+
+        set_disparity_limits(m.record, static_cast<double>(sorted[few]), 1e9); // at a point: its depth cannot tell
+        kept = all;
+        EXPECT_FALSE(keep_within_limits(kept, m.record, pair.geometry));
+        EXPECT_EQ(kept.count, all.count);
+    }
+}
+
+TEST(FringeSteps, HaveTheAngleAndTheLengthOfTheirTwoDifferences)
+{
+    constexpr double pi = 3.14159265358979323846;
+    std::vector<cv::Mat> frames(4, cv::Mat(1, 1, CV_8U));
+    for (cv::Mat& frame : frames)
+        frame = cv::Mat(1, 1, CV_8U);
+    for (int s = -255; s <= 255; ++s)
+        for (int c = -255; c <= 255; ++c) {
+            frames[0].at<uchar>(0, 0) = static_cast<uchar>(std::max(-c, 0));
+            frames[2].at<uchar>(0, 0) = static_cast<uchar>(std::max(c, 0));
+            frames[1].at<uchar>(0, 0) = static_cast<uchar>(std::max(s, 0));
+            frames[3].at<uchar>(0, 0) = static_cast<uchar>(std::max(-s, 0));
+            const FringeSteps steps(frames, 0, 0, 0);
+            ASSERT_EQ(steps.phase(), (pi - std::atan2(s, c)) / (2.0 * pi)) << s << ' ' << c;
+            ASSERT_DOUBLE_EQ(steps.modulation(), 0.5 * std::hypot(s, c)) << s << ' ' << c;
+        }
 }
 
 TEST_F(Refining, MeasuresNarrowGapsOfASurfaceAsTheyWereAndLeavesWiderOnesOpen)
