@@ -73,6 +73,7 @@ code=0
 inside ctest --test-dir /build -L unit -E "$left_out" -j "$(nproc)" --output-on-failure \
   > "$folder/tests.log" 2>&1 < /dev/null || code=$?
 [ "$code" = 0 ] || grep -aE 'FAILED|Failure|\*\*\*' "$folder/tests.log" | head -n 40 >&2
-echo "arm64: $(grep -a 'tests passed' "$folder/tests.log"), $(grep -acE '^[0-9]+: \[       OK' "$folder/tests.log") cases;" \
-  "built in $((built - begun)) s, run in $((SECONDS - built)) s; see $folder/tests.log"
+cases=$(grep -acF '[       OK ]' "$folder/build/Testing/Temporary/LastTest.log" || true)
+echo "arm64: $(grep -a 'tests passed' "$folder/tests.log"), $cases cases; built in $((built - begun)) s," \
+  "run in $((SECONDS - built)) s; see $folder/tests.log"
 exit "$code"
