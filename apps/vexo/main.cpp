@@ -93,7 +93,7 @@ void fill_closed_streams()
 void keep_memory()
 {
     constexpr int never_trim = std::numeric_limits<int>::max(), one_heap = 1;
-    constexpr std::size_t most = std::size_t { 1 } << 30, least = std::size_t { 64 } << 20; // free() trims 2 GiB
+    constexpr std::size_t most = std::size_t { 2040 } << 20, least = std::size_t { 60 } << 20; // free() trims 2 GiB
     ::mallopt(M_MMAP_MAX, 0);
     ::mallopt(M_TRIM_THRESHOLD, never_trim);
     ::mallopt(M_ARENA_MAX, one_heap);
