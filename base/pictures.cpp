@@ -49,9 +49,11 @@ cv::Mat decode_picture(const std::vector<unsigned char>& bytes, PictureAs as)
     return decode_picture(std::string(bytes.begin(), bytes.end()), as);
 }
 
-cv::Mat read_picture(const std::string& path, PictureAs as)
+namespace {
+
+/// Throws Failure that names the path.
+cv::Mat picture_of(const std::string& bytes, const std::string& path, PictureAs as)
 {
-    const std::string bytes = read_bytes(path, picture_file::max_bytes);
     const cv::Size size = picture_file::announced_size(bytes);
     if (std::int64_t { size.width } * size.height > max_picture_area)
         throw Failure(path + ": is " + size_text(size.width, size.height) + " pixels; at most "
@@ -60,6 +62,13 @@ cv::Mat read_picture(const std::string& path, PictureAs as)
     if (picture.empty())
         throw Failure(path + ": is damaged, or no picture that can be read; PNG, TIFF, BMP, PNM and JPEG are");
     return picture;
+}
+
+} // namespace
+
+cv::Mat read_picture(const std::string& path, PictureAs as)
+{
+    return picture_of(read_bytes(path, picture_file::max_bytes), path, as);
 }
 
 cv::Mat read_grey(const std::string& path)
@@ -72,7 +81,12 @@ cv::Mat read_grey(const std::string& path)
 
 cv::Mat read_deep_grey(const std::string& path)
 {
-    cv::Mat picture = read_picture(path, PictureAs::deep_grey);
+    return deep_grey_of(read_bytes(path, picture_file::max_bytes), path);
+}
+
+cv::Mat deep_grey_of(const std::string& bytes, const std::string& path)
+{
+    cv::Mat picture = picture_of(bytes, path, PictureAs::deep_grey);
     if (picture.depth() != CV_8U && picture.depth() != CV_16U)
         throw Failure(path + ": holds floating-point or signed numbers; save it with grey values of 8 or 16 bits");
     return picture;

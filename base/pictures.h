@@ -25,6 +25,10 @@ cv::Mat read_grey(const std::string& path);
 /// One picture as grey of 8 or 16 bits, as the file has them. Throws Failure, also for other numbers than these.
 cv::Mat read_deep_grey(const std::string& path);
 
+/// The same of bytes that were read already.
+/// @param path  that a Failure names
+cv::Mat deep_grey_of(const std::string& bytes, const std::string& path);
+
 /// The picture in the format of an extension, in memory: .png, .pgm, .ppm and .pnm for 8 and 16 bits, .jpg and .bmp for
 /// 8, .tiff for those and floating-point numbers. No bytes where the format does not hold such a picture.
 std::vector<unsigned char> encoded_picture(

@@ -14,12 +14,13 @@ constexpr std::size_t least_exposures = 2, most_exposures = 8;
 
 /// One of several exposures of a scene.
 struct Exposure {
-    std::string folder;                            ///< as it was named
-    std::optional<double> ms;                      ///< as its capture.json says
-    double factor = 1.0;                           ///< its light over that of the longest
-    std::array<double, 2> share {};                ///< of each camera's lit pixels that are taken from it
-    std::array<std::vector<std::string>, 2> paths; ///< [camera][frame]: its files; "": not recorded
-    std::string manifest;                          ///< path of its capture.json; empty: it has none
+    std::string folder;                             ///< as it was named
+    std::optional<double> ms;                       ///< as its capture.json says
+    double factor = 1.0;                            ///< its light over that of the longest
+    std::array<double, 2> share {};                 ///< of each camera's lit pixels that are taken from it
+    std::array<std::vector<std::string>, 2> paths;  ///< [camera][frame]: its files; "": not recorded
+    std::array<std::vector<std::string>, 2> hashes; ///< [camera][frame]: SHA-256 of these files
+    std::string manifest;                           ///< path of its capture.json; empty: it has none
 };
 
 /// What a capture was merged from.

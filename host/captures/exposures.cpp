@@ -209,6 +209,7 @@ Exposure description_of(const Capture& c)
         e.manifest = c.manifest->path;
     }
     e.paths = c.frames.paths;
+    e.hashes = c.frames.hashes;
     return e;
 }
 

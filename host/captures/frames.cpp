@@ -2,10 +2,13 @@
 
 #include "base/failure.h"
 #include "base/parallel.h"
+#include "base/picture_header.h"
 #include "base/pictures.h"
 #include "base/text.h"
+#include "base/whole_file.h"
 #include "host/captures/depth.h"
 #include "host/captures/derived_frames.h"
+#include "host/files/hash.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -20,9 +23,14 @@ void read_raw(FrameSet& set)
     const std::size_t count = set.paths[0].size();
     for (std::vector<cv::Mat>& frames : set.frames)
         frames.resize(count);
+    for (std::vector<std::string>& hashes : set.hashes)
+        hashes.resize(count);
     in_parallel(2 * count, [&](std::size_t i) {
         const std::string& path = set.paths[i / count][i % count];
-        if (!path.empty()) set.frames[i / count][i % count] = read_deep_grey(path);
+        if (path.empty()) return;
+        const std::string bytes = read_bytes(path, picture_file::max_bytes);
+        set.frames[i / count][i % count] = deep_grey_of(bytes, path);
+        set.hashes[i / count][i % count] = sha256(bytes);
     });
 }
 

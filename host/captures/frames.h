@@ -14,8 +14,9 @@ namespace vexo {
 
 /// The frames of one measurement, 8-bit grey, in the order of projection, all of one size; or decoded maps.
 struct FrameSet {
-    std::array<std::vector<cv::Mat>, 2> frames;    ///< [camera][frame]
-    std::array<std::vector<std::string>, 2> paths; ///< where each came from; "": made of the others
+    std::array<std::vector<cv::Mat>, 2> frames;        ///< [camera][frame]
+    std::array<std::vector<std::string>, 2> paths;     ///< where each came from; "": made of the others
+    std::array<std::vector<std::string>, 2> hashes {}; ///< SHA-256 of each file as it was read; none of decoded maps
     cv::Size size;
     int bits = 8;               ///< of the grey values as recorded
     std::vector<Finding> notes; ///< what was done to them

@@ -9,6 +9,11 @@
 
 namespace vexo {
 
+Json named_hash(const std::string& path, const std::string& hash)
+{
+    return { { "file", std::filesystem::path(path).filename().string() }, { "sha256", hash } };
+}
+
 Json hashes_of(const std::vector<std::string>& paths)
 {
     std::vector<Json> files(paths.size());

@@ -119,13 +119,15 @@ void add_ranges(const Measured& m, Json& report)
     report["disparity"]["q99_without_limits"] = spread[2]["q99"];
 }
 
-/// Hashes of the files that frames were read from; those made of others have none.
-Json hashes_of_frames(const std::vector<std::string>& paths)
+/// Hashes of the files that frames were read from, as they were then; frames made of others have none. Those of decoded
+/// maps are found now.
+Json hashes_of_frames(const std::vector<std::string>& paths, const std::vector<std::string>& hashes)
 {
-    std::vector<std::string> recorded;
-    std::copy_if(paths.begin(), paths.end(), std::back_inserter(recorded),
-        [](const std::string& path) { return !path.empty(); });
-    return hashes_of(recorded);
+    if (hashes.empty()) return hashes_of(paths);
+    Json files = Json::array();
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        if (!paths[i].empty()) files.push_back(named_hash(paths[i], hashes[i]));
+    return files;
 }
 
 /// The same of a camera's merged exposures, each file named with its folder.
@@ -133,7 +135,7 @@ Json hashes_of_frames(const Exposures& exposures, std::size_t camera)
 {
     Json all = Json::array();
     for (const Exposure& e : exposures.sets)
-        for (Json& file : hashes_of_frames(e.paths[camera])) {
+        for (Json& file : hashes_of_frames(e.paths[camera], e.hashes[camera])) {
             file["file"] = e.folder + "/" + file["file"].get<std::string>();
             all.push_back(file);
         }
@@ -176,8 +178,9 @@ Json make_report(
     report["parameters"]["refine"] = m.precision.refined;
     report["parameters"]["clean"] = name_of(request.cleaning);
     report["parameters"]["smooth"] = m.precision.smoothed.has_value();
-    report["made_from"] = { { "cam0", hashes_of_frames(capture.frames.paths[0]) },
-        { "cam1", hashes_of_frames(capture.frames.paths[1]) }, { "calibration", hashes_of(stereo.files) },
+    const FrameSet& frames = capture.frames;
+    report["made_from"] = { { "cam0", hashes_of_frames(frames.paths[0], frames.hashes[0]) },
+        { "cam1", hashes_of_frames(frames.paths[1], frames.hashes[1]) }, { "calibration", hashes_of(stereo.files) },
         { "parameters", hash_of(report["parameters"]) } };
     if (capture.manifest && capture.manifest->exposure_ms && !capture.exposures)
         report["input"]["exposure_ms"] = *capture.manifest->exposure_ms;
