@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <vector>
 
 namespace vexo {
 
@@ -46,13 +47,25 @@ double averaged_rounding(int samples, double step)
     return sum / (samples * samples);
 }
 
+/// rounding_of_sums() at each column: coordinates rise along the picture.
+std::vector<double> rounding_by_column(const LibraryFit& fit, int cols)
+{
+    std::vector<double> rounding;
+    rounding.reserve(static_cast<std::size_t>(cols));
+    for (int k = 0; k < cols; ++k)
+        rounding.push_back(rounding_of_sums(fit.samples, k, static_cast<double>(fit.coordinate_end) * k / cols));
+    return rounding;
+}
+
 /// The points of one row.
 class RowSigma {
 public:
-    RowSigma(const std::array<RawPhases, 2>& raw, const RectifyingTables& tables, const LibraryFit& fit, int cols)
+    RowSigma(const std::array<RawPhases, 2>& raw, const RectifyingTables& tables, const LibraryFit& fit,
+        const std::vector<double>& rounding, int cols)
         : _raw(raw)
         , _tables(tables)
         , _fit(fit)
+        , _rounding(rounding)
         , _row0(cols, raw[0].sets)
         , _row1(cols, raw[1].sets)
         , _lines(cols)
@@ -92,10 +105,9 @@ private:
         const double G1 = static_cast<double>(kept_variance(_row1.v[i1]));
         const double line
             = (1.0 - 2.0 * p / n) / n + t * t * ((1.0 - 2.0 * p) / Sxx + 2.0 * p * (Sxx - h * (h + 1.0)) / (Sxx * Sxx));
-        const double coordinate = static_cast<double>(_fit.coordinate_end) * k / _lines.cols;
         const double rounded = square(_slope0(x) / m) + averaged_rounding(_fit.samples, _table_step(y, k));
-        variance = static_cast<float>((V0 + G1 * line * V1) / (m * m) + rounded / 12288.0
-            + t * t * rounding_of_sums(_fit.samples, k, coordinate) / square(Sxx * m));
+        variance = static_cast<float>(
+            (V0 + G1 * line * V1) / (m * m) + rounded / 12288.0 + t * t * _rounding[i1] / square(Sxx * m));
         const double moves = ((n * n - 1.0) / 12.0 - t * t) / m, bent = (2.0 * y2 - y1 - x1 + 2.0 * x2) / 14.0;
         bend = static_cast<float>(
             std::min(square(bent * moves) - V1 * G1 * (1.0 - 2.0 * p) / 14.0 * moves * moves, 1.0));
@@ -122,6 +134,7 @@ private:
     const std::array<RawPhases, 2>& _raw;
     const RectifyingTables& _tables;
     LibraryFit _fit;
+    const std::vector<double>& _rounding;
     RowPhases _row0, _row1;
     RowLines _lines;
 };
@@ -153,8 +166,9 @@ cv::Mat library_sigma(const std::array<RawPhases, 2>& raw, const RectifyingTable
             work(begin, std::min(begin + band, disparity.rows));
         });
     };
+    const std::vector<double> rounding = rounding_by_column(fit, disparity.cols);
     by_bands([&](int begin, int end) {
-        RowSigma rows(raw, tables, fit, disparity.cols);
+        RowSigma rows(raw, tables, fit, rounding, disparity.cols);
         for (int y = begin; y < end; ++y)
             rows.go(y, disparity.ptr<float>(y), variance.ptr<float>(y), bend.ptr<float>(y));
     });
