@@ -63,6 +63,7 @@ std::vector<double> quantiles_of_many(const std::vector<float>& values, const st
 {
     const Counted counted(values);
     std::vector<double> found;
+    found.reserve(shares.size());
     for (const double share : shares)
         found.push_back(static_cast<double>(counted.nth(static_cast<std::size_t>(place_of(share, values)))));
     return found;

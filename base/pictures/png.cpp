@@ -187,6 +187,7 @@ bool PngMaker::write(const cv::Mat& picture, png_bytepp rows, PngEffort effort) 
 std::vector<png_bytep> rows_of(const cv::Mat& picture)
 {
     std::vector<png_bytep> rows;
+    rows.reserve(static_cast<std::size_t>(picture.rows));
     for (int y = 0; y < picture.rows; ++y)
         rows.push_back(const_cast<png_bytep>(picture.ptr(y)));
     return rows;
