@@ -94,7 +94,7 @@ constexpr double least_hole_px = 2.0;
 std::string why_refused(const std::string& name, int code)
 {
     constexpr int other_size = 1;
-    const std::string reason = name + ": " + meaning(code);
+    std::string reason = name + ": " + meaning(code);
     if (code == other_size) return reason;
     return reason + "; the holes of the rings must have a radius of " + number(least_hole_px, 1)
         + " px or more in the picture";

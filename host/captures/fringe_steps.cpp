@@ -10,7 +10,7 @@ const PhaseTable& PhaseTable::instance()
 
 PhaseTable::PhaseTable()
 {
-    _angles.reserve(static_cast<std::size_t>((most + 1) * columns));
+    _angles.reserve(std::size_t { most + 1 } * std::size_t { columns });
     for (int sine = 0; sine <= most; ++sine)
         for (int cosine = -most; cosine <= most; ++cosine)
             _angles.push_back(std::atan2(sine, cosine));
