@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-/// Pictures from files, and as the bytes of files: PNG, JPEG, TIFF, BMP and PNM, by libpng, libjpeg and libtiff.
+/// Pictures from files, and as the bytes of files: PNG, JPEG, TIFF, BMP and PNM, by libpng, libjpeg, libtiff and, the
+/// usual grey PNG, libdeflate.
 /// Nothing is printed, and no file is opened but the one that is named.
 namespace vexo {
 
